@@ -1,0 +1,41 @@
+# The two commands a user needs: `make test` and `make demo`. Both install
+# what is missing and build first.
+BUILD      ?= build
+ASAN_BUILD ?= build-asan
+JOBS       ?= $(shell nproc)
+CMAKE_ARGS ?=
+
+.PHONY: all deps build build-asan test test-unit test-asan demo install format clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+build: deps
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS) >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS)
+
+build-asan: deps
+	@cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCORVID_SANITIZE=ON -DCORVID_BUILD_BENCH=OFF $(CMAKE_ARGS) >/dev/null
+	@cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+# The whole suite: every test of the normal build, then the unit tests again
+# under AddressSanitizer and UndefinedBehaviorSanitizer.
+test: build build-asan
+	@bash scripts/run-tests.sh $(BUILD) $(ASAN_BUILD)
+
+test-unit: build
+	@cd $(BUILD) && ctest --output-on-failure -L unit -j $(JOBS)
+
+demo: build
+	@bash scripts/demo.sh $(BUILD)
+
+install: build
+	@cmake --install $(BUILD)
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	@rm -rf $(BUILD) $(ASAN_BUILD)

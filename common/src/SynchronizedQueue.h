@@ -1,0 +1,93 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+
+namespace vantor::common
+{
+
+class SynchronizedQueueException : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// A queue of shared elements between threads. Consumers check Size() or wait
+// with WaitForData() before taking.
+template <typename T>
+class SynchronizedQueue
+{
+public:
+    using Element = std::shared_ptr<T>;
+
+    void Push(Element element)
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            m_queue.push_back(std::move(element));
+        }
+        m_cv.notify_one();
+    }
+
+    Element Pop()
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_queue.empty())
+        {
+            throw SynchronizedQueueException("Cannot pop from an empty SynchronizedQueue");
+        }
+        Element e = std::move(m_queue.front());
+        m_queue.pop_front();
+        return e;
+    }
+
+    std::deque<Element> PopAll()
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_queue.empty())
+        {
+            throw SynchronizedQueueException("Cannot pop all from an empty SynchronizedQueue");
+        }
+        std::deque<Element> all;
+        all.swap(m_queue);
+        return all;
+    }
+
+    size_t Size() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_queue.size();
+    }
+
+    // Waits until the queue holds an element, Wake() is called or the time-out
+    // passes; answers whether an element is there.
+    template <typename Rep, typename Period>
+    bool WaitForData(std::chrono::duration<Rep, Period> timeout)
+    {
+        std::unique_lock lock(m_mutex);
+        m_cv.wait_for(lock, timeout, [this] { return !m_queue.empty() || m_woken; });
+        m_woken = false;
+        return !m_queue.empty();
+    }
+
+    void Wake()
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            m_woken = true;
+        }
+        m_cv.notify_all();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::deque<Element> m_queue;
+    bool m_woken = false;
+};
+
+} // namespace vantor::common

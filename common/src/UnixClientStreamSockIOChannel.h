@@ -1,0 +1,43 @@
+#pragma once
+
+#include "IOChannel.h"
+
+#include <functional>
+#include <string>
+
+namespace vantor::common
+{
+
+// Client end of a Unix stream socket. When the peer closes, it reconnects
+// once a second until the reconnect time-out (in attempts) runs out; then it
+// reports a time-out through the error callback.
+class UnixClientStreamSockIOChannel : public IOChannel
+{
+public:
+    static constexpr size_t kMaxPathLength = 91;
+
+    // 0: retry for ever; negative: never retry.
+    UnixClientStreamSockIOChannel(std::string socketPath, int64_t reconnectTimeout);
+    ~UnixClientStreamSockIOChannel() override;
+
+    void OnEOF() override;
+    Error Read(std::vector<uint8_t>& data) override;
+    void Write(const std::vector<uint8_t>& data) override;
+    void Start() override;
+    void Stop() override;
+
+    void SetReconnectedCallback(std::function<void()> callback);
+
+private:
+    Error CreateSocket();
+    void CloseSocket();
+    Error Connect();
+
+    std::string m_socketPath;
+    int64_t m_reconnectTimeout;
+    std::function<void()> m_reconnectedCallback;
+    std::mutex m_writeMutex;
+    bool m_started = false;
+};
+
+} // namespace vantor::common

@@ -1,0 +1,426 @@
+#include "Daemon.h"
+
+#include "Logging.h"
+#include "SignalHandler.h"
+#include "UnixClientStreamSockIOChannel.h"
+#include "util/Json.h"
+
+#include <Poco/Exception.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <malloc.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace vantor::edr
+{
+
+namespace
+{
+// Set by SIGINT/SIGTERM, the "exit" command, the agent channel's error
+// callback and the memory watchdog; read by the main loop after every wake-up.
+std::atomic<bool> g_shutdown{false};
+
+void OnTerminationSignal(int)
+{
+    g_shutdown.store(true, std::memory_order_seq_cst);
+}
+
+constexpr const char* kCouldNotInitialize = "Error: The corvid-edr binary could not Initialize.";
+constexpr const char* kInvalidAgentJson = "Invalid json received from the agent.";
+
+void Syslog(int priority, const std::string& text)
+{
+    ::syslog(priority, "%s", text.c_str());
+}
+
+bool IsObjectMember(const rapidjson::Value& root, const char* key)
+{
+    const auto it = root.FindMember(key);
+    return it != root.MemberEnd() && it->value.IsObject();
+}
+
+// "outpost_pid" (any JSON number, taken as a 32-bit integer) and
+// "outpost_path"; answers false when either is missing or of another type.
+bool ReadOutpost(const rapidjson::Value& root, int32_t& pid, std::string& path)
+{
+    const auto pidIt = root.FindMember("outpost_pid");
+    const auto pathIt = root.FindMember("outpost_path");
+    if (pidIt == root.MemberEnd() || !pidIt->value.IsNumber() || pathIt == root.MemberEnd() ||
+        !pathIt->value.IsString())
+    {
+        return false;
+    }
+    const double value = pidIt->value.GetDouble();
+    pid = value >= INT32_MIN && value <= INT32_MAX ? static_cast<int32_t>(value) : 0;
+    path.assign(pathIt->value.GetString(), pathIt->value.GetStringLength());
+    return true;
+}
+} // namespace
+
+Daemon::Daemon() = default;
+
+Daemon::~Daemon()
+{
+    if (m_memtest != nullptr)
+    {
+        std::fclose(m_memtest);
+    }
+}
+
+int Daemon::Run()
+{
+    ::openlog("corvid-edr", LOG_PID, LOG_DAEMON);
+    try
+    {
+        const int status = StartUp();
+        if (status != kExitOk)
+        {
+            if (m_agentChannel)
+            {
+                m_agentChannel->Stop();
+            }
+            return status;
+        }
+        std::unique_lock lock(m_mutex);
+        MainLoop(lock);
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Uncaught exception: " << e.what());
+        EDR_LOG_ERROR("Shutting down EDR ...");
+    }
+    ShutDown();
+    return kExitOk;
+}
+
+int Daemon::StartUp()
+{
+    if (::daemon(0, 0) != 0)
+    {
+        Syslog(LOG_CRIT, "Error: The corvid-edr binary could not run as a daemon.");
+        return kExitDaemonFailed;
+    }
+    common::SignalHandler::Block({SIGINT, SIGTERM});
+    common::SignalHandler::Install(SIGINT, OnTerminationSignal);
+    common::SignalHandler::Install(SIGTERM, OnTerminationSignal);
+    common::SignalHandler::Ignore(SIGHUP);
+
+    m_scheduler = std::make_unique<common::Scheduler>();
+
+    try
+    {
+        auto channel =
+            std::make_unique<common::UnixClientStreamSockIOChannel>(kAgentSocketPath, kAgentReconnectTimeout);
+        channel->SetErrorCallback([this](common::IOChannel::Error error) { OnAgentError(error); });
+        channel->SetDataCallback([this](std::vector<uint8_t> data) { OnAgentData(std::move(data)); });
+        m_agentChannel = std::move(channel);
+        m_agentChannel->Start();
+    }
+    catch (const common::IOChannelException& e)
+    {
+        Syslog(LOG_ALERT, e.what());
+        Syslog(LOG_CRIT, kCouldNotInitialize);
+        return kExitNoConfiguration;
+    }
+
+    if (!WaitForConfiguration() || !Initialize())
+    {
+        Syslog(LOG_CRIT, kCouldNotInitialize);
+        return kExitNoConfiguration;
+    }
+
+    try
+    {
+        common::Logging::Initialize(m_commonConfig->LogConfigFile());
+    }
+    catch (const Poco::Exception&)
+    {
+        Syslog(LOG_CRIT, "Error:corvid-edr:log config is invalid.");
+        return kExitBadLogConfig;
+    }
+
+    if (::setgid(m_commonConfig->AgentEffectiveGid()) != 0)
+    {
+        EDR_LOG_ERROR("setgid() failed: " << std::strerror(errno));
+        return kExitSetgidFailed;
+    }
+
+    if (::mallopt(M_MMAP_THRESHOLD, 4194304) > 0)
+    {
+        EDR_LOG_DEBUG("M_MMAP_THRESHOLD: 4MB");
+    }
+    else
+    {
+        EDR_LOG_ERROR("Unable to set malloc threshold to 4MB");
+        return kExitMalloptFailed;
+    }
+
+    {
+        std::lock_guard lock(m_mutex);
+        m_initialized = true;
+    }
+    m_scheduler->Start();
+
+    ExportProxyEnvironment();
+
+    common::SignalHandler::Unblock({SIGINT, SIGTERM});
+
+    m_resourceMonitor = std::make_unique<ResourceMonitor>(m_edrConfig->CpuLimit(), m_edrConfig->MemoryLimit());
+    m_watchdog = std::make_unique<MemoryWatchdog>(m_resourceMonitor->TotalMemoryKb(), m_edrConfig->MemoryLimit(),
+                                                  [this] { return m_resourceMonitor->MemoryUsage(); });
+    const auto& limits = m_watchdog->GetLimits();
+    EDR_LOG_DEBUG("Memory threshold: softLimit: " << limits.softKb << " KB "
+                                              << " HardLimit: " << limits.hardKb << " KB.");
+    return kExitOk;
+}
+
+bool Daemon::WaitForConfiguration()
+{
+    std::unique_lock lock(m_mutex);
+    if (!m_pending.empty())
+    {
+        return true;
+    }
+    Syslog(LOG_ALERT, "Waiting for configuration from the Corvid Agent process.");
+    const auto deadline = std::chrono::system_clock::now() + std::chrono::seconds(30);
+    m_cv.wait_until(lock, deadline, [this] { return !m_pending.empty(); });
+    if (m_pending.empty())
+    {
+        Syslog(LOG_ALERT, "Failed to receive initial configuration from the Corvid Agent process.");
+        return false;
+    }
+    return true;
+}
+
+bool Daemon::Initialize()
+{
+    rapidjson::Document message;
+    bool parsed = false;
+    {
+        std::lock_guard lock(m_mutex);
+        parsed = util::ParseJson(
+            message, std::string_view(reinterpret_cast<const char*>(m_pending.data()), m_pending.size()));
+        m_pending.clear();
+    }
+    if (!parsed || !message.IsObject() || util::GetString(message, "command") != "config" ||
+        !message.HasMember("config_file") || !message["config_file"].IsString())
+    {
+        Syslog(LOG_CRIT, kInvalidAgentJson);
+        return false;
+    }
+
+    const std::string path(util::GetString(message, "config_file"));
+    std::string text;
+    if (!util::ReadFile(path, text))
+    {
+        Syslog(LOG_CRIT, "Failed to read config file: " + path);
+        return false;
+    }
+    rapidjson::Document root;
+    if (!util::ParseJson(root, text) || !root.IsObject())
+    {
+        Syslog(LOG_CRIT, "Invalid configuration file.");
+        return false;
+    }
+    for (const char* section : {"common_config", "fim_config", "ioc_config", "edr_config"})
+    {
+        if (!IsObjectMember(root, section))
+        {
+            Syslog(LOG_CRIT, "Incomplete configuration file " + path);
+            return false;
+        }
+    }
+
+    try
+    {
+        m_commonConfig = std::make_unique<CommonConfig>(root["common_config"]);
+        m_fimConfig.CopyFrom(root["fim_config"], m_fimConfig.GetAllocator());
+        m_iocConfig.CopyFrom(root["ioc_config"], m_iocConfig.GetAllocator());
+        m_edrConfig = std::make_unique<EDR::Config>(root["edr_config"]);
+    }
+    catch (const std::invalid_argument& e)
+    {
+        Syslog(LOG_CRIT, e.what());
+        return false;
+    }
+    catch (const common::IOChannelException& e)
+    {
+        Syslog(LOG_CRIT, e.what());
+        return false;
+    }
+
+    if (!ReadOutpost(root, m_outpostPid, m_outpostPath))
+    {
+        Syslog(LOG_CRIT, "Invalid outpost pid and path information");
+        return false;
+    }
+    return true;
+}
+
+void Daemon::ExportProxyEnvironment()
+{
+    EDR_LOG_INFO("Setting the proxy environment variables");
+    for (const char* name : {"corvid_https_tls_proxy", "corvid_https_proxy", "https_proxy", "http_proxy"})
+    {
+        if (m_commonConfig->HasEnvironmentVariable(name))
+        {
+            ::setenv(name, m_commonConfig->EnvironmentVariable(name).c_str(), 1);
+        }
+    }
+}
+
+void Daemon::MainLoop(std::unique_lock<std::mutex>& lock)
+{
+    m_watchdog->Reset();
+    m_memtest = std::fopen(kMemtestPath, "a");
+    while (!g_shutdown.load())
+    {
+        m_cv.wait_until(lock, std::chrono::system_clock::now() + std::chrono::seconds(1));
+        if (!g_shutdown.load() && !m_pending.empty())
+        {
+            HandleCommand();
+        }
+        if (m_watchdog->Check())
+        {
+            EDR_LOG_DEBUG("MEMCHECK: Shutting down as memory usage is beyond set hard limit.");
+            g_shutdown.store(true);
+        }
+    }
+}
+
+void Daemon::HandleCommand()
+{
+    rapidjson::Document message;
+    const bool parsed =
+        util::ParseJson(message, std::string_view(reinterpret_cast<const char*>(m_pending.data()), m_pending.size()));
+    m_pending.clear();
+    if (!parsed || !message.IsObject())
+    {
+        EDR_LOG_ERROR(kInvalidAgentJson);
+        return;
+    }
+    const auto commandIt = message.FindMember("command");
+    if (commandIt == message.MemberEnd() || !commandIt->value.IsString())
+    {
+        return;
+    }
+    const std::string_view command(commandIt->value.GetString(), commandIt->value.GetStringLength());
+    if (command == "fim_status")
+    {
+        EDR_LOG_INFO("Command 'fim_status' received from agent");
+    }
+    else if (command == "ioc_status")
+    {
+        EDR_LOG_INFO("Command 'ioc_status' received from agent");
+    }
+    else if (command == "config")
+    {
+        ApplyConfig(message);
+    }
+    else if (command == "exit")
+    {
+        EDR_LOG_INFO("Command 'exit' received from agent.");
+        g_shutdown.store(true);
+    }
+    else
+    {
+        EDR_LOG_ERROR("Invalid command found in json received from agent: " << command);
+    }
+}
+
+void Daemon::ApplyConfig(const rapidjson::Value& command)
+{
+    EDR_LOG_INFO("Command 'config' received from agent");
+    const auto fileIt = command.FindMember("config_file");
+    if (fileIt == command.MemberEnd() || !fileIt->value.IsString())
+    {
+        EDR_LOG_ERROR("Incomplete 'config' command received from the agent");
+        return;
+    }
+    const std::string path(fileIt->value.GetString(), fileIt->value.GetStringLength());
+    std::string text;
+    if (!util::ReadFile(path, text))
+    {
+        EDR_LOG_ERROR("Failed to read config file: " << path);
+        return;
+    }
+    rapidjson::Document root;
+    if (!util::ParseJson(root, text) || !root.IsObject())
+    {
+        EDR_LOG_ERROR("Invalid configuration file.");
+        return;
+    }
+    int32_t outpostPid = 0;
+    std::string outpostPath;
+    if (!IsObjectMember(root, "common_config") || !IsObjectMember(root, "fim_config") ||
+        !IsObjectMember(root, "ioc_config") || !ReadOutpost(root, outpostPid, outpostPath))
+    {
+        EDR_LOG_ERROR("Incomplete configuration file: " << path);
+        return;
+    }
+    try
+    {
+        common::Logging::RefreshLevels(m_commonConfig->LogConfigFile());
+        m_fimConfig.CopyFrom(root["fim_config"], m_fimConfig.GetAllocator());
+        m_iocConfig.CopyFrom(root["ioc_config"], m_iocConfig.GetAllocator());
+        m_outpostPid = outpostPid;
+        m_outpostPath = outpostPath;
+    }
+    catch (const std::exception& e)
+    {
+        // Updates applied so far stay applied; the later ones are skipped.
+        EDR_LOG_ERROR("Failed to update configuration: " << e.what());
+    }
+}
+
+void Daemon::ShutDown()
+{
+    if (m_memtest != nullptr)
+    {
+        std::fclose(m_memtest);
+        m_memtest = nullptr;
+    }
+    if (m_agentChannel)
+    {
+        m_agentChannel->Stop();
+    }
+    if (m_scheduler)
+    {
+        m_scheduler->Stop();
+    }
+    m_agentChannel.reset();
+    m_scheduler.reset();
+}
+
+void Daemon::OnAgentData(std::vector<uint8_t> data)
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_pending.insert(m_pending.end(), data.begin(), data.end());
+    }
+    EDR_LOG_INFO("Received configuration data from the Corvid Agent process: "
+             << std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
+    m_cv.notify_all();
+}
+
+void Daemon::OnAgentError(common::IOChannel::Error)
+{
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_initialized)
+        {
+            EDR_LOG_FATAL("Failed to establish communication with the Corvid Agent process.");
+        }
+        else
+        {
+            Syslog(LOG_ALERT, "Failed to establish communication with the Corvid Agent process.");
+        }
+        g_shutdown.store(true);
+    }
+    m_cv.notify_all();
+}
+
+} // namespace vantor::edr

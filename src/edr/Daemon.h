@@ -1,0 +1,89 @@
+#pragma once
+
+#include "CommonConfig.h"
+#include "Config.h"
+#include "IOChannel.h"
+#include "MemoryWatchdog.h"
+#include "ResourceMonitor.h"
+#include "Scheduler.h"
+
+#include <rapidjson/document.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace vantor::edr
+{
+
+// The process: detaches, connects to the host agent, waits for its
+// configuration, builds the long-lived objects in a fixed order, runs the main
+// loop (agent commands, memory watchdog, shutdown flag) and tears everything
+// down in order.
+class Daemon
+{
+public:
+    static constexpr const char* kAgentSocketPath = "/var/run/corvid/outpost/sock/agent_edr.sock";
+    static constexpr const char* kMagicDatabasePath = "/etc/corvid/outpost/magic.mgc";
+    static constexpr const char* kMemtestPath = "/tmp/memtest";
+    static constexpr int kAgentReconnectTimeout = 30;
+
+    enum ExitStatus : int
+    {
+        kExitOk = 0,
+        kExitDaemonFailed = 3,
+        kExitNoConfiguration = 4,
+        kExitBadLogConfig = 5,
+        kExitMalloptFailed = 6,
+        kExitSetgidFailed = 7
+    };
+
+    Daemon();
+    ~Daemon();
+
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    // The whole life of the process; answers its exit status.
+    int Run();
+
+private:
+    int StartUp();
+    bool WaitForConfiguration();
+    // The first message: must be a "config" command naming a complete file.
+    bool Initialize();
+    void MainLoop(std::unique_lock<std::mutex>& lock);
+    // Runs with the daemon mutex held, for every message after the first.
+    void HandleCommand();
+    void ApplyConfig(const rapidjson::Value& command);
+    void ExportProxyEnvironment();
+    void ShutDown();
+
+    void OnAgentData(std::vector<uint8_t> data);
+    void OnAgentError(common::IOChannel::Error error);
+
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    bool m_initialized = false;
+    std::vector<uint8_t> m_pending;
+    int32_t m_outpostPid = 0;
+    std::string m_outpostPath;
+
+    std::unique_ptr<CommonConfig> m_commonConfig;
+    std::unique_ptr<EDR::Config> m_edrConfig;
+    rapidjson::Document m_fimConfig;
+    rapidjson::Document m_iocConfig;
+
+    std::unique_ptr<common::Scheduler> m_scheduler;
+    std::unique_ptr<common::IOChannel> m_agentChannel;
+    std::unique_ptr<ResourceMonitor> m_resourceMonitor;
+    std::unique_ptr<MemoryWatchdog> m_watchdog;
+    std::FILE* m_memtest = nullptr;
+};
+
+} // namespace vantor::edr

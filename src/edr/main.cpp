@@ -1,0 +1,7 @@
+#include "Daemon.h"
+
+int main()
+{
+    // There is no command line: every setting comes from the host agent.
+    return vantor::edr::Daemon().Run();
+}
