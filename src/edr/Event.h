@@ -1,0 +1,104 @@
+#pragma once
+
+#include "EventException.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace vantor::edr
+{
+
+// Event type values; the same values are the actions of rules.
+enum class EventType : uint32_t
+{
+    Accept = 1,
+    Create = 2,
+    Delete = 3,
+    Read = 4,
+    Write = 5,
+    Attribute = 7,
+    Rename = 8,
+    Running = 9,
+    Clone = 10,
+    Exit = 11,
+    Connect = 12,
+    Bind = 13,
+    AbnormalEnd = 16
+};
+
+enum class HashType
+{
+    Md5,
+    Sha1,
+    Sha256
+};
+
+enum class FileReadStatus
+{
+    NotRead,
+    ReadSuccessful,
+    ReadFailure,
+    MaxSizeLimitReached
+};
+
+// The event every consumer reads. Every operation that a class does not
+// support throws EventException "<operation> is not implemented"; the
+// defaults here do exactly that, so a class overrides only what it carries.
+// The order of the virtual operations is fixed.
+class Event
+{
+public:
+    using TimePoint = std::chrono::system_clock::time_point;
+
+    virtual ~Event() = default;
+
+    virtual std::unique_ptr<Event> Clone() const;
+    virtual EventType GetType() const;
+    virtual std::string GetActionName() const;
+    virtual uint32_t GetEventId() const;
+    virtual uint32_t GetActorEuid() const;
+    virtual std::vector<std::string> GetActorProcessArguments() const;
+    virtual pid_t GetActorProcessId() const;
+    virtual pid_t GetActorParentProcessId() const;
+    virtual std::string GetActorUserName() const;
+    virtual uint32_t GetActorUserId() const;
+    virtual std::string GetActorLoginName() const;
+    virtual uint32_t GetActorAuid() const;
+    virtual std::string GetCommandLine() const;
+    // Path of the file a file event is about.
+    virtual std::string GetFile() const;
+    virtual TimePoint GetFileAccessTime() const;
+    virtual TimePoint GetFileChangeTime() const;
+    virtual std::string GetFileContent() const;
+    virtual std::string GetFileContentHash(HashType type) const;
+    virtual TimePoint GetFileModificationTime() const;
+    virtual uint64_t GetFileSize() const;
+    // The st_mode file type bits (S_IFREG, S_IFDIR, ...).
+    virtual uint32_t GetFileType() const;
+    virtual std::string GetFileTypeDesc() const;
+    virtual std::string GetImage() const;
+    // Destination path of a rename.
+    virtual std::string GetNewFile() const;
+    virtual uint32_t GetCategory() const;
+    virtual uint64_t GetParentInode() const;
+    virtual uint64_t GetParentDeviceID() const;
+    virtual std::string GetCwd() const;
+    virtual std::string GetSecondaryImage() const;
+    // Milliseconds since the epoch.
+    virtual uint64_t GetTimestamp() const;
+    virtual std::string GetNetworkAddress() const;
+    virtual uint16_t GetNetworkPort() const;
+    virtual FileReadStatus GetFileReadStatus() const;
+    virtual bool HasProcess() const;
+    virtual bool IsSymlink() const;
+    virtual bool IsSuccessful() const;
+    virtual bool IsThread() const;
+    virtual void Refresh();
+    virtual void UpdateActorProcessId(pid_t pid);
+};
+
+} // namespace vantor::edr
