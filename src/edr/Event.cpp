@@ -73,12 +73,12 @@ std::string Event::GetFile() const
     throw EventException("GetFile not implemented");
 }
 
-TimePoint Event::GetFileAccessTime() const
+Event::TimePoint Event::GetFileAccessTime() const
 {
     throw EventException("GetFileAccessTime is not implemented");
 }
 
-TimePoint Event::GetFileChangeTime() const
+Event::TimePoint Event::GetFileChangeTime() const
 {
     throw EventException("GetFileChangeTime is not implemented");
 }
@@ -93,7 +93,7 @@ std::string Event::GetFileContentHash(HashType) const
     throw EventException("GetFileContentHash is not implemented");
 }
 
-TimePoint Event::GetFileModificationTime() const
+Event::TimePoint Event::GetFileModificationTime() const
 {
     throw EventException("GetFileModificationTime is not implemented");
 }
