@@ -1,9 +1,10 @@
 #include "ResourceMonitor.h"
 
+#include "util/Json.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <unistd.h>
@@ -15,14 +16,12 @@ namespace
 {
 std::optional<std::string> ReadWholeFile(const std::string& path)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
+    std::string text;
+    if (!util::ReadFile(path, text))
     {
         return std::nullopt;
     }
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return text;
 }
 
 ResourceMonitor::Sources DefaultSources()

@@ -1,0 +1,280 @@
+#include "AsyncTask.h"
+#include "CircularBuffer.h"
+#include "PeriodicSchedule.h"
+#include "Scheduler.h"
+#include "SynchronizedQueue.h"
+#include "ThreadedClass.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace vantor::common;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+// A schedule that is due every time the scheduler looks, until told otherwise.
+class CountingSchedule : public Schedule
+{
+public:
+    explicit CountingSchedule(bool throws = false)
+        : m_throws(throws)
+    {
+    }
+    bool IsDue(SystemTimePoint) const override { return true; }
+    SystemTimePoint NextDue() const override { return std::chrono::system_clock::now() + 20ms; }
+    void Execute() override
+    {
+        ++runs;
+        if (m_throws)
+        {
+            throw std::runtime_error("boom");
+        }
+    }
+    std::atomic<int> runs{0};
+
+private:
+    bool m_throws;
+};
+
+template <typename Pred>
+bool WaitFor(Pred pred, std::chrono::milliseconds limit = 3000ms)
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!pred())
+    {
+        if (std::chrono::steady_clock::now() > end)
+        {
+            return false;
+        }
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+std::string MessageOf(const std::function<void()>& f)
+{
+    try
+    {
+        f();
+    }
+    catch (const std::exception& e)
+    {
+        return e.what();
+    }
+    return "";
+}
+
+} // namespace
+
+TEST(SchedulerTest, RegistrationErrors)
+{
+    Scheduler scheduler;
+    auto schedule = std::make_shared<CountingSchedule>();
+    EXPECT_EQ(MessageOf([&] { scheduler.RegisterSchedule(nullptr); }), "RegisterSchedule: 'schedule' cannot be null");
+    scheduler.RegisterSchedule(schedule);
+    EXPECT_EQ(MessageOf([&] { scheduler.RegisterSchedule(schedule); }), "RegisterSchedule: 'schedule' already exists");
+    EXPECT_EQ(scheduler.EntryCount(), 1u);
+    scheduler.UnregisterSchedule(schedule);
+    EXPECT_EQ(MessageOf([&] { scheduler.UnregisterSchedule(schedule); }),
+              "UnregisterSchedule: 'schedule' is not registered");
+    scheduler.Start();
+    EXPECT_EQ(MessageOf([&] { scheduler.Start(); }), "Start: Start cannot be called when the Scheduler is running");
+    scheduler.Stop();
+}
+
+TEST(SchedulerTest, ThrowingScheduleDoesNotStopOthersAndDestroyedOneIsDropped)
+{
+    Scheduler scheduler;
+    auto failing = std::make_shared<CountingSchedule>(true);
+    auto healthy = std::make_shared<CountingSchedule>();
+    auto released = std::make_shared<CountingSchedule>();
+    scheduler.RegisterSchedule(failing);
+    scheduler.RegisterSchedule(released);
+    scheduler.RegisterSchedule(healthy);
+    released.reset(); // its owner lets go without unregistering
+    scheduler.Start();
+    EXPECT_TRUE(WaitFor([&] { return failing->runs >= 3 && healthy->runs >= 3; }));
+    EXPECT_TRUE(WaitFor([&] { return scheduler.EntryCount() == 2; }));
+    scheduler.Stop();
+}
+
+TEST(SchedulerTest, IdleSchedulerWakesAtOnceOnRegistration)
+{
+    Scheduler scheduler;
+    scheduler.Start(); // nothing registered: sleeps for a day
+    std::this_thread::sleep_for(20ms);
+    auto schedule = std::make_shared<CountingSchedule>();
+    scheduler.RegisterSchedule(schedule);
+    EXPECT_TRUE(WaitFor([&] { return schedule->runs >= 1; }, 1000ms));
+    const auto before = std::chrono::steady_clock::now();
+    scheduler.Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 1s);
+}
+
+namespace
+{
+class TickSchedule : public PeriodicSchedule
+{
+public:
+    TickSchedule(std::chrono::seconds interval, Clock clock)
+        : PeriodicSchedule(interval, std::move(clock))
+    {
+    }
+    int runs = 0;
+
+protected:
+    void Run() override
+    {
+        ++runs;
+        throw std::runtime_error("upload failed");
+    }
+};
+} // namespace
+
+TEST(PeriodicScheduleTest, DueOnceAnIntervalAfterRegistrationAndAfterAFailedRun)
+{
+    SystemTimePoint now{std::chrono::seconds(1'000'000)};
+    TickSchedule tick(60s, [&now] { return now; });
+    tick.InitializeNextScheduleTime();
+    EXPECT_FALSE(tick.IsDue(now));
+    EXPECT_EQ(tick.NextDue(), now + 60s);
+    now += 60s;
+    EXPECT_TRUE(tick.IsDue(now));
+    EXPECT_THROW(tick.Execute(), std::runtime_error);
+    EXPECT_EQ(tick.runs, 1);
+    EXPECT_FALSE(tick.IsDue(now)) << "a failed run waits for its next time";
+    EXPECT_EQ(tick.NextDue(), now + 60s);
+}
+
+namespace
+{
+class BlockingTask : public AsyncTask
+{
+public:
+    ~BlockingTask() override { Stop(); }
+    std::atomic<int> runs{0};
+    std::atomic<bool> sawCancel{false};
+    bool throws = false;
+
+protected:
+    void DoWork() override
+    {
+        ++runs;
+        if (throws)
+        {
+            throw std::runtime_error("work failed");
+        }
+        while (!IsCancelling())
+        {
+            std::this_thread::sleep_for(2ms);
+        }
+        sawCancel = true;
+    }
+};
+} // namespace
+
+TEST(AsyncTaskTest, OneExecutionAtATimeAndStopWaitsForIt)
+{
+    BlockingTask task;
+    EXPECT_TRUE(task.Launch());
+    EXPECT_FALSE(task.Launch()) << "a second launch while running is refused";
+    EXPECT_TRUE(WaitFor([&] { return task.runs == 1; }));
+    task.Stop();
+    EXPECT_TRUE(task.sawCancel);
+    EXPECT_EQ(task.GetState(), AsyncTask::State::Idle);
+    task.Stop(); // idle: returns at once
+
+    task.throws = true;
+    EXPECT_TRUE(task.Launch());
+    EXPECT_TRUE(WaitFor([&] { return task.GetState() == AsyncTask::State::Idle; }));
+    EXPECT_EQ(task.runs, 2) << "a throwing execution ends as idle";
+}
+
+namespace
+{
+class Worker : public ThreadedClass
+{
+public:
+    Worker()
+        : ThreadedClass("TestWorker")
+    {
+    }
+    ~Worker() override { Stop(); }
+    std::atomic<int> loops{0};
+    bool throwAtStart = false;
+
+protected:
+    void Run() override
+    {
+        if (throwAtStart)
+        {
+            throw std::runtime_error("worker failed");
+        }
+        while (!IsStopping())
+        {
+            ++loops;
+            std::this_thread::sleep_for(1ms);
+        }
+    }
+};
+} // namespace
+
+TEST(ThreadedClassTest, StartStopAndContainedException)
+{
+    Worker worker;
+    worker.Start();
+    worker.Start(); // already running: only logged
+    EXPECT_TRUE(WaitFor([&] { return worker.loops > 0; }));
+    worker.Stop();
+    EXPECT_FALSE(worker.IsRunning());
+
+    Worker failing;
+    failing.throwAtStart = true;
+    failing.Start();
+    EXPECT_TRUE(WaitFor([&] { return !failing.IsRunning(); }));
+    failing.Stop();
+}
+
+TEST(SynchronizedQueueTest, PopErrorsAndPopAll)
+{
+    SynchronizedQueue<int> q;
+    EXPECT_EQ(MessageOf([&] { q.Pop(); }), "Cannot pop from an empty SynchronizedQueue");
+    EXPECT_EQ(MessageOf([&] { q.PopAll(); }), "Cannot pop all from an empty SynchronizedQueue");
+    std::thread producer([&q] {
+        for (int i = 0; i < 100; ++i)
+        {
+            q.Push(std::make_shared<int>(i));
+        }
+    });
+    producer.join();
+    EXPECT_EQ(*q.Pop(), 0);
+    auto rest = q.PopAll();
+    ASSERT_EQ(rest.size(), 99u);
+    EXPECT_EQ(*rest.back(), 99);
+    EXPECT_EQ(q.Size(), 0u);
+    EXPECT_FALSE(q.WaitForData(10ms));
+}
+
+TEST(CircularBufferTest, OverwritingAndRefusingBuffers)
+{
+    CircularBuffer<int> ring(3);
+    for (int i = 1; i <= 5; ++i)
+    {
+        ring.Insert(i);
+    }
+    EXPECT_EQ(ring.Size(), 3u);
+    EXPECT_EQ(ring.Pop(), 3) << "the two oldest were overwritten";
+    EXPECT_EQ(ring.At(1), 5);
+
+    CircularBuffer<int> strict(2, false);
+    strict.Insert(1);
+    strict.Insert(2);
+    EXPECT_EQ(MessageOf([&] { strict.Insert(3); }), "Cannot insert into a full Circular buffer");
+    strict.Pop();
+    strict.Pop();
+    EXPECT_EQ(MessageOf([&] { strict.Pop(); }), "Cannot pop from an empty Circular buffer");
+}
