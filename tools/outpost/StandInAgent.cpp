@@ -15,6 +15,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace vantor::tools
@@ -431,7 +432,32 @@ int StandInAgent::Run()
             m_quit = true;
         }
     }
+    if (m_childrenLeft)
+    {
+        StopDaemon();
+    }
     return m_options.daemonBinary.empty() ? 0 : m_lastStatus;
+}
+
+void StandInAgent::StopDaemon()
+{
+    // A daemon started here must not outlive the tool.
+    if (m_daemonPid <= 0 || ::kill(m_daemonPid, SIGTERM) != 0)
+    {
+        return;
+    }
+    Say("sent SIGTERM to " + std::to_string(m_daemonPid));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (m_childrenLeft && std::chrono::steady_clock::now() < deadline)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ReapChildren();
+    }
+    if (m_childrenLeft && ::kill(m_daemonPid, SIGKILL) == 0)
+    {
+        ::waitpid(m_daemonPid, nullptr, 0);
+        Say("killed " + std::to_string(m_daemonPid));
+    }
 }
 
 } // namespace vantor::tools

@@ -55,6 +55,7 @@ private:
     bool Send(const std::string& command);
     bool StartDaemon();
     void ReapChildren();
+    void StopDaemon();
     void ReadControlInput();
     int PollTimeoutMs() const;
     void RunDueSteps();
