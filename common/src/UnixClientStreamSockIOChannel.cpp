@@ -40,8 +40,9 @@ IOChannel::Error UnixClientStreamSockIOChannel::CreateSocket()
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
     {
-        EDR_LOG_ERROR("UnixClientStreamSockIOChannel::CreateSocket: " << std::strerror(errno));
-        return UnixSocket::MapErrno(errno);
+        const int error = errno;
+        EDR_LOG_ERROR("UnixClientStreamSockIOChannel::CreateSocket: " << std::strerror(error));
+        return UnixSocket::MapErrno(error);
     }
     m_fd = fd;
     return Success;
@@ -49,6 +50,9 @@ IOChannel::Error UnixClientStreamSockIOChannel::CreateSocket()
 
 void UnixClientStreamSockIOChannel::CloseSocket()
 {
+    // A writer on another thread must not send on a descriptor that is being
+    // closed (and may be reused at once).
+    std::lock_guard lock(m_writeMutex);
     const int fd = m_fd.exchange(-1);
     if (fd >= 0 && ::close(fd) != 0)
     {
@@ -136,9 +140,9 @@ void UnixClientStreamSockIOChannel::OnEOF()
 {
     EDR_LOG_INFO("UnixClientStreamSockIOChannel: EOF Received. Trying to reconnect...");
     CloseSocket();
-    if (CreateSocket() != Success)
+    if (const Error error = CreateSocket(); error != Success)
     {
-        ReportError(Unknown);
+        ReportError(error);
         return;
     }
     if (m_reconnectTimeout >= 0)
@@ -149,7 +153,8 @@ void UnixClientStreamSockIOChannel::OnEOF()
             const Error error = Connect();
             if (IsStopping())
             {
-                EDR_LOG_INFO("UnixClientStreamSockIOChannel: Aborting reconnection because socket is closing.");
+                EDR_LOG_INFO(
+                    "UnixClientStreamSockIOChannel: Aborting reconnection because socket is closing.");
                 CloseSocket();
                 return;
             }
@@ -163,9 +168,9 @@ void UnixClientStreamSockIOChannel::OnEOF()
             }
             // A failed connect leaves the socket unusable; start afresh.
             CloseSocket();
-            if (CreateSocket() != Success)
+            if (const Error createError = CreateSocket(); createError != Success)
             {
-                ReportError(Unknown);
+                ReportError(createError);
                 return;
             }
             // Sleep one second, but wake at once when stopped.
@@ -175,7 +180,8 @@ void UnixClientStreamSockIOChannel::OnEOF()
             }
             if (IsStopping())
             {
-                EDR_LOG_INFO("UnixClientStreamSockIOChannel: Aborting reconnection because socket is closing.");
+                EDR_LOG_INFO(
+                    "UnixClientStreamSockIOChannel: Aborting reconnection because socket is closing.");
                 CloseSocket();
                 return;
             }

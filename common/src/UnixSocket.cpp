@@ -39,7 +39,8 @@ IOChannel::Error UnixSocket::MapErrno(int error)
     }
 }
 
-IOChannel::Error UnixSocket::ReadAvailable(int fd, size_t bufSize, std::vector<uint8_t>& data, const char* what)
+IOChannel::Error UnixSocket::ReadAvailable(int fd, size_t bufSize, std::vector<uint8_t>& data,
+                                           const char* what)
 {
     data.resize(bufSize);
     ssize_t n = 0;
@@ -76,8 +77,10 @@ IOChannel::Error UnixSocket::WriteAll(int fd, const std::vector<uint8_t>& data, 
             {
                 continue;
             }
-            EDR_LOG_ERROR(what << ": " << std::strerror(errno));
-            return errno == EPIPE ? IOChannel::RemoteFailure : MapErrno(errno);
+            // Logging may overwrite errno.
+            const int error = errno;
+            EDR_LOG_ERROR(what << ": " << std::strerror(error));
+            return error == EPIPE ? IOChannel::RemoteFailure : MapErrno(error);
         }
         written += static_cast<size_t>(n);
     }

@@ -1,0 +1,228 @@
+#include "UnixServerStreamSockIOChannel.h"
+
+#include "Logging.h"
+#include "UnixSocket.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace vantor::common
+{
+
+UnixServerStreamSockIOChannel::UnixServerStreamSockIOChannel(std::string socketPath)
+    : IOChannel(1024, 0)
+    , m_socketPath(std::move(socketPath))
+{
+    if (m_socketPath.empty() || m_socketPath.size() >= sizeof(sockaddr_un::sun_path))
+    {
+        throw IOChannelException(InvalidData);
+    }
+}
+
+UnixServerStreamSockIOChannel::~UnixServerStreamSockIOChannel()
+{
+    Stop();
+}
+
+bool UnixServerStreamSockIOChannel::HasClient() const
+{
+    std::lock_guard lock(m_clientMutex);
+    return m_clientFd >= 0;
+}
+
+void UnixServerStreamSockIOChannel::CreateDirectory() const
+{
+    const std::filesystem::path dir = std::filesystem::path(m_socketPath).parent_path();
+    if (dir.empty())
+    {
+        return;
+    }
+    std::error_code ec;
+    if (std::filesystem::create_directories(dir, ec))
+    {
+        EDR_LOG_INFO("UnixServerStreamSockIOChannel: Created dir " << dir.string());
+    }
+    else if (ec)
+    {
+        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::CreateDirectory: " << dir.string() << ": "
+                                                                         << ec.message());
+    }
+}
+
+IOChannel::Error UnixServerStreamSockIOChannel::CreateSocket()
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+    {
+        const int error = errno;
+        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::CreateSocket: " << std::strerror(error));
+        return UnixSocket::MapErrno(error);
+    }
+    m_listenFd = fd;
+    return Success;
+}
+
+IOChannel::Error UnixServerStreamSockIOChannel::Bind()
+{
+    if (m_listenFd < 0)
+    {
+        EDR_LOG_ERROR("Bind: Invalid socket");
+        return InvalidState;
+    }
+    sockaddr_un address{};
+    const socklen_t length = UnixSocket::MakeAddress(m_socketPath, address);
+    if (::bind(m_listenFd, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
+        ::listen(m_listenFd, 1) != 0)
+    {
+        const int error = errno;
+        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::Bind: " << m_socketPath << ": "
+                                                              << std::strerror(error));
+        return UnixSocket::MapErrno(error);
+    }
+    EDR_LOG_INFO("UnixServerStreamSockIOChannel: Bound to " << m_socketPath);
+    return Success;
+}
+
+void UnixServerStreamSockIOChannel::Start()
+{
+    std::lock_guard lock(m_startStopMutex);
+    if (m_started)
+    {
+        throw IOChannelException(InvalidState);
+    }
+    EDR_LOG_INFO("UnixServerStreamSockIOChannel: Starting...");
+    CreateDirectory();
+    Error error = CreateSocket();
+    if (error == Success)
+    {
+        // A socket file left by an earlier run would make bind fail.
+        if (::unlink(m_socketPath.c_str()) != 0 && errno != ENOENT)
+        {
+            EDR_LOG_ERROR("UnixServerStreamSockIOChannel::Start: " << m_socketPath << ": "
+                                                                   << std::strerror(errno));
+        }
+        error = Bind();
+    }
+    if (error != Success)
+    {
+        CloseListenSocket();
+        throw IOChannelException(error);
+    }
+    m_fd = m_listenFd;
+    m_started = true;
+    StartEventLoop();
+    EDR_LOG_INFO("UnixServerStreamSockIOChannel: Started.");
+}
+
+void UnixServerStreamSockIOChannel::Stop()
+{
+    std::lock_guard lock(m_startStopMutex);
+    if (!m_started)
+    {
+        return;
+    }
+    EDR_LOG_INFO("UnixServerStreamSockIOChannel: Stopping...");
+    StopEventLoop();
+    m_fd = -1;
+    CloseClientSocket();
+    CloseListenSocket();
+    if (::unlink(m_socketPath.c_str()) != 0 && errno != ENOENT)
+    {
+        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::Stop: " << m_socketPath << ": "
+                                                              << std::strerror(errno));
+    }
+    m_started = false;
+    EDR_LOG_INFO("UnixServerStreamSockIOChannel: Stopped.");
+}
+
+IOChannel::Error UnixServerStreamSockIOChannel::Read(std::vector<uint8_t>& data)
+{
+    data.clear();
+    int clientFd = -1;
+    {
+        std::lock_guard lock(m_clientMutex);
+        clientFd = m_clientFd;
+    }
+    if (clientFd >= 0)
+    {
+        return UnixSocket::ReadAvailable(clientFd, m_readBufSize, data,
+                                         "UnixServerStreamSockIOChannel::Read");
+    }
+
+    // The loop calls OnEOF after a Read that hands back no bytes.
+    m_accepted = true;
+    sockaddr_un address{};
+    static_assert(sizeof(address) == 110);
+    socklen_t length = sizeof(address);
+    const int fd = ::accept4(m_listenFd, reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC);
+    if (fd < 0)
+    {
+        const int error = errno;
+        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::Read: accept: " << std::strerror(error));
+        // The pending client gave up before it was accepted: keep listening.
+        if (error == EINTR || error == ECONNABORTED || error == EAGAIN)
+        {
+            return Success;
+        }
+        return UnixSocket::MapErrno(error);
+    }
+    {
+        std::lock_guard lock(m_clientMutex);
+        m_clientFd = fd;
+    }
+    m_fd = fd;
+    EDR_LOG_INFO("UnixServerStreamSockIOChannel: New incoming connection accepted.");
+    return Success;
+}
+
+void UnixServerStreamSockIOChannel::OnEOF()
+{
+    if (m_accepted)
+    {
+        m_accepted = false;
+        return;
+    }
+    CloseClientSocket();
+    m_fd = m_listenFd;
+    EDR_LOG_INFO("UnixServerStreamSockIOChannel: EOF received. Waiting for incoming connections...");
+}
+
+void UnixServerStreamSockIOChannel::Write(const std::vector<uint8_t>& data)
+{
+    std::lock_guard lock(m_clientMutex);
+    if (m_clientFd < 0)
+    {
+        throw IOChannelException(InvalidState);
+    }
+    const Error error = UnixSocket::WriteAll(m_clientFd, data, "UnixServerStreamSockIOChannel::Write");
+    if (error != Success)
+    {
+        throw IOChannelException(error);
+    }
+}
+
+void UnixServerStreamSockIOChannel::CloseClientSocket()
+{
+    std::lock_guard lock(m_clientMutex);
+    if (m_clientFd >= 0 && ::close(m_clientFd) != 0)
+    {
+        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::CloseClientSocket: " << std::strerror(errno));
+    }
+    m_clientFd = -1;
+}
+
+void UnixServerStreamSockIOChannel::CloseListenSocket()
+{
+    if (m_listenFd >= 0 && ::close(m_listenFd) != 0)
+    {
+        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::CloseListenSocket: " << std::strerror(errno));
+    }
+    m_listenFd = -1;
+}
+
+} // namespace vantor::common

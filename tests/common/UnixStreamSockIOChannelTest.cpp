@@ -1,0 +1,401 @@
+#include "Logging.h"
+#include "UnixClientStreamSockIOChannel.h"
+#include "UnixServerStreamSockIOChannel.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Message.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using namespace std::chrono_literals;
+using vantor::common::IOChannel;
+using vantor::common::IOChannelException;
+using vantor::common::Logging;
+using vantor::common::UnixClientStreamSockIOChannel;
+using vantor::common::UnixServerStreamSockIOChannel;
+
+namespace
+{
+
+// Keeps every line the "edr" logger writes, so tests can check the texts.
+class CaptureChannel : public Poco::Channel
+{
+public:
+    void log(const Poco::Message& message) override
+    {
+        std::lock_guard lock(m_mutex);
+        m_lines.push_back(message.getText());
+    }
+
+    size_t Count(const std::string& text) const
+    {
+        std::lock_guard lock(m_mutex);
+        return std::count_if(m_lines.begin(), m_lines.end(),
+                             [&](const std::string& line) { return line.find(text) != std::string::npos; });
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+// Bytes and errors that a channel's callbacks delivered.
+struct Received
+{
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::string bytes;
+    std::vector<IOChannel::Error> errors;
+
+    void Attach(IOChannel& channel)
+    {
+        channel.SetDataCallback(
+            [this](std::vector<uint8_t> data)
+            {
+                std::lock_guard lock(mutex);
+                bytes.append(data.begin(), data.end());
+                cv.notify_all();
+            });
+        channel.SetErrorCallback(
+            [this](IOChannel::Error error)
+            {
+                std::lock_guard lock(mutex);
+                errors.push_back(error);
+                cv.notify_all();
+            });
+    }
+
+    bool WaitForBytes(const std::string& expected, std::chrono::milliseconds timeout = 3s)
+    {
+        std::unique_lock lock(mutex);
+        return cv.wait_for(lock, timeout, [&] { return bytes == expected; });
+    }
+
+    bool WaitForError(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock lock(mutex);
+        return cv.wait_for(lock, timeout, [&] { return !errors.empty(); });
+    }
+
+    std::string Text()
+    {
+        std::lock_guard lock(mutex);
+        return bytes;
+    }
+
+    std::vector<IOChannel::Error> Errors()
+    {
+        std::lock_guard lock(mutex);
+        return errors;
+    }
+};
+
+std::vector<uint8_t> Bytes(const std::string& text)
+{
+    return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+int RawSocket()
+{
+    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+sockaddr_un Address(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    return address;
+}
+
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() > deadline)
+        {
+            return false;
+        }
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+class UnixStreamSockIOChannelTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        char pattern[] = "/tmp/corvid-iochannel-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        m_dir = pattern;
+        m_path = m_dir + "/sock";
+        m_capture = new CaptureChannel;
+        m_oldLevel = Logging::Edr().getLevel();
+        Logging::Edr().setChannel(m_capture);
+        Logging::Edr().setLevel(Poco::Message::PRIO_DEBUG);
+        // A broken pipe must show up as an error, not as a fatal SIGPIPE.
+        std::signal(SIGPIPE, SIG_DFL);
+    }
+
+    void TearDown() override
+    {
+        Logging::Edr().setLevel(m_oldLevel);
+        Logging::Edr().setChannel(nullptr);
+        std::filesystem::remove_all(m_dir);
+    }
+
+    std::string m_dir;
+    std::string m_path;
+    Poco::AutoPtr<CaptureChannel> m_capture;
+    int m_oldLevel = 0;
+};
+
+TEST_F(UnixStreamSockIOChannelTest, SocketPathLengthIsLimitedTo91Characters)
+{
+    EXPECT_NO_THROW(UnixClientStreamSockIOChannel(std::string(91, 'p'), 1));
+    try
+    {
+        UnixClientStreamSockIOChannel channel(std::string(92, 'p'), 1);
+        FAIL() << "92 characters accepted";
+    }
+    catch (const IOChannelException& e)
+    {
+        EXPECT_STREQ(e.what(), "IOChannel: Invalid data");
+        EXPECT_EQ(e.GetError(), IOChannel::InvalidData);
+    }
+    EXPECT_THROW(UnixClientStreamSockIOChannel("", 1), IOChannelException);
+}
+
+TEST_F(UnixStreamSockIOChannelTest, ConnectFailuresMapToDistinctErrors)
+{
+    UnixClientStreamSockIOChannel missing(m_dir + "/absent.sock", 1);
+    try
+    {
+        missing.Start();
+        FAIL() << "connected to a missing path";
+    }
+    catch (const IOChannelException& e)
+    {
+        EXPECT_STREQ(e.what(), "IOChannel: Invalid data");
+    }
+
+    // Bound but not listening: the connection is refused.
+    const int fd = RawSocket();
+    const sockaddr_un address = Address(m_path);
+    ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    UnixClientStreamSockIOChannel refused(m_path, 1);
+    try
+    {
+        refused.Start();
+        FAIL() << "connected to a socket without listener";
+    }
+    catch (const IOChannelException& e)
+    {
+        EXPECT_STREQ(e.what(), "IOChannel: Remote failure");
+    }
+    ::close(fd);
+    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel::Connect"), 2u);
+
+    UnixClientStreamSockIOChannel never(m_path, 1);
+    EXPECT_THROW(never.Write(Bytes("x")), IOChannelException);
+}
+
+TEST_F(UnixStreamSockIOChannelTest, DataTravelsBothWays)
+{
+    // The server creates its missing directory and replaces a stale file.
+    const std::string path = m_dir + "/a/b/agent.sock";
+    std::filesystem::create_directories(m_dir + "/a/b");
+    std::ofstream(path) << "stale";
+    UnixServerStreamSockIOChannel server(path);
+    Received atServer;
+    atServer.Attach(server);
+    ASSERT_NO_THROW(server.Start());
+    EXPECT_EQ(m_capture->Count("UnixServerStreamSockIOChannel: Bound to " + path), 1u);
+
+    UnixClientStreamSockIOChannel client(path, 1);
+    Received atClient;
+    atClient.Attach(client);
+    ASSERT_NO_THROW(client.Start());
+
+    const std::string big(100000, 'z');
+    client.Write(Bytes("{\"command\":\"exit\"}"));
+    EXPECT_TRUE(atServer.WaitForBytes("{\"command\":\"exit\"}"));
+    ASSERT_TRUE(WaitUntil([&] { return server.HasClient(); }, 1s));
+    server.Write(Bytes(big));
+    EXPECT_TRUE(atClient.WaitForBytes(big));
+
+    client.Stop();
+    server.Stop();
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_TRUE(atServer.Errors().empty());
+    EXPECT_TRUE(atClient.Errors().empty());
+    EXPECT_EQ(m_capture->Count("UnixServerStreamSockIOChannel: New incoming connection accepted."), 1u);
+    EXPECT_EQ(m_capture->Count("UnixServerStreamSockIOChannel: Stopped."), 1u);
+}
+
+TEST_F(UnixStreamSockIOChannelTest, SecondClientWaitsInBacklogUntilFirstLeaves)
+{
+    UnixServerStreamSockIOChannel server(m_path);
+    Received atServer;
+    atServer.Attach(server);
+    server.Start();
+
+    UnixClientStreamSockIOChannel first(m_path, -1);
+    first.Start();
+    first.Write(Bytes("first;"));
+    ASSERT_TRUE(atServer.WaitForBytes("first;"));
+
+    const int second = RawSocket();
+    const sockaddr_un address = Address(m_path);
+    ASSERT_EQ(::connect(second, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(::send(second, "second;", 7, MSG_NOSIGNAL), 7);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(atServer.Text(), "first;") << "the second client was served alongside the first";
+
+    first.Stop();
+    EXPECT_TRUE(atServer.WaitForBytes("first;second;"));
+    EXPECT_EQ(
+        m_capture->Count("UnixServerStreamSockIOChannel: EOF received. Waiting for incoming connections..."),
+        1u);
+    ::close(second);
+}
+
+TEST_F(UnixStreamSockIOChannelTest, ClosedPeerLeadsToRetriesThenTimeout)
+{
+    auto server = std::make_unique<UnixServerStreamSockIOChannel>(m_path);
+    server->Start();
+    UnixClientStreamSockIOChannel client(m_path, 2);
+    Received atClient;
+    atClient.Attach(client);
+    client.Start();
+
+    const auto closed = std::chrono::steady_clock::now();
+    server.reset();
+    ASSERT_TRUE(atClient.WaitForError(5s));
+    const auto elapsed = std::chrono::steady_clock::now() - closed;
+    // Two attempts with a one-second pause after each.
+    EXPECT_GE(elapsed, 1800ms);
+    EXPECT_LT(elapsed, 3500ms);
+    EXPECT_EQ(atClient.Errors(), std::vector<IOChannel::Error>{IOChannel::Timeout});
+    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: EOF Received. Trying to reconnect..."), 1u);
+    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Trying to reconnect... 1"), 1u);
+    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Trying to reconnect... 2"), 1u);
+    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Trying to reconnect... 3"), 0u);
+    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Aborting reconnection due to timeout."), 1u);
+    EXPECT_THROW(client.Write(Bytes("x")), IOChannelException);
+    client.Stop();
+}
+
+TEST_F(UnixStreamSockIOChannelTest, ReconnectsWhenServerComesBack)
+{
+    auto server = std::make_unique<UnixServerStreamSockIOChannel>(m_path);
+    server->Start();
+    UnixClientStreamSockIOChannel client(m_path, 0);
+    Received atClient;
+    atClient.Attach(client);
+    std::atomic<int> reconnected{0};
+    client.SetReconnectedCallback([&] { ++reconnected; });
+    client.Start();
+
+    server.reset();
+    ASSERT_TRUE(WaitUntil([&] { return m_capture->Count("Trying to reconnect... 2") == 1; }, 3s));
+    UnixServerStreamSockIOChannel again(m_path);
+    Received atServer;
+    atServer.Attach(again);
+    again.Start();
+    ASSERT_TRUE(WaitUntil([&] { return reconnected == 1; }, 3s));
+    client.Write(Bytes("back"));
+    EXPECT_TRUE(atServer.WaitForBytes("back"));
+    EXPECT_TRUE(atClient.Errors().empty());
+    client.Stop();
+}
+
+TEST_F(UnixStreamSockIOChannelTest, StopDuringReconnectionEndsWithoutError)
+{
+    auto server = std::make_unique<UnixServerStreamSockIOChannel>(m_path);
+    server->Start();
+    UnixClientStreamSockIOChannel client(m_path, 0);
+    Received atClient;
+    atClient.Attach(client);
+    client.Start();
+
+    server.reset();
+    ASSERT_TRUE(WaitUntil([&] { return m_capture->Count("Trying to reconnect... 1") == 1; }, 3s));
+    const auto before = std::chrono::steady_clock::now();
+    client.Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 900ms);
+    EXPECT_EQ(
+        m_capture->Count("UnixClientStreamSockIOChannel: Aborting reconnection because socket is closing."),
+        1u);
+    EXPECT_EQ(m_capture->Count("Aborting reconnection due to timeout."), 0u);
+    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Stopped."), 1u);
+    EXPECT_TRUE(atClient.Errors().empty());
+}
+
+TEST_F(UnixStreamSockIOChannelTest, BrokenPipeIsAnExceptionNotASignal)
+{
+    // Client side: the peer stops reading, so sends fail with EPIPE.
+    const int listener = RawSocket();
+    const sockaddr_un address = Address(m_path);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    UnixClientStreamSockIOChannel client(m_path, -1);
+    client.Start();
+    const int accepted = ::accept(listener, nullptr, nullptr);
+    ASSERT_GE(accepted, 0);
+    ASSERT_EQ(::shutdown(accepted, SHUT_RD), 0);
+    try
+    {
+        client.Write(Bytes("lost"));
+        FAIL() << "write to a peer that does not read succeeded";
+    }
+    catch (const IOChannelException& e)
+    {
+        EXPECT_EQ(e.GetError(), IOChannel::RemoteFailure);
+    }
+    client.Stop();
+    ::close(accepted);
+    ::close(listener);
+
+    // Server side, the same.
+    UnixServerStreamSockIOChannel server(m_dir + "/server.sock");
+    server.Start();
+    const int peer = RawSocket();
+    const sockaddr_un serverAddress = Address(m_dir + "/server.sock");
+    ASSERT_EQ(::connect(peer, reinterpret_cast<const sockaddr*>(&serverAddress), sizeof(serverAddress)), 0);
+    ASSERT_TRUE(WaitUntil([&] { return server.HasClient(); }, 1s));
+    ASSERT_EQ(::shutdown(peer, SHUT_RD), 0);
+    try
+    {
+        server.Write(Bytes("lost"));
+        FAIL() << "write to a peer that does not read succeeded";
+    }
+    catch (const IOChannelException& e)
+    {
+        EXPECT_STREQ(e.what(), "IOChannel: Remote failure");
+    }
+    server.Stop();
+    ::close(peer);
+}
+
+} // namespace
