@@ -1,6 +1,9 @@
 #include "Logging.h"
 
 #include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/File.h>
+#include <Poco/Path.h>
 #include <Poco/Util/LoggingConfigurator.h>
 #include <Poco/Util/PropertyFileConfiguration.h>
 
@@ -28,8 +31,31 @@ void Logging::Initialize(const std::string& configFile)
     }
     Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> config(
         new Poco::Util::PropertyFileConfiguration(configFile));
+    // File channels write below directories that may not exist yet on a fresh
+    // host; create them, then open every channel so that an unusable one is
+    // reported now (as a Poco::Exception) rather than at the first line.
+    Poco::Util::AbstractConfiguration::Keys channels;
+    config->keys("logging.channels", channels);
+    for (const auto& name : channels)
+    {
+        const std::string pathKey = "logging.channels." + name + ".path";
+        if (config->hasProperty(pathKey))
+        {
+            const Poco::Path path(config->getString(pathKey));
+            Poco::File(path.parent()).createDirectories();
+        }
+    }
     Poco::Util::LoggingConfigurator configurator;
     configurator.configure(config);
+    std::vector<std::string> loggers;
+    Poco::Logger::names(loggers);
+    for (const auto& name : loggers)
+    {
+        if (Poco::Channel* channel = Poco::Logger::get(name).getChannel())
+        {
+            channel->open();
+        }
+    }
     g_initialized = true;
 }
 
@@ -88,6 +114,18 @@ const std::string& Logging::ThreadTag()
 {
     thread_local const std::string tag = "[" + std::to_string(::gettid()) + "]:";
     return tag;
+}
+
+void Logging::Write(Poco::Logger& logger, const std::string& text, Poco::Message::Priority priority) noexcept
+{
+    try
+    {
+        logger.log(Poco::Message(logger.name(), text, priority));
+    }
+    catch (...)
+    {
+        // Nowhere left to report it.
+    }
 }
 
 void Logging::ResetForTesting()

@@ -35,6 +35,10 @@ public:
     // "[" + thread id + "]:" for the calling thread (cached per thread).
     static const std::string& ThreadTag();
 
+    // Hands one line to a logger. A failing channel (disk full, file gone)
+    // never reaches the caller: logging must not end the daemon.
+    static void Write(Poco::Logger& logger, const std::string& text, Poco::Message::Priority priority) noexcept;
+
     // Only for tests: forget that Initialize ran.
     static void ResetForTesting();
 };
@@ -49,7 +53,7 @@ public:
         {                                                                                                    \
             std::ostringstream corvidStream_;                                                                \
             corvidStream_ << ::vantor::common::Logging::ThreadTag() << expr;                                 \
-            corvidLogger_.log(Poco::Message(corvidLogger_.name(), corvidStream_.str(), prio));               \
+            ::vantor::common::Logging::Write(corvidLogger_, corvidStream_.str(), prio);                      \
         }                                                                                                    \
     } while (false)
 

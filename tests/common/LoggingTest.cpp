@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
+#include <unistd.h>
 #include <thread>
 
 using vantor::common::Logging;
@@ -87,7 +88,7 @@ TEST_F(LoggingTest, RefreshStopsAtFirstGapAndSkipsUnknownLoggers)
 
 TEST_F(LoggingTest, InitializesOnceFromPropertyFile)
 {
-    const auto log = dir.File("edr.log");
+    const auto log = dir.File("not/yet/there/edr.log");
     const auto file = dir.Write("logging.properties",
                                 "logging.loggers.l1.name = edr\n"
                                 "logging.loggers.l1.level = debug\n"
@@ -97,6 +98,7 @@ TEST_F(LoggingTest, InitializesOnceFromPropertyFile)
     Logging::Initialize(file);
     EXPECT_TRUE(Logging::IsInitialized());
     EXPECT_EQ(Logging::Edr().getLevel(), Poco::Message::PRIO_DEBUG);
+    EXPECT_EQ(::access(log.c_str(), F_OK), 0) << "missing directories are created and the file opened";
     EXPECT_THROW(Logging::Initialize(file), std::logic_error);
 }
 
@@ -106,6 +108,12 @@ TEST_F(LoggingTest, InvalidFileRaisesPocoException)
     const auto bad = dir.Write("bad.properties", "logging.loggers.l1.name = edr\n"
                                                  "logging.loggers.l1.channel = nowhere\n");
     EXPECT_THROW(Logging::Initialize(bad), Poco::Exception);
+    const auto blocked = dir.Write("blocker", "a file where a directory is needed");
+    const auto unusable = dir.Write("unusable.properties", "logging.loggers.l1.name = edr\n"
+                                                           "logging.loggers.l1.channel = file\n"
+                                                           "logging.channels.file.class = FileChannel\n"
+                                                           "logging.channels.file.path = " + blocked + "/edr.log\n");
+    EXPECT_THROW(Logging::Initialize(unusable), Poco::Exception);
     EXPECT_FALSE(Logging::IsInitialized());
 }
 
