@@ -129,13 +129,15 @@ void UnixServerStreamSockIOChannel::Stop()
     EDR_LOG_INFO("UnixServerStreamSockIOChannel: Stopping...");
     StopEventLoop();
     m_fd = -1;
-    CloseClientSocket();
+    // Stop accepting before the client learns of the close, so that a client
+    // that reconnects at once finds no listener instead of a dying one.
     CloseListenSocket();
     if (::unlink(m_socketPath.c_str()) != 0 && errno != ENOENT)
     {
         EDR_LOG_ERROR("UnixServerStreamSockIOChannel::Stop: " << m_socketPath << ": "
                                                               << std::strerror(errno));
     }
+    CloseClientSocket();
     m_started = false;
     EDR_LOG_INFO("UnixServerStreamSockIOChannel: Stopped.");
 }

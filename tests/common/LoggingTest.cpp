@@ -1,5 +1,6 @@
 #include "Logging.h"
 
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 #include <Poco/AutoPtr.h>
@@ -17,24 +18,7 @@ using vantor::common::Logging;
 namespace
 {
 
-// Collects every message written to a logger.
-class CaptureChannel : public Poco::Channel
-{
-public:
-    void log(const Poco::Message& msg) override
-    {
-        std::lock_guard lock(mutex);
-        lines.push_back(msg.getText());
-    }
-    std::vector<std::string> Lines()
-    {
-        std::lock_guard lock(mutex);
-        return lines;
-    }
-
-    std::mutex mutex;
-    std::vector<std::string> lines;
-};
+using vantor::test::CaptureChannel;
 
 class LoggingTest : public testing::Test
 {

@@ -1,6 +1,7 @@
 #include "Logging.h"
 #include "UnixClientStreamSockIOChannel.h"
 #include "UnixServerStreamSockIOChannel.h"
+#include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -35,27 +36,7 @@ using vantor::common::UnixServerStreamSockIOChannel;
 namespace
 {
 
-// Keeps every line the "edr" logger writes, so tests can check the texts.
-class CaptureChannel : public Poco::Channel
-{
-public:
-    void log(const Poco::Message& message) override
-    {
-        std::lock_guard lock(m_mutex);
-        m_lines.push_back(message.getText());
-    }
-
-    size_t Count(const std::string& text) const
-    {
-        std::lock_guard lock(m_mutex);
-        return std::count_if(m_lines.begin(), m_lines.end(),
-                             [&](const std::string& line) { return line.find(text) != std::string::npos; });
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
-};
+using vantor::test::CaptureChannel;
 
 // Bytes and errors that a channel's callbacks delivered.
 struct Received
