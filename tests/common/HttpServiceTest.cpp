@@ -7,8 +7,10 @@
 #include "OnDiskHttpResponse.h"
 #include "SigValidationHttpInterceptor.h"
 #include "TestReceiver.h"
+#include "edr/CommonConfig.h"
 
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -114,7 +116,8 @@ public:
     {
         const std::string log = ReadAll(m_log);
         int count = 0;
-        for (auto pos = log.find("): CONNECT "); pos != std::string::npos; pos = log.find("): CONNECT ", pos + 1))
+        for (auto pos = log.find("): CONNECT "); pos != std::string::npos;
+             pos = log.find("): CONNECT ", pos + 1))
         {
             ++count;
         }
@@ -499,6 +502,46 @@ TEST_F(HttpServiceTest, RangedDownloadAssemblesChunksOnDisk)
     {
         EXPECT_STREQ(e.what(), "OnDiskHttpResponse does not support HTTP interceptors");
     }
+}
+
+TEST_F(HttpServiceTest, SystemProxyFoundByLibproxyIsUsed)
+{
+    if (!Tinyproxy::Available())
+    {
+        GTEST_SKIP() << "tinyproxy is not installed";
+    }
+    Tinyproxy proxy(m_dir);
+    ASSERT_TRUE(proxy.Running());
+    setenv("https_proxy", proxy.Url().c_str(), 1);
+    auto settings = Settings();
+    settings.useSystemProxy = true;
+    HttpUploader uploader(Service(settings), 1);
+    const bool ok = Upload(uploader, m_receiver->Url(), "{}");
+    unsetenv("https_proxy");
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(proxy.Connects(), 1);
+}
+
+TEST(HttpServiceSettingsTest, TakenFromCommonConfigWithExportedProxiesInOrder)
+{
+    rapidjson::Document json;
+    json.Parse(R"({"agent_id":"a1","agent_version":"1","ca_cert_path":"/ca.pem","connection_timeout":7,
+        "customer_id":"c1","log_config_file":"/l","proxy_order":1,"proxy_fail_open":true,"request_timeout":9,
+        "service_url":"https://x","activation_id":"x","agent_effective_uid":0,"agent_effective_gid":0,
+        "ipv4":"","ipv6":"","osname":"","platform":"","agent_install_path":"/opt/a","sudo_command":"",
+        "use_sudo":false,"environment_variables":{"http_proxy":"http://p3:1","corvid_https_proxy":"http://p2:1",
+        "corvid_https_tls_proxy":"http://p1:1","https_proxy":"http://p2:1","PATH":"/bin"}})");
+    const vantor::edr::CommonConfig config(json);
+    const auto settings = HttpServiceSettings::FromCommonConfig(config);
+    EXPECT_EQ(settings.connectionTimeout, 7s);
+    EXPECT_EQ(settings.requestTimeout, 9s);
+    EXPECT_EQ(settings.caCertPath, "/ca.pem");
+    EXPECT_TRUE(settings.useProxyOrder);
+    EXPECT_TRUE(settings.proxyFailOpen);
+    EXPECT_EQ(settings.customerId, "c1");
+    EXPECT_EQ(settings.agentId, "a1");
+    EXPECT_EQ(settings.proxies, (std::vector<std::string>{"http://p1:1", "http://p2:1", "http://p3:1"}));
+    EXPECT_THROW(HmacRequestSigner::FromCommonConfig(config), std::runtime_error); // no key under /opt/a
 }
 
 } // namespace
