@@ -1,0 +1,54 @@
+#include "LzmaHttpInterceptor.h"
+
+#include "InMemoryHttpResponse.h"
+#include "Logging.h"
+#include "util/Lzma.h"
+
+#include <strings.h>
+
+namespace vantor::common
+{
+
+void LzmaHttpInterceptor::InterceptRequest(MutableHttpRequest& request)
+{
+    request.AddHeader("Accept-Encoding", kEncoding);
+    if (request.Payload().empty())
+    {
+        return;
+    }
+    try
+    {
+        request.SetPayload(util::LzmaCompress(request.Payload()));
+    }
+    catch (const util::LzmaException& e)
+    {
+        throw HttpInterceptorException(std::string("LzmaHttpInterceptor: ") + e.what());
+    }
+    request.AddHeader("Content-Encoding", kEncoding);
+    EDR_LOG_DEBUG("Request payload data is " << kEncoding << " compressed.");
+}
+
+void LzmaHttpInterceptor::InterceptResponse(MutableHttpResponse& response)
+{
+    const auto encoding = response.Headers().Get("Content-Encoding");
+    if (!encoding || strcasecmp(encoding->c_str(), kEncoding) != 0)
+    {
+        return;
+    }
+    EDR_LOG_DEBUG("Payload data is " << kEncoding << " compressed.");
+    try
+    {
+        const auto* inMemory = dynamic_cast<const InMemoryHttpResponse*>(&response);
+        const std::string plain =
+            util::LzmaDecompress(inMemory != nullptr ? inMemory->PayloadRef() : response.Payload());
+        response.SetPayload(plain);
+        response.RemoveHeader("Content-Encoding");
+    }
+    catch (const util::LzmaException& e)
+    {
+        EDR_LOG_ERROR("Failed to decompress the response");
+        throw HttpInterceptorException(std::string("Failed to decompress the response: ") + e.what());
+    }
+}
+
+} // namespace vantor::common

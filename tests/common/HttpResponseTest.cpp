@@ -1,0 +1,128 @@
+#include "HttpDownloadManager.h"
+#include "InMemoryHttpResponse.h"
+#include "MutableHttpRequest.h"
+#include "util/Base64.h"
+#include "util/Lzma.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+using namespace vantor::common;
+
+namespace
+{
+
+template <typename F>
+std::string ErrorOf(F&& f)
+{
+    try
+    {
+        f();
+    }
+    catch (const std::exception& e)
+    {
+        return e.what();
+    }
+    return "no exception";
+}
+
+} // namespace
+
+TEST(HttpResponseTest, FinalizedResponseRefusesEveryChange)
+{
+    InMemoryHttpResponse response;
+    response.SetStatus(200);
+    response.AddHeader("X-A", "1");
+    response.AppendPayload("abc");
+    response.Reset();
+    EXPECT_EQ(response.Status(), 0);
+    EXPECT_FALSE(response.Headers().Has("x-a"));
+    EXPECT_EQ(response.Payload(), "");
+
+    response.SetPayload("body");
+    response.AddHeader("X-A", "1");
+    response.Finalize();
+    EXPECT_EQ(ErrorOf([&] { response.AddHeader("X-B", "2"); }),
+              "Cannot add header to HttpResponse after it has been finalized");
+    EXPECT_EQ(ErrorOf([&] { response.RemoveHeader("X-A"); }),
+              "Cannot remove header from HttpResponse after it has been finalized");
+    EXPECT_EQ(ErrorOf([&] { response.AppendPayload("x"); }),
+              "Cannot update HttpResponse payload after it has been finalized");
+    EXPECT_EQ(ErrorOf([&] { response.SetStatus(500); }),
+              "Cannot update HttpResponse status after it has been finalized");
+    EXPECT_EQ(ErrorOf([&] { response.Reset(); }), "Cannot reset HttpResponse to initial state");
+    EXPECT_EQ(response.Payload(), "body");
+    EXPECT_EQ(response.Headers().Get("x-A"), "1");
+}
+
+TEST(HttpResponseTest, HeaderNamesAndValuesCannotInjectLines)
+{
+    MutableHttpRequest request(HttpMethod::Post, "https://127.0.0.1/");
+    for (const char* bad : {"", "Bad Name", "Bad:Name", "X\r\nInjected", "Ünicode"})
+    {
+        EXPECT_EQ(ErrorOf([&] { request.AddHeader(bad, "v"); }), "AddHeader: Invalid header key") << bad;
+    }
+    EXPECT_EQ(ErrorOf([&] { request.AddHeader("X-Ok", "a\r\nX-Evil: 1"); }),
+              "AddHeader: Invalid header value");
+    request.AddHeader("X-Ok", "first");
+    request.AddHeader("x-ok", "second");
+    ASSERT_EQ(request.Headers().Entries().size(), 1u);
+    EXPECT_EQ(request.Headers().Get("X-OK"), "second");
+}
+
+TEST(HttpResponseTest, PutPayloadIsLimitedTo16KbButPostIsNot)
+{
+    MutableHttpRequest request(HttpMethod::Put, "https://127.0.0.1/");
+    request.SetPayload(std::string(16384, 'a'));
+    EXPECT_NO_THROW(request.Validate());
+    request.SetPayload(std::string(16385, 'a'));
+    EXPECT_EQ(ErrorOf([&] { request.Validate(); }), "PUT method only supports a maximum payload of 16KB");
+    request.SetMethod(HttpMethod::Post);
+    EXPECT_NO_THROW(request.Validate());
+}
+
+TEST(HttpResponseTest, LzmaRoundTripAndHostileInput)
+{
+    std::mt19937 rng(7);
+    std::string binary(200000, '\0');
+    for (auto& c : binary)
+    {
+        c = static_cast<char>(rng() % 16);
+    }
+    for (const std::string& data : {std::string(), std::string("x"), binary})
+    {
+        const std::string packed = vantor::util::LzmaCompress(data);
+        EXPECT_EQ(vantor::util::LzmaDecompress(packed), data);
+    }
+    const std::string packed = vantor::util::LzmaCompress(binary);
+    EXPECT_LT(packed.size(), binary.size());
+    EXPECT_THROW(vantor::util::LzmaDecompress(packed.substr(0, packed.size() / 2)),
+                 vantor::util::LzmaException);
+    EXPECT_THROW(vantor::util::LzmaDecompress("not lzma at all"), vantor::util::LzmaException);
+    // A small stream that expands beyond the limit is refused, not inflated.
+    EXPECT_THROW(vantor::util::LzmaDecompress(vantor::util::LzmaCompress(std::string(1 << 20, 'z')), 1 << 16),
+                 vantor::util::LzmaException);
+}
+
+TEST(HttpResponseTest, Base64RoundTripAndRejection)
+{
+    const std::string bytes("\0\xff\x10 binary", 10);
+    EXPECT_EQ(vantor::util::Base64Decode(vantor::util::Base64Encode(bytes)), bytes);
+    EXPECT_EQ(vantor::util::Base64Encode("abc"), "YWJj");
+    EXPECT_THROW(vantor::util::Base64Decode("***"), std::invalid_argument);
+}
+
+TEST(HttpResponseTest, ContentRangeParsing)
+{
+    const auto range = HttpDownloadManager::ParseContentRange("bytes 100-199/1000");
+    ASSERT_TRUE(range);
+    EXPECT_EQ(range->first, 100u);
+    EXPECT_EQ(range->last, 199u);
+    EXPECT_EQ(range->total, 1000u);
+    for (const char* bad : {"", "bytes */1000", "bytes 5-4/10", "bytes 0-10/10", "items 0-1/2", "bytes 0-1/x",
+                            "bytes -1-2/3", "bytes 0-99999999999999999999999/1"})
+    {
+        EXPECT_FALSE(HttpDownloadManager::ParseContentRange(bad)) << bad;
+    }
+}

@@ -1,0 +1,547 @@
+#include "HttpService.h"
+#include "HmacRequestSigner.h"
+#include "HttpDownloadManager.h"
+#include "HttpUploader.h"
+#include "InMemoryHttpResponse.h"
+#include "LzmaHttpInterceptor.h"
+#include "OnDiskHttpResponse.h"
+#include "SigValidationHttpInterceptor.h"
+#include "TestReceiver.h"
+#include "edr/CommonConfig.h"
+
+#include <gtest/gtest.h>
+#include <rapidjson/document.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <random>
+#include <thread>
+
+extern char** environ;
+
+using namespace vantor::common;
+using vantor::tools::TestReceiver;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+const char* kKey = "0123456789abcdef-test-key";
+
+std::string ReadAll(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+uint16_t FreePort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
+bool Accepts(uint16_t port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    close(fd);
+    return ok;
+}
+
+// A real tinyproxy on a free loopback port with its own configuration.
+class Tinyproxy
+{
+public:
+    static bool Available() { return access("/usr/bin/tinyproxy", X_OK) == 0; }
+
+    explicit Tinyproxy(const std::string& dir)
+        : m_port(FreePort())
+        , m_log(dir + "/tinyproxy-" + std::to_string(m_port) + ".log")
+    {
+        const std::string conf = dir + "/tinyproxy-" + std::to_string(m_port) + ".conf";
+        std::ofstream(conf) << "Port " << m_port << "\nListen 127.0.0.1\nTimeout 5\nMaxClients 20\n"
+                            << "LogLevel Connect\nLogFile \"" << m_log << "\"\nAllow 127.0.0.1\n";
+        const char* argv[] = {"/usr/bin/tinyproxy", "-d", "-c", conf.c_str(), nullptr};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        const int rc = posix_spawn(&m_pid, argv[0], &actions, nullptr, const_cast<char**>(argv), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (rc != 0)
+        {
+            m_pid = -1;
+            return;
+        }
+        for (int i = 0; i < 200 && !Accepts(m_port); ++i)
+        {
+            std::this_thread::sleep_for(10ms);
+        }
+    }
+    ~Tinyproxy()
+    {
+        if (m_pid > 0)
+        {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+    bool Running() const { return m_pid > 0 && Accepts(m_port); }
+    std::string Url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+    // Tunnels opened through this proxy so far.
+    int Connects() const
+    {
+        const std::string log = ReadAll(m_log);
+        int count = 0;
+        for (auto pos = log.find("): CONNECT "); pos != std::string::npos;
+             pos = log.find("): CONNECT ", pos + 1))
+        {
+            ++count;
+        }
+        return count;
+    }
+
+private:
+    uint16_t m_port;
+    std::string m_log;
+    pid_t m_pid = -1;
+};
+
+class HttpServiceTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        char pattern[] = "/tmp/corvid-http-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        m_dir = pattern;
+        std::filesystem::create_directories(m_dir + "/out");
+        std::filesystem::create_directories(m_dir + "/keys");
+        std::ofstream(m_dir + "/keys/edr_hmac.key") << kKey << "\n";
+        TestReceiver::Options options;
+        options.outputDir = m_dir + "/out";
+        options.certDir = m_dir;
+        options.hmacKey = kKey;
+        options.customerId = "cust-1";
+        options.agentId = "agent-1";
+        m_receiver = std::make_unique<TestReceiver>(options);
+        m_receiver->Start();
+    }
+
+    void TearDown() override
+    {
+        m_services.clear();
+        m_receiver.reset();
+        std::filesystem::remove_all(m_dir);
+    }
+
+    HttpServiceSettings Settings() const
+    {
+        HttpServiceSettings settings;
+        settings.connectionTimeout = 2s;
+        settings.requestTimeout = 3s;
+        settings.caCertPath = m_receiver->Certificate().certPath;
+        settings.useSystemProxy = false;
+        settings.retryAttempts = 0;
+        settings.retryPause = 20ms;
+        settings.customerId = "cust-1";
+        settings.agentId = "agent-1";
+        return settings;
+    }
+
+    std::shared_ptr<HttpService> Service(const HttpServiceSettings& settings, bool lzma = true)
+    {
+        auto service = std::make_shared<HttpService>(
+            settings, std::make_shared<HmacRequestSigner>(m_dir + "/keys/edr_hmac.key"));
+        if (lzma)
+        {
+            service->AddInterceptor(std::make_shared<LzmaHttpInterceptor>());
+        }
+        service->Start();
+        m_services.push_back(service);
+        return service;
+    }
+
+    static bool Upload(HttpUploader& uploader, const std::string& url, const std::string& payload)
+    {
+        std::promise<bool> done;
+        std::atomic<int> calls{0};
+        uploader.Upload(url, payload, "application/json", "fim",
+                        [&](bool ok)
+                        {
+                            if (calls++ == 0)
+                            {
+                                done.set_value(ok);
+                            }
+                        });
+        auto future = done.get_future();
+        if (future.wait_for(20s) != std::future_status::ready)
+        {
+            ADD_FAILURE() << "upload did not complete";
+            return false;
+        }
+        const bool result = future.get();
+        std::this_thread::sleep_for(20ms);
+        EXPECT_EQ(calls.load(), 1) << "callback must run exactly once";
+        return result;
+    }
+
+    static std::shared_ptr<HttpResponse> Perform(HttpService& service, const HttpRequest& request)
+    {
+        std::promise<std::shared_ptr<HttpResponse>> done;
+        service.Queue(request, [&](const std::shared_ptr<HttpResponse>& r) { done.set_value(r); });
+        return done.get_future().get();
+    }
+
+    std::string m_dir;
+    std::unique_ptr<TestReceiver> m_receiver;
+    std::vector<std::shared_ptr<HttpService>> m_services;
+};
+
+TEST_F(HttpServiceTest, UploadCarriesFixedHeadersAndValidHmacAndArrivesByteExact)
+{
+    HttpUploader uploader(Service(Settings()), 1);
+    std::mt19937 rng(1);
+    std::string payload(100 * 1024, '\0');
+    for (auto& c : payload)
+    {
+        c = static_cast<char>(rng() % 40);
+    }
+    ASSERT_TRUE(Upload(uploader, m_receiver->Url("/upload/fim?v=1"), payload));
+
+    const auto requests = m_receiver->Requests();
+    ASSERT_EQ(requests.size(), 1u);
+    const auto& r = requests[0];
+    EXPECT_EQ(r.rejection, "");
+    EXPECT_EQ(r.headers.Get("C-PROTOTYPE"), "fim");
+    EXPECT_EQ(r.headers.Get("C-PRODUCT"), "OUTPOST");
+    EXPECT_EQ(r.headers.Get("Content-Encoding"), "LZMA");
+    EXPECT_EQ(r.headers.Get("Content-Type"), "application/json");
+    EXPECT_TRUE(r.headers.Get("X-CRVD-Authorization")->starts_with("CRVD-HMAC-SHA256 Credential=agent-1, "));
+    EXPECT_TRUE(ReadAll(m_dir + "/out/1.payload") == payload);
+}
+
+TEST_F(HttpServiceTest, ReceiverRejectsAWrongHmacKey)
+{
+    std::ofstream(m_dir + "/keys/other.key") << "not-the-key";
+    auto service = std::make_shared<HttpService>(
+        Settings(), std::make_shared<HmacRequestSigner>(m_dir + "/keys/other.key"));
+    service->Start();
+    m_services.push_back(service);
+    HttpUploader uploader(service, 1);
+    EXPECT_FALSE(Upload(uploader, m_receiver->Url(), "{}"));
+    ASSERT_EQ(m_receiver->RequestCount(), 1u);
+    EXPECT_EQ(m_receiver->Requests()[0].rejection, "HMAC: signature mismatch");
+    EXPECT_EQ(m_receiver->StoredCount(), 0u);
+}
+
+TEST_F(HttpServiceTest, LzmaAnswerIsDecompressedAndItsSignatureChecked)
+{
+    auto settings = Settings();
+    auto service = std::make_shared<HttpService>(
+        settings, std::make_shared<HmacRequestSigner>(m_dir + "/keys/edr_hmac.key"));
+    service->AddInterceptor(std::make_shared<LzmaHttpInterceptor>());
+    service->AddInterceptor(
+        std::make_shared<SigValidationHttpInterceptor>(m_receiver->Certificate().publicKeyPath));
+    service->Start();
+    m_services.push_back(service);
+    MutableHttpRequest request(HttpMethod::Post, m_receiver->Url());
+    request.SetProtocolType("status");
+    request.SetPayload("payload");
+    auto response = Perform(*service, request);
+    EXPECT_TRUE(response->IsSuccess()) << response->Error();
+    EXPECT_EQ(response->Payload(), R"({"stored":1})");
+    EXPECT_FALSE(response->Headers().Has("Content-Encoding"));
+    EXPECT_FALSE(response->Headers().Has("C-SRV"));
+    EXPECT_TRUE(response->IsFinalized());
+
+    // Answers signed by another key are refused.
+    const auto other = vantor::tools::TestCertificate::Create(m_dir, "other");
+    auto strict = std::make_shared<HttpService>(
+        settings, std::make_shared<HmacRequestSigner>(m_dir + "/keys/edr_hmac.key"));
+    strict->AddInterceptor(std::make_shared<SigValidationHttpInterceptor>(other.publicKeyPath));
+    strict->Start();
+    m_services.push_back(strict);
+    response = Perform(*strict, request);
+    EXPECT_EQ(response->GetOutcome(), HttpResponse::Outcome::Failed);
+    EXPECT_EQ(response->Error(), "Response signature validation failed");
+}
+
+TEST_F(HttpServiceTest, PutAbove16KbIsRefusedAndPostOf1MbAccepted)
+{
+    auto service = Service(Settings(), false);
+    MutableHttpRequest put(HttpMethod::Put, m_receiver->Url("/upload/put"));
+    put.SetProtocolType("status");
+    put.SetPayload(std::string(16385, 'p'));
+    try
+    {
+        service->Queue(put,
+                       [](const std::shared_ptr<HttpResponse>&) { ADD_FAILURE() << "must not be sent"; });
+        ADD_FAILURE() << "oversized PUT queued";
+    }
+    catch (const std::invalid_argument& e)
+    {
+        EXPECT_STREQ(e.what(), "PUT method only supports a maximum payload of 16KB");
+    }
+    put.SetPayload(std::string(16384, 'p'));
+    EXPECT_TRUE(Perform(*service, put)->IsSuccess());
+
+    HttpUploader uploader(service, 1);
+    const std::string big(1024 * 1024, 'b');
+    ASSERT_TRUE(Upload(uploader, m_receiver->Url(), big));
+    EXPECT_TRUE(ReadAll(m_dir + "/out/2.payload") == big);
+    EXPECT_EQ(m_receiver->Requests()[0].method, "PUT");
+}
+
+TEST_F(HttpServiceTest, ServerErrorIsRetriedOnceThenSucceeds)
+{
+    // The uploader's own retry.
+    HttpUploader uploader(Service(Settings()), 3);
+    m_receiver->FailNext(1, 503);
+    EXPECT_TRUE(Upload(uploader, m_receiver->Url(), "{\"a\":1}"));
+    EXPECT_EQ(m_receiver->RequestCount(), 2u);
+    EXPECT_EQ(m_receiver->StoredCount(), 1u);
+
+    // The service's retry on the same route.
+    auto settings = Settings();
+    settings.retryAttempts = 1;
+    HttpUploader single(Service(settings), 1);
+    m_receiver->FailNext(1, 500);
+    EXPECT_TRUE(Upload(single, m_receiver->Url(), "{\"a\":2}"));
+    EXPECT_EQ(m_receiver->RequestCount(), 4u);
+    EXPECT_EQ(m_receiver->StoredCount(), 2u);
+}
+
+TEST_F(HttpServiceTest, UploaderGivesUpAtItsMaximum)
+{
+    HttpUploader uploader(Service(Settings()), 2);
+    m_receiver->FailNext(100, 502);
+    EXPECT_FALSE(Upload(uploader, m_receiver->Url(), "{}"));
+    EXPECT_EQ(m_receiver->RequestCount(), 2u);
+    EXPECT_EQ(m_receiver->StoredCount(), 0u);
+    EXPECT_THROW(HttpUploader(m_services.back(), 0), std::invalid_argument);
+}
+
+TEST_F(HttpServiceTest, WrongCaFailsWithoutEverSendingTheRequest)
+{
+    const auto other = vantor::tools::TestCertificate::Create(m_dir, "other");
+    auto settings = Settings();
+    settings.caCertPath = other.certPath;
+    settings.retryAttempts = 2;
+    auto service = Service(settings);
+    MutableHttpRequest request(HttpMethod::Post, m_receiver->Url());
+    request.SetPayload("secret");
+    const auto response = Perform(*service, request);
+    EXPECT_EQ(response->GetOutcome(), HttpResponse::Outcome::Failed);
+    EXPECT_EQ(response->Status(), 0);
+    EXPECT_EQ(m_receiver->RequestCount(), 0u);
+}
+
+TEST_F(HttpServiceTest, StalledServerTimesOut)
+{
+    auto settings = Settings();
+    settings.requestTimeout = 300ms;
+    auto service = Service(settings);
+    m_receiver->StallNext(1, 10s);
+    MutableHttpRequest request(HttpMethod::Post, m_receiver->Url());
+    const auto start = std::chrono::steady_clock::now();
+    const auto response = Perform(*service, request);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+    EXPECT_EQ(response->GetOutcome(), HttpResponse::Outcome::Failed);
+    EXPECT_NE(response->Error().find("timed out"), std::string::npos) << response->Error();
+}
+
+TEST_F(HttpServiceTest, StopCompletesEveryRequestExactlyOnce)
+{
+    auto settings = Settings();
+    settings.retryAttempts = 5;
+    settings.retryPause = 5s;
+    auto service = Service(settings);
+    m_receiver->StallNext(3, 10s);
+    m_receiver->FailNext(100, 503);
+    constexpr int kRequests = 6;
+    std::array<std::atomic<int>, kRequests> calls{};
+    std::array<std::atomic<int>, kRequests> outcome{};
+    for (int i = 0; i < kRequests; ++i)
+    {
+        MutableHttpRequest request(HttpMethod::Post, m_receiver->Url());
+        service->Queue(request,
+                       [&, i](const std::shared_ptr<HttpResponse>& r)
+                       {
+                           ++calls[i];
+                           outcome[i] = static_cast<int>(r->GetOutcome());
+                       });
+    }
+    ASSERT_TRUE(m_receiver->WaitForRequests(3, 5s)); // the non-stalled ones now wait to retry
+    const auto start = std::chrono::steady_clock::now();
+    service->Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    for (int i = 0; i < kRequests; ++i)
+    {
+        EXPECT_EQ(calls[i].load(), 1) << i;
+        EXPECT_EQ(outcome[i].load(), static_cast<int>(HttpResponse::Outcome::Cancelled)) << i;
+    }
+    MutableHttpRequest late(HttpMethod::Post, m_receiver->Url());
+    try
+    {
+        service->Queue(late, [](const std::shared_ptr<HttpResponse>&) {});
+        ADD_FAILURE() << "queued to a stopped service";
+    }
+    catch (const HttpServiceException& e)
+    {
+        EXPECT_STREQ(e.what(), "HttpService is not running");
+    }
+    try
+    {
+        service->Start();
+        ADD_FAILURE() << "restarted a stopped service";
+    }
+    catch (const HttpServiceException& e)
+    {
+        EXPECT_STREQ(e.what(), "HttpService cannot be started when in state 2");
+    }
+    HttpUploader uploader(service, 3);
+    EXPECT_FALSE(Upload(uploader, m_receiver->Url(), "{}"));
+}
+
+TEST_F(HttpServiceTest, DeadProxyIsBypassedOnlyWhenFailOpen)
+{
+    auto settings = Settings();
+    settings.useProxyOrder = true;
+    settings.proxies = {"http://127.0.0.1:" + std::to_string(FreePort())};
+    settings.proxyFailOpen = false;
+    HttpUploader closed(Service(settings), 1);
+    EXPECT_FALSE(Upload(closed, m_receiver->Url(), "{}"));
+    EXPECT_EQ(m_receiver->RequestCount(), 0u);
+
+    settings.proxyFailOpen = true;
+    HttpUploader open(Service(settings), 1);
+    EXPECT_TRUE(Upload(open, m_receiver->Url(), "{}"));
+    EXPECT_EQ(m_receiver->StoredCount(), 1u);
+
+    // Outside proxy-order mode the configured proxies are not used at all.
+    settings.useProxyOrder = false;
+    settings.proxyFailOpen = false;
+    HttpUploader direct(Service(settings), 1);
+    EXPECT_TRUE(Upload(direct, m_receiver->Url(), "{}"));
+}
+
+TEST_F(HttpServiceTest, ProxiesAreUsedInOrderAndAnswerWithoutCSrvFailsOver)
+{
+    if (!Tinyproxy::Available())
+    {
+        GTEST_SKIP() << "tinyproxy is not installed";
+    }
+    Tinyproxy first(m_dir);
+    Tinyproxy second(m_dir);
+    ASSERT_TRUE(first.Running() && second.Running());
+    auto settings = Settings();
+    settings.useProxyOrder = true;
+    settings.proxies = {first.Url(), second.Url()};
+    HttpUploader uploader(Service(settings), 1);
+
+    ASSERT_TRUE(Upload(uploader, m_receiver->Url(), "{\"via\":1}"));
+    EXPECT_EQ(first.Connects(), 1);
+    EXPECT_EQ(second.Connects(), 0);
+
+    // The first route's answer lacks C-SRV: it is not trusted, the next
+    // proxy is tried and its answer accepted.
+    m_receiver->DropServerHeaderNext(1);
+    ASSERT_TRUE(Upload(uploader, m_receiver->Url(), "{\"via\":2}"));
+    // (The first proxy's tunnel may be reused, so only the second's count moves.)
+    EXPECT_EQ(second.Connects(), 1);
+    EXPECT_EQ(m_receiver->RequestCount(), 3u);
+    EXPECT_EQ(m_receiver->StoredCount(), 3u);
+
+    // Without fail-open no route is left after the last proxy.
+    m_receiver->DropServerHeaderNext(2);
+    EXPECT_FALSE(Upload(uploader, m_receiver->Url(), "{\"via\":3}"));
+}
+
+TEST_F(HttpServiceTest, RangedDownloadAssemblesChunksOnDisk)
+{
+    auto service = Service(Settings());
+    HttpDownloadManager downloader(service, 1000);
+    const std::string target = m_dir + "/download.bin";
+    ASSERT_TRUE(downloader.Download(m_receiver->Url("/download/2500"), target));
+    EXPECT_EQ(ReadAll(target), TestReceiver::DownloadContent(2500));
+    EXPECT_EQ(m_receiver->RequestCount(), 3u);
+    EXPECT_FALSE(downloader.Download(m_receiver->Url("/upload"), target)); // a 400, not a range
+
+    // An on-disk response cannot go through the interceptors.
+    MutableHttpRequest request(HttpMethod::Get, m_receiver->Url("/download/10"));
+    try
+    {
+        service->Queue(request, std::make_shared<OnDiskHttpResponse>(target), nullptr);
+        ADD_FAILURE() << "on-disk response accepted with interceptors";
+    }
+    catch (const HttpServiceException& e)
+    {
+        EXPECT_STREQ(e.what(), "OnDiskHttpResponse does not support HTTP interceptors");
+    }
+}
+
+TEST_F(HttpServiceTest, SystemProxyFoundByLibproxyIsUsed)
+{
+    if (!Tinyproxy::Available())
+    {
+        GTEST_SKIP() << "tinyproxy is not installed";
+    }
+    Tinyproxy proxy(m_dir);
+    ASSERT_TRUE(proxy.Running());
+    setenv("https_proxy", proxy.Url().c_str(), 1);
+    auto settings = Settings();
+    settings.useSystemProxy = true;
+    HttpUploader uploader(Service(settings), 1);
+    const bool ok = Upload(uploader, m_receiver->Url(), "{}");
+    unsetenv("https_proxy");
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(proxy.Connects(), 1);
+}
+
+TEST(HttpServiceSettingsTest, TakenFromCommonConfigWithExportedProxiesInOrder)
+{
+    rapidjson::Document json;
+    json.Parse(R"({"agent_id":"a1","agent_version":"1","ca_cert_path":"/ca.pem","connection_timeout":7,
+        "customer_id":"c1","log_config_file":"/l","proxy_order":1,"proxy_fail_open":true,"request_timeout":9,
+        "service_url":"https://x","activation_id":"x","agent_effective_uid":0,"agent_effective_gid":0,
+        "ipv4":"","ipv6":"","osname":"","platform":"","agent_install_path":"/opt/a","sudo_command":"",
+        "use_sudo":false,"environment_variables":{"http_proxy":"http://p3:1","corvid_https_proxy":"http://p2:1",
+        "corvid_https_tls_proxy":"http://p1:1","https_proxy":"http://p2:1","PATH":"/bin"}})");
+    const vantor::edr::CommonConfig config(json);
+    const auto settings = HttpServiceSettings::FromCommonConfig(config);
+    EXPECT_EQ(settings.connectionTimeout, 7s);
+    EXPECT_EQ(settings.requestTimeout, 9s);
+    EXPECT_EQ(settings.caCertPath, "/ca.pem");
+    EXPECT_TRUE(settings.useProxyOrder);
+    EXPECT_TRUE(settings.proxyFailOpen);
+    EXPECT_EQ(settings.customerId, "c1");
+    EXPECT_EQ(settings.agentId, "a1");
+    EXPECT_EQ(settings.proxies, (std::vector<std::string>{"http://p1:1", "http://p2:1", "http://p3:1"}));
+    EXPECT_THROW(HmacRequestSigner::FromCommonConfig(config), std::runtime_error); // no key under /opt/a
+}
+
+} // namespace

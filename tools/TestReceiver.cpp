@@ -1,0 +1,428 @@
+#include "TestReceiver.h"
+
+#include "HmacRequestSigner.h"
+#include "util/Base64.h"
+#include "util/Lzma.h"
+#include "util/Sha256.h"
+
+#include <Poco/Net/Context.h>
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/SSLManager.h>
+#include <Poco/Net/SecureServerSocket.h>
+#include <Poco/StreamCopier.h>
+#include <Poco/URI.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include <charconv>
+#include <fstream>
+#include <stdexcept>
+#include <strings.h>
+
+namespace vantor::tools
+{
+namespace
+{
+
+constexpr std::size_t kMaxBody = 64 * 1024 * 1024;
+
+struct FixedHeader
+{
+    const char* name;
+    const char* value; // nullptr: any non-empty value
+};
+constexpr FixedHeader kFixedHeaders[] = {
+    {"C-PRODUCT", "OUTPOST"},   {"C-PROTOVER", "1.0"},      {"C-PROTOCLNTPLATFORM", "LINUX"},
+    {"C-PROTOCLNTARCH", "x64"}, {"C-PROTOTYPE", nullptr},   {"C-CUSTID", nullptr},
+    {"C-CLNTID", nullptr},      {"C-PAYLOADHASH", nullptr}, {"X-Correlation-Id", nullptr},
+};
+
+std::string Sign(const std::string& keyPath, const std::string& body)
+{
+    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(keyPath.c_str(), "re"), &std::fclose);
+    if (!file)
+    {
+        return {};
+    }
+    std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
+        PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);
+    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> ctx(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+    size_t length = 0;
+    if (!key || !ctx || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1 ||
+        EVP_DigestSign(ctx.get(), nullptr, &length, reinterpret_cast<const unsigned char*>(body.data()),
+                       body.size()) != 1)
+    {
+        return {};
+    }
+    std::string signature(length, '\0');
+    if (EVP_DigestSign(ctx.get(), reinterpret_cast<unsigned char*>(signature.data()), &length,
+                       reinterpret_cast<const unsigned char*>(body.data()), body.size()) != 1)
+    {
+        return {};
+    }
+    signature.resize(length);
+    return util::Base64Encode(signature);
+}
+
+unsigned ToUnsigned(const std::string& text)
+{
+    unsigned value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
+}
+
+} // namespace
+
+class TestReceiver::Handler : public Poco::Net::HTTPRequestHandler
+{
+public:
+    explicit Handler(TestReceiver& receiver)
+        : m_receiver(receiver)
+    {
+    }
+    void handleRequest(Poco::Net::HTTPServerRequest& request,
+                       Poco::Net::HTTPServerResponse& response) override
+    {
+        m_receiver.Handle(request, response);
+    }
+
+private:
+    TestReceiver& m_receiver;
+};
+
+class TestReceiver::Factory : public Poco::Net::HTTPRequestHandlerFactory
+{
+public:
+    explicit Factory(TestReceiver& receiver)
+        : m_receiver(receiver)
+    {
+    }
+    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
+    {
+        return new Handler(m_receiver);
+    }
+
+private:
+    TestReceiver& m_receiver;
+};
+
+TestReceiver::TestReceiver(Options options)
+    : m_options(std::move(options))
+{
+    if (m_options.outputDir.empty() || m_options.certDir.empty())
+    {
+        throw std::invalid_argument("TestReceiver: outputDir and certDir are required");
+    }
+    m_certificate = TestCertificate::Create(m_options.certDir);
+}
+
+TestReceiver::~TestReceiver()
+{
+    Stop();
+}
+
+void TestReceiver::Start()
+{
+    Poco::Net::initializeSSL();
+    Poco::Net::Context::Ptr context =
+        new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, m_certificate.keyPath,
+                               m_certificate.certPath, "", Poco::Net::Context::VERIFY_NONE);
+    Poco::Net::SecureServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", m_options.port), 64, context);
+    m_port = socket.address().port();
+    auto* params = new Poco::Net::HTTPServerParams;
+    params->setMaxThreads(16);
+    params->setKeepAlive(true);
+    params->setTimeout(Poco::Timespan(10, 0));
+    {
+        std::lock_guard lock(m_mutex);
+        m_stopping = false;
+    }
+    m_server = std::make_unique<Poco::Net::HTTPServer>(new Factory(*this), socket, params);
+    m_server->start();
+}
+
+void TestReceiver::Stop()
+{
+    if (!m_server)
+    {
+        return;
+    }
+    {
+        std::lock_guard lock(m_mutex);
+        m_stopping = true;
+    }
+    m_cv.notify_all();
+    m_server->stopAll(true);
+    m_server.reset();
+}
+
+std::string TestReceiver::Url(const std::string& path) const
+{
+    return "https://127.0.0.1:" + std::to_string(m_port) + path;
+}
+
+void TestReceiver::FailNext(unsigned count, int status)
+{
+    std::lock_guard lock(m_mutex);
+    m_failCount = count;
+    m_failStatus = status;
+}
+
+void TestReceiver::StallNext(unsigned count, std::chrono::milliseconds duration)
+{
+    std::lock_guard lock(m_mutex);
+    m_stallCount = count;
+    m_stallDuration = duration;
+}
+
+void TestReceiver::DropServerHeaderNext(unsigned count)
+{
+    std::lock_guard lock(m_mutex);
+    m_dropCount = count;
+}
+
+std::vector<TestReceiver::Received> TestReceiver::Requests() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_requests;
+}
+
+std::size_t TestReceiver::RequestCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_requests.size();
+}
+
+std::size_t TestReceiver::StoredCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_stored;
+}
+
+bool TestReceiver::WaitForRequests(std::size_t count, std::chrono::milliseconds timeout) const
+{
+    std::unique_lock lock(m_mutex);
+    return m_cv.wait_for(lock, timeout, [&] { return m_requests.size() >= count; });
+}
+
+std::string TestReceiver::DownloadContent(std::size_t size)
+{
+    std::string content(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+    {
+        content[i] = static_cast<char>((i * 7 + i / 251) % 256);
+    }
+    return content;
+}
+
+std::string TestReceiver::Check(const Received& received, const std::string& body) const
+{
+    for (const auto& fixed : kFixedHeaders)
+    {
+        const auto value = received.headers.Get(fixed.name);
+        if (!value || value->empty() || (fixed.value != nullptr && *value != fixed.value))
+        {
+            return std::string("bad or missing header ") + fixed.name;
+        }
+    }
+    if (!m_options.customerId.empty() && received.headers.Get("C-CUSTID") != m_options.customerId)
+    {
+        return "unexpected C-CUSTID";
+    }
+    if (!m_options.agentId.empty() && received.headers.Get("C-CLNTID") != m_options.agentId)
+    {
+        return "unexpected C-CLNTID";
+    }
+    if (received.headers.Get("C-PAYLOADHASH") != util::Sha256Hex(body))
+    {
+        return "payload hash mismatch";
+    }
+    if (!m_options.hmacKey.empty())
+    {
+        const std::string reason = common::HmacRequestSigner::Verify(
+            m_options.hmacKey, received.method, received.uri, received.headers, body,
+            std::chrono::system_clock::now(), std::chrono::seconds(300));
+        if (!reason.empty())
+        {
+            return "HMAC: " + reason;
+        }
+    }
+    return {};
+}
+
+void TestReceiver::Answer(Poco::Net::HTTPServerResponse& response, int status, std::string body,
+                          bool compress, bool dropServerHeader)
+{
+    response.setStatusAndReason(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(status));
+    if (!dropServerHeader)
+    {
+        response.set("C-SRV", "test-receiver");
+    }
+    if (compress)
+    {
+        body = util::LzmaCompress(body);
+        response.set("Content-Encoding", "LZMA");
+    }
+    if (status >= 200 && status < 300)
+    {
+        response.set("X-CRVD-Signature", Sign(m_certificate.keyPath, body));
+    }
+    response.setContentType("application/json");
+    response.setContentLength(static_cast<std::streamsize>(body.size()));
+    response.send().write(body.data(), static_cast<std::streamsize>(body.size()));
+}
+
+void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
+{
+    Received received;
+    received.method = request.getMethod();
+    received.uri = request.getURI();
+    for (const auto& [name, value] : request)
+    {
+        try
+        {
+            received.headers.Append(name, value);
+        }
+        catch (const std::invalid_argument&)
+        {
+        }
+    }
+    std::string body;
+    {
+        std::string chunk(64 * 1024, '\0');
+        auto& in = request.stream();
+        while (in && body.size() <= kMaxBody)
+        {
+            in.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+            body.append(chunk.data(), static_cast<std::size_t>(in.gcount()));
+        }
+    }
+    const Poco::URI uri(received.uri);
+
+    bool drop = false;
+    bool fail = false;
+    int failStatus = 0;
+    std::chrono::milliseconds stall{0};
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_dropCount > 0)
+        {
+            --m_dropCount;
+            drop = true;
+        }
+        if (m_stallCount > 0 && uri.getPath() != "/control")
+        {
+            --m_stallCount;
+            stall = m_stallDuration;
+        }
+    }
+    if (stall.count() > 0)
+    {
+        std::unique_lock lock(m_mutex);
+        m_cv.wait_for(lock, stall, [&] { return m_stopping; });
+    }
+
+    int status = 200;
+    std::string answer;
+    bool compress = false;
+    if (uri.getPath() == "/control")
+    {
+        std::lock_guard lock(m_mutex);
+        for (const auto& [key, value] : uri.getQueryParameters())
+        {
+            if (key == "fail")
+                m_failCount = ToUnsigned(value);
+            else if (key == "status")
+                m_failStatus = static_cast<int>(ToUnsigned(value));
+            else if (key == "stall")
+                m_stallCount = ToUnsigned(value);
+            else if (key == "stall_ms")
+                m_stallDuration = std::chrono::milliseconds(ToUnsigned(value));
+            else if (key == "drop_csrv")
+                m_dropCount = ToUnsigned(value);
+        }
+        answer = R"({"control":"ok"})";
+    }
+    else if (uri.getPath().rfind("/download/", 0) == 0)
+    {
+        const std::string content = DownloadContent(ToUnsigned(uri.getPath().substr(10)));
+        std::size_t first = 0;
+        std::size_t last = content.empty() ? 0 : content.size() - 1;
+        const std::string range = request.get("Range", "");
+        if (!range.empty() && !content.empty() &&
+            std::sscanf(range.c_str(), "bytes=%zu-%zu", &first, &last) == 2 && first <= last &&
+            first < content.size())
+        {
+            last = std::min(last, content.size() - 1);
+            response.set("Content-Range", "bytes " + std::to_string(first) + "-" + std::to_string(last) +
+                                              "/" + std::to_string(content.size()));
+            status = 206;
+        }
+        answer = content.substr(first, last - first + 1);
+    }
+    else
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            if (m_failCount > 0)
+            {
+                --m_failCount;
+                fail = true;
+                failStatus = m_failStatus;
+            }
+        }
+        received.rejection = Check(received, body);
+        if (received.rejection.empty())
+        {
+            const auto encoding = received.headers.Get("Content-Encoding");
+            try
+            {
+                received.payload = encoding && strcasecmp(encoding->c_str(), "LZMA") == 0
+                                       ? util::LzmaDecompress(body)
+                                       : body;
+            }
+            catch (const std::exception& e)
+            {
+                received.rejection = std::string("LZMA: ") + e.what();
+            }
+        }
+        if (fail)
+        {
+            status = failStatus;
+            answer = R"({"error":"injected failure"})";
+        }
+        else if (!received.rejection.empty())
+        {
+            status = 400;
+            answer = R"({"error":"rejected"})";
+        }
+        else
+        {
+            std::size_t number = 0;
+            {
+                std::lock_guard lock(m_mutex);
+                number = ++m_stored;
+            }
+            std::ofstream out(m_options.outputDir + "/" + std::to_string(number) + ".payload",
+                              std::ios::binary);
+            out.write(received.payload.data(), static_cast<std::streamsize>(received.payload.size()));
+            answer = R"({"stored":)" + std::to_string(number) + "}";
+            const auto accept = received.headers.Get("Accept-Encoding");
+            compress = accept && strcasecmp(accept->c_str(), "LZMA") == 0;
+        }
+    }
+    received.status = status;
+    {
+        std::lock_guard lock(m_mutex);
+        m_requests.push_back(std::move(received));
+    }
+    m_cv.notify_all();
+    Answer(response, status, std::move(answer), compress, drop);
+}
+
+} // namespace vantor::tools

@@ -1,0 +1,131 @@
+// corvid-test-receiver: a local HTTPS upload receiver for manual runs and
+// demos. Prints its URL and the CA file that clients must trust, then serves
+// until SIGINT or SIGTERM.
+#include "TestReceiver.h"
+
+#include <Poco/TemporaryFile.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+
+namespace
+{
+
+void Usage()
+{
+    std::cerr
+        << "usage: corvid-test-receiver --output DIR [--port N] [--cert-dir DIR] [--hmac-key-file FILE]\n"
+           "         [--customer-id ID] [--agent-id ID] [--fail N] [--fail-status S]\n"
+           "         [--stall N] [--stall-ms MS] [--drop-csrv N]\n";
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    vantor::tools::TestReceiver::Options options;
+    unsigned fail = 0;
+    int failStatus = 503;
+    unsigned stall = 0;
+    unsigned stallMs = 0;
+    unsigned drop = 0;
+    for (int i = 1; i < argc; ++i)
+    {
+        const std::string arg = argv[i];
+        if (i + 1 >= argc)
+        {
+            Usage();
+            return 2;
+        }
+        const std::string value = argv[++i];
+        try
+        {
+            if (arg == "--output")
+                options.outputDir = value;
+            else if (arg == "--port")
+                options.port = static_cast<uint16_t>(std::stoul(value));
+            else if (arg == "--cert-dir")
+                options.certDir = value;
+            else if (arg == "--hmac-key-file")
+            {
+                std::ifstream in(value, std::ios::binary);
+                options.hmacKey.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+                while (!options.hmacKey.empty() &&
+                       std::isspace(static_cast<unsigned char>(options.hmacKey.back())))
+                    options.hmacKey.pop_back();
+                if (options.hmacKey.empty())
+                {
+                    std::cerr << "corvid-test-receiver: empty or unreadable key file " << value << "\n";
+                    return 2;
+                }
+            }
+            else if (arg == "--customer-id")
+                options.customerId = value;
+            else if (arg == "--agent-id")
+                options.agentId = value;
+            else if (arg == "--fail")
+                fail = static_cast<unsigned>(std::stoul(value));
+            else if (arg == "--fail-status")
+                failStatus = std::stoi(value);
+            else if (arg == "--stall")
+                stall = static_cast<unsigned>(std::stoul(value));
+            else if (arg == "--stall-ms")
+                stallMs = static_cast<unsigned>(std::stoul(value));
+            else if (arg == "--drop-csrv")
+                drop = static_cast<unsigned>(std::stoul(value));
+            else
+            {
+                Usage();
+                return 2;
+            }
+        }
+        catch (const std::exception&)
+        {
+            std::cerr << "corvid-test-receiver: invalid value for " << arg << "\n";
+            return 2;
+        }
+    }
+    if (options.outputDir.empty())
+    {
+        Usage();
+        return 2;
+    }
+    if (options.certDir.empty())
+    {
+        options.certDir = Poco::TemporaryFile::tempName();
+        std::filesystem::create_directories(options.certDir);
+    }
+
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    try
+    {
+        std::filesystem::create_directories(options.outputDir);
+        vantor::tools::TestReceiver receiver(options);
+        receiver.FailNext(fail, failStatus);
+        receiver.StallNext(stall, std::chrono::milliseconds(stallMs));
+        receiver.DropServerHeaderNext(drop);
+        receiver.Start();
+        std::cout << "url: " << receiver.Url() << "\n"
+                  << "ca: " << receiver.Certificate().certPath << "\n"
+                  << "public_key: " << receiver.Certificate().publicKeyPath << std::endl;
+        int received = 0;
+        sigwait(&signals, &received);
+        receiver.Stop();
+        std::cout << "stored: " << receiver.StoredCount() << std::endl;
+    }
+    catch (const std::exception& e)
+    {
+        std::cerr << "corvid-test-receiver: " << e.what() << "\n";
+        return 1;
+    }
+    return 0;
+}
