@@ -59,12 +59,6 @@ public:
                                                  { return line.find(text) != std::string::npos; }));
     }
 
-    void Clear()
-    {
-        std::lock_guard lock(m_channel->mutex);
-        m_channel->lines.clear();
-    }
-
 private:
     struct Recorder : Poco::Channel
     {

@@ -3,6 +3,7 @@
 #include "edr/UserCriteria.h"
 
 #include "support/CapturedLog.h"
+#include "support/ExpectThrowText.h"
 #include "util/Json.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +16,8 @@ using vantor::edr::FilterCriteria;
 using vantor::edr::FilterCriteriaException;
 using vantor::edr::TimeCriteria;
 using vantor::edr::UserCriteria;
+
+using vantor::test::ExpectThrowText;
 
 namespace
 {
@@ -43,38 +46,27 @@ uint64_t At(int h, int m, int s, int ms = 0)
     return kMidnightMs + (static_cast<uint64_t>(h) * 3600 + m * 60 + s) * 1000 + ms;
 }
 
-void ExpectCriteriaError(const std::function<void()>& call, const std::string& text)
-{
-    try
-    {
-        call();
-        ADD_FAILURE() << "no exception, expected: " << text;
-    }
-    catch (const FilterCriteriaException& e)
-    {
-        EXPECT_EQ(e.what(), text);
-    }
-}
-
 } // namespace
 
 TEST(TimeCriteriaTest, SettingRejectsBadSpans)
 {
     TimeCriteria criteria;
-    ExpectCriteriaError([&] { criteria.Set("", "06:00:00"); }, "Empty argument passed");
-    ExpectCriteriaError([&] { criteria.Set("06:00:00", ""); }, "Empty argument passed");
-    ExpectCriteriaError([&] { criteria.Set("22:00:00", "06:00:00"); },
-                        "Start time cannot be later than End time");
-    ExpectCriteriaError([&] { criteria.Set("8:00", "09:00:00"); }, "Invalid start time");
-    ExpectCriteriaError([&] { criteria.Set("08:00:00", "9"); }, "Invalid end time");
-    ExpectCriteriaError([&] { criteria.Set("08:00:00x", "09:00:00"); }, "Invalid start time");
-    ExpectCriteriaError([&] { criteria.Set("25:00:00", "26:00:00"); }, "Invalid start time");
-    ExpectCriteriaError([&] { criteria.Set(std::string("08:00:00\0x", 10), "09:00:00"); },
-                        "Invalid start time");
+    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("", "06:00:00"); }, "Empty argument passed");
+    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("06:00:00", ""); }, "Empty argument passed");
+    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("22:00:00", "06:00:00"); },
+                                             "Start time cannot be later than End time");
+    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("8:00", "09:00:00"); }, "Invalid start time");
+    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("08:00:00", "9"); }, "Invalid end time");
+    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("08:00:00x", "09:00:00"); },
+                                             "Invalid start time");
+    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("25:00:00", "26:00:00"); },
+                                             "Invalid start time");
+    ExpectThrowText<FilterCriteriaException>(
+        [&] { criteria.Set(std::string("08:00:00\0x", 10), "09:00:00"); }, "Invalid start time");
 
     // A failed set keeps the span that was there.
     criteria.Set("01:02:03", "04:05:06");
-    ExpectCriteriaError([&] { criteria.Set("02:00:00", "bad"); }, "Invalid end time");
+    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("02:00:00", "bad"); }, "Invalid end time");
     EXPECT_EQ(criteria.GetStart(), 3723);
     EXPECT_EQ(criteria.GetEnd(), 14706);
 }
@@ -129,7 +121,11 @@ TEST(UserCriteriaTest, HostileNamesAndPatternsNeverThrow)
     EXPECT_FALSE(criteria.Match(ActorEvent("\xff\xfe\x80", 0)));
     EXPECT_FALSE(criteria.Match(ActorEvent(std::string("xo\0ot", 5) + "\xc3", 0)));
 
-    ExpectCriteriaError([&] { criteria.Set({"root", ""}); }, "Filter pattern cannot be empty");
+    ExpectThrowText<FilterCriteriaException>(
+        [&] {
+            criteria.Set({"root", ""});
+        },
+        "Filter pattern cannot be empty");
     EXPECT_EQ(criteria.GetPatterns().size(), 2U);
 }
 
@@ -139,10 +135,10 @@ TEST(FilterCriteriaTest, PatternsFromJson)
     ASSERT_TRUE(
         vantor::util::ParseJson(doc, R"({"ok":["b*","a","c?"],"num":["a",1],"empty":["a",""],"obj":{}})"));
     EXPECT_EQ(FilterCriteria::ParsePatterns(doc["ok"]), (std::vector<std::string>{"b*", "a", "c?"}));
-    ExpectCriteriaError([&] { FilterCriteria::ParsePatterns(doc["num"]); },
-                        "Invalid value for filter patterns");
-    ExpectCriteriaError([&] { FilterCriteria::ParsePatterns(doc["obj"]); },
-                        "Invalid value for filter patterns");
-    ExpectCriteriaError([&] { FilterCriteria::ParsePatterns(doc["empty"]); },
-                        "Filter pattern cannot be empty");
+    ExpectThrowText<FilterCriteriaException>([&] { FilterCriteria::ParsePatterns(doc["num"]); },
+                                             "Invalid value for filter patterns");
+    ExpectThrowText<FilterCriteriaException>([&] { FilterCriteria::ParsePatterns(doc["obj"]); },
+                                             "Invalid value for filter patterns");
+    ExpectThrowText<FilterCriteriaException>([&] { FilterCriteria::ParsePatterns(doc["empty"]); },
+                                             "Filter pattern cannot be empty");
 }

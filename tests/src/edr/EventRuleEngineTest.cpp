@@ -1,6 +1,7 @@
 #include "edr/EventRuleEngine.h"
 
 #include "support/CapturedLog.h"
+#include "support/ExpectThrowText.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,8 @@
 
 using vantor::edr::Event;
 using vantor::edr::EventRuleEngine;
+
+using vantor::test::ExpectThrowText;
 
 namespace
 {
@@ -39,19 +42,6 @@ public:
     using EventRuleEngine::InvalidateEventHandlers;
 };
 
-void ExpectError(const std::function<void()>& call, const std::string& text)
-{
-    try
-    {
-        call();
-        ADD_FAILURE() << "no exception, expected: " << text;
-    }
-    catch (const std::exception& e)
-    {
-        EXPECT_EQ(e.what(), text);
-    }
-}
-
 const auto kNoInvalidate = [] {};
 
 } // namespace
@@ -60,14 +50,16 @@ TEST(EventRuleEngineTest, RegistrationArgumentsAreChecked)
 {
     TestEngine engine;
     const auto onEvent = [](Event&) {};
-    ExpectError([&] { engine.RegisterEventHandlers("", onEvent, kNoInvalidate); },
-                "EventRuleEngine::RegisterEventHandlers: 'tag' is empty");
-    ExpectError([&] { engine.RegisterEventHandlers("fim", nullptr, kNoInvalidate); },
-                "EventRuleEngine::RegisterEventHandlers: 'ruleMatchedEventHandler' is invalid");
-    ExpectError([&] { engine.RegisterEventHandlers("fim", onEvent, nullptr); },
-                "EventRuleEngine::RegisterEventHandlers: 'invalidatedEventHandler' is invalid");
-    ExpectError([&] { engine.UnregisterEventHandlers(""); },
-                "EventRuleEngine::UnregisterEventHandlers: 'tag' is empty");
+    ExpectThrowText<std::exception>([&] { engine.RegisterEventHandlers("", onEvent, kNoInvalidate); },
+                                    "EventRuleEngine::RegisterEventHandlers: 'tag' is empty");
+    ExpectThrowText<std::exception>(
+        [&] { engine.RegisterEventHandlers("fim", nullptr, kNoInvalidate); },
+        "EventRuleEngine::RegisterEventHandlers: 'ruleMatchedEventHandler' is invalid");
+    ExpectThrowText<std::exception>(
+        [&] { engine.RegisterEventHandlers("fim", onEvent, nullptr); },
+        "EventRuleEngine::RegisterEventHandlers: 'invalidatedEventHandler' is invalid");
+    ExpectThrowText<std::exception>([&] { engine.UnregisterEventHandlers(""); },
+                                    "EventRuleEngine::UnregisterEventHandlers: 'tag' is empty");
     EXPECT_FALSE(engine.HasEventHandlers("fim"));
 }
 

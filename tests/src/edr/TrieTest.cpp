@@ -1,6 +1,7 @@
 #include "edr/Trie.h"
 
 #include "support/CapturedLog.h"
+#include "support/ExpectThrowText.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,24 +12,7 @@
 
 using testing::UnorderedElementsAre;
 using vantor::edr::Trie;
-
-namespace
-{
-
-void ExpectRuntimeError(const std::function<void()>& call, const std::string& text)
-{
-    try
-    {
-        call();
-        ADD_FAILURE() << "no exception, expected: " << text;
-    }
-    catch (const std::runtime_error& e)
-    {
-        EXPECT_EQ(e.what(), text);
-    }
-}
-
-} // namespace
+using vantor::test::ExpectThrowText;
 
 TEST(TrieTest, LookupIsTheUnionOverAllPrefixes)
 {
@@ -74,13 +58,18 @@ TEST(TrieTest, SeveralTagsOnOnePath)
 TEST(TrieTest, InvalidArgumentsAreRejected)
 {
     Trie trie;
-    ExpectRuntimeError([&] { trie.GetValues("var/log"); }, "Trie::GetValues: path is empty or invalid");
-    ExpectRuntimeError([&] { trie.GetValues(""); }, "Trie::GetValues: path is empty or invalid");
-    ExpectRuntimeError([&] { trie.Insert("", "t"); }, "Trie::Insert: path is empty or invalid");
-    ExpectRuntimeError([&] { trie.Insert("etc", "t"); }, "Trie::Insert: path is empty or invalid");
-    ExpectRuntimeError([&] { trie.Insert("/etc", ""); }, "Trie::Insert: value is empty");
-    ExpectRuntimeError([&] { trie.Delete("", "t"); }, "Trie::Delete: path is empty or invalid");
-    ExpectRuntimeError([&] { trie.Delete("/etc", ""); }, "Trie::Delete: value is empty");
+    ExpectThrowText<std::runtime_error>([&] { trie.GetValues("var/log"); },
+                                        "Trie::GetValues: path is empty or invalid");
+    ExpectThrowText<std::runtime_error>([&] { trie.GetValues(""); },
+                                        "Trie::GetValues: path is empty or invalid");
+    ExpectThrowText<std::runtime_error>([&] { trie.Insert("", "t"); },
+                                        "Trie::Insert: path is empty or invalid");
+    ExpectThrowText<std::runtime_error>([&] { trie.Insert("etc", "t"); },
+                                        "Trie::Insert: path is empty or invalid");
+    ExpectThrowText<std::runtime_error>([&] { trie.Insert("/etc", ""); }, "Trie::Insert: value is empty");
+    ExpectThrowText<std::runtime_error>([&] { trie.Delete("", "t"); },
+                                        "Trie::Delete: path is empty or invalid");
+    ExpectThrowText<std::runtime_error>([&] { trie.Delete("/etc", ""); }, "Trie::Delete: value is empty");
     EXPECT_EQ(trie.GetNodeCount(), 0U);
 }
 
