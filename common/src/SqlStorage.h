@@ -1,0 +1,148 @@
+#pragma once
+
+#include "SqlDataFormatter.h"
+#include "StorageResult.h"
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace vantor::common
+{
+
+// A small SQLite database of one component (baseline, snapshot or
+// health-status store). The storage knows no table: its formatter turns the
+// generic operations into SQL text and records travel in the Serializer byte
+// form.
+//
+// - Opening an existing file never creates tables; a new file gets the
+//   formatter's schema in one transaction (and is removed again if that
+//   fails). A versioned schema is brought up to date at every open by the
+//   formatter's upgrade statements, which stamp the new version.
+// - Every statement runs alone: text after the first statement is refused,
+//   and Execute refuses statements that return rows. Writes of several
+//   records run in one transaction that is rolled back on any failure.
+// - Synchronous operations run on the caller's thread; asynchronous ones run
+//   in order on the storage's own worker, which finishes the queued work
+//   before the storage is destroyed. Callbacks run on that worker.
+// - With a cache limit, reads and writes of keyed records pass through an
+//   in-memory LRU cache. The formatter's record form must then equal the row
+//   form its select by key answers (true for the stores that use it).
+//
+// All operations may be called from any thread.
+class SqlStorage
+{
+public:
+    // (key, serialised record)
+    using Record = std::pair<std::string, std::string>;
+    using Records = std::vector<Record>;
+    using OnWriteCallback = std::function<void(const StorageResult&)>;
+    using OnReadCallback = std::function<void(const StorageResult&)>;
+    using OnDeleteCallback = std::function<void()>;
+
+    struct CacheStatistics
+    {
+        uint64_t hits = 0;
+        uint64_t misses = 0;
+        uint64_t writes = 0;
+        uint64_t notFounds = 0;
+        size_t rows = 0;
+        size_t bytes = 0;
+    };
+
+    // Throws StorageException when an argument is missing or the database
+    // cannot be opened, created or upgraded.
+    SqlStorage(std::string dbFilePath, std::string dbFileName, std::unique_ptr<SqlDataFormatter> formatter,
+               bool async, size_t cacheLimitBytes = 0);
+    ~SqlStorage();
+
+    SqlStorage(const SqlStorage&) = delete;
+    SqlStorage& operator=(const SqlStorage&) = delete;
+
+    // Stores the records in one transaction.
+    StorageResult Write(const std::string& table, const Records& records);
+    void WriteAsync(std::string table, Records records, OnWriteCallback onWriteCallback);
+
+    StorageResult Read(const std::string& table, const std::string& key);
+    void ReadAsync(std::string table, std::string key, OnReadCallback onReadCallback);
+
+    StorageResult Delete(const std::string& table, const std::string& key);
+    void DeleteAsync(std::string table, std::string key, OnDeleteCallback onDeleteCallback);
+
+    // The formatter's delete-all statement, and its statement that empties a
+    // named table.
+    StorageResult DeleteAll();
+    StorageResult Clear(const std::string& table);
+
+    // Runs one statement that returns no rows; throws StorageException.
+    void Execute(const std::string& query);
+
+    CacheStatistics GetCacheStatistics() const;
+    const std::string& GetDbFile() const { return m_dbFile; }
+
+private:
+    class Worker;
+
+    struct DbCloser
+    {
+        void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+    };
+
+    struct CacheEntry
+    {
+        std::string table;
+        std::vector<std::string> rows;
+        size_t bytes = 0;
+        std::list<std::string>::iterator lru;
+    };
+
+    void Open();
+    void ApplyUpgrades();
+    void Vacuum();
+    void ExecuteLocked(const std::string& query);
+    void RunInTransaction(const std::vector<std::string>& statements);
+    void RollbackLocked();
+    std::vector<std::string> SelectLocked(const std::string& query);
+    int64_t QueryIntegerLocked(const std::string& query);
+    StorageResult RunModification(const std::string& what, const std::vector<std::string>& statements);
+    void RequireAsync() const;
+
+    // Cache; all under m_mutex.
+    static std::string CacheKey(const std::string& table, const std::string& key);
+    const std::vector<std::string>* CacheFind(const std::string& table, const std::string& key);
+    void CachePut(const std::string& table, const std::string& key, std::vector<std::string> rows);
+    void CacheErase(const std::string& table, const std::string& key);
+    void CacheClear();
+    void CacheEvict();
+    void LogCacheChange(const char* verb, size_t bytes, const char* preposition,
+                        const std::string& table) const;
+    void LogCacheCounters() const;
+
+    const std::string m_dbFilePath;
+    const std::string m_dbFileName;
+    std::string m_dbFile;
+    std::unique_ptr<SqlDataFormatter> m_formatter;
+    const size_t m_cacheLimitBytes;
+
+    mutable std::mutex m_mutex;
+    std::unique_ptr<sqlite3, DbCloser> m_db;
+
+    std::unordered_map<std::string, CacheEntry> m_cache;
+    // Least recently used first.
+    std::list<std::string> m_lru;
+    std::unordered_map<std::string, size_t> m_cachedRowsPerTable;
+    CacheStatistics m_cacheStatistics;
+
+    // Last member: destroyed (and so drained) before anything it uses.
+    std::unique_ptr<Worker> m_worker;
+};
+
+} // namespace vantor::common

@@ -1,0 +1,493 @@
+#include "SqlStorage.h"
+
+#include "Serializer.h"
+#include "SqlRowIterator.h"
+#include "StorageException.h"
+#include "fim/BaselineEventSqlDataFormatter.h"
+
+#include "Logging.h"
+#include "support/LogCapture.h"
+#include "support/ExpectThrowText.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+using vantor::common::Serializer;
+using vantor::common::SqlDataFormatter;
+using vantor::common::SqlStorage;
+using vantor::common::StorageException;
+using vantor::common::StorageResult;
+using vantor::fim::BaselineEventSqlDataFormatter;
+using vantor::test::TempDir;
+
+using vantor::test::ExpectThrowText;
+
+namespace
+{
+
+constexpr const char* kBaseline = "BaselineEvents";
+
+// A keyed table of integers whose schema version the test chooses; counts the
+// schema work it is asked for.
+class ItemsFormatter : public SqlDataFormatter
+{
+public:
+    struct Calls
+    {
+        int creates = 0;
+        std::vector<int64_t> upgradesFrom;
+    };
+
+    ItemsFormatter(int targetVersion, Calls& calls,
+                   std::string upgradeStatement = "ALTER TABLE Items ADD COLUMN Extra TEXT")
+        : m_targetVersion(targetVersion)
+        , m_calls(calls)
+        , m_upgradeStatement(std::move(upgradeStatement))
+    {
+    }
+
+    static std::string Record(const std::string& key, int64_t value)
+    {
+        std::string record;
+        Serializer::AppendString(record, key);
+        Serializer::AppendInt64(record, value);
+        return record;
+    }
+
+    std::string GetDeleteAllStatement() const override { return "DELETE FROM Items"; }
+    std::string Clear(const std::string& table) const override { return "DELETE FROM " + table; }
+    std::vector<std::string> GetCreateStatements() const override
+    {
+        ++m_calls.creates;
+        return {"CREATE TABLE Items([Key] TEXT PRIMARY KEY, [Value] INTEGER)", "PRAGMA user_version = 1;"};
+    }
+    std::string GetDeleteStatement(const std::string& table, const std::string& key) const override
+    {
+        return "DELETE FROM " + table + " WHERE Key = " + QuoteText(key);
+    }
+    std::string GetInsertStatement(const std::string& table, std::string_view record) const override
+    {
+        Serializer reader(record);
+        const auto key = reader.GetString();
+        const auto value = reader.GetInt64();
+        // Plain INSERT: a duplicate key fails inside the transaction.
+        return "INSERT INTO " + table + " ([Key], [Value]) VALUES (" + QuoteText(key) + ", " +
+               std::to_string(value) + ")";
+    }
+    std::string GetSelectStatement(const std::string& table, const std::string& key) const override
+    {
+        return "SELECT [Key], [Value] FROM " + table + " WHERE Key = " + QuoteText(key);
+    }
+    std::string GetSchemaVersionQuery() const override { return "PRAGMA user_version"; }
+    std::vector<std::string> GetUpgradeStatements(int64_t currentVersion) const override
+    {
+        m_calls.upgradesFrom.push_back(currentVersion);
+        if (currentVersion >= m_targetVersion)
+        {
+            return {};
+        }
+        return {m_upgradeStatement, "PRAGMA user_version = " + std::to_string(m_targetVersion) + ";"};
+    }
+
+private:
+    int m_targetVersion;
+    Calls& m_calls;
+    std::string m_upgradeStatement;
+};
+
+std::unique_ptr<SqlStorage> OpenBaseline(const TempDir& dir, bool async = false, size_t cacheBytes = 0)
+{
+    return std::make_unique<SqlStorage>(dir.Path(), "BaselineEvents.db",
+                                        std::make_unique<BaselineEventSqlDataFormatter>(), async, cacheBytes);
+}
+
+SqlStorage::Record BaselineRecord(const std::string& path, const std::string& status)
+{
+    BaselineEventSqlDataFormatter formatter;
+    return {path, formatter.FormatRecord(path, status)};
+}
+
+// The (path, status) rows stored under a key, as a fresh storage sees them.
+std::vector<std::pair<std::string, std::string>> ReadBaseline(SqlStorage& storage, const std::string& key)
+{
+    const StorageResult result = storage.Read(kBaseline, key);
+    EXPECT_TRUE(result.success) << result.error;
+    std::vector<std::pair<std::string, std::string>> rows;
+    for (const auto& row : result.rows)
+    {
+        Serializer reader(row);
+        const std::string path(reader.GetString());
+        rows.emplace_back(path, std::string(reader.GetString()));
+    }
+    return rows;
+}
+
+size_t CountBaselineRows(const TempDir& dir)
+{
+    // Counted through a storage of its own, i.e. from the file.
+    auto storage = OpenBaseline(dir);
+    size_t rows = 0;
+    for (const char* key : {"/a", "/b", "/c", "/d"})
+    {
+        rows += storage->Read(kBaseline, key).rows.size();
+    }
+    return rows;
+}
+
+} // namespace
+
+TEST(SqlStorageTest, ConstructorArgumentsAreChecked)
+{
+    TempDir dir;
+    ExpectThrowText<StorageException>(
+        [] { SqlStorage("", "x.db", std::make_unique<BaselineEventSqlDataFormatter>(), false); },
+        "SqlStorage: 'dbFilePath' is empty");
+    ExpectThrowText<StorageException>(
+        [&] { SqlStorage(dir.Path(), "", std::make_unique<BaselineEventSqlDataFormatter>(), false); },
+        "SqlStorage: 'dbFileName' is empty");
+    ExpectThrowText<StorageException>([&] { SqlStorage(dir.Path(), "x.db", nullptr, false); },
+                                      "SqlStorage: 'formatter' is null");
+    ExpectThrowText<StorageException>(
+        [&] {
+            SqlStorage(dir.File("missing"), "x.db", std::make_unique<BaselineEventSqlDataFormatter>(), false);
+        },
+        "SqlStorage: Error creating DB: ");
+    EXPECT_TRUE(std::filesystem::is_empty(dir.Path()));
+}
+
+TEST(SqlStorageTest, NewFileGetsTheSchemaExistingFileIsNeverRecreated)
+{
+    TempDir dir;
+    ItemsFormatter::Calls calls;
+    {
+        SqlStorage storage(dir.Path(), "items.db", std::make_unique<ItemsFormatter>(1, calls), false);
+        ASSERT_TRUE(storage.Write("Items", {{"a", ItemsFormatter::Record("a", 1)}}).success);
+    }
+    {
+        SqlStorage storage(dir.Path(), "items.db", std::make_unique<ItemsFormatter>(1, calls), false);
+        EXPECT_EQ(storage.Read("Items", "a").rows.size(), 1U);
+    }
+    EXPECT_EQ(calls.creates, 1);
+
+    // An existing (empty) file is opened as it is: no table appears.
+    std::ofstream(dir.File("empty.db")).close();
+    SqlStorage storage(dir.Path(), "empty.db", std::make_unique<BaselineEventSqlDataFormatter>(), false);
+    const auto result = storage.Read(kBaseline, "/etc/hosts");
+    EXPECT_FALSE(result.success);
+}
+
+TEST(SqlStorageTest, UnusableFilesGiveClearErrors)
+{
+    TempDir dir;
+    std::ofstream(dir.File("junk.db")) << "this is not a database, just some text that is long enough......";
+    ExpectThrowText<StorageException>(
+        [&] { SqlStorage(dir.Path(), "junk.db", std::make_unique<BaselineEventSqlDataFormatter>(), false); },
+        "SqlStorage: Error opening DB: file is not a database");
+
+    // A schema that cannot be created leaves no half-made file behind.
+    ItemsFormatter::Calls calls;
+    class BrokenSchema : public ItemsFormatter
+    {
+    public:
+        using ItemsFormatter::ItemsFormatter;
+        std::vector<std::string> GetCreateStatements() const override { return {"CREATE TABLE Items(", "x"}; }
+    };
+    ExpectThrowText<StorageException>(
+        [&] { SqlStorage(dir.Path(), "broken.db", std::make_unique<BrokenSchema>(1, calls), false); },
+        "SqlStorage: Error setting up DB: Failed to compile query");
+    EXPECT_FALSE(std::filesystem::exists(dir.File("broken.db")));
+}
+
+TEST(SqlStorageTest, ExecuteRunsExactlyOneStatementThatReturnsNoRows)
+{
+    TempDir dir;
+    auto storage = OpenBaseline(dir);
+    ASSERT_TRUE(storage
+                    ->Write(kBaseline,
+                            {BaselineRecord("/a", "READ_SUCCESSFUL"), BaselineRecord("/b", "READ_FAILURE")})
+                    .success);
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
+
+    const std::string twoDeletes =
+        "DELETE FROM BaselineEvents WHERE FilePath = '/a'; DELETE FROM BaselineEvents";
+    ExpectThrowText<StorageException>([&] { storage->Execute(twoDeletes); },
+                                      "'query' has multiple statements");
+    EXPECT_TRUE(log.Contains("SqlStorage: Multiple sql statements in query '" + twoDeletes + "'"));
+    ExpectThrowText<StorageException>(
+        [&] { storage->Execute(std::string("DELETE FROM BaselineEvents\0; DROP TABLE x", 42)); },
+        "'query' has multiple statements");
+    ExpectThrowText<StorageException>([&] { storage->Execute("SELECT * FROM BaselineEvents"); },
+                                      "SqlStorage::Execute: Unsupported query type");
+    ExpectThrowText<StorageException>([&] { storage->Execute("PRAGMA user_version"); },
+                                      "SqlStorage::Execute: Unsupported query type");
+    ExpectThrowText<StorageException>([&] { storage->Execute("DELEET FROM BaselineEvents"); },
+                                      "Failed to compile query");
+    EXPECT_TRUE(log.Contains("SqlStorage: Failed to compile 'DELEET FROM BaselineEvents': "));
+    ExpectThrowText<StorageException>([&] { storage->Execute("   "); }, "Failed to compile query");
+    ExpectThrowText<StorageException>(
+        [&] { storage->Execute("INSERT INTO BaselineEvents VALUES ('/a', 'dup')"); },
+        "Failed to execute query");
+    EXPECT_TRUE(
+        log.Contains("SqlStorage: Failed to execute 'INSERT INTO BaselineEvents VALUES ('/a', 'dup')': "));
+    EXPECT_EQ(CountBaselineRows(dir), 2U);
+
+    // One statement with a trailing semicolon and white space is fine, and the
+    // storage is still usable after the failures.
+    storage->Execute("DELETE FROM BaselineEvents WHERE FilePath = '/a';  \n");
+    EXPECT_EQ(CountBaselineRows(dir), 1U);
+}
+
+TEST(SqlStorageTest, FailedTransactionLeavesTheDatabaseUnchanged)
+{
+    TempDir dir;
+    ItemsFormatter::Calls calls;
+    SqlStorage storage(dir.Path(), "items.db", std::make_unique<ItemsFormatter>(1, calls), false);
+    ASSERT_TRUE(storage.Write("Items", {{"k", ItemsFormatter::Record("k", 1)}}).success);
+
+    // The third insert fails in SQL (duplicate key): the first two go as well.
+    const auto failed = storage.Write("Items", {{"x", ItemsFormatter::Record("x", 2)},
+                                                {"y", ItemsFormatter::Record("y", 3)},
+                                                {"k", ItemsFormatter::Record("k", 4)}});
+    EXPECT_FALSE(failed.success);
+    EXPECT_EQ(failed.error, "Failed to execute query");
+    EXPECT_TRUE(storage.Read("Items", "x").rows.empty());
+    EXPECT_TRUE(storage.Read("Items", "y").rows.empty());
+
+    // A record the formatter cannot read fails before anything runs.
+    const auto truncated = storage.Write("Items", {{"z", ItemsFormatter::Record("z", 5)}, {"w", "\x01"}});
+    EXPECT_FALSE(truncated.success);
+    EXPECT_EQ(truncated.error, "Serializer: Insufficient bytes to get data");
+    EXPECT_TRUE(storage.Read("Items", "z").rows.empty());
+
+    // The transaction machinery is not left half-open.
+    EXPECT_TRUE(storage.Write("Items", {{"x", ItemsFormatter::Record("x", 6)}}).success);
+    vantor::common::SqlRowIterator rows({vantor::common::SqlRowIterator::ColumnType::Text,
+                                         vantor::common::SqlRowIterator::ColumnType::Integer});
+    rows.Add(storage.Read("Items", "k").rows.at(0));
+    EXPECT_EQ(std::get<int64_t>(rows.Next()[1]), 1);
+}
+
+TEST(SqlStorageTest, SchemaUpgradeRunsOnce)
+{
+    TempDir dir;
+    ItemsFormatter::Calls calls;
+    {
+        SqlStorage storage(dir.Path(), "items.db", std::make_unique<ItemsFormatter>(1, calls), false);
+        ASSERT_TRUE(storage.Write("Items", {{"a", ItemsFormatter::Record("a", 1)}}).success);
+    }
+    // A failing upgrade keeps the old database as it was.
+    ExpectThrowText<StorageException>(
+        [&]
+        {
+            SqlStorage(dir.Path(), "items.db",
+                       std::make_unique<ItemsFormatter>(2, calls, "ALTER TABLE Nope ADD x"), false);
+        },
+        "SqlStorage: Error upgrading DB: ");
+
+    // Adding the column twice would fail, so a second open proves that the
+    // upgrade did not run again.
+    for (int open = 0; open < 2; ++open)
+    {
+        SqlStorage storage(dir.Path(), "items.db", std::make_unique<ItemsFormatter>(2, calls), false);
+        storage.Execute("UPDATE Items SET Extra = 'x' WHERE Key = 'a'");
+        EXPECT_EQ(storage.Read("Items", "a").rows.size(), 1U);
+    }
+    EXPECT_EQ(calls.upgradesFrom, (std::vector<int64_t>{1, 1, 1, 2}));
+    EXPECT_EQ(calls.creates, 1);
+}
+
+TEST(SqlStorageTest, HostileKeysNeverRunASecondStatementOrTouchOtherRows)
+{
+    TempDir dir;
+    auto storage = OpenBaseline(dir);
+    const std::string drop = "x'); DROP TABLE BaselineEvents; --";
+    const std::string orTrue = "a' OR '1'='1";
+    const std::string notUtf8 = "/tmp/\xff\xfe'\x80";
+    ASSERT_TRUE(
+        storage
+            ->Write(kBaseline,
+                    {BaselineRecord("/a", "READ_SUCCESSFUL"), BaselineRecord(drop, "READ_FAILURE"),
+                     BaselineRecord(orTrue, "MAX_SIZE_LIMIT_REACHED"), BaselineRecord(notUtf8, "it's")})
+            .success);
+
+    EXPECT_EQ(ReadBaseline(*storage, drop),
+              (std::vector<std::pair<std::string, std::string>>{{drop, "READ_FAILURE"}}));
+    EXPECT_EQ(ReadBaseline(*storage, orTrue),
+              (std::vector<std::pair<std::string, std::string>>{{orTrue, "MAX_SIZE_LIMIT_REACHED"}}));
+    EXPECT_EQ(ReadBaseline(*storage, notUtf8),
+              (std::vector<std::pair<std::string, std::string>>{{notUtf8, "it's"}}));
+
+    ASSERT_TRUE(storage->Delete(kBaseline, orTrue).success);
+    EXPECT_TRUE(ReadBaseline(*storage, orTrue).empty());
+    EXPECT_EQ(ReadBaseline(*storage, "/a").size(), 1U);
+    EXPECT_EQ(ReadBaseline(*storage, drop).size(), 1U);
+
+    // A NUL byte cannot be written into a statement: the whole write is
+    // refused and nothing of it is stored.
+    const auto refused = storage->Write(kBaseline, {BaselineRecord("/b", "READ_SUCCESSFUL"),
+                                                    BaselineRecord(std::string("/c\0'; DROP", 10), "x")});
+    EXPECT_FALSE(refused.success);
+    EXPECT_TRUE(ReadBaseline(*storage, "/b").empty());
+
+    // The table and its other rows survived everything.
+    storage.reset();
+    storage = OpenBaseline(dir);
+    EXPECT_EQ(ReadBaseline(*storage, "/a"),
+              (std::vector<std::pair<std::string, std::string>>{{"/a", "READ_SUCCESSFUL"}}));
+}
+
+TEST(SqlStorageTest, DeleteAllAndClear)
+{
+    TempDir dir;
+    auto storage = OpenBaseline(dir);
+    ASSERT_TRUE(storage->Write(kBaseline, {BaselineRecord("/a", "R"), BaselineRecord("/b", "R")}).success);
+    const auto clear = storage->Clear(kBaseline);
+    EXPECT_FALSE(clear.success);
+    EXPECT_EQ(clear.error, "Clear(tablename) is not implemented for BaselineEventSqlDataFormatter.");
+    EXPECT_TRUE(storage->DeleteAll().success);
+    EXPECT_EQ(CountBaselineRows(dir), 0U);
+}
+
+TEST(SqlStorageTest, ReadCacheCountsAndStaysTrue)
+{
+    TempDir dir;
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
+    // Room for two small records only.
+    auto storage = OpenBaseline(dir, false, 60);
+    ASSERT_TRUE(storage->Write(kBaseline, {BaselineRecord("/a", "READ_SUCCESSFUL")}).success);
+    EXPECT_TRUE(log.Contains(
+        "SqlStorage Cache: Adding 33 bytes to table BaselineEvents. #Rows = 1. Total cached data "
+        "size = 0 KB"));
+
+    // Served from the cache, and equal to what the database holds.
+    EXPECT_EQ(storage->Read(kBaseline, "/a").rows, OpenBaseline(dir)->Read(kBaseline, "/a").rows);
+    ASSERT_TRUE(storage->Write(kBaseline, {BaselineRecord("/a", "READ_FAILURE")}).success);
+    EXPECT_TRUE(log.Contains("SqlStorage Cache: Updating 30 bytes in table BaselineEvents. #Rows = 1."));
+    EXPECT_EQ(ReadBaseline(*storage, "/a"), ReadBaseline(*OpenBaseline(dir), "/a"));
+
+    EXPECT_TRUE(storage->Read(kBaseline, "/none").rows.empty());
+    auto stats = storage->GetCacheStatistics();
+    EXPECT_EQ(stats.hits, 2U);
+    EXPECT_EQ(stats.misses, 1U);
+    EXPECT_EQ(stats.notFounds, 1U);
+    EXPECT_EQ(stats.writes, 2U);
+    EXPECT_TRUE(log.Contains("SqlStorage Cache: hits: 2, misses: 1, writes: 2, not founds: 1"));
+
+    // A third record pushes the least recently used one out.
+    ASSERT_TRUE(storage->Write(kBaseline, {BaselineRecord("/b", "R"), BaselineRecord("/c", "R")}).success);
+    stats = storage->GetCacheStatistics();
+    EXPECT_EQ(stats.rows, 2U);
+    EXPECT_EQ(stats.bytes, 38U);
+    EXPECT_TRUE(log.Contains("SqlStorage Cache: Deleting 30 bytes from table BaselineEvents."));
+    EXPECT_EQ(ReadBaseline(*storage, "/a").size(), 1U);
+
+    // Deletes and free statements keep the cache true.
+    ASSERT_TRUE(storage->Delete(kBaseline, "/a").success);
+    EXPECT_TRUE(ReadBaseline(*storage, "/a").empty());
+    storage->Execute("DELETE FROM BaselineEvents WHERE FilePath = '/c'");
+    EXPECT_TRUE(ReadBaseline(*storage, "/c").empty());
+    EXPECT_EQ(storage->GetCacheStatistics().rows, 0U);
+}
+
+TEST(SqlStorageTest, AsyncArgumentsAreChecked)
+{
+    TempDir dir;
+    auto sync = OpenBaseline(dir);
+    ExpectThrowText<StorageException>([&] { sync->WriteAsync(kBaseline, {}, [](const StorageResult&) {}); },
+                                      "SqlStorage is not configured for Async operations");
+    ExpectThrowText<StorageException>([&] { sync->DeleteAsync(kBaseline, "/a", [] {}); },
+                                      "SqlStorage is not configured for Async operations");
+    ExpectThrowText<StorageException>([&] { sync->ReadAsync(kBaseline, "/a", [](const StorageResult&) {}); },
+                                      "SqlStorage is not configured for Async operations");
+    sync.reset();
+
+    auto async = OpenBaseline(dir, true);
+    ExpectThrowText<StorageException>([&] { async->WriteAsync(kBaseline, {}, nullptr); },
+                                      "onWriteCallback is invalid");
+    ExpectThrowText<StorageException>([&] { async->DeleteAsync(kBaseline, "/a", nullptr); },
+                                      "SqlStorage: onDeleteCallback is invalid");
+}
+
+TEST(SqlStorageTest, AsyncOperationsRunInOrderOnTheWorkerAndFinishBeforeDestruction)
+{
+    TempDir dir;
+    std::mutex mutex;
+    std::vector<std::string> order;
+    std::atomic<int> onOtherThread{0};
+    const auto caller = std::this_thread::get_id();
+    {
+        auto storage = OpenBaseline(dir, true);
+        const auto note = [&](const std::string& what)
+        {
+            std::lock_guard lock(mutex);
+            order.push_back(what);
+            if (std::this_thread::get_id() != caller)
+            {
+                ++onOtherThread;
+            }
+        };
+        storage->WriteAsync(kBaseline, {BaselineRecord("/a", "R"), BaselineRecord("/b", "R")},
+                            [&](const StorageResult& r) { note(r.success ? "write" : "write failed"); });
+        storage->ReadAsync(kBaseline, "/a",
+                           [&](const StorageResult& r) { note("read " + std::to_string(r.rows.size())); });
+        storage->DeleteAsync(kBaseline, "/a", [&] { note("delete"); });
+        storage->ReadAsync(kBaseline, "/a",
+                           [&](const StorageResult& r) { note("read " + std::to_string(r.rows.size())); });
+        storage->WriteAsync(kBaseline, {BaselineRecord("/c", "R")},
+                            [](const StorageResult&) { throw std::runtime_error("callback failed"); });
+        // Many writes still queued when the storage goes away are not lost.
+        for (int i = 0; i < 50; ++i)
+        {
+            storage->WriteAsync(kBaseline, {BaselineRecord("/d", std::to_string(i))},
+                                [](const StorageResult&) {});
+        }
+    }
+    EXPECT_EQ(order, (std::vector<std::string>{"write", "read 1", "delete", "read 0"}));
+    EXPECT_EQ(onOtherThread.load(), 4);
+    auto storage = OpenBaseline(dir);
+    EXPECT_EQ(ReadBaseline(*storage, "/d"), (std::vector<std::pair<std::string, std::string>>{{"/d", "49"}}));
+    EXPECT_EQ(ReadBaseline(*storage, "/c").size(), 1U);
+}
+
+TEST(SqlStorageTest, ConcurrentSynchronousAndAsynchronousUse)
+{
+    TempDir dir;
+    auto storage = OpenBaseline(dir, true, 4096);
+    std::atomic<int> written{0};
+    const auto count = [&](const StorageResult& r) { written += r.success ? 1 : 0; };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t)
+    {
+        threads.emplace_back(
+            [&, t]
+            {
+                for (int i = 0; i < 40; ++i)
+                {
+                    const std::string path = "/t" + std::to_string(t) + "/" + std::to_string(i);
+                    if (i % 2 == 0)
+                    {
+                        count(storage->Write(kBaseline, {BaselineRecord(path, "R")}));
+                    }
+                    else
+                    {
+                        storage->WriteAsync(kBaseline, {BaselineRecord(path, "R")}, count);
+                    }
+                    storage->Read(kBaseline, path);
+                }
+            });
+    }
+    for (auto& thread : threads)
+    {
+        thread.join();
+    }
+    storage.reset();
+    EXPECT_EQ(written.load(), 120);
+}

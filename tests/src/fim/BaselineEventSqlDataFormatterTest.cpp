@@ -1,0 +1,75 @@
+#include "fim/BaselineEventSqlDataFormatter.h"
+
+#include "Serializer.h"
+#include "SqlDataFormatterException.h"
+
+#include <gtest/gtest.h>
+
+using vantor::common::SqlDataFormatterException;
+using vantor::fim::BaselineEventSqlDataFormatter;
+
+TEST(BaselineEventSqlDataFormatterTest, StatementTexts)
+{
+    BaselineEventSqlDataFormatter formatter;
+    EXPECT_EQ(formatter.GetCreateStatements(),
+              (std::vector<std::string>{
+                  "CREATE TABLE [BaselineEvents]([FilePath] TEXT PRIMARY KEY, [ContentStatus] TEXT)"}));
+    EXPECT_EQ(formatter.GetDeleteAllStatement(), "Delete from BaselineEvents");
+    EXPECT_EQ(formatter.GetInsertStatement("BaselineEvents",
+                                           formatter.FormatRecord("/etc/hosts", "READ_SUCCESSFUL")),
+              "INSERT or REPLACE INTO BaselineEvents VALUES ('/etc/hosts','READ_SUCCESSFUL')");
+    EXPECT_EQ(formatter.GetSelectStatement("BaselineEvents", "/etc/hosts"),
+              "SELECT * from BaselineEvents WHERE FilePath = '/etc/hosts'");
+    EXPECT_EQ(formatter.GetDeleteStatement("BaselineEvents", "/etc/hosts"),
+              "DELETE from BaselineEvents WHERE FilePath = '/etc/hosts'");
+    EXPECT_TRUE(formatter.GetSchemaVersionQuery().empty());
+    EXPECT_TRUE(formatter.GetUpgradeStatements(0).empty());
+}
+
+TEST(BaselineEventSqlDataFormatterTest, QuotesStayInsideTheLiteral)
+{
+    BaselineEventSqlDataFormatter formatter;
+    EXPECT_EQ(formatter.GetSelectStatement("BaselineEvents", "a' OR '1'='1"),
+              "SELECT * from BaselineEvents WHERE FilePath = 'a'' OR ''1''=''1'");
+    EXPECT_EQ(
+        formatter.GetInsertStatement("BaselineEvents", formatter.FormatRecord("x'); DROP TABLE t; --", "'")),
+        "INSERT or REPLACE INTO BaselineEvents VALUES ('x''); DROP TABLE t; --','''')");
+    EXPECT_THROW(formatter.GetSelectStatement("BaselineEvents", std::string("a\0b", 3)),
+                 SqlDataFormatterException);
+}
+
+TEST(BaselineEventSqlDataFormatterTest, MisuseIsRefused)
+{
+    BaselineEventSqlDataFormatter formatter;
+    try
+    {
+        formatter.Clear("BaselineEvents");
+        ADD_FAILURE() << "Clear accepted";
+    }
+    catch (const SqlDataFormatterException& e)
+    {
+        EXPECT_STREQ(e.what(), "Clear(tablename) is not implemented for BaselineEventSqlDataFormatter.");
+    }
+
+    formatter.Start();
+    formatter.AppendString("/half/built");
+    try
+    {
+        formatter.Start();
+        ADD_FAILURE() << "Start accepted with a pending record";
+    }
+    catch (const SqlDataFormatterException& e)
+    {
+        EXPECT_STREQ(e.what(), "SqlDataFormatter::Start: A transaction is already in progress");
+    }
+    EXPECT_FALSE(formatter.TakeBuffer().empty());
+    EXPECT_TRUE(formatter.TakeBuffer().empty());
+    formatter.Start();
+
+    EXPECT_THROW(formatter.GetSelectStatement("Other; DROP TABLE BaselineEvents", "k"),
+                 SqlDataFormatterException);
+    // A truncated record cannot be turned into a statement.
+    const std::string record = formatter.FormatRecord("/etc/hosts", "READ_FAILURE");
+    EXPECT_THROW(formatter.GetInsertStatement("BaselineEvents", record.substr(0, record.size() - 2)),
+                 std::out_of_range);
+}
