@@ -84,6 +84,11 @@ SpoolStorage::SpoolStorage(Scheduler& scheduler, const std::string& directory, c
     {
         throw SpoolStorageException("SpoolStorage: Prefix cannot be empty");
     }
+    if (m_prefix.find_first_of(std::string_view("/\0", 2)) != std::string::npos)
+    {
+        // The spool's files must lie in its directory, where the scan finds them.
+        throw SpoolStorageException("SpoolStorage: Prefix cannot contain '/'");
+    }
     if (!m_formatter)
     {
         throw SpoolStorageException("SpoolStorage: dataFormatter cannot be null");
