@@ -1,0 +1,236 @@
+#include "edr/EventRuleEngine.h"
+
+#include "support/CapturedLog.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+using vantor::edr::Event;
+using vantor::edr::EventRuleEngine;
+
+namespace
+{
+
+class FileEvent : public Event
+{
+public:
+    explicit FileEvent(std::string file)
+        : m_file(std::move(file))
+    {
+    }
+    std::string GetFile() const override { return m_file; }
+
+private:
+    std::string m_file;
+};
+
+// Exposes the protected dispatch as the audit rule engine would use it.
+class TestEngine : public EventRuleEngine
+{
+public:
+    using EventRuleEngine::DispatchEvent;
+    using EventRuleEngine::InvalidateEventHandlers;
+};
+
+void ExpectError(const std::function<void()>& call, const std::string& text)
+{
+    try
+    {
+        call();
+        ADD_FAILURE() << "no exception, expected: " << text;
+    }
+    catch (const std::exception& e)
+    {
+        EXPECT_EQ(e.what(), text);
+    }
+}
+
+const auto kNoInvalidate = [] {};
+
+} // namespace
+
+TEST(EventRuleEngineTest, RegistrationArgumentsAreChecked)
+{
+    TestEngine engine;
+    const auto onEvent = [](Event&) {};
+    ExpectError([&] { engine.RegisterEventHandlers("", onEvent, kNoInvalidate); },
+                "EventRuleEngine::RegisterEventHandlers: 'tag' is empty");
+    ExpectError([&] { engine.RegisterEventHandlers("fim", nullptr, kNoInvalidate); },
+                "EventRuleEngine::RegisterEventHandlers: 'ruleMatchedEventHandler' is invalid");
+    ExpectError([&] { engine.RegisterEventHandlers("fim", onEvent, nullptr); },
+                "EventRuleEngine::RegisterEventHandlers: 'invalidatedEventHandler' is invalid");
+    ExpectError([&] { engine.UnregisterEventHandlers(""); },
+                "EventRuleEngine::UnregisterEventHandlers: 'tag' is empty");
+    EXPECT_FALSE(engine.HasEventHandlers("fim"));
+}
+
+TEST(EventRuleEngineTest, ReplacingAndUnregisteringAreLogged)
+{
+    vantor::test::CapturedLog log;
+    TestEngine engine;
+    int first = 0;
+    int second = 0;
+    engine.RegisterEventHandlers(
+        "fim", [&](Event&) { ++first; }, kNoInvalidate);
+    EXPECT_TRUE(log.Contains("EventRuleEngine::RegisterEventHandlers: Adding event handlers for 'fim'"));
+    engine.RegisterEventHandlers(
+        "fim", [&](Event&) { ++second; }, kNoInvalidate);
+    EXPECT_TRUE(log.Contains("EventRuleEngine::RegisterEventHandlers: Replacing event handlers for 'fim'"));
+
+    FileEvent event("/etc/passwd");
+    engine.DispatchEvent({"fim"}, event);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 1);
+
+    engine.UnregisterEventHandlers("fim");
+    EXPECT_TRUE(log.Contains("EventRuleEngine::UnregisterEventHandlers: Removing event handlers for 'fim'"));
+    engine.UnregisterEventHandlers("fim");
+    EXPECT_TRUE(log.Contains("EventRuleEngine::UnregisterEventHandlers: No event handlers found for 'fim'"));
+    engine.DispatchEvent({"fim"}, event);
+    EXPECT_EQ(second, 1);
+}
+
+TEST(EventRuleEngineTest, DispatchReachesOnlyTheGivenTagsAndSurvivesAThrowingHandler)
+{
+    vantor::test::CapturedLog log;
+    TestEngine engine;
+    std::vector<std::string> seen;
+    engine.RegisterEventHandlers(
+        "bad", [](Event& e) { throw std::runtime_error("broken " + e.GetFile()); }, kNoInvalidate);
+    engine.RegisterEventHandlers(
+        "fim", [&](Event& e) { seen.push_back("fim:" + e.GetFile()); }, kNoInvalidate);
+    engine.RegisterEventHandlers(
+        "ioc", [&](Event& e) { seen.push_back("ioc:" + e.GetFile()); }, kNoInvalidate);
+    engine.RegisterEventHandlers(
+        "other", [&](Event&) { seen.push_back("other"); }, kNoInvalidate);
+
+    FileEvent event("/tmp/x");
+    // The event class does not carry a type: a handler that asks for it throws
+    // the event's own exception, which is caught as well.
+    engine.RegisterEventHandlers(
+        "typed", [](Event& e) { e.GetType(); }, kNoInvalidate);
+    engine.DispatchEvent({"bad", "fim", "ioc", "typed", "unknown"}, event);
+
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(seen, (std::vector<std::string>{"fim:/tmp/x", "ioc:/tmp/x"}));
+    EXPECT_TRUE(log.Contains("Exception: broken /tmp/x"));
+    EXPECT_EQ(log.Count("Exception: "), 2U);
+}
+
+TEST(EventRuleEngineTest, InvalidationReachesEveryTag)
+{
+    TestEngine engine;
+    int invalidated = 0;
+    engine.RegisterEventHandlers(
+        "a", [](Event&) {}, [&] { ++invalidated; });
+    engine.RegisterEventHandlers(
+        "b", [](Event&) {}, [] { throw std::runtime_error("no"); });
+    engine.RegisterEventHandlers(
+        "c", [](Event&) {}, [&] { ++invalidated; });
+    engine.InvalidateEventHandlers();
+    EXPECT_EQ(invalidated, 2);
+}
+
+TEST(EventRuleEngineTest, RegisteringFromAHandlerFailsInsteadOfDeadlocking)
+{
+    TestEngine engine;
+    bool refused = false;
+    engine.RegisterEventHandlers(
+        "self",
+        [&](Event&)
+        {
+            try
+            {
+                engine.UnregisterEventHandlers("self");
+            }
+            catch (const std::logic_error&)
+            {
+                refused = true;
+            }
+        },
+        kNoInvalidate);
+    FileEvent event("/x");
+    engine.DispatchEvent({"self"}, event);
+    EXPECT_TRUE(refused);
+    EXPECT_TRUE(engine.HasEventHandlers("self"));
+}
+
+// Handlers come and go while other threads dispatch; after a tag is
+// unregistered its handler must never run again, so the state it uses can go.
+TEST(EventRuleEngineTest, ConcurrentDispatchAndRegistration)
+{
+    TestEngine engine;
+    std::atomic<bool> stop{false};
+    std::atomic<long> calls{0};
+
+    std::vector<std::thread> dispatchers;
+    for (int t = 0; t < 3; ++t)
+    {
+        dispatchers.emplace_back(
+            [&]
+            {
+                FileEvent event("/var/log/messages");
+                const EventRuleEngine::Tags tags{"t0", "t1", "t2", "t3"};
+                while (!stop.load())
+                {
+                    engine.DispatchEvent(tags, event);
+                }
+            });
+    }
+
+    std::vector<std::thread> registrars;
+    for (int t = 0; t < 2; ++t)
+    {
+        registrars.emplace_back(
+            [&, t]
+            {
+                for (int i = 0; i < 300; ++i)
+                {
+                    const std::string tag = "t" + std::to_string((i + t) % 4);
+                    auto owned = std::make_unique<std::string>(tag);
+                    engine.RegisterEventHandlers(
+                        tag,
+                        [&calls, state = owned.get()](Event& e)
+                        {
+                            if (!state->empty() && !e.GetFile().empty())
+                            {
+                                ++calls;
+                            }
+                        },
+                        kNoInvalidate);
+                    std::this_thread::yield();
+                    engine.UnregisterEventHandlers(tag);
+                    // Unregistered: the handler's state may go now. If another
+                    // thread registered the tag meanwhile its own state is used.
+                    owned.reset();
+                }
+            });
+    }
+    for (auto& r : registrars)
+    {
+        r.join();
+    }
+    stop = true;
+    for (auto& d : dispatchers)
+    {
+        d.join();
+    }
+    for (int i = 0; i < 4; ++i)
+    {
+        EXPECT_FALSE(engine.HasEventHandlers("t" + std::to_string(i)));
+    }
+    // The engine still routes normally afterwards.
+    const long before = calls.load();
+    engine.RegisterEventHandlers(
+        "t0", [&calls](Event&) { ++calls; }, kNoInvalidate);
+    FileEvent event("/x");
+    engine.DispatchEvent({"t0"}, event);
+    EXPECT_EQ(calls.load(), before + 1);
+}
