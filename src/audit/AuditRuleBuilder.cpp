@@ -17,6 +17,7 @@ extern "C"
 {
     extern int _audit_syscalladded;
     extern int _audit_archadded;
+    extern int _audit_permadded;
     extern unsigned int _audit_elf;
 }
 
@@ -39,6 +40,7 @@ public:
         : m_lock(g_libauditMutex)
         , m_syscallAdded(_audit_syscalladded)
         , m_archAdded(_audit_archadded)
+        , m_permAdded(_audit_permadded)
         , m_elf(_audit_elf)
     {
         Reset();
@@ -48,6 +50,7 @@ public:
     {
         _audit_syscalladded = m_syscallAdded;
         _audit_archadded = m_archAdded;
+        _audit_permadded = m_permAdded;
         _audit_elf = m_elf;
     }
 
@@ -59,6 +62,7 @@ public:
     {
         _audit_syscalladded = 0;
         _audit_archadded = 0;
+        _audit_permadded = 0;
         _audit_elf = 0;
     }
 
@@ -66,6 +70,7 @@ private:
     std::lock_guard<std::mutex> m_lock;
     int m_syscallAdded;
     int m_archAdded;
+    int m_permAdded;
     unsigned int m_elf;
 };
 
@@ -89,9 +94,10 @@ int WriteMaskOf(const edr::EventRule::ActionSet& actions)
     return mask;
 }
 
-bool AddField(AuditRule& rule, const std::string& pair, int list)
+bool AddField(AuditRule& rule, std::string pair, int list)
 {
-    return ::audit_rule_fieldpair_data(rule.Ptr(), pair.c_str(), list) == 0;
+    // libaudit cuts the pair apart in place, so it gets a writable copy.
+    return ::audit_rule_fieldpair_data(rule.Ptr(), pair.data(), list) == 0;
 }
 
 bool AddSyscalls(AuditRule& rule, const std::vector<std::string>& names)
@@ -111,6 +117,8 @@ bool AddSyscalls(AuditRule& rule, const std::vector<std::string>& names)
         }
         EDR_LOG_DEBUG("CreateRules: Adding " << name << " to rule");
     }
+    // libaudit accepts a key only after a system call or a watch.
+    _audit_syscalladded = 1;
     return true;
 }
 
@@ -354,6 +362,7 @@ AuditRule AuditRuleBuilder::CreateThreadExclusionRule()
     {
         throw RuleEngineException("Failed to add syscall to the thread exclusion rule");
     }
+    _audit_syscalladded = 1;
     if (!AddField(record, "a0&" + std::to_string(kCloneThreadFlag), AUDIT_FILTER_EXIT))
     {
         throw RuleEngineException("Failed to add flag to the thread exclusion rule");
@@ -377,6 +386,7 @@ AuditRule AuditRuleBuilder::CreateProcessExclusionRule(pid_t pid, const std::str
     {
         throw RuleEngineException("Failed to create exclusion rule for pid " + std::to_string(pid));
     }
+    _audit_syscalladded = 1;
     if (!AddField(record, "key=" + IgnoreRuleKey(suffix), AUDIT_FILTER_EXIT))
     {
         throw RuleEngineException("Failed to add key to the exclusion rule for pid " + std::to_string(pid));
@@ -396,6 +406,7 @@ AuditRule AuditRuleBuilder::CreateProcessExitRule(pid_t pid, const std::string& 
     {
         throw RuleEngineException("Failed to create exit rule for pid " + std::to_string(pid));
     }
+    _audit_syscalladded = 1;
     if (!AddField(record, "key=" + ExitRuleKey(suffix), AUDIT_FILTER_EXIT))
     {
         throw RuleEngineException("Failed to add key to the exit rule for pid " + std::to_string(pid));

@@ -43,9 +43,20 @@ int Send(const AuditHandle& handle, AuditRule& rule)
     return ::audit_add_rule_data(handle.Fd(), rule.Get(), rule.GetFlags(), rule.GetAction());
 }
 
+// The kernel drops the prepend flag once a rule is in its list, and finds the
+// rule to delete by comparing flags too: a delete never carries it.
 int Remove(const AuditHandle& handle, AuditRule& rule)
 {
-    return ::audit_delete_rule_data(handle.Fd(), rule.Get(), rule.GetFlags(), rule.GetAction());
+    return ::audit_delete_rule_data(handle.Fd(), rule.Get(), rule.GetFlags() & ~AUDIT_FILTER_PREPEND,
+                                    rule.GetAction());
+}
+
+bool IsMessageTypeExclusion(const AuditRule& rule, int messageType)
+{
+    const audit_rule_data* data = rule.Get();
+    return (rule.GetFlags() & ~AUDIT_FILTER_PREPEND) == AUDIT_FILTER_EXCLUDE && data->field_count == 1 &&
+           data->fields[0] == AUDIT_MSGTYPE && data->fieldflags[0] == AUDIT_EQUAL &&
+           data->values[0] == static_cast<uint32_t>(messageType);
 }
 
 } // namespace
@@ -529,8 +540,19 @@ void RuleEngine::DeleteDuplicateRules(const AuditHandle& handle, const std::unor
 void RuleEngine::AddExclusionMessageTypeRules(const AuditHandle& handle)
 {
     EDR_LOG_DEBUG("Adding exclusion message type rules");
+    // The kernel takes a prepended copy of a rule it already holds, so an
+    // existing one (the administrator's, or ours from a run that crashed) is
+    // left as it is instead of piling up copies.
+    const auto existing = GetRulesFromAudit(handle);
     for (const auto& type : AuditTables::ExclusionMessageTypes())
     {
+        if (existing &&
+            std::any_of(existing->begin(), existing->end(),
+                        [&](const AuditRule& rule) { return IsMessageTypeExclusion(rule, type.type); }))
+        {
+            EDR_LOG_INFO("Exclusion rule for message type: " << type.name << " already in audit");
+            continue;
+        }
         try
         {
             AuditRule rule = AuditRuleBuilder::CreateMessageTypeRule(type.type);
