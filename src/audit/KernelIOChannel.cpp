@@ -1,15 +1,19 @@
 #include "KernelIOChannel.h"
 
+#include "AuditHandle.h"
 #include "Logging.h"
 
 #include <libaudit.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <linux/netlink.h>
 #include <memory>
+#include <optional>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #ifndef SOL_NETLINK
 #define SOL_NETLINK 270
@@ -17,6 +21,39 @@
 
 namespace vantor::audit
 {
+
+namespace
+{
+
+// The pid of the registered audit daemon, 0 for none.
+std::optional<uint32_t> GetAuditDaemonPid()
+{
+    AuditHandle handle;
+    if (!handle.IsOpen() || ::audit_request_status(handle.Fd()) < 0)
+    {
+        return std::nullopt;
+    }
+    for (int attempt = 0; attempt < 5; ++attempt)
+    {
+        audit_reply reply{};
+        const int rc = handle.GetReply(reply, std::chrono::milliseconds(1000));
+        if (rc == -EAGAIN || rc == -EINTR)
+        {
+            continue;
+        }
+        if (rc <= 0)
+        {
+            return std::nullopt;
+        }
+        if (reply.type == AUDIT_GET && reply.status != nullptr)
+        {
+            return reply.status->pid;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
 
 KernelIOChannel::KernelIOChannel(uint64_t readBufSize)
     : IOChannel(readBufSize, 0)
@@ -66,13 +103,22 @@ common::IOChannel::Error KernelIOChannel::CreateSocket()
         EDR_LOG_ERROR("KernelIOChannel::CreateSocket: " << std::strerror(errno));
         return errno == EPERM || errno == EACCES ? AccessDenied : Unknown;
     }
-    // The read-only multicast group carries every audit record without taking
-    // the place of the audit daemon.
-    const int group = AUDIT_NLGRP_READLOG;
-    if (::setsockopt(fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
+    // With no audit daemon running, the channel takes its place and gets the
+    // records directly; beside one, it reads the read-only multicast group so
+    // as not to take them away from it.
+    if (GetAuditDaemonPid() == 0u && ::audit_set_pid(fd, static_cast<uint32_t>(::getpid()), WAIT_YES) >= 0)
     {
-        EDR_LOG_WARNING(
-            "KernelIOChannel::CreateSocket: Cannot join the audit log group: " << std::strerror(errno));
+        EDR_LOG_INFO("KernelIOChannel: Registered as the audit daemon.");
+        m_registered = true;
+    }
+    else
+    {
+        const int group = AUDIT_NLGRP_READLOG;
+        if (::setsockopt(fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
+        {
+            EDR_LOG_WARNING(
+                "KernelIOChannel::CreateSocket: Cannot join the audit log group: " << std::strerror(errno));
+        }
     }
     m_fd = fd;
     return Success;
@@ -83,6 +129,11 @@ void KernelIOChannel::CloseSocket()
     const int fd = m_fd.exchange(-1);
     if (fd >= 0)
     {
+        if (m_registered)
+        {
+            ::audit_set_pid(fd, 0, WAIT_YES);
+            m_registered = false;
+        }
         ::audit_close(fd);
     }
 }

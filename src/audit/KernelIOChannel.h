@@ -10,9 +10,10 @@ namespace vantor::audit
 
 // The netlink audit socket as an IO channel. Write() sends one serialised
 // audit rule record (AuditRule::Serialize) to the kernel; the reader thread
-// delivers what the kernel sends: replies to our requests, and the audit
-// records of the read-only multicast group, each as one line of raw audit
-// text "type=<NAME> msg=<text>\n", the form the parser takes.
+// delivers the audit records the kernel sends, each as one line of raw audit
+// text "type=<NAME> msg=<text>\n", the form the parser takes. Without an
+// audit daemon the channel registers itself as one (and unregisters on
+// Stop); beside one it reads the read-only multicast group.
 class KernelIOChannel : public common::IOChannel
 {
 public:
@@ -40,6 +41,8 @@ private:
 
     std::mutex m_writeMutex;
     bool m_started = false;
+    // Whether this channel registered itself as the audit daemon.
+    bool m_registered = false;
 };
 
 } // namespace vantor::audit
