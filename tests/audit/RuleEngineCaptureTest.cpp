@@ -1,0 +1,260 @@
+#include "AuditKernelState.h"
+#include "TestRule.h"
+#include "support/CapturedLog.h"
+#include "support/TempDir.h"
+
+#include "audit/RuleEngine.h"
+#include "audit/RuleEngineException.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sys/wait.h>
+
+namespace vantor::audit
+{
+namespace
+{
+
+using test::MakeRule;
+using test::RulesContaining;
+using testing::HasSubstr;
+using Rule = edr::EventRule;
+
+const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
+
+constexpr const char* kTag = "corvid_test_tag";
+
+size_t IndexOf(const std::vector<std::string>& lines, const std::string& text)
+{
+    for (size_t i = 0; i < lines.size(); ++i)
+    {
+        if (lines[i].find(text) != std::string::npos)
+        {
+            return i;
+        }
+    }
+    return lines.size();
+}
+
+class RuleEngineCaptureTest : public test::AuditCaptureFixture
+{
+protected:
+    void SetUp() override
+    {
+        AuditCaptureFixture::SetUp();
+        if (IsSkipped())
+        {
+            return;
+        }
+        std::filesystem::create_directories(m_dir.Path() + "/watched/sub");
+        m_file = m_dir.Write("watched.txt", "x");
+        m_directory = m_dir.Path() + "/watched";
+    }
+
+    std::unique_ptr<RuleEngine> MakeEngine(uint64_t backlogLimit = 0)
+    {
+        return std::make_unique<RuleEngine>(::getppid(), "/usr/sbin/outpost", backlogLimit, m_dir.Path());
+    }
+
+    test::TempDir m_dir;
+    std::string m_file;
+    std::string m_directory;
+};
+
+TEST_F(RuleEngineCaptureTest, FixedRulesAreInstalledInOrderAndRemovedByTheDestructor)
+{
+    const std::string self = std::to_string(::getpid());
+    const std::string outpost = std::to_string(::getppid());
+    const bool eoeBefore = !RulesContaining("msgtype=EOE").empty();
+    {
+        auto engine = MakeEngine();
+        const auto lines = test::ListRules();
+        const size_t outpostExit = IndexOf(lines, "key=corvid_exit_rule_outpost");
+        const size_t outpostIgnore = IndexOf(lines, "key=corvid_ignore_rule_outpost");
+        const size_t selfExit = IndexOf(lines, "key=corvid_exit_rule_self");
+        const size_t selfIgnore = IndexOf(lines, "key=corvid_ignore_rule_self");
+        const size_t thread = IndexOf(lines, "key=corvid_ignore_thread_events_rule");
+        ASSERT_LT(thread, lines.size());
+        // Prepended one after the other: each exit rule stands in front of
+        // its exclusion rule, the last pair installed comes first.
+        EXPECT_LT(outpostExit, outpostIgnore);
+        EXPECT_LT(outpostIgnore, selfExit);
+        EXPECT_LT(selfExit, selfIgnore);
+        EXPECT_LT(selfIgnore, thread);
+        EXPECT_EQ(lines[selfExit], "-a always,exit -F arch=b64 -S exit_group -F pid=" + self +
+                                       " -F key=corvid_exit_rule_self");
+        EXPECT_EQ(lines[selfIgnore],
+                  "-a never,exit -F arch=b64 -S all -F pid=" + self + " -F key=corvid_ignore_rule_self");
+        EXPECT_THAT(lines[outpostIgnore], HasSubstr("-F pid=" + outpost + " "));
+        EXPECT_EQ(lines[thread], "-a never,exit -F arch=b64 -S clone -F a0&0x10000 -F "
+                                 "key=corvid_ignore_thread_events_rule");
+        EXPECT_EQ(RulesContaining("msgtype=EOE"),
+                  std::vector<std::string>{"-a always,exclude -F msgtype=EOE"});
+
+        engine->AddRules(
+            {MakeRule("p1", Rule::ProcessRule, {}, {9}), MakeRule("f1", Rule::FilePathRule, {m_file}, {5})},
+            kTag);
+        EXPECT_EQ(RulesContaining(kTag).size(), 2u);
+    }
+    EXPECT_TRUE(RulesContaining("key=corvid_").empty());
+    EXPECT_TRUE(RulesContaining(kTag).empty());
+    EXPECT_EQ(RulesContaining("msgtype=EOE").empty(), !eoeBefore);
+}
+
+TEST_F(RuleEngineCaptureTest, PathRulesWatchWithThePermissionsOfBothActionSets)
+{
+    auto engine = MakeEngine();
+    // read + write + attribute on a file: a read rule for login users and a
+    // write/attribute watch.
+    engine->AddRules({MakeRule("file", Rule::FilePathRule, {m_file}, {4, 5, 7}),
+                      // nothing for the files below, create for directories
+                      MakeRule("dir", Rule::DirectoryPathRule, {m_directory}, {}, {2})},
+                     kTag);
+    const auto fileRules = RulesContaining(m_file);
+    EXPECT_THAT(fileRules, testing::UnorderedElementsAre("-a always,exit -S all -F path=" + m_file +
+                                                             " -F perm=r -F auid!=-1 -F key=" + kTag,
+                                                         "-w " + m_file + " -p wa -k " + kTag));
+    EXPECT_THAT(RulesContaining(m_directory + " "),
+                testing::ElementsAre("-w " + m_directory + " -p w -k " + kTag));
+
+    EXPECT_EQ(engine->GetPathTags(m_file), (edr::Trie::Values{kTag}));
+    EXPECT_EQ(engine->GetPathTags(m_directory + "/sub/new.txt"), (edr::Trie::Values{kTag}));
+    EXPECT_TRUE(engine->GetPathTags(m_dir.Path() + "/other").empty());
+
+    EXPECT_TRUE(engine->DeleteRuleFromAudit("file"));
+    EXPECT_TRUE(RulesContaining(m_file).empty());
+    EXPECT_TRUE(engine->GetPathTags(m_file).empty());
+    EXPECT_FALSE(engine->DeleteRuleFromAudit("file"));
+    EXPECT_EQ(RulesContaining(m_directory + " ").size(), 1u);
+}
+
+TEST_F(RuleEngineCaptureTest, RulesThatCannotBeInstalledAreRefusedOneByOne)
+{
+    auto engine = MakeEngine();
+    test::CapturedLog log;
+    const std::string missing = m_dir.Path() + "/missing";
+    engine->AddRules({MakeRule("missing", Rule::FilePathRule, {missing}, {5}),
+                      MakeRule("p1", Rule::ProcessRule, {}, {9, 10, 11}),
+                      MakeRule("p2", Rule::ProcessRule, {}, {9}), nullptr, MakeRule("odd", 7, {}, {5}),
+                      MakeRule("p1", Rule::ProcessRule, {}, {9, 10, 11})},
+                     kTag);
+    EXPECT_TRUE(log.Contains("Ignoring rule missing as path " + missing + " does not exist"));
+    EXPECT_TRUE(RulesContaining(missing).empty());
+    EXPECT_FALSE(engine->IsRuleInstalled("missing"));
+    EXPECT_TRUE(log.Contains("Cannot add more than 1 process rule for '" + std::string(kTag) + "'"));
+    EXPECT_FALSE(engine->IsRuleInstalled("p2"));
+    EXPECT_TRUE(log.Contains("RuleEngine::AddRules: 'rule' is nullptr"));
+    EXPECT_TRUE(log.Contains("CreateRules: Unsupported rule type for rule id odd"));
+    EXPECT_TRUE(log.Contains("Rule p1 already exists"));
+    EXPECT_EQ(log.Count("RuleEngine::AddRules: Added rule with ID "), 1u);
+
+    const auto process = RulesContaining(kTag);
+    ASSERT_EQ(process.size(), 1u);
+    for (const char* call : {"execve", "clone", "fork", "vfork", "exit_group"})
+    {
+        EXPECT_THAT(process[0], testing::ContainsRegex(std::string("-S ([a-z_]+,)*") + call + "[ ,]"));
+    }
+    // Another tag may have its own process rule; this one may again once its
+    // rule is gone.
+    engine->AddRules({MakeRule("p3", Rule::ProcessRule, {}, {11})}, "corvid_test_other");
+    EXPECT_TRUE(engine->IsRuleInstalled("p3"));
+    engine->DeleteRules(kTag);
+    engine->AddRules({MakeRule("p2", Rule::ProcessRule, {}, {9})}, kTag);
+    EXPECT_TRUE(engine->IsRuleInstalled("p2"));
+    EXPECT_THROW(engine->AddRules({}, ""), RuleEngineException);
+}
+
+TEST_F(RuleEngineCaptureTest, NetworkRuleWithConnectAndAcceptIsOneRuleWithBothCalls)
+{
+    auto engine = MakeEngine();
+    engine->AddRules({MakeRule("net", Rule::NetworkRule, {}, {1, 12})}, kTag);
+    const auto rules = RulesContaining(kTag);
+    ASSERT_EQ(rules.size(), 1u);
+    EXPECT_THAT(rules[0], HasSubstr("-a always,exit -F arch=b64 -S "));
+    EXPECT_THAT(rules[0], testing::ContainsRegex("-S (accept,connect|connect,accept) "));
+}
+
+TEST_F(RuleEngineCaptureTest, RulesLeftByACrashedRunAreDeletedFirst)
+{
+    // What a killed daemon leaves behind: its fixed rules for another pid and
+    // a detection rule of a tag.
+    test::Auditctl("-a", "always,exit -F arch=b64 -S exit_group -F pid=1 -F key=corvid_exit_rule_self");
+    test::Auditctl("-a", "never,exit -F arch=b64 -S all -F pid=1 -F key=corvid_ignore_rule_self");
+    test::Auditctl("-a",
+                   "never,exit -F arch=b64 -S clone -F a0&0x10000 -F key=corvid_ignore_thread_events_rule");
+    test::Auditctl("-w", m_file + " -p wa -k " + kTag);
+    ASSERT_EQ(RulesContaining("pid=1 ").size(), 2u);
+    ASSERT_EQ(RulesContaining(kTag).size(), 1u);
+
+    auto engine = MakeEngine();
+    EXPECT_TRUE(RulesContaining("pid=1 ").empty());
+    EXPECT_EQ(RulesContaining("key=corvid_ignore_thread_events_rule").size(), 1u);
+    EXPECT_EQ(RulesContaining("key=corvid_ignore_rule_self").size(), 1u);
+
+    engine->AddRules({MakeRule("f1", Rule::FilePathRule, {m_file}, {5})}, kTag);
+    EXPECT_TRUE(engine->IsRuleInstalled("f1"));
+    EXPECT_EQ(RulesContaining(kTag).size(), 1u);
+    engine.reset();
+    EXPECT_TRUE(RulesContaining("key=corvid_").empty());
+}
+
+TEST_F(RuleEngineCaptureTest, BacklogLimitIsRaisedAndNeverLowered)
+{
+    const auto initial = test::StatusValue("backlog_limit");
+    ASSERT_TRUE(initial);
+    const uint64_t raised = static_cast<uint64_t>(*initial) + 1234;
+    {
+        auto engine = MakeEngine(raised);
+        EXPECT_EQ(engine->GetAuditBacklogLimit(), raised);
+    }
+    EXPECT_EQ(test::StatusValue("backlog_limit"), static_cast<long long>(raised));
+    test::CapturedLog log;
+    auto engine = MakeEngine(10);
+    EXPECT_EQ(test::StatusValue("backlog_limit"), static_cast<long long>(raised));
+    EXPECT_FALSE(log.Contains("Failed to set audit backlog limit"));
+}
+
+TEST_F(RuleEngineCaptureTest, AgentRestartReplacesItsExclusionRules)
+{
+    auto engine = MakeEngine();
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+    {
+        ::pause();
+        ::_exit(0);
+    }
+    EXPECT_TRUE(engine->RefreshOutpostExclusionRules(child, "/usr/sbin/outpost-new"));
+    const auto rules = RulesContaining("_rule_outpost");
+    EXPECT_EQ(rules.size(), 2u);
+    for (const auto& rule : rules)
+    {
+        EXPECT_THAT(rule, HasSubstr("-F pid=" + std::to_string(child) + " "));
+    }
+    EXPECT_EQ(engine->GetOutpostPid(), child);
+    EXPECT_EQ(engine->GetOutpostPath(), "/usr/sbin/outpost-new");
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+}
+
+TEST_F(RuleEngineCaptureTest, InvalidateRemovesDetectionRulesAndAsksForThemAgain)
+{
+    auto engine = MakeEngine();
+    int invalidated = 0;
+    engine->RegisterEventHandlers(
+        kTag, [](edr::Event&) {}, [&] { ++invalidated; });
+    engine->AddRules({MakeRule("f1", Rule::FilePathRule, {m_file}, {5})}, kTag);
+    ASSERT_EQ(RulesContaining(kTag).size(), 1u);
+    engine->Invalidate();
+    EXPECT_TRUE(RulesContaining(kTag).empty());
+    EXPECT_FALSE(engine->IsRuleInstalled("f1"));
+    EXPECT_TRUE(engine->GetPathTags(m_file).empty());
+    EXPECT_EQ(invalidated, 1);
+    // The fixed rules stay.
+    EXPECT_EQ(RulesContaining("key=corvid_ignore_rule_self").size(), 1u);
+}
+
+} // namespace
+} // namespace vantor::audit
