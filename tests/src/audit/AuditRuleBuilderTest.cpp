@@ -1,4 +1,5 @@
-#include "support/CapturedLog.h"
+#include "Logging.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 #include "TestRule.h"
@@ -73,7 +74,7 @@ TEST(AuditRuleBuilderTest, WatchPermissionsComeFromBothActionSets)
 
 TEST(AuditRuleBuilderTest, SyscallsOfProcessAndNetworkActions)
 {
-    test::CapturedLog log;
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
     EXPECT_THAT(AuditRuleBuilder::GetProcessSyscalls(TestRule("p", Rule::ProcessRule, {}, {9, 10, 11, 42})),
                 ElementsAre("execve", "clone", "fork", "vfork", "exit_group"));
     EXPECT_TRUE(log.Contains("AddProcessRules: Unsupported action 42"));
@@ -116,7 +117,7 @@ TEST(AuditRuleBuilderTest, PathRulesGetOneRecordPerPermissionKindAndSkipMissingP
     test::TempDir dir;
     const std::string file = dir.Write("f", "x");
     std::filesystem::create_directory(dir.File("d"));
-    test::CapturedLog log;
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
     auto built = AuditRuleBuilder::CreateRules(
         TestRule("r", Rule::FilePathRule, {file, dir.File("missing"), dir.File("d")}, {4, 5}), "tag");
     EXPECT_TRUE(log.Contains("Ignoring rule r as path " + dir.File("missing") + " does not exist"));

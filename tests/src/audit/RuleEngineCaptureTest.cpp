@@ -1,6 +1,7 @@
+#include "Logging.h"
 #include "AuditKernelState.h"
 #include "TestRule.h"
-#include "support/CapturedLog.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 #include "audit/RuleEngine.h"
@@ -133,7 +134,7 @@ TEST_F(RuleEngineCaptureTest, PathRulesWatchWithThePermissionsOfBothActionSets)
 TEST_F(RuleEngineCaptureTest, RulesThatCannotBeInstalledAreRefusedOneByOne)
 {
     auto engine = MakeEngine();
-    test::CapturedLog log;
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
     const std::string missing = m_dir.Path() + "/missing";
     engine->AddRules({MakeRule("missing", Rule::FilePathRule, {missing}, {5}),
                       MakeRule("p1", Rule::ProcessRule, {}, {9, 10, 11}),
@@ -210,7 +211,7 @@ TEST_F(RuleEngineCaptureTest, BacklogLimitIsRaisedAndNeverLowered)
         EXPECT_EQ(engine->GetAuditBacklogLimit(), raised);
     }
     EXPECT_EQ(test::StatusValue("backlog_limit"), static_cast<long long>(raised));
-    test::CapturedLog log;
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
     auto engine = MakeEngine(10);
     EXPECT_EQ(test::StatusValue("backlog_limit"), static_cast<long long>(raised));
     EXPECT_FALSE(log.Contains("Failed to set audit backlog limit"));
