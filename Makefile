@@ -16,8 +16,10 @@ build: deps
 	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 
+# The sanitizer build uses clang, which also builds the libFuzzer targets.
 build-asan: deps
-	@cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCORVID_SANITIZE=ON -DCORVID_BUILD_BENCH=OFF $(CMAKE_ARGS) >/dev/null
+	@if [ -f $(ASAN_BUILD)/CMakeCache.txt ] && ! grep -q 'CMAKE_CXX_COMPILER:.*clang' $(ASAN_BUILD)/CMakeCache.txt; then rm -rf $(ASAN_BUILD); fi
+	@CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCORVID_SANITIZE=ON -DCORVID_BUILD_BENCH=OFF $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 # The whole suite: every test of the normal build, then the unit tests again

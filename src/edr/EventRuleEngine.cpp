@@ -131,9 +131,9 @@ void EventRuleEngine::InvalidateEventHandlers()
 {
     std::lock_guard lock(m_mutex);
     DispatchScope scope(m_dispatchingThread);
-    for (auto& [tag, handlers] : m_handlers)
+    for (auto& entry : m_handlers)
     {
-        CallGuarded([&] { handlers.invalidated(); });
+        CallGuarded([&entry] { entry.second.invalidated(); });
     }
 }
 

@@ -424,7 +424,8 @@ TEST(SqlStorageTest, AsyncOperationsRunInOrderOnTheWorkerAndFinishBeforeDestruct
     std::atomic<int> onOtherThread{0};
     const auto caller = std::this_thread::get_id();
     {
-        auto storage = OpenBaseline(dir, true);
+        // Declared before the storage: the storage's destructor still runs
+        // queued callbacks that use it.
         const auto note = [&](const std::string& what)
         {
             std::lock_guard lock(mutex);
@@ -434,6 +435,7 @@ TEST(SqlStorageTest, AsyncOperationsRunInOrderOnTheWorkerAndFinishBeforeDestruct
                 ++onOtherThread;
             }
         };
+        auto storage = OpenBaseline(dir, true);
         storage->WriteAsync(kBaseline, {BaselineRecord("/a", "R"), BaselineRecord("/b", "R")},
                             [&](const StorageResult& r) { note(r.success ? "write" : "write failed"); });
         storage->ReadAsync(kBaseline, "/a",
