@@ -63,7 +63,14 @@ bool IsMessageTypeExclusion(const AuditRule& rule, int messageType)
 
 RuleEngine::RuleEngine(pid_t outpostPid, std::string outpostPath, uint64_t auditBacklogLimit,
                        std::string agentInstallPath)
-    : m_auditBacklogLimit(auditBacklogLimit)
+    : RuleEngine(outpostPid, std::move(outpostPath), nullptr, auditBacklogLimit, std::move(agentInstallPath))
+{
+}
+
+RuleEngine::RuleEngine(pid_t outpostPid, std::string outpostPath, std::shared_ptr<ProcessTree> processTree,
+                       uint64_t auditBacklogLimit, std::string agentInstallPath)
+    : EventRouter(std::move(processTree), ::getpid())
+    , m_auditBacklogLimit(auditBacklogLimit)
     , m_agentInstallPath(std::move(agentInstallPath))
     , m_outpostPid(outpostPid)
     , m_outpostPath(std::move(outpostPath))
@@ -192,15 +199,12 @@ bool RuleEngine::AddRuleToAudit(const AuditHandle& handle, const edr::EventRule&
     }
     EDR_LOG_INFO("Added rule " << id << " to the audit subsytem");
 
-    InstalledRule installed{tag, rule.GetType(), std::move(built.records), std::move(built.paths)};
-    if (edr::EventRule::IsPathRule(installed.type))
+    InstalledRule installed{tag, rule.GetType(), {}, std::move(built.records), std::move(built.paths)};
+    if (!edr::EventRule::IsPathRule(installed.type))
     {
-        std::lock_guard trieLock(m_trieMutex);
-        for (const auto& path : installed.paths)
-        {
-            m_trie.Insert(path, tag);
-        }
+        installed.actions = rule.GetActions();
     }
+    AddRoute(tag, installed.type, installed.actions, installed.paths);
     if (installed.type == edr::EventRule::ProcessRule)
     {
         m_processRuleTags.insert(tag);
@@ -246,13 +250,7 @@ bool RuleEngine::DeleteRuleFromAudit(const AuditHandle& handle, const std::strin
     {
         EDR_LOG_INFO("RuleEngine::DeleteRuleFromAudit: Deleted rule with ID " << ruleId);
     }
-    {
-        std::lock_guard trieLock(m_trieMutex);
-        for (const auto& path : installed.paths)
-        {
-            m_trie.Delete(path, installed.tag);
-        }
-    }
+    RemoveRoute(installed.tag, installed.type, installed.actions, installed.paths);
     if (installed.type == edr::EventRule::ProcessRule)
     {
         m_processRuleTags.erase(installed.tag);
@@ -364,12 +362,6 @@ std::optional<uint32_t> RuleEngine::GetAuditBacklogLimit() const
         return std::nullopt;
     }
     return GetAuditBacklogLimit(handle);
-}
-
-edr::Trie::Values RuleEngine::GetPathTags(std::string_view path) const
-{
-    std::lock_guard lock(m_trieMutex);
-    return m_trie.GetValues(path);
 }
 
 bool RuleEngine::IsRuleInstalled(const std::string& ruleId) const

@@ -3,9 +3,9 @@
 #include "AuditHandle.h"
 #include "AuditRule.h"
 #include "AuditRuleBuilder.h"
+#include "EventRouter.h"
+#include "ProcessTree.h"
 #include "edr/EventRule.h"
-#include "edr/EventRuleEngine.h"
-#include "edr/Trie.h"
 
 #include <cstdint>
 #include <memory>
@@ -35,8 +35,9 @@ namespace vantor::audit
 // destructor removes everything the engine installed.
 //
 // Every operation opens its own audit socket, so operations may run on
-// different threads; one lock serialises them.
-class RuleEngine : public edr::EventRuleEngine
+// different threads; one lock serialises them. Events are handled by the
+// EventRouter base (ProcessEvent), routed by the rules installed here.
+class RuleEngine : public EventRouter
 {
 public:
     using Rules = std::vector<std::shared_ptr<edr::EventRule>>;
@@ -44,6 +45,9 @@ public:
     // Throws RuleEngineException "RuleEngine: Failed to open audit socket"
     // when no audit socket can be opened. Failures of the fixed rules are
     // logged and the engine keeps running.
+    RuleEngine(pid_t outpostPid, std::string outpostPath, std::shared_ptr<ProcessTree> processTree,
+               uint64_t auditBacklogLimit, std::string agentInstallPath);
+    // Without a process tree: events carry only their own data.
     RuleEngine(pid_t outpostPid, std::string outpostPath, uint64_t auditBacklogLimit,
                std::string agentInstallPath);
     ~RuleEngine() override;
@@ -71,9 +75,6 @@ public:
     std::vector<AuditRule> GetRulesFromAudit() const;
     std::optional<uint32_t> GetAuditBacklogLimit() const;
 
-    // Tags whose path rules cover the path.
-    edr::Trie::Values GetPathTags(std::string_view path) const;
-
     bool IsRuleInstalled(const std::string& ruleId) const;
     pid_t GetOutpostPid() const;
     std::string GetOutpostPath() const;
@@ -84,6 +85,7 @@ private:
     {
         std::string tag;
         uint32_t type = 0;
+        edr::EventRule::ActionSet actions;
         std::vector<AuditRule> records;
         std::vector<std::string> paths;
     };
@@ -134,11 +136,6 @@ private:
     std::optional<AuditRule> m_threadExclusionRule;
     ProcessExclusion m_selfExclusion;
     ProcessExclusion m_outpostExclusion;
-
-    // Lookups come from the event thread; kept apart from m_mutex so that
-    // they never wait for the kernel.
-    mutable std::mutex m_trieMutex;
-    edr::Trie m_trie;
 };
 
 } // namespace vantor::audit

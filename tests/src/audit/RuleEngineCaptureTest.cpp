@@ -1,5 +1,6 @@
-#include "Logging.h"
 #include "AuditKernelState.h"
+#include "Logging.h"
+#include "TestEvent.h"
 #include "TestRule.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -255,6 +256,38 @@ TEST_F(RuleEngineCaptureTest, InvalidateRemovesDetectionRulesAndAsksForThemAgain
     EXPECT_EQ(invalidated, 1);
     // The fixed rules stay.
     EXPECT_EQ(RulesContaining("key=corvid_ignore_rule_self").size(), 1u);
+}
+
+TEST_F(RuleEngineCaptureTest, EventsFollowTheInstalledRulesToTheirHandlers)
+{
+    auto engine = std::make_unique<RuleEngine>(::getppid(), "/usr/sbin/outpost",
+                                               std::make_shared<ProcessTree>(), 0, m_dir.Path());
+    std::vector<uint32_t> seen;
+    engine->RegisterEventHandlers(
+        kTag, [&](edr::Event& event) { seen.push_back(event.GetEventId()); }, [] {});
+    engine->AddRules({MakeRule("file", Rule::FilePathRule, {m_file}, {5}),
+                      MakeRule("process", Rule::ProcessRule, {}, {9})},
+                     kTag);
+
+    auto write = test::MakeEvent(edr::EventType::Write, 1, 1);
+    write->file = m_file;
+    engine->ProcessEvent(std::move(write));
+    auto failed = test::MakeEvent(edr::EventType::Write, 1, 2);
+    failed->file = m_file;
+    failed->successful = false;
+    failed->category = 5;
+    engine->ProcessEvent(std::move(failed));
+    engine->ProcessEvent(test::MakeEvent(edr::EventType::Running, 1, 3));
+    engine->ProcessEvent(test::MakeEvent(edr::EventType::Exit, 1, 4));
+    EXPECT_EQ(seen, (std::vector<uint32_t>{1, 3}));
+
+    seen.clear();
+    engine->DeleteRules(kTag);
+    auto after = test::MakeEvent(edr::EventType::Write, 1, 5);
+    after->file = m_file;
+    engine->ProcessEvent(std::move(after));
+    engine->ProcessEvent(test::MakeEvent(edr::EventType::Running, 1, 6));
+    EXPECT_TRUE(seen.empty());
 }
 
 } // namespace

@@ -1,0 +1,280 @@
+#include "EventProcessingThread.h"
+
+#include "Logging.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+namespace vantor::audit
+{
+
+namespace
+{
+
+constexpr std::chrono::nanoseconds kIdleWait{1000000000};
+constexpr std::chrono::microseconds kCpuPause{10000};
+
+struct SortKey
+{
+    uint64_t timestamp;
+    uint64_t serial; // unwrapped
+    uint32_t index;  // arrival order, the last tie-breaker
+
+    bool operator<(const SortKey& other) const
+    {
+        if (timestamp != other.timestamp)
+        {
+            return timestamp < other.timestamp;
+        }
+        if (serial != other.serial)
+        {
+            return serial < other.serial;
+        }
+        return index < other.index;
+    }
+};
+
+uint64_t TimestampOf(const edr::Event& event)
+{
+    try
+    {
+        return event.GetTimestamp();
+    }
+    catch (const std::exception&)
+    {
+        return 0;
+    }
+}
+
+uint32_t SerialOf(const edr::Event& event)
+{
+    try
+    {
+        return event.GetEventId();
+    }
+    catch (const std::exception&)
+    {
+        return 0;
+    }
+}
+
+} // namespace
+
+EventProcessingThread::EventProcessingThread(EventRouter& router, uint64_t cpuThreshold, CpuUsage cpuUsage)
+    : m_router(router)
+    , m_cpuThreshold(cpuThreshold)
+    , m_cpuUsage(std::move(cpuUsage))
+{
+}
+
+EventProcessingThread::~EventProcessingThread()
+{
+    Stop();
+}
+
+void EventProcessingThread::Start()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_stop = false;
+    }
+    if (!Launch())
+    {
+        EDR_LOG_INFO("Parsed events processing thread already running");
+        return;
+    }
+    EDR_LOG_INFO("Started parsed events processing thread");
+}
+
+void EventProcessingThread::Stop()
+{
+    if (GetState() == State::Idle)
+    {
+        return;
+    }
+    EDR_LOG_INFO("Stopping parsed events processing thread");
+    AsyncTask::Stop();
+}
+
+void EventProcessingThread::OnCancel()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_stop = true;
+    }
+    m_cv.notify_all();
+}
+
+void EventProcessingThread::SetQueueSize(uint64_t memoryBudget)
+{
+    const uint64_t share = memoryBudget * 30 / 100;
+    const size_t capacity = static_cast<size_t>(std::clamp<uint64_t>(share, kMinQueueSize, kMaxQueueSize));
+    {
+        std::lock_guard lock(m_mutex);
+        m_capacity = capacity;
+    }
+    EDR_LOG_INFO("Setting processing queue size to " << capacity << " events");
+    m_cv.notify_all();
+}
+
+size_t EventProcessingThread::GetQueueSize() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_capacity;
+}
+
+void EventProcessingThread::Enqueue(Events&& events)
+{
+    if (events.empty())
+    {
+        return;
+    }
+    std::unique_lock lock(m_mutex);
+    if (m_bufferQueue.size() >= m_capacity)
+    {
+        EDR_LOG_WARNING("Processing queue threshold hit. Stopped adding events to que");
+        m_cv.wait(lock, [this] { return m_bufferQueue.empty() || m_stop; });
+        EDR_LOG_INFO("Enabling the processing queue");
+    }
+    m_bufferQueue.reserve(m_bufferQueue.size() + events.size());
+    for (auto& event : events)
+    {
+        m_bufferQueue.push_back(std::move(event));
+    }
+    events.clear();
+    EDR_LOG_DEBUG("Audit event processing buffer queue size: " << m_bufferQueue.size() << " events");
+    lock.unlock();
+    m_cv.notify_all();
+}
+
+void EventProcessingThread::DoWork()
+{
+    try
+    {
+        Run();
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Uncaught Exception in Processing Thread:" << e.what());
+    }
+}
+
+void EventProcessingThread::Run()
+{
+    for (;;)
+    {
+        {
+            std::unique_lock lock(m_mutex);
+            if (m_bufferQueue.empty() && !m_stop)
+            {
+                m_cv.wait_until(lock, std::chrono::steady_clock::now() + kIdleWait,
+                                [this] { return !m_bufferQueue.empty() || m_stop; });
+            }
+            if (m_stop)
+            {
+                return;
+            }
+            m_activeQueue.swap(m_bufferQueue);
+        }
+
+        if (m_activeQueue.empty())
+        {
+            try
+            {
+                m_router.ProcessCachedFileEvents();
+            }
+            catch (const std::exception& e)
+            {
+                EDR_LOG_ERROR("Failed to process cached file events: " << e.what());
+            }
+            continue;
+        }
+
+        SortBatch(m_activeQueue);
+        EDR_LOG_DEBUG("Audit active event processing queue size: " << m_activeQueue.size() << " events");
+        for (auto& event : m_activeQueue)
+        {
+            PauseWhileBusy();
+            try
+            {
+                m_router.ProcessEvent(std::move(event));
+            }
+            catch (const std::exception& e)
+            {
+                EDR_LOG_ERROR(e.what());
+            }
+        }
+        m_activeQueue.clear();
+        // Lets a producer blocked on a full buffer go on.
+        m_cv.notify_all();
+    }
+}
+
+void EventProcessingThread::PauseWhileBusy()
+{
+    if (!m_cpuUsage)
+    {
+        return;
+    }
+    while (m_cpuUsage() > static_cast<float>(m_cpuThreshold))
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            if (m_stop)
+            {
+                return;
+            }
+        }
+        std::this_thread::sleep_for(kCpuPause);
+    }
+}
+
+void EventProcessingThread::SortBatch(Events& events)
+{
+    if (events.size() < 2)
+    {
+        return;
+    }
+    // Serials are 32-bit and wrap. A batch that holds serials just below the
+    // wrap and just above it (within the window on either side) ordered the
+    // low ones after the high ones. Keys are computed once, so the sort sees a
+    // consistent total order and calls no virtual function.
+    constexpr uint64_t kWrap = uint64_t{1} << 32;
+    bool high = false;
+    bool low = false;
+    std::vector<SortKey> keys;
+    keys.reserve(events.size());
+    for (uint32_t i = 0; i < events.size(); ++i)
+    {
+        const uint32_t serial = events[i] ? SerialOf(*events[i]) : 0;
+        high = high || serial >= kWrap - kSerialWrapWindow;
+        low = low || (serial != 0 && serial < kSerialWrapWindow);
+        keys.push_back({events[i] ? TimestampOf(*events[i]) : 0, serial, i});
+    }
+    const bool wrapped = high && low;
+    uint64_t previous = 0;
+    for (auto& key : keys)
+    {
+        if (key.serial == 0)
+        {
+            key.serial = previous; // pseudo event: stays after its predecessor
+            continue;
+        }
+        if (wrapped && key.serial < kWrap / 2)
+        {
+            key.serial += kWrap;
+        }
+        previous = key.serial;
+    }
+    std::sort(keys.begin(), keys.end());
+    Events ordered;
+    ordered.reserve(events.size());
+    for (const auto& key : keys)
+    {
+        ordered.push_back(std::move(events[key.index]));
+    }
+    events.swap(ordered);
+}
+
+} // namespace vantor::audit

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "AsyncTask.h"
+#include "EventRouter.h"
+#include "edr/Event.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace vantor::audit
+{
+
+// Takes finished events from the parser thread and hands them, ordered, to
+// the audit rule engine on a thread of its own.
+//
+// Two vectors are swapped under the lock (double buffering): the producer
+// appends to the buffer queue, the worker takes the whole buffer as its
+// active batch, sorts it by timestamp, then serial, and processes it without
+// the lock. The buffer is bounded by a count of events; a producer that finds
+// it full blocks until the worker has drained it, so nothing is dropped here
+// and back-pressure reaches the parser's own byte-bounded queue. The worker
+// pauses while the process's CPU use is above the threshold.
+class EventProcessingThread : private common::AsyncTask
+{
+public:
+    using Events = std::vector<std::unique_ptr<edr::Event>>;
+    // Current CPU use of the process, percent.
+    using CpuUsage = std::function<float()>;
+
+    static constexpr size_t kMinQueueSize = 10000;
+    static constexpr size_t kMaxQueueSize = 100000;
+    // Serials closer than this across the 32-bit wrap are ordered as wrapped.
+    static constexpr uint32_t kSerialWrapWindow = 200000;
+
+    // cpuUsage may be empty: no throttling.
+    EventProcessingThread(EventRouter& router, uint64_t cpuThreshold, CpuUsage cpuUsage);
+    ~EventProcessingThread() override;
+
+    void Start();
+    void Stop();
+
+    // Appends the events in their order; blocks while the buffer is full.
+    void Enqueue(Events&& events);
+
+    // memoryBudget: the configured share of the limiter's memory figure
+    // (percent × memory / 100). The capacity is 30% of it, in events, kept
+    // between 10,000 and 100,000.
+    void SetQueueSize(uint64_t memoryBudget);
+    size_t GetQueueSize() const;
+
+    // Sorts a batch in processing order: timestamp, then serial, a serial
+    // just past the 32-bit wrap after one just before it. Pseudo events
+    // (serial 0) keep their place next to the event that preceded them.
+    static void SortBatch(Events& events);
+
+private:
+    void DoWork() override;
+    void OnCancel() override;
+    void Run();
+    void PauseWhileBusy();
+
+    EventRouter& m_router;
+    const uint64_t m_cpuThreshold;
+    const CpuUsage m_cpuUsage;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_cv;
+    Events m_bufferQueue;
+    size_t m_capacity = kMaxQueueSize;
+    bool m_stop = false;
+    // Touched by the worker only.
+    Events m_activeQueue;
+};
+
+} // namespace vantor::audit

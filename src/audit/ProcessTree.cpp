@@ -1,0 +1,485 @@
+#include "ProcessTree.h"
+
+#include "AuditTables.h"
+#include "Logging.h"
+
+#include <unordered_set>
+
+namespace vantor::audit
+{
+
+namespace
+{
+
+// Category of process-start events, whose actor is the parent.
+constexpr uint32_t kProcessStartCategory = 3;
+// Longest parent chain followed; guards against loops in stale data.
+constexpr int kMaxLineageDepth = 256;
+
+uint32_t CategoryOf(const edr::Event& event)
+{
+    try
+    {
+        return event.GetCategory();
+    }
+    catch (const edr::EventException&)
+    {
+        return 0;
+    }
+}
+
+} // namespace
+
+ProcessTree::ProcessTree(std::string procRoot, PseudoEventFactory makeRunningEvent,
+                         PseudoEventFactory makeTerminateEvent)
+    : m_procFs(std::move(procRoot))
+    , m_makeRunningEvent(std::move(makeRunningEvent))
+    , m_makeTerminateEvent(std::move(makeTerminateEvent))
+{
+}
+
+bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents)
+{
+    const edr::EventType type = event->GetType();
+    std::lock_guard lock(m_mutex);
+    if (type == edr::EventType::Clone)
+    {
+        const pid_t child = event->GetActorProcessId();
+        if (child > 0)
+        {
+            CacheClone(std::move(event), child);
+        }
+        return false;
+    }
+    if (type == edr::EventType::AbnormalEnd)
+    {
+        return true;
+    }
+    if (type == edr::EventType::Exit)
+    {
+        const pid_t pid = event->GetActorProcessId();
+        if (const auto it = m_processes.find(pid); it != m_processes.end())
+        {
+            it->second.terminated = true;
+        }
+        m_cloneCache.erase(pid);
+        return true;
+    }
+
+    const bool processStart = CategoryOf(*event) == kProcessStartCategory;
+    const pid_t actor = processStart ? event->GetActorParentProcessId() : event->GetActorProcessId();
+    if (actor > 0)
+    {
+        if (Entry* entry = FindOrCreateActor(actor, *event, processStart))
+        {
+            AnnounceContainer(*entry, pseudoEvents);
+        }
+    }
+    if (type == edr::EventType::Running)
+    {
+        AddRunning(*event);
+    }
+    return true;
+}
+
+ProcessTree::Entry* ProcessTree::FindOrCreateActor(pid_t pid, edr::Event& event, bool processStart)
+{
+    if (!processStart)
+    {
+        if (const auto thread = m_threads.find(pid); thread != m_threads.end())
+        {
+            event.UpdateActorProcessId(thread->second);
+            pid = thread->second;
+        }
+    }
+    if (Entry* entry = FindLive(pid))
+    {
+        return entry;
+    }
+    EDR_LOG_TRACE("Not found Actor PID: " << pid << " in process tree, creating actor process");
+
+    if (!processStart)
+    {
+        // /proc answers a thread id too; its Tgid tells the process.
+        if (const auto status = m_procFs.ReadStatus(pid); status && status->tgid > 0 && status->tgid != pid)
+        {
+            EDR_LOG_TRACE("Detected that Event has thread id " << pid << " instead of process id");
+            EDR_LOG_TRACE("Updating Event with process id " << status->tgid);
+            m_threads[pid] = status->tgid;
+            event.UpdateActorProcessId(status->tgid);
+            pid = status->tgid;
+            if (Entry* entry = FindLive(pid))
+            {
+                return entry;
+            }
+        }
+    }
+    if (Entry* entry = CreateFromProc(pid))
+    {
+        return entry;
+    }
+    // The event describes its actor only when the actor is the event's own
+    // process, never for a process start (whose actor is the parent).
+    if (!processStart && event.GetActorProcessId() == pid)
+    {
+        if (Entry* entry = CreateFromEvent(pid, event))
+        {
+            return entry;
+        }
+    }
+    return CreateFromCloneCache(pid);
+}
+
+ProcessTree::Entry* ProcessTree::CreateFromProc(pid_t pid)
+{
+    EDR_LOG_TRACE("Creating actor process from ProcFS: " << pid);
+    try
+    {
+        return Insert(std::make_shared<const ProcessInfo>(m_procFs, pid));
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_DEBUG("Failed to create process for " << pid << " using ProcFS: " << e.what());
+        return nullptr;
+    }
+}
+
+ProcessTree::Entry* ProcessTree::CreateFromEvent(pid_t pid, const edr::Event& event)
+{
+    EDR_LOG_TRACE("Creating process from Event data: " << pid);
+    try
+    {
+        return Insert(std::make_shared<const ProcessInfo>(event, CreationTimeOf(pid, event)));
+    }
+    catch (const std::exception& e)
+    {
+        std::string action;
+        try
+        {
+            action = event.GetActionName();
+        }
+        catch (const std::exception&)
+        {
+        }
+        EDR_LOG_DEBUG("Failed to create process from " << action << " event for pid: " << pid << ": "
+                                                       << e.what());
+        return nullptr;
+    }
+}
+
+ProcessTree::Entry* ProcessTree::CreateFromCloneCache(pid_t pid)
+{
+    EDR_LOG_TRACE("Creating process from Clone Cache: " << pid);
+    const auto it = m_cloneCache.find(pid);
+    if (it == m_cloneCache.end())
+    {
+        EDR_LOG_DEBUG("Process with pid " << pid << " does not exist in Clone Cache");
+        return nullptr;
+    }
+    if (!it->second)
+    {
+        EDR_LOG_ERROR("Accessing key failed from cache memory");
+        m_cloneCache.erase(it);
+        return nullptr;
+    }
+    try
+    {
+        const edr::Event& clone = *it->second;
+        Entry* entry = Insert(std::make_shared<const ProcessInfo>(clone, CreationTimeOf(pid, clone)));
+        m_cloneCache.erase(it);
+        return entry;
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_DEBUG("Failed to create process for " << pid << " using Clone Cache: " << e.what());
+        m_cloneCache.erase(it);
+        return nullptr;
+    }
+}
+
+ProcessInfo::TimePoint ProcessTree::CreationTimeOf(pid_t pid, const edr::Event& event) const
+{
+    // The fork time that /proc reports is what later checks compare with; a
+    // process already gone keeps the event's time.
+    if (const auto stat = m_procFs.ReadStat(pid))
+    {
+        return m_procFs.CreationTime(stat->startTicks);
+    }
+    try
+    {
+        return ProcessInfo::TimePoint(std::chrono::milliseconds(event.GetTimestamp()));
+    }
+    catch (const edr::EventException&)
+    {
+        return std::chrono::system_clock::now();
+    }
+}
+
+ProcessTree::Entry* ProcessTree::Insert(ProcessPtr info)
+{
+    const pid_t pid = info->GetPid();
+    Entry& entry = m_processes[pid];
+    entry = Entry{std::move(info), false, false};
+    return &entry;
+}
+
+ProcessTree::Entry* ProcessTree::FindLive(pid_t pid)
+{
+    const auto it = m_processes.find(pid);
+    return it != m_processes.end() && !it->second.terminated ? &it->second : nullptr;
+}
+
+void ProcessTree::AddRunning(const edr::Event& event)
+{
+    const pid_t pid = event.GetActorProcessId();
+    if (pid <= 0)
+    {
+        return;
+    }
+    try
+    {
+        const Entry* existing = FindLive(pid);
+        // execve keeps the process: an entry of the same process keeps its
+        // creation time; one of a reused pid does not.
+        auto creation = CreationTimeOf(pid, event);
+        const bool announced =
+            existing != nullptr && existing->announced && existing->info->GetCreationTime() == creation;
+        Entry* entry = Insert(std::make_shared<const ProcessInfo>(event, creation));
+        entry->announced = announced;
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_DEBUG("Failed to create process from Execve event for pid: " << pid << ": " << e.what());
+    }
+    m_cloneCache.erase(pid);
+    m_threads.erase(pid); // a new process, not a thread any more
+}
+
+void ProcessTree::CacheClone(std::unique_ptr<edr::Event> clone, pid_t child)
+{
+    // A live entry much older than this fork belongs to an earlier process
+    // that held the pid. (The child may have run execve before the fork
+    // returned, so a young entry is the child itself.)
+    if (Entry* stale = FindLive(child))
+    {
+        try
+        {
+            const ProcessInfo::TimePoint forked{std::chrono::milliseconds(clone->GetTimestamp())};
+            if (stale->info->GetCreationTime() + std::chrono::seconds(1) < forked)
+            {
+                EDR_LOG_DEBUG("ProcessID: "
+                              << child << " creation time from processInfo differs with Proc creation time");
+                stale->terminated = true;
+            }
+        }
+        catch (const edr::EventException&)
+        {
+        }
+    }
+    auto [it, inserted] = m_cloneCache.try_emplace(child);
+    it->second = std::move(clone);
+    if (inserted)
+    {
+        m_cloneOrder.push_back(child);
+    }
+    while (m_cloneCache.size() > kCloneCacheLimit && !m_cloneOrder.empty())
+    {
+        m_cloneCache.erase(m_cloneOrder.front());
+        m_cloneOrder.pop_front();
+    }
+    // The order list may hold pids whose entries were used up; keep it short.
+    if (m_cloneOrder.size() > 2 * kCloneCacheLimit)
+    {
+        std::deque<pid_t> live;
+        for (pid_t pid : m_cloneOrder)
+        {
+            if (m_cloneCache.count(pid))
+            {
+                live.push_back(pid);
+            }
+        }
+        m_cloneOrder.swap(live);
+    }
+    EDR_LOG_TRACE("Added Clone event Pid: " << child << " to cache. Size = " << m_cloneCache.size());
+}
+
+void ProcessTree::AnnounceContainer(Entry& entry, Events& pseudoEvents)
+{
+    if (entry.announced)
+    {
+        return;
+    }
+    entry.announced = true;
+    const std::string name(entry.info->GetName());
+    if (!m_makeRunningEvent || !AuditTables::ContainerRuntimeNames().count(name))
+    {
+        return;
+    }
+    EDR_LOG_DEBUG("Creating pseudo event for container process " << name);
+    try
+    {
+        if (auto pseudo = m_makeRunningEvent(*entry.info))
+        {
+            pseudoEvents.push_back(std::move(pseudo));
+        }
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Failed to create pseudo event for container process " << name << ": " << e.what());
+    }
+}
+
+ProcessTree::ProcessPtr ProcessTree::GetProcess(pid_t pid) const
+{
+    std::lock_guard lock(m_mutex);
+    const auto it = m_processes.find(pid);
+    return it != m_processes.end() && !it->second.terminated ? it->second.info : nullptr;
+}
+
+const ProcessInfo* ProcessTree::ParentInLineage(const ProcessInfo& child)
+{
+    const pid_t parentPid = child.GetParentPid();
+    if (parentPid <= 0 || parentPid == child.GetPid())
+    {
+        return nullptr;
+    }
+    const auto it = m_processes.find(parentPid);
+    // A terminated parent is still the parent of its orphans.
+    const Entry* parent = it != m_processes.end() ? &it->second : CreateFromProc(parentPid);
+    if (parent == nullptr || parent->info->GetCreationTime() > child.GetCreationTime())
+    {
+        return nullptr; // unknown, or a younger process holds the parent's pid now
+    }
+    return parent->info.get();
+}
+
+bool ProcessTree::AnyInLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& match)
+{
+    std::lock_guard lock(m_mutex);
+    const Entry* entry = FindLive(pid);
+    const ProcessInfo* current = entry != nullptr ? entry->info.get() : nullptr;
+    for (int depth = 0; current != nullptr && depth < kMaxLineageDepth; ++depth)
+    {
+        if (match(*current))
+        {
+            return true;
+        }
+        current = ParentInLineage(*current);
+    }
+    return false;
+}
+
+std::vector<ProcessTree::ProcessPtr> ProcessTree::GetAncestors(pid_t pid)
+{
+    std::vector<ProcessPtr> lineage;
+    std::lock_guard lock(m_mutex);
+    const Entry* entry = FindLive(pid);
+    if (entry == nullptr)
+    {
+        return lineage;
+    }
+    lineage.push_back(entry->info);
+    for (int depth = 0; depth < kMaxLineageDepth; ++depth)
+    {
+        const ProcessInfo* parent = ParentInLineage(*lineage.back());
+        if (parent == nullptr)
+        {
+            break;
+        }
+        lineage.push_back(m_processes.at(parent->GetPid()).info);
+    }
+    return lineage;
+}
+
+ProcessTree::Events ProcessTree::Clean()
+{
+    Events terminated;
+    std::lock_guard lock(m_mutex);
+    EDR_LOG_DEBUG("Cleaning process tree for terminated processes");
+    for (auto& [pid, entry] : m_processes)
+    {
+        if (entry.terminated)
+        {
+            continue;
+        }
+        const auto stat = m_procFs.ReadStat(pid);
+        if (stat && m_procFs.CreationTime(stat->startTicks) == entry.info->GetCreationTime())
+        {
+            continue;
+        }
+        if (stat)
+        {
+            EDR_LOG_DEBUG("ProcessID: " << pid
+                                        << " creation time from processInfo differs with Proc creation time");
+        }
+        // Ended without an exit event reaching us.
+        entry.terminated = true;
+        if (m_makeTerminateEvent)
+        {
+            try
+            {
+                if (auto pseudo = m_makeTerminateEvent(*entry.info))
+                {
+                    terminated.push_back(std::move(pseudo));
+                }
+            }
+            catch (const std::exception& e)
+            {
+                EDR_LOG_ERROR("Failed to create pseudo terminate event for pid " << pid << ": " << e.what());
+            }
+        }
+    }
+
+    std::unordered_set<pid_t> parentsOfLive;
+    for (const auto& [pid, entry] : m_processes)
+    {
+        if (!entry.terminated)
+        {
+            parentsOfLive.insert(entry.info->GetParentPid());
+        }
+    }
+    for (auto it = m_processes.begin(); it != m_processes.end();)
+    {
+        if (it->second.terminated && !parentsOfLive.count(it->first))
+        {
+            EDR_LOG_DEBUG("ProcessID: " << it->first << " exited. ");
+            it = m_processes.erase(it);
+        }
+        else
+        {
+            ++it;
+        }
+    }
+    for (auto it = m_threads.begin(); it != m_threads.end();)
+    {
+        if (!FindLive(it->second) || !m_procFs.HasTask(it->second, it->first))
+        {
+            it = m_threads.erase(it);
+        }
+        else
+        {
+            ++it;
+        }
+    }
+    return terminated;
+}
+
+size_t ProcessTree::Size() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_processes.size();
+}
+
+size_t ProcessTree::CloneCacheSize() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_cloneCache.size();
+}
+
+size_t ProcessTree::ThreadCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_threads.size();
+}
+
+} // namespace vantor::audit

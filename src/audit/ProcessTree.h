@@ -1,0 +1,121 @@
+#pragma once
+
+#include "ProcFs.h"
+#include "ProcessInfo.h"
+#include "edr/Event.h"
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <sys/types.h>
+#include <unordered_map>
+#include <vector>
+
+namespace vantor::audit
+{
+
+// The processes that the audit capture has seen, keyed by pid, so that every
+// event can name its acting process even when its start was not audited.
+//
+// Entries come from execve events, from clone events (kept in a clone cache
+// by child pid until the child is needed), and from the proc file system for
+// processes that started before the daemon or unaudited. A thread id seen as
+// an event's pid is mapped to its process. Exits mark entries terminated;
+// Clean() removes them and detects processes that vanished or whose pid was
+// reused (their creation time differs from the one /proc reports now).
+//
+// Pseudo events: a container runtime process is announced once with a pseudo
+// running event, and a process found gone without an exit event is announced
+// with a pseudo terminate event. Their classes are supplied by the factories;
+// an empty factory makes none. The factories run under the tree's lock and
+// must not call back into the tree.
+//
+// Thread-safe; the event processing thread writes, components read.
+class ProcessTree
+{
+public:
+    using Events = std::vector<std::unique_ptr<edr::Event>>;
+    using PseudoEventFactory = std::function<std::unique_ptr<edr::Event>(const ProcessInfo&)>;
+    using ProcessPtr = std::shared_ptr<const ProcessInfo>;
+
+    // Clone events kept at most; the oldest is dropped beyond.
+    static constexpr size_t kCloneCacheLimit = 8192;
+
+    // Reads the boot time from <procRoot>/stat; throws std::runtime_error when
+    // it cannot.
+    explicit ProcessTree(std::string procRoot = "/proc", PseudoEventFactory makeRunningEvent = {},
+                         PseudoEventFactory makeTerminateEvent = {});
+
+    // Host boot time, seconds since the epoch ("btime").
+    uint64_t GetBootTime() const { return m_procFs.BootTime(); }
+    const ProcFs& GetProcFs() const { return m_procFs; }
+
+    // Brings the tree up to date with one event before any handler sees it;
+    // may rewrite a thread id in the event to its process id. Answers false
+    // when the event goes no further (a clone, kept for its child). Pseudo
+    // events that must be processed ahead of the event are appended. A clone
+    // event is moved into the clone cache (the pointer is left empty).
+    bool UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents);
+
+    // The live entry of a pid, or null.
+    ProcessPtr GetProcess(pid_t pid) const;
+
+    // The process and its ancestors, nearest first, following parent pids. A
+    // parent missing from the tree is looked up in /proc and added; the walk
+    // stops at a parent that cannot be found, that is younger than its child
+    // (its pid was reused) or at pid 1. A pid unknown to the tree gives an
+    // empty list.
+    std::vector<ProcessPtr> GetAncestors(pid_t pid);
+
+    // Whether the process or one of its ancestors satisfies the predicate;
+    // same walk as GetAncestors, without building the list.
+    bool AnyInLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& match);
+
+    // Marks vanished and pid-reused entries terminated, then removes the
+    // terminated entries that no live entry names as parent (the chain of a
+    // live process is kept whole). Answers pseudo terminate events for the
+    // processes that ended without an exit event.
+    Events Clean();
+
+    size_t Size() const;
+    size_t CloneCacheSize() const;
+    size_t ThreadCount() const;
+
+private:
+    struct Entry
+    {
+        ProcessPtr info;
+        bool terminated = false;
+        bool announced = false;
+    };
+
+    // Live entry of the pid, creating it (from /proc, then the event, then
+    // the clone cache) when missing. May rewrite the event's pid from a
+    // thread id. Null when nothing could be made.
+    Entry* FindOrCreateActor(pid_t pid, edr::Event& event, bool processStart);
+    Entry* CreateFromProc(pid_t pid);
+    Entry* CreateFromEvent(pid_t pid, const edr::Event& event);
+    Entry* CreateFromCloneCache(pid_t pid);
+    Entry* Insert(ProcessPtr info);
+    Entry* FindLive(pid_t pid);
+    const ProcessInfo* ParentInLineage(const ProcessInfo& child);
+    void AddRunning(const edr::Event& event);
+    void CacheClone(std::unique_ptr<edr::Event> clone, pid_t child);
+    void AnnounceContainer(Entry& entry, Events& pseudoEvents);
+    ProcessInfo::TimePoint CreationTimeOf(pid_t pid, const edr::Event& event) const;
+
+    ProcFs m_procFs;
+    PseudoEventFactory m_makeRunningEvent;
+    PseudoEventFactory m_makeTerminateEvent;
+
+    mutable std::mutex m_mutex;
+    std::unordered_map<pid_t, Entry> m_processes;
+    // Thread id -> process id, for threads seen as an event's pid.
+    std::unordered_map<pid_t, pid_t> m_threads;
+    std::unordered_map<pid_t, std::unique_ptr<edr::Event>> m_cloneCache;
+    std::deque<pid_t> m_cloneOrder;
+};
+
+} // namespace vantor::audit

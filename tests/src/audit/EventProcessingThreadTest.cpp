@@ -1,0 +1,231 @@
+#include "TestEvent.h"
+#include "support/LogCapture.h"
+
+#include "Logging.h"
+#include "audit/EventProcessingThread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+namespace vantor::audit
+{
+namespace
+{
+
+using edr::EventRule;
+using edr::EventType;
+using test::MakeEvent;
+using Events = EventProcessingThread::Events;
+
+class TestRouter : public EventRouter
+{
+public:
+    TestRouter()
+        : EventRouter(nullptr, 99)
+    {
+        AddRoute("tag", EventRule::FilePathRule, {5}, {"/watched/file"});
+    }
+};
+
+std::unique_ptr<edr::Event> Event(uint64_t timestamp, uint32_t serial)
+{
+    auto event = MakeEvent(EventType::Write, 0, serial);
+    event->timestamp = timestamp;
+    return event;
+}
+
+std::vector<std::pair<uint64_t, uint32_t>> Order(const Events& events)
+{
+    std::vector<std::pair<uint64_t, uint32_t>> order;
+    for (const auto& event : events)
+    {
+        order.emplace_back(event->GetTimestamp(), event->GetEventId());
+    }
+    return order;
+}
+
+TEST(EventProcessingThreadSortTest, BatchIsOrderedByTimestampThenSerialAcrossTheWrap)
+{
+    Events batch;
+    batch.push_back(Event(2000, 7));
+    batch.push_back(Event(1000, 5));
+    batch.push_back(Event(1000, 4294967295U));
+    batch.push_back(Event(1000, 4294967290U));
+    batch.push_back(Event(500, 9));
+    batch.push_back(Event(2000, 3));
+    EventProcessingThread::SortBatch(batch);
+    EXPECT_EQ(Order(batch),
+              (std::vector<std::pair<uint64_t, uint32_t>>{
+                  {500, 9}, {1000, 4294967290U}, {1000, 4294967295U}, {1000, 5}, {2000, 3}, {2000, 7}}));
+
+    // Without serials near both ends there is no wrap: plain order.
+    Events plain;
+    plain.push_back(Event(1000, 300000));
+    plain.push_back(Event(1000, 10));
+    EventProcessingThread::SortBatch(plain);
+    EXPECT_EQ(Order(plain), (std::vector<std::pair<uint64_t, uint32_t>>{{1000, 10}, {1000, 300000}}));
+
+    // A pseudo event (serial 0) stays after the event it followed.
+    Events pseudo;
+    pseudo.push_back(Event(1000, 12));
+    pseudo.push_back(Event(1000, 0));
+    pseudo.push_back(Event(1000, 11));
+    EventProcessingThread::SortBatch(pseudo);
+    EXPECT_EQ(Order(pseudo), (std::vector<std::pair<uint64_t, uint32_t>>{{1000, 11}, {1000, 12}, {1000, 0}}));
+}
+
+TEST(EventProcessingThreadTest, QueueSizeFollowsTheMemoryBudget)
+{
+    TestRouter router;
+    EventProcessingThread thread(router, 100, {});
+    test::LogCapture log(common::Logging::Edr());
+    const std::vector<std::pair<uint64_t, size_t>> cases{
+        {0, 10000}, {33333, 10000}, {40000, 12000}, {333333, 99999}, {333334, 100000}, {10000000, 100000}};
+    for (const auto& [budget, expected] : cases)
+    {
+        thread.SetQueueSize(budget);
+        EXPECT_EQ(thread.GetQueueSize(), expected) << budget;
+    }
+    EXPECT_TRUE(log.Contains("Setting processing queue size to 12000 events"));
+}
+
+class EventProcessingThreadFlowTest : public testing::Test
+{
+protected:
+    void Register(std::function<void(edr::Event&)> handler)
+    {
+        m_router.RegisterEventHandlers("tag", std::move(handler), [] {});
+    }
+
+    TestRouter m_router;
+    test::LogCapture m_log{common::Logging::Edr()};
+};
+
+TEST_F(EventProcessingThreadFlowTest, ABatchIsHandledInOrderAndStartStopAreLogged)
+{
+    std::mutex mutex;
+    std::vector<uint32_t> seen;
+    std::promise<void> all;
+    Register(
+        [&](edr::Event& event)
+        {
+            std::lock_guard lock(mutex);
+            seen.push_back(event.GetEventId());
+            if (seen.size() == 4)
+            {
+                all.set_value();
+            }
+        });
+    EventProcessingThread thread(m_router, 100, {});
+    Events batch;
+    batch.push_back(Event(1000, 5));
+    batch.push_back(Event(1000, 4294967295U));
+    batch.push_back(Event(999, 8));
+    batch.push_back(Event(1001, 1));
+    thread.Enqueue(std::move(batch)); // queued before the thread runs: one batch
+    thread.Start();
+    thread.Start();
+    ASSERT_EQ(all.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    thread.Stop();
+    EXPECT_EQ(seen, (std::vector<uint32_t>{8, 4294967295U, 5, 1}));
+    EXPECT_EQ(m_log.Count("Started parsed events processing thread"), 1U);
+    EXPECT_EQ(m_log.Count("Parsed events processing thread already running"), 1U);
+    EXPECT_EQ(m_log.Count("Stopping parsed events processing thread"), 1U);
+}
+
+TEST_F(EventProcessingThreadFlowTest, AFullQueueBlocksTheProducerAndLosesNothing)
+{
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::promise<void> firstTaken;
+    std::atomic<size_t> handled{0};
+    Register(
+        [&](edr::Event& event)
+        {
+            if (event.GetEventId() == 1)
+            {
+                firstTaken.set_value();
+                released.wait(); // the worker is busy with this batch
+            }
+            ++handled;
+        });
+    EventProcessingThread thread(m_router, 100, {});
+    thread.SetQueueSize(0); // 10,000 events
+    thread.Start();
+    Events first;
+    first.push_back(Event(1, 1));
+    thread.Enqueue(std::move(first));
+    ASSERT_EQ(firstTaken.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+
+    Events fill;
+    for (uint32_t i = 0; i < 10000; ++i)
+    {
+        fill.push_back(Event(2, 2 + i));
+    }
+    thread.Enqueue(std::move(fill)); // fills the buffer, does not block yet
+
+    auto producer = std::async(std::launch::async,
+                               [&]
+                               {
+                                   Events more;
+                                   more.push_back(Event(3, 20000));
+                                   more.push_back(Event(3, 20001));
+                                   thread.Enqueue(std::move(more));
+                               });
+    EXPECT_EQ(producer.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
+    EXPECT_EQ(m_log.Count("Processing queue threshold hit. Stopped adding events to que"), 1U);
+    EXPECT_FALSE(m_log.Contains("Enabling the processing queue"));
+
+    release.set_value();
+    ASSERT_EQ(producer.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    for (int i = 0; i < 500 && handled.load() < 10003; ++i)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    thread.Stop();
+    EXPECT_EQ(handled.load(), 10003U);
+    EXPECT_EQ(m_log.Count("Processing queue threshold hit. Stopped adding events to que"), 1U);
+    EXPECT_EQ(m_log.Count("Enabling the processing queue"), 1U);
+}
+
+TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
+{
+    std::atomic<int> samples{0};
+    std::atomic<bool> busy{true};
+    std::atomic<int> handled{0};
+    Register([&](edr::Event&) { ++handled; });
+    EventProcessingThread thread(m_router, 50,
+                                 [&]
+                                 {
+                                     ++samples;
+                                     return busy.load() ? 80.0F : 10.0F;
+                                 });
+    thread.Start();
+    Events batch;
+    batch.push_back(Event(1, 1));
+    thread.Enqueue(std::move(batch));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(handled.load(), 0);
+    EXPECT_GE(samples.load(), 3) << "usage is measured again every 10 ms";
+    busy = false;
+    for (int i = 0; i < 200 && handled.load() == 0; ++i)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(handled.load(), 1);
+
+    // Stop is not held up by a pause.
+    busy = true;
+    Events stuck;
+    stuck.push_back(Event(2, 2));
+    thread.Enqueue(std::move(stuck));
+    const auto before = std::chrono::steady_clock::now();
+    thread.Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+}
+
+} // namespace
+} // namespace vantor::audit

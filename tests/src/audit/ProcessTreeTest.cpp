@@ -1,0 +1,312 @@
+#include "FakeProc.h"
+#include "TestEvent.h"
+#include "support/LogCapture.h"
+
+#include "Logging.h"
+#include "audit/ProcessTree.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <future>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace vantor::audit
+{
+namespace
+{
+
+using edr::EventType;
+using test::FakeProc;
+using test::MakeEvent;
+using test::TestEvent;
+
+// Stands in for the pseudo event classes: remembers whom it was made for.
+std::unique_ptr<edr::Event> MakePseudo(EventType type, const ProcessInfo& process)
+{
+    auto event = MakeEvent(type, process.GetPid(), 0);
+    event->image = process.GetImage();
+    return event;
+}
+
+struct Update
+{
+    bool goesOn;
+    ProcessTree::Events pseudo;
+};
+
+Update Apply(ProcessTree& tree, std::unique_ptr<edr::Event>& event)
+{
+    Update update;
+    update.goesOn = tree.UpdateFromEvent(event, update.pseudo);
+    return update;
+}
+
+Update Apply(ProcessTree& tree, std::unique_ptr<TestEvent> testEvent)
+{
+    std::unique_ptr<edr::Event> event = std::move(testEvent);
+    return Apply(tree, event);
+}
+
+class ProcessTreeTest : public testing::Test
+{
+protected:
+    FakeProc m_proc;
+    ProcessTree m_tree{m_proc.Root(), [](const ProcessInfo& p) { return MakePseudo(EventType::Running, p); },
+                       [](const ProcessInfo& p) { return MakePseudo(EventType::Exit, p); }};
+    test::LogCapture m_log{common::Logging::Edr()};
+};
+
+TEST_F(ProcessTreeTest, BootTimeAndProcessFromProcWithDeletedSuffixRemoved)
+{
+    EXPECT_EQ(m_tree.GetBootTime(), FakeProc::kBootTime);
+    m_proc.AddProcess(4100, 1, "/opt/app/server (deleted)", 250, {"server", "--port", "80"});
+    Apply(m_tree, MakeEvent(EventType::Write, 4100));
+
+    const auto process = m_tree.GetProcess(4100);
+    ASSERT_TRUE(process);
+    EXPECT_EQ(process->GetImage(), "/opt/app/server");
+    EXPECT_EQ(process->GetName(), "server");
+    EXPECT_EQ(process->GetArguments(), (std::vector<std::string>{"server", "--port", "80"}));
+    EXPECT_EQ(process->GetParentPid(), 1);
+    EXPECT_EQ(process->GetUserId(), 1000U);
+    EXPECT_EQ(process->GetEffectiveUserId(), 1001U);
+    EXPECT_EQ(process->GetCreationTime(),
+              std::chrono::system_clock::time_point(std::chrono::seconds(FakeProc::kBootTime)) +
+                  std::chrono::milliseconds(2500));
+    EXPECT_TRUE(m_log.Contains("Creating actor process from ProcFS: 4100"));
+}
+
+TEST_F(ProcessTreeTest, ReusedPidIsNotTakenForTheOldProcess)
+{
+    m_proc.AddProcess(4242, 1, "/usr/bin/old", 100);
+    Apply(m_tree, MakeEvent(EventType::Write, 4242));
+    ASSERT_EQ(m_tree.GetProcess(4242)->GetImage(), "/usr/bin/old");
+
+    // The old process ended unseen; a new one got its pid.
+    m_proc.AddProcess(4242, 1, "/usr/bin/new", 900);
+    const auto ended = m_tree.Clean();
+    EXPECT_TRUE(
+        m_log.Contains("ProcessID: 4242 creation time from processInfo differs with Proc creation time"));
+    EXPECT_TRUE(m_log.Contains("ProcessID: 4242 exited. "));
+    ASSERT_EQ(ended.size(), 1U);
+    EXPECT_EQ(ended[0]->GetType(), EventType::Exit);
+    EXPECT_EQ(ended[0]->GetImage(), "/usr/bin/old");
+
+    Apply(m_tree, MakeEvent(EventType::Write, 4242));
+    EXPECT_EQ(m_tree.GetProcess(4242)->GetImage(), "/usr/bin/new");
+}
+
+TEST_F(ProcessTreeTest, ForkOfAPidHeldByAnOldEntryRetiresTheEntry)
+{
+    m_proc.AddProcess(4300, 1, "/usr/bin/old", 100); // started 1 s after boot
+    Apply(m_tree, MakeEvent(EventType::Write, 4300));
+    m_proc.RemoveProcess(4300);
+
+    auto clone = MakeEvent(EventType::Clone, 4300);
+    clone->ppid = 1;
+    clone->image = "/usr/bin/forker";
+    clone->timestamp = (FakeProc::kBootTime + 3600) * 1000;
+    Apply(m_tree, std::move(clone));
+    EXPECT_FALSE(m_tree.GetProcess(4300));
+
+    Apply(m_tree, MakeEvent(EventType::Write, 4300));
+    ASSERT_TRUE(m_tree.GetProcess(4300));
+    EXPECT_EQ(m_tree.GetProcess(4300)->GetImage(), "/usr/bin/forker");
+}
+
+TEST_F(ProcessTreeTest, CloneIsCachedAndMakesItsChildWhenProcIsTooLate)
+{
+    auto clone = MakeEvent(EventType::Clone, 5151);
+    clone->ppid = 5150;
+    clone->image = "/usr/bin/bash";
+    clone->arguments = {"bash", "-c", "x"};
+    const auto update = Apply(m_tree, std::move(clone));
+    EXPECT_FALSE(update.goesOn);
+    EXPECT_EQ(m_tree.CloneCacheSize(), 1U);
+    EXPECT_TRUE(m_log.Contains("Added Clone event Pid: 5151 to cache. Size = 1"));
+    EXPECT_FALSE(m_tree.GetProcess(5151)); // made only when needed
+
+    // The child is gone from /proc by the time its event is handled.
+    Apply(m_tree, MakeEvent(EventType::Write, 5151));
+    const auto child = m_tree.GetProcess(5151);
+    ASSERT_TRUE(child);
+    EXPECT_EQ(child->GetParentPid(), 5150);
+    EXPECT_EQ(child->GetImage(), "/usr/bin/bash");
+    EXPECT_EQ(m_tree.CloneCacheSize(), 0U);
+    EXPECT_TRUE(m_log.Contains("Failed to create process for 5151 using ProcFS: "));
+    EXPECT_TRUE(m_log.Contains("Creating process from Clone Cache: 5151"));
+
+    Apply(m_tree, MakeEvent(EventType::Write, 6000));
+    EXPECT_FALSE(m_tree.GetProcess(6000));
+    EXPECT_TRUE(m_log.Contains("Process with pid 6000 does not exist in Clone Cache"));
+}
+
+TEST_F(ProcessTreeTest, ExecveReplacesTheEntryAndProcessStartLooksUpTheParent)
+{
+    m_proc.AddProcess(700, 1, "/usr/bin/bash", 10);
+    m_proc.AddProcess(701, 700, "/usr/bin/bash", 20);
+    auto exec = MakeEvent(EventType::Running, 701);
+    exec->ppid = 700;
+    exec->category = 3;
+    exec->image = "/usr/bin/curl";
+    exec->arguments = {"curl", "http://x"};
+    Apply(m_tree, std::move(exec));
+
+    ASSERT_TRUE(m_tree.GetProcess(700)); // the actor of a process start
+    const auto started = m_tree.GetProcess(701);
+    ASSERT_TRUE(started);
+    EXPECT_EQ(started->GetImage(), "/usr/bin/curl");
+    EXPECT_EQ(started->GetArguments(), (std::vector<std::string>{"curl", "http://x"}));
+    const auto lineage = m_tree.GetAncestors(701);
+    ASSERT_EQ(lineage.size(), 2U);
+    EXPECT_EQ(lineage[1]->GetPid(), 700);
+}
+
+TEST_F(ProcessTreeTest, ExitRemovesTheEntryAtCleaningButKeepsParentsOfLiveChildren)
+{
+    m_proc.AddProcess(800, 1, "/usr/bin/parent", 10);
+    m_proc.AddProcess(801, 800, "/usr/bin/child", 20);
+    Apply(m_tree, MakeEvent(EventType::Write, 801));
+    ASSERT_EQ(m_tree.GetAncestors(801).size(), 2U);
+
+    Apply(m_tree, MakeEvent(EventType::Exit, 800));
+    m_proc.RemoveProcess(800);
+    EXPECT_FALSE(m_tree.GetProcess(800));
+    EXPECT_TRUE(m_tree.Clean().empty()); // exited with an exit event: no pseudo event
+    EXPECT_EQ(m_tree.GetAncestors(801).size(), 2U) << "the orphan's lineage is kept";
+
+    Apply(m_tree, MakeEvent(EventType::Exit, 801));
+    m_tree.Clean();
+    EXPECT_EQ(m_tree.Size(), 0U);
+    EXPECT_TRUE(m_log.Contains("Cleaning process tree for terminated processes"));
+}
+
+TEST_F(ProcessTreeTest, ContainerRuntimeIsAnnouncedOnce)
+{
+    m_proc.AddProcess(900, 1, "/usr/bin/containerd-shim-runc-v2", 10);
+    auto first = Apply(m_tree, MakeEvent(EventType::Write, 900));
+    ASSERT_EQ(first.pseudo.size(), 1U);
+    EXPECT_EQ(first.pseudo[0]->GetType(), EventType::Running);
+    EXPECT_EQ(first.pseudo[0]->GetActorProcessId(), 900);
+    EXPECT_TRUE(m_log.Contains("Creating pseudo event for container process containerd-shim-runc-v2"));
+    EXPECT_TRUE(Apply(m_tree, MakeEvent(EventType::Write, 900)).pseudo.empty());
+
+    m_proc.AddProcess(901, 1, "/usr/bin/containerd", 10); // not a runtime of the list
+    EXPECT_TRUE(Apply(m_tree, MakeEvent(EventType::Write, 901)).pseudo.empty());
+}
+
+TEST_F(ProcessTreeTest, ProcessInfoComesOnlyFromExecOrClone)
+{
+    const auto write = MakeEvent(EventType::Write, 1);
+    EXPECT_THROW(
+        {
+            try
+            {
+                ProcessInfo(*write, {});
+            }
+            catch (const std::runtime_error& e)
+            {
+                EXPECT_STREQ(e.what(), "ProcessInfo can only be created from a Process Exec or Clone event");
+                throw;
+            }
+        },
+        std::runtime_error);
+    auto exec = MakeEvent(EventType::Running, 12);
+    exec->image.clear();
+    try
+    {
+        ProcessInfo info(*exec, {});
+        FAIL() << "made without image";
+    }
+    catch (const std::runtime_error& e)
+    {
+        EXPECT_STREQ(e.what(), "ProcessInfo cannot find image information for PID:12");
+    }
+}
+
+// Against the real /proc.
+TEST(ProcessTreeLiveTest, ProcessStartedBeforeTheTreeIsFoundThroughProc)
+{
+    ProcessTree tree;
+    EXPECT_GT(tree.GetBootTime(), 1000000000U);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+    {
+        ::execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    // Until execve has happened the child still shows the test's image.
+    std::shared_ptr<const ProcessInfo> process;
+    for (int i = 0; i < 200; ++i)
+    {
+        std::unique_ptr<edr::Event> event = MakeEvent(EventType::Write, child);
+        ProcessTree::Events pseudo;
+        tree.UpdateFromEvent(event, pseudo);
+        process = tree.GetProcess(child);
+        if (process && process->GetName() == "sleep")
+        {
+            break;
+        }
+        // Retry with a fresh tree entry.
+        tree.Clean();
+        std::unique_ptr<edr::Event> exit = MakeEvent(EventType::Exit, child);
+        tree.UpdateFromEvent(exit, pseudo);
+        tree.Clean();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    ASSERT_TRUE(process);
+    EXPECT_EQ(process->GetName(), "sleep");
+    EXPECT_EQ(process->GetArguments(), (std::vector<std::string>{"sleep", "30"}));
+    EXPECT_EQ(process->GetParentPid(), ::getpid());
+    EXPECT_EQ(tree.GetAncestors(child).at(1)->GetPid(), ::getpid());
+}
+
+TEST(ProcessTreeLiveTest, ThreadIdIsRewrittenToItsProcessId)
+{
+    ProcessTree tree;
+    std::promise<pid_t> tidPromise;
+    std::promise<void> done;
+    std::thread thread(
+        [&]
+        {
+            tidPromise.set_value(::gettid());
+            done.get_future().wait();
+        });
+    const pid_t tid = tidPromise.get_future().get();
+    ASSERT_NE(tid, ::getpid());
+
+    test::LogCapture log(common::Logging::Edr());
+    auto event = MakeEvent(EventType::Write, tid);
+    TestEvent* raw = event.get();
+    std::unique_ptr<edr::Event> owned = std::move(event);
+    ProcessTree::Events pseudo;
+    EXPECT_TRUE(tree.UpdateFromEvent(owned, pseudo));
+    EXPECT_EQ(raw->pid, ::getpid());
+    EXPECT_TRUE(
+        log.Contains("Detected that Event has thread id " + std::to_string(tid) + " instead of process id"));
+    EXPECT_TRUE(log.Contains("Updating Event with process id " + std::to_string(::getpid())));
+    EXPECT_TRUE(tree.GetProcess(::getpid()));
+    EXPECT_FALSE(tree.GetProcess(tid));
+
+    // Known from now on without /proc.
+    auto again = MakeEvent(EventType::Write, tid);
+    TestEvent* rawAgain = again.get();
+    owned = std::move(again);
+    tree.UpdateFromEvent(owned, pseudo);
+    EXPECT_EQ(rawAgain->pid, ::getpid());
+    EXPECT_EQ(tree.ThreadCount(), 1U);
+
+    done.set_value();
+    thread.join();
+    tree.Clean();
+    EXPECT_EQ(tree.ThreadCount(), 0U) << "a finished thread is forgotten";
+}
+
+} // namespace
+} // namespace vantor::audit
