@@ -33,7 +33,11 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
             {
                 try
                 {
-                    paths.push_back(PathRecord::Parse(au));
+                    PathRecord path = PathRecord::Parse(au);
+                    if (path.inode != 0 || path.nameType != PathRecord::NameType::Unknown)
+                    {
+                        paths.push_back(std::move(path));
+                    }
                 }
                 catch (const edr::EventException& e)
                 {

@@ -144,6 +144,12 @@ PathRecord PathRecord::Parse(auparse_state_t* au)
             }
         } while (auparse_next_field(au) == 1);
     }
+    if (!haveInode && record.nameType == NameType::Unknown)
+    {
+        // symlink(2) records its target text as an extra, unresolved name.
+        record.hasName = false;
+        return record;
+    }
     if (!haveInode)
     {
         throw edr::EventException("Cannot create PathRecord without inode information");
