@@ -30,6 +30,17 @@ enum class EventType : uint32_t
     AbnormalEnd = 16
 };
 
+// Event class numbers (GetCategory). Unsuccessful calls still matter for the
+// first two: an abnormal end has no success flag and a refused connection is
+// worth reporting.
+enum class EventCategory : uint32_t
+{
+    AbnormalEnd = 1,
+    Network = 2,
+    Process = 3,
+    File = 4
+};
+
 enum class HashType
 {
     Md5,

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "FileEvent.h"
+
+namespace vantor::audit::internal
+{
+
+// A change of a file's attributes (mode, owner, times, extended attributes).
+class AttributeEvent : public FileEvent
+{
+public:
+    AttributeEvent(auparse_state_t* au, Magic magic);
+
+    std::unique_ptr<edr::Event> Clone() const override;
+    edr::EventType GetType() const override;
+    std::string GetActionName() const override;
+};
+
+} // namespace vantor::audit::internal

@@ -1,0 +1,91 @@
+#include "AuditEventBuilder.h"
+
+#include "AbendEvent.h"
+#include "AttributeEvent.h"
+#include "CloneEvent.h"
+#include "CreateEvent.h"
+#include "DeleteEvent.h"
+#include "ExitEvent.h"
+#include "Logging.h"
+#include "NetworkEvent.h"
+#include "ReadWriteEvent.h"
+#include "RenameEvent.h"
+#include "RunningEvent.h"
+
+namespace vantor::audit
+{
+
+AuditEventBuilder::AuditEventBuilder(std::shared_ptr<const edr::LibMagicWrapper> magic)
+    : m_magic(std::move(magic))
+{
+}
+
+void AuditEventBuilder::BuildSyscallEvent(AuditEventClass eventClass, auparse_state_t* state, Events& out)
+{
+    using namespace internal;
+    std::unique_ptr<edr::Event> event;
+    switch (eventClass)
+    {
+    case AuditEventClass::ReadWrite:
+        event = std::make_unique<ReadWriteEvent>(state, m_magic);
+        break;
+    case AuditEventClass::Network:
+        event = std::make_unique<NetworkEvent>(state);
+        break;
+    case AuditEventClass::Clone:
+        event = std::make_unique<CloneEvent>(state);
+        break;
+    case AuditEventClass::Running:
+        event = std::make_unique<RunningEvent>(state);
+        break;
+    case AuditEventClass::Rename:
+    {
+        auto rename = std::make_unique<RenameEvent>(state, m_magic);
+        std::unique_ptr<edr::Event> replaced;
+        if (const PathRecord* target = rename->GetReplaced())
+        {
+            try
+            {
+                replaced = std::make_unique<DeleteEvent>(*rename, *target);
+            }
+            catch (const std::exception& e)
+            {
+                EDR_LOG_ERROR("Failed to create pseudo delete event for rename event with ID:"
+                              << rename->GetEventId() << ": " << e.what());
+            }
+        }
+        EDR_LOG_TRACE("Event Action:" << rename->GetActionName());
+        out.push_back(std::move(rename));
+        if (replaced)
+        {
+            EDR_LOG_TRACE("Event Action:" << replaced->GetActionName());
+            out.push_back(std::move(replaced));
+        }
+        return;
+    }
+    case AuditEventClass::Create:
+        event = std::make_unique<CreateEvent>(state, m_magic);
+        break;
+    case AuditEventClass::Delete:
+        event = std::make_unique<DeleteEvent>(state, m_magic);
+        break;
+    case AuditEventClass::Attribute:
+        event = std::make_unique<AttributeEvent>(state, m_magic);
+        break;
+    case AuditEventClass::Exit:
+        event = std::make_unique<ExitEvent>(state);
+        break;
+    }
+    if (event)
+    {
+        EDR_LOG_TRACE("Event Action:" << event->GetActionName());
+        out.push_back(std::move(event));
+    }
+}
+
+void AuditEventBuilder::BuildAbendEvent(auparse_state_t* state, Events& out)
+{
+    out.push_back(std::make_unique<internal::AbendEvent>(state));
+}
+
+} // namespace vantor::audit

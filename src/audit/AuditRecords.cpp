@@ -1,0 +1,202 @@
+#include "AuditRecords.h"
+
+#include "AuparseField.h"
+#include "Logging.h"
+#include "edr/EventException.h"
+
+#include <libaudit.h>
+
+namespace vantor::audit::internal
+{
+
+void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
+{
+    const unsigned count = auparse_get_num_records(au);
+    unsigned syscalls = 0;
+    for (unsigned i = 0; i < count; ++i)
+    {
+        if (auparse_goto_record_num(au, i) != 1)
+        {
+            throw edr::EventException("Failed to parse record number");
+        }
+        switch (auparse_get_type(au))
+        {
+        case AUDIT_SYSCALL:
+            if (++syscalls > 1)
+            {
+                throw edr::EventException("Multiple syscall records found in event");
+            }
+            syscall = SyscallRecord::Parse(au);
+            break;
+        case AUDIT_PATH:
+            if ((wanted & kPath) != 0)
+            {
+                try
+                {
+                    PathRecord path = PathRecord::Parse(au);
+                    if (path.inode != 0 || path.nameType != PathRecord::NameType::Unknown)
+                    {
+                        paths.push_back(std::move(path));
+                    }
+                }
+                catch (const edr::EventException& e)
+                {
+                    throw edr::EventException(std::string("Failed to parse Path record: ") + e.what());
+                }
+            }
+            break;
+        case AUDIT_CWD:
+            if ((wanted & kCwd) != 0 && auparse_first_field(au) == 1)
+            {
+                do
+                {
+                    const char* name = auparse_get_field_name(au);
+                    if (name != nullptr && AuparseField::Is(name, "cwd"))
+                    {
+                        cwds.push_back(AuparseField::Text(au).value_or(std::string()));
+                    }
+                } while (auparse_next_field(au) == 1);
+            }
+            break;
+        case AUDIT_PROCTITLE:
+            if ((wanted & kProctitle) != 0 && auparse_first_field(au) == 1)
+            {
+                proctitle = AuparseField::Text(au).value_or(std::string());
+            }
+            break;
+        case AUDIT_EXECVE:
+            if ((wanted & kExecve) != 0)
+            {
+                ParseExecve(au);
+            }
+            break;
+        case AUDIT_SOCKADDR:
+            if ((wanted & kSockaddr) != 0)
+            {
+                ParseSockaddr(au);
+            }
+            break;
+        default:
+            break;
+        }
+    }
+    if (syscalls == 0)
+    {
+        throw edr::EventException("Missing SYSCALL record for event");
+    }
+}
+
+void AuditRecords::ParseExecve(auparse_state_t* au)
+{
+    if (auparse_first_field(au) != 1)
+    {
+        return;
+    }
+    do
+    {
+        const char* name = auparse_get_field_name(au);
+        if (name == nullptr)
+        {
+            continue;
+        }
+        if (AuparseField::Is(name, "argc"))
+        {
+            argc = AuparseField::Number<uint32_t>(au);
+            if (argc)
+            {
+                // The count comes from the kernel, but keep a hostile value
+                // from reserving absurd memory.
+                arguments.reserve(std::min<uint32_t>(*argc, 4096));
+            }
+            continue;
+        }
+        if (name[0] != 'a')
+        {
+            continue;
+        }
+        // "aN" is one argument; a long one is split into "aN_len" and
+        // "aN[k]" pieces, appended in order.
+        uint32_t index = 0;
+        const char* end = name + std::strlen(name);
+        auto [ptr, ec] = std::from_chars(name + 1, end, index);
+        if (ec != std::errc() || ptr == name + 1 || index > 1000000)
+        {
+            continue;
+        }
+        if (*ptr == '_')
+        {
+            continue;
+        }
+        if (arguments.size() <= index)
+        {
+            arguments.resize(index + 1);
+        }
+        auto text = AuparseField::Text(au);
+        if (text)
+        {
+            arguments[index].append(*text);
+        }
+    } while (auparse_next_field(au) == 1);
+}
+
+void AuditRecords::ParseSockaddr(auparse_state_t* au)
+{
+    if (auparse_first_field(au) != 1 || auparse_find_field(au, "saddr") == nullptr)
+    {
+        sockaddrInvalid = true;
+        return;
+    }
+    const char* text = auparse_interpret_field(au);
+    if (text == nullptr)
+    {
+        sockaddrInvalid = true;
+        return;
+    }
+    // "{ saddr_fam=inet laddr=127.0.0.1 lport=47011 }"
+    SockAddr result;
+    std::string_view rest(text);
+    while (!rest.empty())
+    {
+        const auto start = rest.find_first_not_of(' ');
+        if (start == std::string_view::npos)
+        {
+            break;
+        }
+        rest.remove_prefix(start);
+        const auto stop = rest.find(' ');
+        const std::string_view token = rest.substr(0, stop);
+        rest.remove_prefix(stop == std::string_view::npos ? rest.size() : stop);
+        if (token == "{" || token == "}")
+        {
+            continue;
+        }
+        const auto eq = token.find('=');
+        const std::string_view key = token.substr(0, eq);
+        const std::string_view value =
+            eq == std::string_view::npos ? std::string_view() : token.substr(eq + 1);
+        if (key == "saddr_fam")
+        {
+            result.family.assign(value);
+        }
+        else if (key == "laddr")
+        {
+            result.address.assign(value);
+        }
+        else if (key == "lport")
+        {
+            uint16_t port = 0;
+            auto [ptr, ec] = std::from_chars(value.data(), value.data() + value.size(), port);
+            if (ec == std::errc() && ptr == value.data() + value.size())
+            {
+                result.port = port;
+            }
+        }
+        else
+        {
+            EDR_LOG_DEBUG("Unknown token in SOCKADDR record: " << token);
+        }
+    }
+    sockaddr = std::move(result);
+}
+
+} // namespace vantor::audit::internal

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "FileEvent.h"
+
+namespace vantor::audit::internal
+{
+
+// A new file system object: a file, directory, link or node.
+class CreateEvent : public FileEvent
+{
+public:
+    CreateEvent(auparse_state_t* au, Magic magic);
+
+    std::unique_ptr<edr::Event> Clone() const override;
+    edr::EventType GetType() const override;
+    std::string GetActionName() const override;
+};
+
+} // namespace vantor::audit::internal

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "SyscallEvent.h"
+
+namespace vantor::audit::internal
+{
+
+// The end of a process (exit_group).
+class ExitEvent : public SyscallEvent
+{
+public:
+    explicit ExitEvent(auparse_state_t* au);
+
+    std::unique_ptr<edr::Event> Clone() const override;
+    edr::EventType GetType() const override;
+    std::string GetActionName() const override;
+    uint32_t GetCategory() const override;
+
+    int GetExitCode() const { return static_cast<int>(m_records.syscall.args[0]); }
+};
+
+} // namespace vantor::audit::internal

@@ -1,0 +1,327 @@
+#include "FileEvent.h"
+
+#include "AbsolutePath.h"
+#include "ContentHasher.h"
+#include "Logging.h"
+#include "StatHelper.h"
+
+namespace vantor::audit::internal
+{
+namespace
+{
+
+edr::Event::TimePoint ToTimePoint(const struct timespec& ts)
+{
+    return edr::Event::TimePoint(std::chrono::duration_cast<edr::Event::TimePoint::duration>(
+        std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec)));
+}
+
+} // namespace
+
+FileEvent::FileEvent(auparse_state_t* au, Magic magic)
+    : SyscallEvent(au, AuditRecords::kPath | AuditRecords::kCwd)
+    , m_magic(std::move(magic))
+{
+    if (m_records.cwds.size() > 1)
+    {
+        throw edr::EventException("Multiple CWD records found in event");
+    }
+    unsigned relative = 0;
+    for (const auto& path : m_records.paths)
+    {
+        relative += path.hasName && AbsolutePath::IsRelative(path.name) ? 1 : 0;
+    }
+    if (relative > 0 && m_records.cwds.empty())
+    {
+        throw edr::EventException(relative == 1 ? "Missing CWD with relative path"
+                                                : "Missing CWD with relative paths");
+    }
+    for (auto& path : m_records.paths)
+    {
+        if (path.hasName && AbsolutePath::IsRelative(path.name))
+        {
+            path.name = AbsolutePath::Join(m_records.cwds.front(), path.name);
+        }
+    }
+}
+
+FileEvent::Counts FileEvent::CountPaths() const
+{
+    Counts counts;
+    for (const auto& path : m_records.paths)
+    {
+        switch (path.nameType)
+        {
+        case PathRecord::NameType::Normal:
+            ++counts.normal;
+            break;
+        case PathRecord::NameType::Create:
+            ++counts.create;
+            break;
+        case PathRecord::NameType::Delete:
+            ++counts.remove;
+            break;
+        case PathRecord::NameType::Parent:
+            ++counts.parent;
+            break;
+        case PathRecord::NameType::Unknown:
+            ++counts.other;
+            break;
+        }
+    }
+    return counts;
+}
+
+const PathRecord* FileEvent::FindPath(PathRecord::NameType type) const
+{
+    for (const auto& path : m_records.paths)
+    {
+        if (path.nameType == type)
+        {
+            return &path;
+        }
+    }
+    return nullptr;
+}
+
+const PathRecord* FileEvent::FindLastPath(PathRecord::NameType type) const
+{
+    for (auto it = m_records.paths.rbegin(); it != m_records.paths.rend(); ++it)
+    {
+        if (it->nameType == type)
+        {
+            return &*it;
+        }
+    }
+    return nullptr;
+}
+
+void FileEvent::SetObjectPath(const PathRecord& object, std::string path, const PathRecord* parent)
+{
+    m_object = object;
+    m_path = std::move(path);
+    if (parent != nullptr)
+    {
+        m_parent = *parent;
+    }
+    else
+    {
+        m_parent.reset();
+    }
+    m_statMode = StatMode::None;
+    m_stat.reset();
+}
+
+void FileEvent::SetObject(const PathRecord& object, const PathRecord* parent, StatMode mode)
+{
+    if (!object.hasName)
+    {
+        throw edr::EventException("Missing path for child");
+    }
+    SetObjectPath(object, object.name, parent);
+    m_statMode = mode;
+    if (mode == StatMode::None)
+    {
+        return;
+    }
+    try
+    {
+        m_stat = common::StatHelper::TryStat(m_path, mode == StatMode::Follow);
+    }
+    catch (const common::StatHelperException& e)
+    {
+        throw edr::EventException(e.what());
+    }
+    if (m_stat && (m_stat->st_ino != object.inode || m_stat->st_dev != object.device))
+    {
+        throw edr::EventException("File " + m_path + " differs from the object of the audit event with ID " +
+                                  std::to_string(GetEventId()));
+    }
+}
+
+std::string FileEvent::MissingStatText() const
+{
+    if (m_statMode == StatMode::None)
+    {
+        return "File stat information is not available";
+    }
+    return "File stat does not exist for " + GetActionName() + " event with ID " +
+           std::to_string(GetEventId());
+}
+
+const struct stat& FileEvent::RequireStat() const
+{
+    if (!m_stat)
+    {
+        throw edr::EventException(MissingStatText());
+    }
+    return *m_stat;
+}
+
+std::string FileEvent::GetFile() const
+{
+    return m_path;
+}
+
+edr::Event::TimePoint FileEvent::GetFileAccessTime() const
+{
+    return ToTimePoint(RequireStat().st_atim);
+}
+
+edr::Event::TimePoint FileEvent::GetFileChangeTime() const
+{
+    return ToTimePoint(RequireStat().st_ctim);
+}
+
+edr::Event::TimePoint FileEvent::GetFileModificationTime() const
+{
+    return ToTimePoint(RequireStat().st_mtim);
+}
+
+uint64_t FileEvent::GetFileSize() const
+{
+    return static_cast<uint64_t>(RequireStat().st_size);
+}
+
+uint32_t FileEvent::GetFileType() const
+{
+    const mode_t type = RequireStat().st_mode & S_IFMT;
+    if (type != S_IFREG && type != S_IFDIR && type != S_IFLNK)
+    {
+        throw edr::EventException("Unsupported file type for " + GetActionName() + " event");
+    }
+    return type;
+}
+
+std::string FileEvent::GetFileTypeDesc() const
+{
+    if (!m_magic)
+    {
+        throw edr::EventException("Failed to find type description for " + m_path);
+    }
+    try
+    {
+        return m_magic->Describe(m_path);
+    }
+    catch (const std::runtime_error& e)
+    {
+        throw edr::EventException(e.what());
+    }
+}
+
+std::string FileEvent::GetFileContent() const
+{
+    const struct stat& st = RequireStat();
+    std::string content;
+    try
+    {
+        ino_t inode = 0;
+        const auto result = common::StatHelper::ReadContent(
+            m_path, content, common::StatHelper::kDefaultMaxContentSize, &inode);
+        EDR_LOG_DEBUG("Reading file content from " << m_path << " (stat: " << st.st_size
+                                                   << " bytes. Content: " << content.size() << " bytes)");
+        if (inode != st.st_ino)
+        {
+            m_readStatus = edr::FileReadStatus::ReadFailure;
+            throw edr::EventException("The file at " + m_path + " has been replaced");
+        }
+        m_readStatus = result == common::StatHelper::ReadResult::SizeLimitReached
+                           ? edr::FileReadStatus::MaxSizeLimitReached
+                           : edr::FileReadStatus::ReadSuccessful;
+    }
+    catch (const common::StatHelperException& e)
+    {
+        m_readStatus = edr::FileReadStatus::ReadFailure;
+        throw edr::EventException("Failed to read contents of file " + m_path + ": " + e.what());
+    }
+    return content;
+}
+
+std::string FileEvent::GetFileContentHash(edr::HashType type) const
+{
+    common::ContentHasher::Algorithm algorithm{};
+    const char* failure = nullptr;
+    switch (type)
+    {
+    case edr::HashType::Md5:
+        algorithm = common::ContentHasher::Algorithm::Md5;
+        failure = "Failed to generate MD5 for ";
+        break;
+    case edr::HashType::Sha1:
+        algorithm = common::ContentHasher::Algorithm::Sha1;
+        failure = "Failed to generate sha1 for ";
+        break;
+    case edr::HashType::Sha256:
+        algorithm = common::ContentHasher::Algorithm::Sha256;
+        failure = "Failed to generate sha256 for ";
+        break;
+    default:
+        throw edr::EventException("Unsupported type of content hash requested: " +
+                                  std::to_string(static_cast<int>(type)));
+    }
+    try
+    {
+        return common::ContentHasher::HashFile(m_path, algorithm, common::StatHelper::kDefaultMaxContentSize);
+    }
+    catch (const std::runtime_error& e)
+    {
+        throw edr::EventException(failure + m_path + ": " + e.what());
+    }
+}
+
+uint32_t FileEvent::GetCategory() const
+{
+    return static_cast<uint32_t>(edr::EventCategory::File);
+}
+
+uint64_t FileEvent::GetParentInode() const
+{
+    if (!m_parent)
+    {
+        throw edr::EventException("Failed to get parent inode/deviceid for " + GetActionName() + " event");
+    }
+    return m_parent->inode;
+}
+
+uint64_t FileEvent::GetParentDeviceID() const
+{
+    if (!m_parent)
+    {
+        throw edr::EventException("Failed to get parent inode/deviceid for " + GetActionName() + " event");
+    }
+    return m_parent->device;
+}
+
+std::string FileEvent::GetCwd() const
+{
+    return m_records.cwds.empty() ? std::string() : m_records.cwds.front();
+}
+
+edr::FileReadStatus FileEvent::GetFileReadStatus() const
+{
+    return m_readStatus;
+}
+
+bool FileEvent::IsSymlink() const
+{
+    return S_ISLNK(m_object.mode);
+}
+
+void FileEvent::Refresh()
+{
+    if (m_statMode == StatMode::None)
+    {
+        return;
+    }
+    try
+    {
+        m_stat = common::StatHelper::TryStat(m_path, m_statMode == StatMode::Follow);
+    }
+    catch (const common::StatHelperException& e)
+    {
+        throw edr::EventException(e.what());
+    }
+    m_readStatus = edr::FileReadStatus::NotRead;
+}
+
+} // namespace vantor::audit::internal

@@ -1,0 +1,89 @@
+#pragma once
+
+#include "SyscallEvent.h"
+#include "edr/LibMagicWrapper.h"
+
+#include <sys/stat.h>
+
+#include <memory>
+#include <optional>
+
+namespace vantor::audit::internal
+{
+
+// An event about one file system object: its absolute path, the identity the
+// kernel recorded (PATH record), the parent directory and, unless the object
+// is gone, a stat taken when the event is built.
+class FileEvent : public SyscallEvent
+{
+public:
+    enum class StatMode
+    {
+        None,
+        Follow,
+        NoFollow
+    };
+
+    std::string GetFile() const override;
+    TimePoint GetFileAccessTime() const override;
+    TimePoint GetFileChangeTime() const override;
+    std::string GetFileContent() const override;
+    std::string GetFileContentHash(edr::HashType type) const override;
+    TimePoint GetFileModificationTime() const override;
+    uint64_t GetFileSize() const override;
+    uint32_t GetFileType() const override;
+    std::string GetFileTypeDesc() const override;
+    uint32_t GetCategory() const override;
+    uint64_t GetParentInode() const override;
+    uint64_t GetParentDeviceID() const override;
+    std::string GetCwd() const override;
+    edr::FileReadStatus GetFileReadStatus() const override;
+    bool IsSymlink() const override;
+    void Refresh() override;
+
+    const PathRecord& GetObject() const { return m_object; }
+
+protected:
+    using Magic = std::shared_ptr<const edr::LibMagicWrapper>;
+
+    // Parses SYSCALL, PATH and CWD records and makes every PATH name absolute.
+    FileEvent(auparse_state_t* au, Magic magic);
+    FileEvent(const FileEvent&) = default;
+
+    // Sets the object of the event and, unless mode is None, stats it. A stat
+    // of another object (the file was replaced) throws "File ... differs from
+    // the object of the audit event with ID ...".
+    void SetObject(const PathRecord& object, const PathRecord* parent, StatMode mode);
+    void SetObjectPath(const PathRecord& object, std::string path, const PathRecord* parent);
+
+    // The text thrown when a stat-based operation has no stat.
+    virtual std::string MissingStatText() const;
+    // Absolute path of a PATH record (names were made absolute on parsing).
+    static const std::string& PathOf(const PathRecord& record) { return record.name; }
+
+    // Numbers of PATH records by kind.
+    struct Counts
+    {
+        unsigned normal = 0;
+        unsigned create = 0;
+        unsigned remove = 0;
+        unsigned parent = 0;
+        unsigned other = 0;
+    };
+    Counts CountPaths() const;
+    const PathRecord* FindPath(PathRecord::NameType type) const;
+    const PathRecord* FindLastPath(PathRecord::NameType type) const;
+
+private:
+    const struct stat& RequireStat() const;
+
+    Magic m_magic;
+    PathRecord m_object;
+    std::string m_path;
+    std::optional<PathRecord> m_parent;
+    StatMode m_statMode = StatMode::None;
+    std::optional<struct stat> m_stat;
+    mutable edr::FileReadStatus m_readStatus = edr::FileReadStatus::NotRead;
+};
+
+} // namespace vantor::audit::internal

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <auparse.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+namespace vantor::audit::internal
+{
+
+// One PATH record: the name as the call gave it (made absolute later), and
+// the identity of the object the kernel resolved.
+class PathRecord
+{
+public:
+    enum class NameType : uint8_t
+    {
+        Unknown,
+        Normal,
+        Create,
+        Delete,
+        Parent
+    };
+
+    // Reads the current record (a PATH record). Throws EventException
+    // "Cannot create PathRecord without inode information".
+    static PathRecord Parse(auparse_state_t* au);
+
+    static const char* NameTypeText(NameType type);
+
+    // Merges another record of the same object into this one.
+    void Combine(const PathRecord& other);
+
+    uint32_t item = 0;
+    std::string name;
+    bool hasName = false;
+    ino_t inode = 0;
+    dev_t device = 0;
+    mode_t mode = 0;
+    uint32_t ouid = 0;
+    uint32_t ogid = 0;
+    NameType nameType = NameType::Unknown;
+    // The nametype text as recorded (kept for the rejection texts).
+    std::string nameTypeText;
+};
+
+} // namespace vantor::audit::internal

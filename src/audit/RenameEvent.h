@@ -1,0 +1,36 @@
+#pragma once
+
+#include "FileEvent.h"
+
+namespace vantor::audit::internal
+{
+
+// A rename: GetFile is the source, GetNewFile the destination.
+class RenameEvent : public FileEvent
+{
+public:
+    RenameEvent(auparse_state_t* au, Magic magic);
+
+    std::unique_ptr<edr::Event> Clone() const override;
+    edr::EventType GetType() const override;
+    std::string GetActionName() const override;
+    // The source; file state (stat, content) is the destination's.
+    std::string GetFile() const override;
+    std::string GetNewFile() const override;
+    uint64_t GetParentInode() const override;
+    uint64_t GetParentDeviceID() const override;
+
+    // The target replaced by the rename, if there was one.
+    const PathRecord* GetReplaced() const { return m_replaced ? &*m_replaced : nullptr; }
+
+protected:
+    std::string MissingStatText() const override;
+
+private:
+    std::string m_sourcePath;
+    std::string m_newPath;
+    std::optional<PathRecord> m_destinationParent;
+    std::optional<PathRecord> m_replaced;
+};
+
+} // namespace vantor::audit::internal

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "AuditRecords.h"
+#include "Event.h"
+
+namespace vantor::audit::internal
+{
+
+// An event made from a SYSCALL record and the records that came with it.
+// The acting process is the one the SYSCALL record names.
+class SyscallEvent : public Event
+{
+public:
+    uint32_t GetActorEuid() const override;
+    pid_t GetActorProcessId() const override;
+    pid_t GetActorParentProcessId() const override;
+    std::string GetActorUserName() const override;
+    uint32_t GetActorUserId() const override;
+    std::string GetActorLoginName() const override;
+    uint32_t GetActorAuid() const override;
+    std::string GetImage() const override;
+    bool IsSuccessful() const override;
+    // The audit pid is the thread group id, so a syscall event never names a
+    // thread on its own.
+    bool IsThread() const override;
+    void UpdateActorProcessId(pid_t pid) override;
+    bool IsElevated() const override;
+
+    int GetSyscall() const { return m_records.syscall.syscall; }
+    const AuditRecords& Records() const { return m_records; }
+
+protected:
+    // Parses the records (wanted: AuditRecords::Wanted bits).
+    SyscallEvent(auparse_state_t* au, unsigned wanted);
+
+    AuditRecords m_records;
+};
+
+} // namespace vantor::audit::internal

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <auparse.h>
+#include <sys/types.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+namespace vantor::audit::internal
+{
+
+// The fields of a SYSCALL record that the events use, copied out of
+// libauparse.
+class SyscallRecord
+{
+public:
+    static constexpr uint32_t kUnsetAuid = 4294967295U;
+
+    // Reads the current record of the state (which must be a SYSCALL
+    // record). Throws SyscallRecordException.
+    static SyscallRecord Parse(auparse_state_t* au);
+
+    int syscall = -1;
+    bool success = false;
+    int64_t exit = 0;
+    std::array<uint64_t, 4> args{};
+    uint32_t items = 0;
+    pid_t ppid = 0;
+    pid_t pid = 0;
+    uint32_t auid = kUnsetAuid;
+    uint32_t uid = 0;
+    uint32_t euid = 0;
+    std::string comm;
+    std::string exe;
+};
+
+} // namespace vantor::audit::internal

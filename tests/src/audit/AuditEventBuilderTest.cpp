@@ -1,0 +1,299 @@
+#include "audit/AuditEventBuilder.h"
+#include "audit/CloneEvent.h"
+#include "audit/RenameEvent.h"
+#include "support/ExpectThrowText.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+#include <libaudit.h>
+
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+
+namespace vantor::audit
+{
+namespace
+{
+
+const std::string kData = "/tmp/corvid-audit-capture/data";
+
+std::string Fixture(const std::string& name)
+{
+    std::ifstream in(std::string(CORVID_SOURCE_DIR) + "/tests/fixtures/audit/" + name + ".log",
+                     std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string Replace(std::string text, const std::string& from, const std::string& to)
+{
+    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+    {
+        text.replace(at, from.size(), to);
+    }
+    return text;
+}
+
+// The outcome of building one audit event of the text.
+struct Built
+{
+    int syscall = -1;
+    EventBuilder::Events events;
+    std::string error;
+};
+
+// Feeds the records through libauparse and builds every event whose SYSCALL
+// record names the wanted call (any call when -1) as eventClass.
+std::vector<Built> Build(const std::string& text, AuditEventClass eventClass, int wanted)
+{
+    auto magic = std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc");
+    AuditEventBuilder builder(magic);
+    std::vector<Built> result;
+    auparse_state_t* au = auparse_init(AUSOURCE_BUFFER, text.c_str());
+    auparse_set_escape_mode(au, AUPARSE_ESC_RAW);
+    while (auparse_next_event(au) > 0)
+    {
+        auparse_first_record(au);
+        if (auparse_get_type(au) != AUDIT_SYSCALL)
+        {
+            continue;
+        }
+        const char* call = auparse_find_field(au, "syscall");
+        const int number = call != nullptr ? std::stoi(call) : -1;
+        if (wanted != -1 && number != wanted)
+        {
+            continue;
+        }
+        Built built;
+        built.syscall = number;
+        try
+        {
+            builder.BuildSyscallEvent(eventClass, au, built.events);
+        }
+        catch (const std::exception& e)
+        {
+            built.error = e.what();
+        }
+        result.push_back(std::move(built));
+    }
+    auparse_destroy(au);
+    return result;
+}
+
+// The single event of the first matching audit event; fails on a rejection.
+std::unique_ptr<edr::Event> One(const std::string& text, AuditEventClass eventClass, int syscall)
+{
+    auto built = Build(text, eventClass, syscall);
+    if (built.empty())
+    {
+        ADD_FAILURE() << "no event for syscall " << syscall;
+        return nullptr;
+    }
+    EXPECT_EQ(built.front().error, "");
+    if (built.front().events.empty())
+    {
+        return nullptr;
+    }
+    return std::move(built.front().events.front());
+}
+
+std::string Rejection(const std::string& text, AuditEventClass eventClass, int syscall)
+{
+    auto built = Build(text, eventClass, syscall);
+    return built.empty() ? "no event" : built.front().error;
+}
+
+TEST(AuditEventBuilderTest, FileEventsCarryAbsolutePathsActorsAndActions)
+{
+    auto create = One(Fixture("create"), AuditEventClass::ReadWrite, 257);
+    ASSERT_TRUE(create);
+    EXPECT_EQ(create->GetType(), edr::EventType::Create);
+    EXPECT_EQ(create->GetActionName(), "Create");
+    EXPECT_EQ(create->GetFile(), kData + "/created.txt");
+    EXPECT_EQ(create->GetCwd(), kData);
+    EXPECT_EQ(create->GetActorUserId(), 0U);
+    EXPECT_EQ(create->GetActorEuid(), 0U);
+    EXPECT_EQ(create->GetActorUserName(), "root");
+    EXPECT_EQ(create->GetActorAuid(), 4294967295U);
+    EXPECT_EQ(create->GetActorLoginName(), "system-user");
+    EXPECT_GT(create->GetActorProcessId(), 0);
+    EXPECT_GT(create->GetActorParentProcessId(), 0);
+    EXPECT_EQ(create->GetImage(), "/tmp/corvid-audit-capture/bin/workload");
+    EXPECT_TRUE(create->IsSuccessful());
+    EXPECT_GT(create->GetEventId(), 0U);
+    EXPECT_GT(create->GetTimestamp(), 1600000000000ULL);
+    EXPECT_EQ(create->GetCategory(), static_cast<uint32_t>(edr::EventCategory::File));
+    vantor::test::ExpectThrowText<edr::EventException>([&] { create->GetNetworkPort(); },
+                                                       "GetNetworkPort is not implemented");
+    vantor::test::ExpectThrowText<edr::EventException>([&] { create->GetNewFile(); },
+                                                       "GetNewFile not implemented");
+    // The capture directory is gone: the event is built without a stat.
+    vantor::test::ExpectThrowText<edr::EventException>([&] { create->GetFileSize(); },
+                                                       "File stat does not exist for Create event with ID ");
+
+    auto read = One(Fixture("open_read"), AuditEventClass::ReadWrite, 2);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->GetType(), edr::EventType::Read);
+    EXPECT_EQ(read->GetFile(), kData + "/existing.txt");
+    auto write = One(Fixture("open_write"), AuditEventClass::ReadWrite, 2);
+    ASSERT_TRUE(write);
+    EXPECT_EQ(write->GetActionName(), "Write");
+    auto rdwr = One(Fixture("open_rdwr"), AuditEventClass::ReadWrite, 257);
+    ASSERT_TRUE(rdwr);
+    EXPECT_EQ(rdwr->GetType(), edr::EventType::Write);
+    auto absolute = One(Fixture("open_absolute"), AuditEventClass::ReadWrite, 2);
+    ASSERT_TRUE(absolute);
+    EXPECT_EQ(absolute->GetFile(), kData + "/existing.txt");
+
+    auto created = One(Fixture("openat_creat"), AuditEventClass::Create, 257);
+    ASSERT_TRUE(created);
+    EXPECT_EQ(created->GetFile(), kData + "/openat_new.txt");
+    auto dir = One(Fixture("mkdir"), AuditEventClass::Create, 83);
+    ASSERT_TRUE(dir);
+    EXPECT_EQ(dir->GetFile(), kData + "/new_dir");
+    auto link = One(Fixture("symlink"), AuditEventClass::Create, 88);
+    ASSERT_TRUE(link);
+    EXPECT_EQ(link->GetFile(), kData + "/new_symlink");
+    EXPECT_TRUE(link->IsSymlink());
+
+    for (auto [name, call] : {std::pair{"chmod", 90}, {"fchmodat", 268}, {"chown", 92}, {"lchown", 94}})
+    {
+        auto attribute = One(Fixture(name), AuditEventClass::Attribute, call);
+        ASSERT_TRUE(attribute) << name;
+        EXPECT_EQ(attribute->GetActionName(), "Change");
+        EXPECT_EQ(attribute->GetType(), edr::EventType::Attribute);
+    }
+    for (auto [name, call] : {std::pair{"unlink", 87}, {"unlinkat", 263}, {"rmdir", 84}})
+    {
+        auto removed = One(Fixture(name), AuditEventClass::Delete, call);
+        ASSERT_TRUE(removed) << name;
+        EXPECT_EQ(removed->GetType(), edr::EventType::Delete);
+        vantor::test::ExpectThrowText<edr::EventException>([&] { removed->GetFileSize(); },
+                                                           "File stat information is not available");
+    }
+    EXPECT_EQ(One(Fixture("unlink"), AuditEventClass::Delete, 87)->GetFile(), kData + "/to_unlink.txt");
+}
+
+TEST(AuditEventBuilderTest, HostileNamesAreDecodedToTheirBytes)
+{
+    auto built = Build(Fixture("hostile"), AuditEventClass::ReadWrite, 257);
+    ASSERT_EQ(built.size(), 4U);
+    std::vector<std::string> files;
+    for (auto& b : built)
+    {
+        ASSERT_EQ(b.error, "");
+        files.push_back(b.events.front()->GetFile());
+    }
+    EXPECT_EQ(files, (std::vector<std::string>{kData + "/quote\"name.txt", kData + "/name with spaces.txt",
+                                               kData + "/bad\xff\xfe.txt", kData + "/new\nline.txt"}));
+}
+
+TEST(AuditEventBuilderTest, RenameOverAnExistingFileAlsoDeletesTheTarget)
+{
+    auto plain = Build(Fixture("rename"), AuditEventClass::Rename, 82);
+    ASSERT_EQ(plain.size(), 1U);
+    ASSERT_EQ(plain[0].events.size(), 1U);
+    EXPECT_EQ(plain[0].events[0]->GetFile(), kData + "/rename_src.txt");
+    EXPECT_EQ(plain[0].events[0]->GetNewFile(), kData + "/rename_dst.txt");
+
+    auto over = Build(Fixture("rename_over"), AuditEventClass::Rename, 82);
+    ASSERT_EQ(over.size(), 1U);
+    ASSERT_EQ(over[0].events.size(), 2U) << over[0].error;
+    EXPECT_EQ(over[0].events[0]->GetType(), edr::EventType::Rename);
+    EXPECT_EQ(over[0].events[1]->GetType(), edr::EventType::Delete);
+    EXPECT_EQ(over[0].events[1]->GetFile(), kData + "/over_dst.txt");
+    EXPECT_EQ(over[0].events[1]->GetEventId(), over[0].events[0]->GetEventId());
+    auto copy = over[0].events[1]->Clone();
+    over[0].events.clear();
+    EXPECT_EQ(copy->GetFile(), kData + "/over_dst.txt");
+
+    auto two = Build(Fixture("renameat2"), AuditEventClass::Rename, 316);
+    ASSERT_EQ(two.size(), 1U);
+    EXPECT_EQ(two[0].events.size(), 1U);
+}
+
+TEST(AuditEventBuilderTest, ProcessAndNetworkEvents)
+{
+    const std::string execve = Fixture("execve");
+    auto running = One(execve, AuditEventClass::Running, 59);
+    ASSERT_TRUE(running);
+    EXPECT_EQ(running->GetActorProcessArguments(),
+              (std::vector<std::string>{"/bin/sh", "./script.sh", "first arg", "second"}));
+    EXPECT_EQ(running->GetSecondaryImage(), kData + "/script.sh");
+    EXPECT_EQ(running->GetImage(), "/usr/bin/dash");
+    EXPECT_EQ(running->GetActionName(), "Execve");
+    EXPECT_EQ(running->GetCategory(), static_cast<uint32_t>(edr::EventCategory::Process));
+
+    auto clone = One(execve, AuditEventClass::Clone, 56);
+    ASSERT_TRUE(clone);
+    auto* cloneEvent = dynamic_cast<internal::CloneEvent*>(clone.get());
+    ASSERT_NE(cloneEvent, nullptr);
+    EXPECT_EQ(cloneEvent->GetChildProcessId(), running->GetActorProcessId());
+    auto fork = Build(Fixture("fork"), AuditEventClass::Clone, 57);
+    ASSERT_EQ(fork.size(), 1U);
+    EXPECT_EQ(fork[0].error, "");
+    EXPECT_EQ(One(execve, AuditEventClass::Exit, 231)->GetType(), edr::EventType::Exit);
+
+    auto bind = One(Fixture("network4"), AuditEventClass::Network, 49);
+    ASSERT_TRUE(bind);
+    EXPECT_EQ(bind->GetType(), edr::EventType::Bind);
+    EXPECT_EQ(bind->GetNetworkAddress(), "127.0.0.1");
+    EXPECT_EQ(bind->GetNetworkPort(), 47011);
+    auto connect6 = One(Fixture("network6"), AuditEventClass::Network, 42);
+    ASSERT_TRUE(connect6);
+    EXPECT_EQ(connect6->GetActionName(), "Connect");
+    EXPECT_EQ(connect6->GetNetworkAddress(), "::1");
+    EXPECT_EQ(connect6->GetNetworkPort(), 47012);
+    vantor::test::ExpectThrowText<edr::EventException>([&] { connect6->GetFile(); },
+                                                       "GetFile not implemented");
+}
+
+TEST(AuditEventBuilderTest, RejectsEventsThatDoNotFitTheirClass)
+{
+    EXPECT_EQ(Rejection(Fixture("thread"), AuditEventClass::Clone, 56), "Thread events are not tracked");
+    EXPECT_EQ(Rejection(Fixture("truncate"), AuditEventClass::ReadWrite, 76),
+              "Invalid syscall for Write event: 76");
+    EXPECT_EQ(Rejection(Fixture("ftruncate"), AuditEventClass::ReadWrite, 77),
+              "Invalid syscall for Write event: 77");
+    EXPECT_EQ(Rejection(Fixture("open_read"), AuditEventClass::Create, 2),
+              "open() must specify O_CREAT for Create event");
+    EXPECT_EQ(Rejection(Fixture("open_rdwr"), AuditEventClass::Create, 257),
+              "openat()/open_by_handle_at() must specify O_CREAT for Create event");
+    EXPECT_EQ(Rejection(Fixture("chmod"), AuditEventClass::Exit, 90), "Invalid syscall for Exit event: 90");
+    EXPECT_EQ(Rejection(Fixture("network4"), AuditEventClass::Network, 43),
+              "Invalid SOCKADDR record in Network event");
+    EXPECT_EQ(Rejection(Fixture("execveat"), AuditEventClass::Running, 322),
+              "Invalid syscall for Running event: 322");
+
+    // Handcrafted from real records.
+    const std::string chmod = Fixture("chmod");
+    const std::string firstSyscall = chmod.substr(0, chmod.find('\n') + 1);
+    EXPECT_EQ(Rejection(firstSyscall + chmod, AuditEventClass::Attribute, 90),
+              "Multiple syscall records found in event");
+    std::string noCwd;
+    std::istringstream lines(Fixture("create"));
+    for (std::string line; std::getline(lines, line);)
+    {
+        noCwd += line.starts_with("type=CWD") ? "" : line + "\n";
+    }
+    EXPECT_EQ(Rejection(noCwd, AuditEventClass::ReadWrite, 257), "Missing CWD with relative path");
+    EXPECT_EQ(Rejection(Replace(chmod, "comm=\"workload\"", "comm=(null)"), AuditEventClass::Attribute, 90),
+              "SyscallRecordException: Failed to find process name in syscall record");
+
+    // A chmod whose file was replaced before it could be examined.
+    vantor::test::TempDir dir;
+    dir.Write("existing.txt", "another file");
+    const std::string moved = Replace(chmod, kData, dir.Path());
+    ASSERT_NE(moved.find(dir.Path()), std::string::npos);
+    EXPECT_EQ(Rejection(moved, AuditEventClass::Attribute, 90).substr(0, 5 + dir.Path().size() + 13),
+              "File " + dir.Path() + "/existing.txt");
+    EXPECT_NE(
+        Rejection(moved, AuditEventClass::Attribute, 90).find("differs from the object of the audit event"),
+        std::string::npos);
+}
+
+} // namespace
+} // namespace vantor::audit
