@@ -46,7 +46,7 @@ uint8_t Depth(const std::string& value)
 
 } // namespace
 
-TEST(EventRuleManagerTest, RecursiveDepthIsReducedToAByteThenCapped)
+TEST(FimEventRuleManagerTest, RecursiveDepthIsReducedToAByteThenCapped)
 {
     EXPECT_EQ(Depth("ALL"), 10);
     EXPECT_EQ(Depth("all"), 10);
@@ -68,7 +68,7 @@ TEST(EventRuleManagerTest, RecursiveDepthIsReducedToAByteThenCapped)
     EXPECT_EQ(log.Count("Rule parsing failed"), 2u);
 }
 
-TEST(EventRuleManagerTest, RuleKindsAndActions)
+TEST(FimEventRuleManagerTest, RuleKindsAndActions)
 {
     const auto set = Parse(Manifest(
         R"({"ruleId":"f","ruleType":"file","imagePath":"/etc/hosts/","notify":["modifyMetadata","read"]},)"
@@ -93,7 +93,7 @@ TEST(EventRuleManagerTest, RuleKindsAndActions)
     EXPECT_EQ(link.GetDirectoryActions(), (vantor::edr::EventRule::ActionSet{8}));
 }
 
-TEST(EventRuleManagerTest, TrackContentChangeNeedsAContentAction)
+TEST(FimEventRuleManagerTest, TrackContentChangeNeedsAContentAction)
 {
     vantor::test::LogCapture log(vantor::common::Logging::Edr());
     const auto set =
@@ -106,7 +106,7 @@ TEST(EventRuleManagerTest, TrackContentChangeNeedsAContentAction)
                              "trackcontentchange cannot be enable for this rule: meta"));
 }
 
-TEST(EventRuleManagerTest, FilterErrorsDropOnlyTheirRule)
+TEST(FimEventRuleManagerTest, FilterErrorsDropOnlyTheirRule)
 {
     vantor::test::LogCapture log(vantor::common::Logging::Edr());
     const auto set = Parse(Manifest(
@@ -134,7 +134,7 @@ TEST(EventRuleManagerTest, FilterErrorsDropOnlyTheirRule)
     EXPECT_TRUE(log.Contains("Failed to parse inclusion filters: Filters not array"));
 }
 
-TEST(EventRuleManagerTest, EnvelopeErrors)
+TEST(FimEventRuleManagerTest, EnvelopeErrors)
 {
     auto expect = [](const std::string& text, const std::string& message)
     {
@@ -158,7 +158,7 @@ TEST(EventRuleManagerTest, EnvelopeErrors)
     expect(Manifest(Rule("a", ""), "1"), "Unknown version [1] of FIM manifest. Skipping.");
 }
 
-TEST(EventRuleManagerTest, LoadRegistersUnderTheTagOrReportsWhyFimStops)
+TEST(FimEventRuleManagerTest, LoadRegistersUnderTheTagOrReportsWhyFimStops)
 {
     vantor::test::TempDir dir;
     RecordingRegistry registry;
@@ -190,7 +190,7 @@ TEST(EventRuleManagerTest, LoadRegistersUnderTheTagOrReportsWhyFimStops)
     EXPECT_TRUE(log.Contains("Failed to read manifest: " + dir.File("none.json")));
 }
 
-TEST(EventRuleManagerTest, SymlinkRulesWatchTheirTargets)
+TEST(FimEventRuleManagerTest, SymlinkRulesWatchTheirTargets)
 {
     vantor::test::TempDir dir;
     std::filesystem::create_directories(dir.File("links"));

@@ -26,7 +26,7 @@ using namespace std::chrono_literals;
 namespace
 {
 
-class UploadScheduleTest : public testing::Test
+class FimUploadScheduleTest : public testing::Test
 {
 protected:
     void SetUp() override
@@ -93,7 +93,7 @@ protected:
 
 } // namespace
 
-TEST_F(UploadScheduleTest, OldestFirstDeletedOnlyAfterSuccess)
+TEST_F(FimUploadScheduleTest, OldestFirstDeletedOnlyAfterSuccess)
 {
     vantor::test::LogCapture log(Logging::Edr());
     Spool("/first");
@@ -130,7 +130,7 @@ TEST_F(UploadScheduleTest, OldestFirstDeletedOnlyAfterSuccess)
     EXPECT_EQ(m_receiver->RequestCount(), 3u);
 }
 
-TEST_F(UploadScheduleTest, CorruptFileIsDeletedAndTheNextOneGoes)
+TEST_F(FimUploadScheduleTest, CorruptFileIsDeletedAndTheNextOneGoes)
 {
     vantor::test::LogCapture log(Logging::Edr());
     Spool("/will-be-corrupt");
@@ -150,7 +150,7 @@ TEST_F(UploadScheduleTest, CorruptFileIsDeletedAndTheNextOneGoes)
     EXPECT_NE(LastPayload().find("/good"), std::string::npos);
 }
 
-TEST_F(UploadScheduleTest, SchedulerRunsTheFirstUploadAtOnce)
+TEST_F(FimUploadScheduleTest, SchedulerRunsTheFirstUploadAtOnce)
 {
     Spool("/scheduled");
     m_scheduler.Start();

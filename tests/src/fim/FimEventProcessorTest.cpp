@@ -35,7 +35,7 @@ std::vector<std::string> MemberNames(const rapidjson::Value& object)
     return names;
 }
 
-class EventProcessorTest : public testing::Test
+class FimEventProcessorTest : public testing::Test
 {
 protected:
     void SetUp() override
@@ -93,7 +93,7 @@ protected:
 
 } // namespace
 
-TEST(EventProcessorDepthTest, DepthCountsDirectoriesBelowTheRule)
+TEST(FimEventProcessorDepthTest, DepthCountsDirectoriesBelowTheRule)
 {
     EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/b"), -1);
     EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/bc/d"), -1);
@@ -102,7 +102,7 @@ TEST(EventProcessorDepthTest, DepthCountsDirectoriesBelowTheRule)
     EXPECT_EQ(EventProcessor::PathDepth("/", "/etc/hosts"), 1);
 }
 
-TEST(EventProcessorContentTest, LimitIsInclusive)
+TEST(FimEventProcessorContentTest, LimitIsInclusive)
 {
     vantor::test::TempDir dir;
     const std::string exact = dir.Write("exact", std::string(51200, 'a'));
@@ -122,7 +122,7 @@ TEST(EventProcessorContentTest, LimitIsInclusive)
               EventProcessor::ContentStatus::ReadFailure);
 }
 
-TEST_F(EventProcessorTest, DocumentMembersInOrderWithContentAndHash)
+TEST_F(FimEventProcessorTest, DocumentMembersInOrderWithContentAndHash)
 {
     Load(R"({"ruleId":"r1","ruleType":"directory","imagePath":")" + Watched() +
              R"(","recursiveDepth":"all","trackContentChange":true,"notify":["modifyContent"]})",
@@ -153,7 +153,7 @@ TEST_F(EventProcessorTest, DocumentMembersInOrderWithContentAndHash)
     EXPECT_STREQ(doc["actor"]["procTitle"].GetString(), "/usr/bin/vim");
 }
 
-TEST_F(EventProcessorTest, ContentStatusAtTheLimit)
+TEST_F(FimEventProcessorTest, ContentStatusAtTheLimit)
 {
     Load(R"({"ruleId":"r","ruleType":"directory","imagePath":")" + Watched() +
          R"(","trackContentChange":true,"notify":["create"]})");
@@ -170,7 +170,7 @@ TEST_F(EventProcessorTest, ContentStatusAtTheLimit)
     EXPECT_FALSE(document["events"][1].HasMember("fileContentHash"));
 }
 
-TEST_F(EventProcessorTest, PostProcessingPerRule)
+TEST_F(FimEventProcessorTest, PostProcessingPerRule)
 {
     Load(R"({"ruleId":"all","ruleType":"directory","imagePath":")" + Watched() +
          R"(","recursiveDepth":"all","notify":["create","rename"]},)"
@@ -222,7 +222,7 @@ TEST_F(EventProcessorTest, PostProcessingPerRule)
     EXPECT_EQ(rules(4), (std::vector<std::string>{"all", "night"}));
 }
 
-TEST_F(EventProcessorTest, HostileNamesKeepEveryDocumentValid)
+TEST_F(FimEventProcessorTest, HostileNamesKeepEveryDocumentValid)
 {
     Load(R"({"ruleId":"r\"1","ruleType":"directory","imagePath":")" + Watched() +
          R"(","notify":["rename","modifySecuritySettings"]})");
@@ -255,7 +255,7 @@ TEST_F(EventProcessorTest, HostileNamesKeepEveryDocumentValid)
     EXPECT_STREQ(document["events"][2]["securitySettings"]["new"]["owner"].GetString(), "Unknown");
 }
 
-TEST_F(EventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
+TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
 {
     m_baseline = std::make_unique<vantor::common::SqlStorage>(
         m_dir.Path(), "BaselineEvents.db", std::make_unique<vantor::fim::BaselineEventSqlDataFormatter>(),
@@ -290,7 +290,7 @@ TEST_F(EventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
     EXPECT_TRUE(m_baseline->Read("BaselineEvents", Watched("/a/b/too-deep")).rows.empty());
 }
 
-TEST(JsonDataFormatterTest, CollectsObjectsIntoOneEventsArray)
+TEST(FimJsonDataFormatterTest, CollectsObjectsIntoOneEventsArray)
 {
     JsonDataFormatter formatter;
     EXPECT_EQ(formatter.Append(R"({"a":1})"), 7u);
