@@ -1,0 +1,225 @@
+#include "Component.h"
+
+#include "AuditRuleRegistry.h"
+#include "BaselineEvent.h"
+#include "BaselineEventSqlDataFormatter.h"
+#include "EventProcessor.h"
+#include "EventRuleManager.h"
+#include "HttpUploader.h"
+#include "JsonDataFormatter.h"
+#include "Logging.h"
+#include "Scheduler.h"
+#include "SpoolStorage.h"
+#include "SqlStorage.h"
+#include "UploadSchedule.h"
+
+#include <filesystem>
+#include <set>
+#include <stdexcept>
+
+namespace vantor::fim
+{
+
+namespace
+{
+
+std::string SpoolDirectory(const Config& config)
+{
+    std::string directory = config.EventFilePath();
+    if (!directory.empty() && directory.back() != '/')
+    {
+        directory += '/';
+    }
+    return directory + "fim/";
+}
+
+common::SpoolStorage::Settings SpoolSettings(const Config& config)
+{
+    common::SpoolStorage::Settings settings;
+    settings.maxDiskSizeMb = config.MaxDiskSizeMb();
+    settings.maxFileAgeSec = config.MaxFileAgeSec();
+    settings.maxFileSizeKb = config.MaxFileSizeKb();
+    return settings;
+}
+
+std::unique_ptr<Config> CheckConfig(std::unique_ptr<Config> config)
+{
+    if (!config)
+    {
+        throw std::runtime_error("FimComponent: 'config' cannot be null");
+    }
+    return config;
+}
+
+} // namespace
+
+Component::Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
+                     common::Scheduler& scheduler, audit::RuleEngine& ruleEngine,
+                     const std::string& installPath, BlackoutCheck blackout)
+    : Component(std::move(config), std::move(uploader), scheduler,
+                std::make_shared<AuditRuleRegistry>(ruleEngine), installPath, std::move(blackout))
+{
+}
+
+Component::Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
+                     common::Scheduler& scheduler, std::shared_ptr<RuleRegistry> registry,
+                     const std::string& installPath, BlackoutCheck blackout)
+    : m_config(CheckConfig(std::move(config)))
+    , m_uploader(std::move(uploader))
+    , m_registry(std::move(registry))
+    , m_scheduler(scheduler)
+{
+    if (!m_uploader)
+    {
+        throw std::runtime_error("FimComponent: 'uploader' cannot be null");
+    }
+    if (!m_registry)
+    {
+        throw std::runtime_error("FimComponent: 'registry' cannot be null");
+    }
+    m_ruleManager = std::make_unique<internal::EventRuleManager>(*m_registry, kTag);
+
+    const std::string directory = SpoolDirectory(*m_config);
+    std::error_code ec;
+    std::filesystem::create_directories(directory, ec);
+    if (ec)
+    {
+        EDR_LOG_ERROR("FimComponent: Cannot create " << directory << ": " << ec.message());
+    }
+    m_spool = std::make_unique<common::SpoolStorage>(m_scheduler, directory, m_config->EventFileName(),
+                                                     std::make_unique<internal::JsonDataFormatter>(),
+                                                     SpoolSettings(*m_config), kMaxSpoolFiles);
+    m_uploadSchedule =
+        std::make_shared<internal::UploadSchedule>(*m_config, *m_spool, m_uploader, std::move(blackout));
+    // The store comes before the processor that writes into it.
+    m_baseline = std::make_unique<common::SqlStorage>(
+        installPath, kBaselineDbName, std::make_unique<BaselineEventSqlDataFormatter>(), true);
+    m_processor = std::make_unique<internal::EventProcessor>(*m_ruleManager, *m_spool, m_baseline.get());
+
+    Enable();
+    EDR_LOG_INFO("Component initialized.");
+}
+
+Component::~Component()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        // After this no handler runs, so the parts can go.
+        UnregisterLocked();
+    }
+    m_uploadSchedule->Stop();
+    m_processor.reset();
+    m_baseline.reset();
+    m_uploadSchedule.reset();
+    m_spool.reset();
+    m_ruleManager.reset();
+    EDR_LOG_INFO("Component destroyed.");
+}
+
+void Component::Enable()
+{
+    std::lock_guard lock(m_mutex);
+    const auto reason = m_ruleManager->LoadManifest(m_config->ManifestPath());
+    if (reason)
+    {
+        DisableLocked();
+        return;
+    }
+    if (!m_registered)
+    {
+        internal::EventProcessor* processor = m_processor.get();
+        internal::EventRuleManager* manager = m_ruleManager.get();
+        m_registry->RegisterEventHandlers(
+            kTag, [processor](edr::Event& event) { processor->HandleEvent(event); },
+            [manager] { manager->OnInvalidated(); });
+        m_scheduler.RegisterSchedule(m_uploadSchedule);
+        m_registered = true;
+    }
+    m_enabled = true;
+}
+
+void Component::UnregisterLocked()
+{
+    if (m_registered)
+    {
+        try
+        {
+            m_registry->UnregisterEventHandlers(kTag);
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("FimComponent: Failed to unregister handlers: " << e.what());
+        }
+        m_scheduler.UnregisterSchedule(m_uploadSchedule);
+        m_registered = false;
+    }
+    m_ruleManager->Clear();
+}
+
+void Component::Disable()
+{
+    std::lock_guard lock(m_mutex);
+    DisableLocked();
+}
+
+void Component::DisableLocked()
+{
+    EDR_LOG_INFO("Disabling FIM");
+    UnregisterLocked();
+    m_enabled = false;
+    try
+    {
+        m_spool->Clear();
+        EDR_LOG_INFO("Successfully cleared spool storage");
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Failed to clear spool storage: " << e.what());
+    }
+}
+
+void Component::UpdateConfig(const rapidjson::Value& json, const UpdateCallback& callback)
+{
+    try
+    {
+        m_config->Update(json);
+    }
+    catch (const std::invalid_argument&)
+    {
+        if (callback)
+        {
+            callback(false);
+        }
+        throw;
+    }
+    m_spool->Update(SpoolSettings(*m_config));
+    EDR_LOG_INFO("Component::UpdateConfig: Configuration updated");
+    Enable();
+    if (callback)
+    {
+        callback(IsEnabled());
+    }
+}
+
+void Component::RunBaseline()
+{
+    const auto rules = m_ruleManager->GetRules();
+    std::set<std::string> done;
+    for (const auto& rule : rules->rules)
+    {
+        if (!done.insert(rule->GetPath()).second)
+        {
+            continue;
+        }
+        internal::BaselineEvent event(rule->GetPath());
+        m_processor->HandleEvent(event);
+    }
+}
+
+bool Component::IsEnabled() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_enabled;
+}
+
+} // namespace vantor::fim

@@ -1,0 +1,109 @@
+#pragma once
+
+#include "Config.h"
+#include "RuleRegistry.h"
+
+#include <rapidjson/document.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace vantor::audit
+{
+class RuleEngine;
+}
+
+namespace vantor::common
+{
+class HttpUploader;
+class Scheduler;
+class SpoolStorage;
+class SqlStorage;
+} // namespace vantor::common
+
+namespace vantor::fim
+{
+
+namespace internal
+{
+class EventProcessor;
+class EventRuleManager;
+class UploadSchedule;
+} // namespace internal
+
+// File integrity monitoring: owns the FIM configuration, the rule manager,
+// the spool of event documents, the upload schedule, the event processor and
+// the baseline store, and ties them to the daemon's rule engine under the
+// FIM tag.
+//
+// Enabled after construction when the manifest could be used; disabled on
+// an unusable manifest or on request; a later "config" with a usable
+// manifest enables it again.
+class Component
+{
+public:
+    static constexpr const char* kTag = "FIM";
+    static constexpr const char* kBaselineDbName = "BaselineEvents.db";
+    static constexpr uint64_t kMaxSpoolFiles = 10000;
+
+    using BlackoutCheck = std::function<bool()>;
+    using UpdateCallback = std::function<void(bool success)>;
+
+    // Throws std::runtime_error "FimComponent: 'config' cannot be null" /
+    // "FimComponent: 'uploader' cannot be null", and the storages'
+    // exceptions when the spool or the baseline store cannot be set up.
+    // scheduler and registry must outlive the component. The spool lives in
+    // event_file_path + "fim/" (created when missing), the baseline store in
+    // installPath. blackout answers whether uploads must wait; empty: never.
+    Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
+              common::Scheduler& scheduler, std::shared_ptr<RuleRegistry> registry,
+              const std::string& installPath, BlackoutCheck blackout = {});
+    // The same over the daemon's audit rule engine.
+    Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
+              common::Scheduler& scheduler, audit::RuleEngine& ruleEngine, const std::string& installPath,
+              BlackoutCheck blackout = {});
+    ~Component();
+
+    Component(const Component&) = delete;
+    Component& operator=(const Component&) = delete;
+
+    // Applies a new "fim_config" and reloads the manifest. Throws
+    // std::invalid_argument "Fim::Config::Update: Invalid json" (after
+    // reporting failure through the callback); nothing changes then.
+    void UpdateConfig(const rapidjson::Value& json, const UpdateCallback& callback = {});
+
+    // Stops reporting: unregisters the handlers and the rules, stops the
+    // uploads and clears the spool.
+    void Disable();
+
+    // Runs the baseline pass over every watched path, on the caller's thread.
+    void RunBaseline();
+
+    bool IsEnabled() const;
+    const Config& GetConfig() const { return *m_config; }
+    common::SpoolStorage& GetSpool() { return *m_spool; }
+
+private:
+    void Enable();
+    void DisableLocked();
+    void UnregisterLocked();
+
+    // In construction order; destroyed in reverse.
+    std::unique_ptr<Config> m_config;
+    std::shared_ptr<common::HttpUploader> m_uploader;
+    std::shared_ptr<RuleRegistry> m_registry;
+    common::Scheduler& m_scheduler;
+    std::unique_ptr<internal::EventRuleManager> m_ruleManager;
+    std::unique_ptr<common::SpoolStorage> m_spool;
+    std::shared_ptr<internal::UploadSchedule> m_uploadSchedule;
+    std::unique_ptr<common::SqlStorage> m_baseline;
+    std::unique_ptr<internal::EventProcessor> m_processor;
+
+    mutable std::mutex m_mutex;
+    bool m_enabled = false;
+    bool m_registered = false;
+};
+
+} // namespace vantor::fim

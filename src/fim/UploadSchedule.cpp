@@ -1,0 +1,196 @@
+#include "UploadSchedule.h"
+
+#include "HttpUploader.h"
+#include "Logging.h"
+#include "SpoolStorage.h"
+#include "util/Json.h"
+#include "util/TimeFormat.h"
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+namespace vantor::fim::internal
+{
+
+namespace
+{
+// An interval of 0 would make the schedule spin.
+constexpr uint64_t kDefaultInterval = 60;
+} // namespace
+
+// The answer of one upload, shared with its callback, which may run after a
+// cancelled run has left.
+struct UploadSchedule::Pending
+{
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool done = false;
+    bool cancelled = false;
+    bool success = false;
+};
+
+std::chrono::seconds UploadSchedule::IntervalOf(const Config& config)
+{
+    const uint64_t interval = config.UploadInterval();
+    return std::chrono::seconds(interval == 0 ? kDefaultInterval : interval);
+}
+
+UploadSchedule::UploadSchedule(const Config& config, common::SpoolStorage& spool,
+                               std::shared_ptr<common::HttpUploader> uploader, BlackoutCheck blackout)
+    : common::PeriodicSchedule(IntervalOf(config))
+    , m_config(config)
+    , m_spool(spool)
+    , m_uploader(std::move(uploader))
+    , m_blackout(std::move(blackout))
+    , m_lastRun(std::chrono::system_clock::now() - IntervalOf(config))
+{
+}
+
+UploadSchedule::~UploadSchedule()
+{
+    Stop();
+}
+
+void UploadSchedule::Run()
+{
+    const auto interval = IntervalOf(m_config);
+    if (interval != Interval())
+    {
+        SetInterval(interval);
+    }
+    if (!Launch())
+    {
+        EDR_LOG_DEBUG("UploadSchedule: The previous upload is still running");
+    }
+}
+
+void UploadSchedule::DoWork()
+{
+    RunOnce();
+}
+
+void UploadSchedule::OnCancel()
+{
+    std::lock_guard lock(m_mutex);
+    if (m_pending)
+    {
+        std::lock_guard pendingLock(m_pending->mutex);
+        m_pending->cancelled = true;
+        m_pending->cv.notify_all();
+    }
+}
+
+void UploadSchedule::RunOnce()
+{
+    m_lastRun = std::chrono::system_clock::now();
+    if (m_blackout && m_blackout())
+    {
+        EDR_LOG_INFO("UploadSchedule: Blackout period, upload postponed.");
+        return;
+    }
+    common::SpoolStorage::File file;
+    const auto status = m_spool.ReadOldestFile(file);
+    if (status == common::SpoolStorage::ReadStatus::Empty)
+    {
+        EDR_LOG_DEBUG("UploadSchedule: Nothing to upload.");
+        return;
+    }
+    if (status != common::SpoolStorage::ReadStatus::Ok)
+    {
+        EDR_LOG_ERROR("UploadSchedule: Failed to read data from storage.");
+        return;
+    }
+
+    rapidjson::Document stored;
+    const bool parsed = util::ParseJson(stored, file.data);
+    if (!parsed || !stored.IsObject() || !stored.HasMember("events") || !stored["events"].IsArray())
+    {
+        if (!parsed)
+        {
+            EDR_LOG_ERROR("UploadSchedule: Failed to parse file: "
+                          << file.path << " " << rapidjson::GetParseError_En(stored.GetParseError())
+                          << " (offset: " << stored.GetErrorOffset() << ")");
+        }
+        else
+        {
+            EDR_LOG_ERROR("UploadSchedule: Failed to parse file: " << file.path
+                                                                   << " 'events' is not an array");
+        }
+        EDR_LOG_ERROR("UploadSchedule: Deleting corrupt file: " << file.path);
+        if (!m_spool.DeleteFile(file))
+        {
+            EDR_LOG_ERROR("Failed to delete corrupt file: " << file.path);
+        }
+        return;
+    }
+    file.data.clear();
+    file.data.shrink_to_fit();
+
+    rapidjson::Document payload;
+    payload.SetObject();
+    auto& allocator = payload.GetAllocator();
+    // The events stay in the stored document's memory, which outlives the
+    // serialisation.
+    payload.AddMember("events", stored["events"].Move(), allocator);
+    const std::string timestamp = util::FormatIsoTime(std::chrono::system_clock::now());
+    payload.AddMember(
+        "timestamp",
+        rapidjson::Value(timestamp.c_str(), static_cast<rapidjson::SizeType>(timestamp.size()), allocator),
+        allocator);
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    payload.Accept(writer);
+    std::string body(buffer.GetString(), buffer.GetSize());
+    EDR_LOG_DEBUG("Payload data (uncompressed): " << body);
+
+    auto pending = std::make_shared<Pending>();
+    {
+        std::lock_guard lock(m_mutex);
+        m_pending = pending;
+    }
+    m_uploader->Upload(m_config.ServiceUrl(), std::move(body), "application/json", "fim",
+                       [pending](bool success)
+                       {
+                           std::lock_guard lock(pending->mutex);
+                           pending->success = success;
+                           pending->done = true;
+                           pending->cv.notify_all();
+                       });
+    bool success = false;
+    bool cancelled = false;
+    {
+        std::unique_lock lock(pending->mutex);
+        pending->cv.wait(lock, [&] { return pending->done || pending->cancelled; });
+        success = pending->done && pending->success;
+        cancelled = !pending->done;
+    }
+    {
+        std::lock_guard lock(m_mutex);
+        m_pending.reset();
+    }
+    if (cancelled)
+    {
+        EDR_LOG_INFO("UploadSchedule: Upload cancelled; the file is kept.");
+        return;
+    }
+    if (success)
+    {
+        EDR_LOG_INFO("UploadSchedule: Events successfully uploaded.");
+        if (m_spool.DeleteFile(file))
+        {
+            EDR_LOG_DEBUG("Deleted file: " << file.path);
+        }
+        else
+        {
+            EDR_LOG_ERROR("Failed to delete file: " << file.path);
+        }
+    }
+    else
+    {
+        EDR_LOG_ERROR("UploadSchedule: Failed to upload data. The next upload will be tried "
+                      << m_config.UploadInterval() << " seconds later.");
+    }
+}
+
+} // namespace vantor::fim::internal

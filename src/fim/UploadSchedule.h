@@ -1,0 +1,62 @@
+#pragma once
+
+#include "AsyncTask.h"
+#include "Config.h"
+#include "PeriodicSchedule.h"
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace vantor::common
+{
+class HttpUploader;
+class SpoolStorage;
+} // namespace vantor::common
+
+namespace vantor::fim::internal
+{
+
+// Sends the oldest FIM spool file every upload_interval seconds. The
+// Scheduler thread only launches the run; reading, the upload and the
+// deletion happen on the task, which waits for the upload's answer so that a
+// file is never sent twice at once. A file is deleted only after a
+// successful upload; one that does not parse is deleted at once.
+class UploadSchedule : public common::PeriodicSchedule, public common::AsyncTask
+{
+public:
+    // Answers whether now is a blackout period, in which uploads wait.
+    using BlackoutCheck = std::function<bool()>;
+
+    // config, spool and uploader must outlive the schedule.
+    UploadSchedule(const Config& config, common::SpoolStorage& spool,
+                   std::shared_ptr<common::HttpUploader> uploader, BlackoutCheck blackout = {});
+    ~UploadSchedule() override;
+
+    // The first run is due at once, not one interval after registration.
+    void InitializeNextScheduleTime() override {}
+
+    // Runs one upload on the caller's thread (the task's work).
+    void RunOnce();
+
+protected:
+    void Run() override;
+    void DoWork() override;
+    void OnCancel() override;
+
+private:
+    struct Pending;
+
+    static std::chrono::seconds IntervalOf(const Config& config);
+
+    const Config& m_config;
+    common::SpoolStorage& m_spool;
+    const std::shared_ptr<common::HttpUploader> m_uploader;
+    const BlackoutCheck m_blackout;
+    std::mutex m_mutex;
+    std::shared_ptr<Pending> m_pending;
+    common::SystemTimePoint m_lastRun;
+};
+
+} // namespace vantor::fim::internal

@@ -1,0 +1,179 @@
+#include "fim/Component.h"
+#include "TestEvent.h"
+#include "fim/Config.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+#include "HttpService.h"
+#include "HttpUploader.h"
+#include "Logging.h"
+#include "Scheduler.h"
+#include "SpoolStorage.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <thread>
+
+using namespace vantor;
+using namespace std::chrono_literals;
+using fim::test::RecordingRegistry;
+
+namespace
+{
+
+rapidjson::Document Json(const std::string& text)
+{
+    rapidjson::Document document;
+    document.Parse(text.c_str());
+    return document;
+}
+
+class FimComponentTest : public testing::Test
+{
+protected:
+    std::string ConfigText(const std::string& manifest) const
+    {
+        return R"({"event_file_name":"events","event_file_path":")" + m_dir.Path() +
+               R"(","max_disk_size_mb":0,"service_url":"https://127.0.0.1:1/x","upload_interval":3600,)"
+               R"("manifests":[{"a":1}],"manifest_path":")" +
+               m_dir.File(manifest) + R"(","manifest_type":"fim"})";
+    }
+
+    std::unique_ptr<fim::Component> Make(const std::string& manifest)
+    {
+        auto config = std::make_unique<fim::Config>(Json(ConfigText(manifest)));
+        return std::make_unique<fim::Component>(std::move(config), m_uploader, m_scheduler, m_registry,
+                                                m_dir.Path());
+    }
+
+    void WriteManifest(const std::string& name)
+    {
+        m_dir.Write(name,
+                    R"({"data":{"fim":{"policyVersion":"1.0","rules":[{"ruleId":"w","ruleType":"directory",)"
+                    R"("imagePath":")" +
+                        m_dir.File("w") + R"(","notify":["create"]}]}}})");
+    }
+
+    test::TempDir m_dir;
+    common::Scheduler m_scheduler;
+    std::shared_ptr<RecordingRegistry> m_registry = std::make_shared<RecordingRegistry>();
+    std::shared_ptr<common::HttpUploader> m_uploader = std::make_shared<common::HttpUploader>(
+        std::make_shared<common::HttpService>(common::HttpServiceSettings{}), 1);
+};
+
+} // namespace
+
+TEST(FimConfigTest, ReadsTheTenKeysAndWritesThemBack)
+{
+    fim::Config config(
+        Json(R"({"event_file_name":"e","event_file_path":"/p","max_disk_size_mb":5,)"
+             R"("max_file_age_sec":-3,"max_file_size_kb":"7","service_url":"u","upload_interval":9,)"
+             R"("manifests":[1],"manifest_path":"m","manifest_type":"t"})"));
+    EXPECT_EQ(config.MaxDiskSizeMb(), 5u);
+    EXPECT_EQ(config.MaxFileAgeSec(), 0u); // default of the spool
+    EXPECT_EQ(config.MaxFileSizeKb(), 0u);
+    EXPECT_EQ(config.UploadInterval(), 9u);
+    rapidjson::Document out;
+    config.ToJson(out);
+    std::vector<std::string> keys;
+    for (const auto& member : out.GetObject())
+    {
+        keys.emplace_back(member.name.GetString());
+    }
+    EXPECT_EQ(keys,
+              (std::vector<std::string>{"event_file_name", "event_file_path", "max_disk_size_mb",
+                                        "max_file_age_sec", "max_file_size_kb", "service_url",
+                                        "upload_interval", "manifests", "manifest_path", "manifest_type"}));
+    EXPECT_EQ(out["manifests"][0].GetInt(), 1);
+
+    try
+    {
+        fim::Config bad(Json("[]"));
+        ADD_FAILURE();
+    }
+    catch (const std::invalid_argument& e)
+    {
+        EXPECT_STREQ(e.what(), "Fim::Config: Invalid json");
+    }
+    try
+    {
+        config.Update(Json("3"));
+        ADD_FAILURE();
+    }
+    catch (const std::invalid_argument& e)
+    {
+        EXPECT_STREQ(e.what(), "Fim::Config::Update: Invalid json");
+    }
+    EXPECT_EQ(config.ServiceUrl(), "u");
+}
+
+TEST_F(FimComponentTest, RefusesMissingParts)
+{
+    auto config = std::make_unique<fim::Config>(Json(ConfigText("m.json")));
+    try
+    {
+        fim::Component(nullptr, m_uploader, m_scheduler, m_registry, m_dir.Path());
+        ADD_FAILURE();
+    }
+    catch (const std::runtime_error& e)
+    {
+        EXPECT_STREQ(e.what(), "FimComponent: 'config' cannot be null");
+    }
+    try
+    {
+        fim::Component(std::move(config), nullptr, m_scheduler, m_registry, m_dir.Path());
+        ADD_FAILURE();
+    }
+    catch (const std::runtime_error& e)
+    {
+        EXPECT_STREQ(e.what(), "FimComponent: 'uploader' cannot be null");
+    }
+}
+
+TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
+{
+    test::LogCapture log(common::Logging::Edr());
+    m_dir.Write("bad.json", "{not json");
+    auto component = Make("bad.json");
+    EXPECT_FALSE(component->IsEnabled());
+    EXPECT_TRUE(log.Contains("EventRuleManager: Disabling FIM: Invalid manifest json format for: "));
+    EXPECT_TRUE(log.Contains("Disabling FIM"));
+    EXPECT_TRUE(log.Contains("Successfully cleared spool storage"));
+    EXPECT_TRUE(log.Contains("Component initialized."));
+    EXPECT_FALSE(m_registry->handler);
+    EXPECT_TRUE(std::filesystem::is_directory(m_dir.File("fim")));
+    EXPECT_TRUE(std::filesystem::exists(m_dir.File("BaselineEvents.db")));
+
+    // A later "config" with a usable manifest turns FIM on.
+    WriteManifest("good.json");
+    bool reported = false;
+    EXPECT_THROW(component->UpdateConfig(Json("[]"), [&](bool ok) { reported = !ok; }),
+                 std::invalid_argument);
+    EXPECT_TRUE(reported);
+    component->UpdateConfig(Json(ConfigText("good.json")), [&](bool ok) { reported = ok; });
+    EXPECT_TRUE(reported);
+    EXPECT_TRUE(log.Contains("Component::UpdateConfig: Configuration updated"));
+    EXPECT_TRUE(component->IsEnabled());
+    EXPECT_EQ(m_registry->registeredTag, "FIM");
+    EXPECT_EQ(m_registry->added, std::vector<std::string>{"FIM:w"});
+    ASSERT_TRUE(m_registry->handler);
+
+    // Events routed to the tag land in the spool.
+    fim::test::TestEvent event(edr::EventType::Create, m_dir.File("w/new"));
+    m_registry->handler(event);
+    for (int i = 0; i < 200 && component->GetSpool().CacheSize() == 0; ++i)
+    {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_GT(component->GetSpool().CacheSize(), 0u);
+
+    component->Disable();
+    EXPECT_FALSE(component->IsEnabled());
+    EXPECT_FALSE(m_registry->handler);
+    EXPECT_EQ(component->GetSpool().CacheSize(), 0u);
+    EXPECT_EQ(m_registry->deleted.back(), "FIM");
+
+    component.reset();
+    EXPECT_TRUE(log.Contains("Component destroyed."));
+}

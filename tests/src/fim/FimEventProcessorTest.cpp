@@ -1,0 +1,306 @@
+#include "fim/EventProcessor.h"
+#include "TestEvent.h"
+#include "fim/EventRuleManager.h"
+#include "fim/JsonDataFormatter.h"
+#include "support/TempDir.h"
+
+#include "Scheduler.h"
+#include "SpoolStorage.h"
+#include "SqlStorage.h"
+#include "util/Json.h"
+#include "util/Sha256.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+using namespace vantor::fim::internal;
+using vantor::edr::EventType;
+using vantor::fim::test::RecordingRegistry;
+using vantor::fim::test::TestEvent;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+std::vector<std::string> MemberNames(const rapidjson::Value& object)
+{
+    std::vector<std::string> names;
+    for (const auto& member : object.GetObject())
+    {
+        names.emplace_back(member.name.GetString());
+    }
+    return names;
+}
+
+class FimEventProcessorTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::filesystem::create_directories(m_dir.File("watched"));
+        std::filesystem::create_directories(m_dir.File("spool"));
+        m_spool = std::make_unique<vantor::common::SpoolStorage>(
+            m_scheduler, m_dir.File("spool"), "fim", std::make_unique<JsonDataFormatter>(),
+            vantor::common::SpoolStorage::Settings{}, 100);
+    }
+
+    // Loads a manifest with the rules and builds the processor over it.
+    void Load(const std::string& rules, bool collectHashes = false)
+    {
+        const std::string manifest =
+            std::string(R"({"data":{"fim":{"policyVersion":"1.0","collectHashes":)") +
+            (collectHashes ? "true" : "false") + R"(,"rules":[)" + rules + "]}}}";
+        ASSERT_EQ(m_manager.LoadManifest(m_dir.Write("manifest.json", manifest)), std::nullopt);
+        m_processor = std::make_unique<EventProcessor>(m_manager, *m_spool, m_baseline.get());
+    }
+
+    std::string Watched(const std::string& name = "") const { return m_dir.File("watched") + name; }
+
+    // The documents the processor spooled so far, as one parsed spool file.
+    rapidjson::Document Flush(size_t expected)
+    {
+        for (int i = 0; i < 200 && m_spool->CacheSize() == 0 && expected > 0; ++i)
+        {
+            std::this_thread::sleep_for(10ms);
+        }
+        std::this_thread::sleep_for(20ms);
+        rapidjson::Document document;
+        if (expected == 0)
+        {
+            EXPECT_EQ(m_spool->CacheSize(), 0u);
+            return document;
+        }
+        EXPECT_TRUE(m_spool->FlushDataCache());
+        vantor::common::SpoolStorage::File file;
+        EXPECT_EQ(m_spool->ReadOldestFile(file), vantor::common::SpoolStorage::ReadStatus::Ok);
+        EXPECT_TRUE(vantor::util::ParseJson(document, file.data)) << file.data;
+        EXPECT_EQ(document["events"].Size(), expected) << file.data;
+        m_spool->DeleteFile(file);
+        return document;
+    }
+
+    vantor::test::TempDir m_dir;
+    vantor::common::Scheduler m_scheduler;
+    RecordingRegistry m_registry;
+    EventRuleManager m_manager{m_registry, "FIM"};
+    std::unique_ptr<vantor::common::SpoolStorage> m_spool;
+    std::unique_ptr<vantor::common::SqlStorage> m_baseline;
+    std::unique_ptr<EventProcessor> m_processor;
+};
+
+} // namespace
+
+TEST(FimEventProcessorDepthTest, DepthCountsDirectoriesBelowTheRule)
+{
+    EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/b"), -1);
+    EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/bc/d"), -1);
+    EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/b/f"), 0);
+    EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/b/c//d/f"), 2);
+    EXPECT_EQ(EventProcessor::PathDepth("/", "/etc/hosts"), 1);
+}
+
+TEST(FimEventProcessorContentTest, LimitIsInclusive)
+{
+    vantor::test::TempDir dir;
+    const std::string exact = dir.Write("exact", std::string(51200, 'a'));
+    const std::string over = dir.Write("over", std::string(51201, 'a'));
+    auto content = EventProcessor::ReadContent(exact, true, true);
+    EXPECT_EQ(content.status, EventProcessor::ContentStatus::ReadSuccessful);
+    EXPECT_EQ(content.data.size(), 51200u);
+    EXPECT_EQ(content.sha256, vantor::util::Sha256Hex(std::string(51200, 'a')));
+    content = EventProcessor::ReadContent(over, true, true);
+    EXPECT_EQ(content.status, EventProcessor::ContentStatus::MaxSizeLimitReached);
+    EXPECT_TRUE(content.data.empty());
+    EXPECT_EQ(content.sha256, vantor::util::Sha256Hex(std::string(51201, 'a')));
+    EXPECT_EQ(EventProcessor::ReadContent(dir.File("missing"), true, false).status,
+              EventProcessor::ContentStatus::ReadFailure);
+    std::filesystem::create_symlink(exact, dir.File("link"));
+    EXPECT_EQ(EventProcessor::ReadContent(dir.File("link"), true, false).status,
+              EventProcessor::ContentStatus::ReadFailure);
+}
+
+TEST_F(FimEventProcessorTest, DocumentMembersInOrderWithContentAndHash)
+{
+    Load(R"({"ruleId":"r1","ruleType":"directory","imagePath":")" + Watched() +
+             R"(","recursiveDepth":"all","trackContentChange":true,"notify":["modifyContent"]})",
+         true);
+    m_dir.Write("watched/a.txt", "hello\n");
+    TestEvent event(EventType::Write, Watched("/a.txt"));
+    m_processor->HandleEvent(event);
+    const auto document = Flush(1);
+    const auto& doc = document["events"][0];
+    EXPECT_EQ(MemberNames(doc),
+              (std::vector<std::string>{"successStatus", "timestamp", "eventId", "eventAction", "eventClass",
+                                        "eventType", "imagePath", "fileContentHash", "fileContent",
+                                        "contentStatus", "operation", "associatedRules", "actor"}));
+    EXPECT_STREQ(doc["successStatus"].GetString(), "yes");
+    EXPECT_STREQ(doc["timestamp"].GetString(), "2024-05-01T12:00:00Z");
+    EXPECT_EQ(doc["eventId"].GetUint(), 77u);
+    EXPECT_STREQ(doc["eventAction"].GetString(), "modifyContent");
+    EXPECT_STREQ(doc["eventClass"].GetString(), "Disk");
+    EXPECT_STREQ(doc["eventType"].GetString(), "File");
+    EXPECT_EQ(doc["fileContentHash"].GetString(), vantor::util::Sha256Hex("hello\n"));
+    EXPECT_STREQ(doc["fileContent"].GetString(), "hello\n");
+    EXPECT_STREQ(doc["contentStatus"].GetString(), "READ_SUCCESSFUL");
+    EXPECT_EQ(doc["operation"]["new"]["size"].GetUint(), 6u);
+    EXPECT_STREQ(doc["associatedRules"][0].GetString(), "r1");
+    EXPECT_EQ(MemberNames(doc["actor"]),
+              (std::vector<std::string>{"processID", "userName", "userID", "auditUserName", "auditUserID",
+                                        "procTitle"}));
+    EXPECT_STREQ(doc["actor"]["procTitle"].GetString(), "/usr/bin/vim");
+}
+
+TEST_F(FimEventProcessorTest, ContentStatusAtTheLimit)
+{
+    Load(R"({"ruleId":"r","ruleType":"directory","imagePath":")" + Watched() +
+         R"(","trackContentChange":true,"notify":["create"]})");
+    m_dir.Write("watched/exact", std::string(51200, 'x'));
+    m_dir.Write("watched/over", std::string(51201, 'x'));
+    TestEvent exact(EventType::Create, Watched("/exact"));
+    TestEvent over(EventType::Create, Watched("/over"));
+    m_processor->HandleEvent(exact);
+    m_processor->HandleEvent(over);
+    const auto document = Flush(2);
+    EXPECT_STREQ(document["events"][0]["contentStatus"].GetString(), "READ_SUCCESSFUL");
+    EXPECT_EQ(document["events"][0]["fileContent"].GetStringLength(), 51200u);
+    EXPECT_STREQ(document["events"][1]["contentStatus"].GetString(), "MAX_SIZE_LIMIT_REACHED");
+    EXPECT_FALSE(document["events"][1].HasMember("fileContentHash"));
+}
+
+TEST_F(FimEventProcessorTest, PostProcessingPerRule)
+{
+    Load(R"({"ruleId":"all","ruleType":"directory","imagePath":")" + Watched() +
+         R"(","recursiveDepth":"all","notify":["create","rename"]},)"
+         R"({"ruleId":"logs","ruleType":"directory","imagePath":")" +
+         Watched() +
+         R"(","recursiveDepth":"all","notify":["create"],)"
+         R"("inclusionFilters":[{"objectType":"file","patterns":["*.log"]}],)"
+         R"("exclusionFilters":[{"objectType":"file","patterns":["*/secret.log"]}]},)"
+         R"({"ruleId":"night","ruleType":"directory","imagePath":")" +
+         Watched() +
+         R"(","notify":["create"],)"
+         R"("inclusionFilters":[{"objectType":"file","patterns":["*"],)"
+         R"("timespanStart":"00:00:00","timespanEnd":"06:00:00"}]})");
+    std::string deep = Watched();
+    for (int i = 1; i <= 11; ++i)
+    {
+        deep += "/d" + std::to_string(i);
+    }
+
+    TestEvent oneRule(EventType::Create, Watched("/notes.txt"));   // only "all"
+    TestEvent twoRules(EventType::Create, Watched("/app.log"));    // "all" and "logs"
+    TestEvent excluded(EventType::Create, Watched("/secret.log")); // exclusion beats inclusion
+    TestEvent tenDown(EventType::Create, deep.substr(0, deep.rfind('/')) + "/f");
+    TestEvent elevenDown(EventType::Create, deep + "/f");
+    TestEvent noAction(EventType::Delete, Watched("/app.log"));
+    TestEvent outside(EventType::Create, m_dir.File("other/app.log"));
+    TestEvent early(EventType::Create, Watched("/x"));
+    early.timestampMs = 1714543199000; // 05:59:59 UTC
+    for (auto* event : {&oneRule, &twoRules, &excluded, &tenDown, &elevenDown, &noAction, &outside, &early})
+    {
+        m_processor->HandleEvent(*event);
+    }
+    const auto document = Flush(5);
+    auto rules = [&](size_t i)
+    {
+        std::vector<std::string> ids;
+        for (const auto& id :
+             document["events"][static_cast<rapidjson::SizeType>(i)]["associatedRules"].GetArray())
+        {
+            ids.emplace_back(id.GetString());
+        }
+        return ids;
+    };
+    EXPECT_EQ(rules(0), std::vector<std::string>{"all"});
+    EXPECT_EQ(rules(1), (std::vector<std::string>{"all", "logs"}));
+    EXPECT_EQ(rules(2), std::vector<std::string>{"all"});
+    EXPECT_STREQ(document["events"][3]["imagePath"].GetString(), tenDown.file.c_str());
+    // "night" (depth none) holds only entries directly in the directory.
+    EXPECT_EQ(rules(4), (std::vector<std::string>{"all", "night"}));
+}
+
+TEST_F(FimEventProcessorTest, HostileNamesKeepEveryDocumentValid)
+{
+    Load(R"({"ruleId":"r\"1","ruleType":"directory","imagePath":")" + Watched() +
+         R"(","notify":["rename","modifySecuritySettings"]})");
+    const std::string hostile = Watched("/bad\xff\xfe\"quote\\\x01\xed\xa0\x80\xc3.txt");
+    TestEvent before(EventType::Attribute, Watched("/plain"));
+    TestEvent rename(EventType::Rename, hostile);
+    rename.newFile = Watched("/ok-\xc3\xa9");
+    rename.user = "\xc0\xaf";
+    TestEvent after(EventType::Attribute, Watched("/plain2"));
+    m_dir.Write("watched/plain", "x");
+    for (auto* event : {&before, &rename, &after})
+    {
+        m_processor->HandleEvent(*event);
+    }
+    const auto document = Flush(3);
+    const auto& doc = document["events"][1];
+    EXPECT_EQ(
+        std::string(doc["imagePath"].GetString()),
+        Watched(
+            "/bad\xEF\xBF\xBD\xEF\xBF\xBD\"quote\\\x01\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD.txt"));
+    EXPECT_EQ(std::string(doc["operation"]["new"]["path"].GetString()), Watched("/ok-\xc3\xa9"));
+    EXPECT_STREQ(doc["associatedRules"][0].GetString(), "r\"1");
+    EXPECT_STREQ(doc["eventAction"].GetString(), "rename");
+    const auto& attr = document["events"][0];
+    EXPECT_STREQ(attr["eventAction"].GetString(), "modifySecuritySettings");
+    EXPECT_EQ(MemberNames(attr["securitySettings"]), (std::vector<std::string>{"new", "old"}));
+    EXPECT_EQ(MemberNames(attr["securitySettings"]["new"]),
+              (std::vector<std::string>{"permission", "owner", "group"}));
+    EXPECT_STRNE(attr["securitySettings"]["new"]["permission"].GetString(), "Unknown");
+    EXPECT_STREQ(document["events"][2]["securitySettings"]["new"]["owner"].GetString(), "Unknown");
+}
+
+TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
+{
+    m_baseline = std::make_unique<vantor::common::SqlStorage>(
+        m_dir.Path(), "BaselineEvents.db", std::make_unique<vantor::fim::BaselineEventSqlDataFormatter>(),
+        true);
+    Load(R"({"ruleId":"b","ruleType":"directory","imagePath":")" + Watched() +
+         R"(","recursiveDepth":"1","trackContentChange":true,"notify":["create"]})");
+    m_dir.Write("watched/small", "abc");
+    m_dir.Write("watched/big", std::string(60000, 'b'));
+    std::filesystem::create_directories(Watched("/a/b"));
+    m_dir.Write("watched/a/b/too-deep", "z");
+
+    class Baseline : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        uint32_t GetCategory() const override { return EventProcessor::kBaselineCategory; }
+        std::string GetActionName() const override { return "Baseline"; }
+    } event(EventType::Create, Watched());
+    m_processor->HandleEvent(event);
+    const auto document = Flush(2);
+    for (const auto& doc : document["events"].GetArray())
+    {
+        EXPECT_STREQ(doc["eventAction"].GetString(), "Baseline");
+    }
+    const auto small = m_baseline->Read("BaselineEvents", Watched("/small"));
+    ASSERT_TRUE(small.success);
+    ASSERT_EQ(small.rows.size(), 1u);
+    EXPECT_NE(small.rows[0].find("READ_SUCCESSFUL"), std::string::npos);
+    const auto big = m_baseline->Read("BaselineEvents", Watched("/big"));
+    ASSERT_EQ(big.rows.size(), 1u);
+    EXPECT_NE(big.rows[0].find("MAX_SIZE_LIMIT_REACHED"), std::string::npos);
+    EXPECT_TRUE(m_baseline->Read("BaselineEvents", Watched("/a/b/too-deep")).rows.empty());
+}
+
+TEST(FimJsonDataFormatterTest, CollectsObjectsIntoOneEventsArray)
+{
+    JsonDataFormatter formatter;
+    EXPECT_EQ(formatter.Append(R"({"a":1})"), 7u);
+    EXPECT_EQ(formatter.Append(R"({"b":"x"})"), 10u);
+    EXPECT_THROW(formatter.Append("[1]"), std::invalid_argument);
+    EXPECT_THROW(formatter.Append("{\"a\":\"\xff\"}"), std::invalid_argument);
+    std::string out;
+    formatter.Serialize(out);
+    EXPECT_EQ(out, R"({"events":[{"a":1},{"b":"x"}]})");
+    formatter.Reset();
+    formatter.Serialize(out);
+    EXPECT_EQ(out, R"({"events":[]})");
+}

@@ -1,0 +1,85 @@
+#pragma once
+
+#include "edr/Event.h"
+#include "fim/RuleRegistry.h"
+
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+namespace vantor::fim::test
+{
+
+// A file event with settable fields, for feeding the FIM processor.
+class TestEvent : public edr::Event
+{
+public:
+    TestEvent(edr::EventType type, std::string file)
+        : type(type)
+        , file(std::move(file))
+    {
+    }
+
+    std::unique_ptr<Event> Clone() const override { return std::make_unique<TestEvent>(*this); }
+    edr::EventType GetType() const override { return type; }
+    std::string GetActionName() const override { return "Test"; }
+    uint32_t GetEventId() const override { return id; }
+    pid_t GetActorProcessId() const override { return 4242; }
+    std::string GetActorUserName() const override { return user; }
+    uint32_t GetActorUserId() const override { return 1000; }
+    std::string GetActorLoginName() const override { return "system-user"; }
+    uint32_t GetActorAuid() const override { return 4294967295u; }
+    std::string GetFile() const override { return file; }
+    std::string GetNewFile() const override { return newFile; }
+    uint64_t GetFileSize() const override { return 7; }
+    uint32_t GetFileType() const override { return directory ? S_IFDIR : S_IFREG; }
+    std::string GetImage() const override { return image; }
+    uint64_t GetTimestamp() const override { return timestampMs; }
+    bool IsSuccessful() const override { return true; }
+
+    edr::EventType type;
+    std::string file;
+    std::string newFile;
+    std::string user = "alice";
+    std::string image = "/usr/bin/vim";
+    uint32_t id = 77;
+    uint64_t timestampMs = 1714564800000; // 2024-05-01T12:00:00Z
+    bool directory = false;
+};
+
+// Records what FIM asks of the rule engine.
+class RecordingRegistry : public RuleRegistry
+{
+public:
+    void AddRules(const Rules& rules, const std::string& tag) override
+    {
+        for (const auto& rule : rules)
+        {
+            added.push_back(tag + ":" + rule->GetId());
+        }
+    }
+    void DeleteRules(const std::string& tag) override { deleted.push_back(tag); }
+    void RegisterEventHandlers(const std::string& tag, edr::EventRuleEngine::RuleMatchedEventHandler matched,
+                               edr::EventRuleEngine::InvalidatedEventHandler invalidated) override
+    {
+        registeredTag = tag;
+        handler = std::move(matched);
+        invalidatedHandler = std::move(invalidated);
+    }
+    void UnregisterEventHandlers(const std::string& tag) override
+    {
+        unregistered.push_back(tag);
+        handler = nullptr;
+        invalidatedHandler = nullptr;
+    }
+
+    std::vector<std::string> added;
+    std::vector<std::string> deleted;
+    std::vector<std::string> unregistered;
+    std::string registeredTag;
+    edr::EventRuleEngine::RuleMatchedEventHandler handler;
+    edr::EventRuleEngine::InvalidatedEventHandler invalidatedHandler;
+};
+
+} // namespace vantor::fim::test
