@@ -1,6 +1,13 @@
 #include "Daemon.h"
 
+#include "HttpServiceSettings.h"
 #include "Logging.h"
+#include "PseudoRunningEvent.h"
+#include "PseudoTerminateEvent.h"
+#include "audit/ProcessTree.h"
+#include "audit/RuleEngine.h"
+#include "fim/Component.h"
+#include "fim/Config.h"
 #include "SignalHandler.h"
 #include "UnixClientStreamSockIOChannel.h"
 #include "util/Json.h"
@@ -10,6 +17,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <chrono>
 #include <malloc.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -164,7 +172,9 @@ int Daemon::StartUp()
     }
     m_scheduler->Start();
 
+    BuildAuditCore();
     ExportProxyEnvironment();
+    BuildUploadersAndComponents();
 
     common::SignalHandler::Unblock({SIGINT, SIGTERM});
 
@@ -237,9 +247,20 @@ bool Daemon::Initialize()
     try
     {
         m_commonConfig = std::make_unique<CommonConfig>(root["common_config"]);
-        m_fimConfig.CopyFrom(root["fim_config"], m_fimConfig.GetAllocator());
+        m_fimConfig = std::make_unique<fim::Config>(root["fim_config"]);
         m_iocConfig.CopyFrom(root["ioc_config"], m_iocConfig.GetAllocator());
         m_edrConfig = std::make_unique<EDR::Config>(root["edr_config"]);
+        try
+        {
+            m_requestSigner = std::make_shared<const common::HmacRequestSigner>(
+                common::HmacRequestSigner::FromCommonConfig(*m_commonConfig));
+        }
+        catch (const std::runtime_error& e)
+        {
+            // Without the agent's key the back end refuses the uploads, but
+            // the events are still spooled and go out once a key exists.
+            Syslog(LOG_ERR, std::string(e.what()) + "; uploads go out unsigned");
+        }
     }
     catch (const std::invalid_argument& e)
     {
@@ -258,6 +279,46 @@ bool Daemon::Initialize()
         return false;
     }
     return true;
+}
+
+void Daemon::BuildAuditCore()
+{
+    auto makeRunning = [](const audit::ProcessInfo& info) -> std::unique_ptr<Event> {
+        PseudoRunningEvent::Process process;
+        process.pid = info.GetPid();
+        process.parentPid = info.GetParentPid();
+        process.uid = info.GetUserId();
+        process.euid = info.GetEffectiveUserId();
+        process.auid = info.GetAuditUserId();
+        process.image = info.GetImage();
+        process.arguments = info.GetArguments();
+        process.timestamp = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                      std::chrono::system_clock::now().time_since_epoch())
+                                                      .count());
+        return std::make_unique<PseudoRunningEvent>(std::move(process));
+    };
+    auto makeTerminate = [](const audit::ProcessInfo& info) -> std::unique_ptr<Event> {
+        const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::system_clock::now().time_since_epoch());
+        return std::make_unique<PseudoTerminateEvent>(EventType::Exit, info.GetPid(), info.GetParentPid(),
+                                                      info.GetImage(), static_cast<uint64_t>(now.count()));
+    };
+    m_processTree = std::make_shared<audit::ProcessTree>("/proc", makeRunning, makeTerminate);
+    m_magic = std::make_shared<const LibMagicWrapper>(kMagicDatabasePath);
+    m_ruleEngine = std::make_shared<audit::RuleEngine>(m_outpostPid, m_outpostPath, m_processTree,
+                                                       m_edrConfig->AuditBacklogLimit(),
+                                                       m_commonConfig->AgentInstallPath());
+}
+
+void Daemon::BuildUploadersAndComponents()
+{
+    // One HTTP thread serves every uploader.
+    m_httpService = std::make_shared<common::HttpService>(
+        common::HttpServiceSettings::FromCommonConfig(*m_commonConfig), m_requestSigner);
+    m_httpService->Start();
+    m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
+    m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler, *m_ruleEngine,
+                                             m_commonConfig->AgentInstallPath());
 }
 
 void Daemon::ExportProxyEnvironment()
@@ -364,10 +425,17 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
     try
     {
         common::Logging::RefreshLevels(m_commonConfig->LogConfigFile());
-        m_fimConfig.CopyFrom(root["fim_config"], m_fimConfig.GetAllocator());
+        if (m_fim)
+        {
+            m_fim->UpdateConfig(root["fim_config"]);
+        }
         m_iocConfig.CopyFrom(root["ioc_config"], m_iocConfig.GetAllocator());
         m_outpostPid = outpostPid;
         m_outpostPath = outpostPath;
+        if (m_ruleEngine && !m_ruleEngine->RefreshOutpostExclusionRules(outpostPid, outpostPath))
+        {
+            EDR_LOG_ERROR("RuleEngine: Failed to refresh exclusion rules in audit with new outpost pid");
+        }
     }
     catch (const std::exception& e)
     {
@@ -387,12 +455,24 @@ void Daemon::ShutDown()
     {
         m_agentChannel->Stop();
     }
+    m_fim.reset();
     if (m_scheduler)
     {
         m_scheduler->Stop();
     }
+    m_ruleEngine.reset();
+    m_processTree.reset();
+    m_magic.reset();
     m_agentChannel.reset();
     m_scheduler.reset();
+    // Uploads still in flight complete (or are cancelled) before the
+    // uploaders go.
+    if (m_httpService)
+    {
+        m_httpService->Stop();
+    }
+    m_fimUploader.reset();
+    m_httpService.reset();
 }
 
 void Daemon::OnAgentData(std::vector<uint8_t> data)

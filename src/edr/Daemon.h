@@ -2,7 +2,11 @@
 
 #include "CommonConfig.h"
 #include "Config.h"
+#include "HmacRequestSigner.h"
+#include "HttpService.h"
+#include "HttpUploader.h"
 #include "IOChannel.h"
+#include "LibMagicWrapper.h"
 #include "MemoryWatchdog.h"
 #include "ResourceMonitor.h"
 #include "Scheduler.h"
@@ -18,6 +22,18 @@
 #include <string>
 #include <vector>
 
+namespace vantor::audit
+{
+class ProcessTree;
+class RuleEngine;
+} // namespace vantor::audit
+
+namespace vantor::fim
+{
+class Component;
+class Config;
+} // namespace vantor::fim
+
 namespace vantor::edr
 {
 
@@ -32,6 +48,7 @@ public:
     static constexpr const char* kMagicDatabasePath = "/etc/corvid/outpost/magic.mgc";
     static constexpr const char* kMemtestPath = "/tmp/memtest";
     static constexpr int kAgentReconnectTimeout = 30;
+    static constexpr unsigned kUploadRetries = 3;
 
     enum ExitStatus : int
     {
@@ -62,6 +79,10 @@ private:
     void HandleCommand();
     void ApplyConfig(const rapidjson::Value& command);
     void ExportProxyEnvironment();
+    // The audit rule engine with the process tree and the magic database
+    // that the events need.
+    void BuildAuditCore();
+    void BuildUploadersAndComponents();
     void ShutDown();
 
     void OnAgentData(std::vector<uint8_t> data);
@@ -76,11 +97,18 @@ private:
 
     std::unique_ptr<CommonConfig> m_commonConfig;
     std::unique_ptr<EDR::Config> m_edrConfig;
-    rapidjson::Document m_fimConfig;
+    std::unique_ptr<fim::Config> m_fimConfig;
     rapidjson::Document m_iocConfig;
+    std::shared_ptr<const common::HmacRequestSigner> m_requestSigner;
 
     std::unique_ptr<common::Scheduler> m_scheduler;
     std::unique_ptr<common::IOChannel> m_agentChannel;
+    std::shared_ptr<audit::ProcessTree> m_processTree;
+    std::shared_ptr<const LibMagicWrapper> m_magic;
+    std::shared_ptr<audit::RuleEngine> m_ruleEngine;
+    std::shared_ptr<common::HttpService> m_httpService;
+    std::shared_ptr<common::HttpUploader> m_fimUploader;
+    std::unique_ptr<fim::Component> m_fim;
     std::unique_ptr<ResourceMonitor> m_resourceMonitor;
     std::unique_ptr<MemoryWatchdog> m_watchdog;
     std::FILE* m_memtest = nullptr;
