@@ -187,6 +187,11 @@ void AuparseFeed::OnEvent(auparse_state_t* state)
         return;
     }
     const int recordType = ::auparse_get_type(state);
+    if (recordType == AUDIT_EOE)
+    {
+        // What is left of an event whose records came before: nothing to say.
+        return;
+    }
     const unsigned long serial = ::auparse_get_serial(state);
     EDR_LOG_EVENT_TRACE("Received complete event: " << serial);
 
@@ -216,8 +221,6 @@ void AuparseFeed::OnEvent(auparse_state_t* state)
         case AUDIT_ANOM_ABEND:
             m_builder.BuildAbendEvent(state, m_scratch);
             break;
-        case AUDIT_EOE:
-            return;
         default:
             EDR_LOG_TRACE("Ignoring event with ID: " << serial << " record type: " << recordType);
             return;
