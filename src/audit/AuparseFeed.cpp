@@ -127,6 +127,10 @@ AuparseFeed::Events AuparseFeed::Feed(const uint8_t* bytes, size_t size)
     {
         FeedRaw(begin, static_cast<size_t>(end - begin));
         m_lineLength = unfinished;
+        if (unfinished == 0)
+        {
+            EndLastLine();
+        }
         return TakeCompleted();
     }
     EDR_LOG_WARNING("AuparseFeed: Dropping an audit text line longer than " << kMaxLineLength << " bytes");
@@ -136,6 +140,7 @@ AuparseFeed::Events AuparseFeed::Feed(const uint8_t* bytes, size_t size)
     {
         // The complete lines go in; the over-long one starts after them.
         FeedRaw(begin, static_cast<size_t>(lastLineEnd + 1 - begin));
+        EndLastLine();
     }
     else
     {
@@ -143,6 +148,14 @@ AuparseFeed::Events AuparseFeed::Feed(const uint8_t* bytes, size_t size)
         FeedRaw("\n", 1);
     }
     return TakeCompleted();
+}
+
+void AuparseFeed::EndLastLine()
+{
+    // libauparse looks at its last line only once more bytes follow; an
+    // empty line (which it skips) lets an event that ends with this chunk
+    // complete now instead of when the next record arrives.
+    FeedRaw("\n", 1);
 }
 
 AuparseFeed::Events AuparseFeed::Flush()

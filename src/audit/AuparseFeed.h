@@ -52,6 +52,7 @@ private:
     static void OnEventReady(auparse_state_t* state, auparse_cb_event_t type, void* self);
     void OnEvent(auparse_state_t* state);
     void FeedRaw(const char* data, size_t size);
+    void EndLastLine();
     Events TakeCompleted();
 
     EventBuilder& m_builder;

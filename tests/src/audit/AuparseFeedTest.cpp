@@ -18,15 +18,16 @@ namespace
 
 using Class = AuditEventClass;
 
-std::string Stamp(unsigned long serial)
+std::string Stamp(unsigned long serial, int seconds = 0)
 {
-    return "audit(1700000000.123:" + std::to_string(serial) + "): ";
+    return "audit(" + std::to_string(1700000000 + seconds) + ".123:" + std::to_string(serial) + "): ";
 }
 
 // One complete audit event as the dispatcher writes it.
-std::string SyscallEvent(unsigned long serial, long long syscall, const std::string& name = "/tmp/x")
+std::string SyscallEvent(unsigned long serial, long long syscall, const std::string& name = "/tmp/x",
+                         int seconds = 0)
 {
-    const std::string stamp = Stamp(serial);
+    const std::string stamp = Stamp(serial, seconds);
     return "type=SYSCALL msg=" + stamp + "arch=c000003e syscall=" + std::to_string(syscall) +
            " success=yes exit=0 a0=1 a1=2 a2=3 a3=4 items=1 ppid=1 pid=42 auid=1000 uid=0 gid=0 euid=0 "
            "suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"touch\" exe=\"/usr/bin/touch\" "
@@ -168,15 +169,25 @@ TEST(AuparseFeedTest, RecordsSplitAnywhereStillAssemble)
     EXPECT_TRUE(sameAs(builder.Built())) << "byte by byte";
 }
 
-TEST(AuparseFeedTest, EventsWithoutEndOfEventCompleteOnLaterEventsOrFlush)
+TEST(AuparseFeedTest, EventsCompleteAtEndOfEventOrAtTheNextEventOrFlush)
 {
-    // Audit daemons that drop EOE records: an event ends when the next one
-    // starts, the last one only when the feed is flushed.
-    std::string text;
-    for (unsigned long serial : {21, 22})
     {
-        std::string event = SyscallEvent(serial, 83);
-        event.erase(event.find("type=EOE"));
+        test::RecordingEventBuilder builder;
+        AuparseFeed feed(builder);
+        const std::string text = SyscallEvent(20, 83);
+        const auto now = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+        ASSERT_EQ(now.size(), 1u) << "complete with its EOE record, not only when more text arrives";
+        EXPECT_EQ(now[0]->GetEventId(), 20u);
+    }
+
+    // With the EOE records excluded (the rule engine does) and no PROCTITLE
+    // record, an event ends when later records show that it has aged, the
+    // last one when the feed is flushed.
+    std::string text;
+    for (const auto& [serial, seconds] : {std::pair{21, 0}, std::pair{22, 10}})
+    {
+        std::string event = SyscallEvent(serial, 83, "/tmp/x", seconds);
+        event.erase(event.find("type=PROCTITLE"));
         text += event;
     }
     test::RecordingEventBuilder builder;
