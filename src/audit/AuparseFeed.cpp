@@ -104,67 +104,83 @@ AuparseFeed::Events AuparseFeed::Feed(const uint8_t* bytes, size_t size)
 {
     const char* begin = reinterpret_cast<const char*>(bytes);
     const char* const end = begin + size;
-    if (m_skippingLine)
+    if (!m_pending.empty() || m_skippingLine)
     {
         const auto* lineEnd = static_cast<const char*>(std::memchr(begin, '\n', size));
         if (lineEnd == nullptr)
         {
+            HoldUnfinished(begin, end);
             return TakeCompleted();
         }
-        begin = lineEnd + 1;
+        if (!m_skippingLine)
+        {
+            m_pending.append(begin, lineEnd + 1);
+            FeedLines(m_pending.data(), m_pending.data() + m_pending.size());
+        }
+        m_pending.clear();
         m_skippingLine = false;
-        m_lineLength = 0;
-    }
-    if (begin == end)
-    {
-        return TakeCompleted();
+        begin = lineEnd + 1;
     }
     const auto* lastLineEnd =
         static_cast<const char*>(::memrchr(begin, '\n', static_cast<size_t>(end - begin)));
-    const size_t tail = static_cast<size_t>(end - (lastLineEnd != nullptr ? lastLineEnd + 1 : begin));
-    const size_t unfinished = (lastLineEnd != nullptr ? 0 : m_lineLength) + tail;
-    if (unfinished <= kMaxLineLength)
-    {
-        FeedRaw(begin, static_cast<size_t>(end - begin));
-        m_lineLength = unfinished;
-        if (unfinished == 0)
-        {
-            EndLastLine();
-        }
-        return TakeCompleted();
-    }
-    EDR_LOG_WARNING("AuparseFeed: Dropping an audit text line longer than " << kMaxLineLength << " bytes");
-    m_skippingLine = true;
-    m_lineLength = 0;
     if (lastLineEnd != nullptr)
     {
-        // The complete lines go in; the over-long one starts after them.
-        FeedRaw(begin, static_cast<size_t>(lastLineEnd + 1 - begin));
-        EndLastLine();
+        FeedLines(begin, lastLineEnd + 1);
+        begin = lastLineEnd + 1;
     }
-    else
-    {
-        // libauparse holds the start of the line: end it there.
-        FeedRaw("\n", 1);
-    }
+    HoldUnfinished(begin, end);
     return TakeCompleted();
 }
 
-void AuparseFeed::EndLastLine()
+void AuparseFeed::HoldUnfinished(const char* begin, const char* end)
 {
+    if (m_skippingLine || begin == end)
+    {
+        return;
+    }
+    if (m_pending.size() + static_cast<size_t>(end - begin) > kMaxLineLength)
+    {
+        EDR_LOG_WARNING("AuparseFeed: Dropping an audit text line longer than " << kMaxLineLength
+                                                                                << " bytes");
+        m_pending.clear();
+        m_skippingLine = true;
+        return;
+    }
+    m_pending.append(begin, end);
+}
+
+void AuparseFeed::FeedLines(const char* begin, const char* end)
+{
+    // A line that carries an event stamp but no record type makes libauparse
+    // lose memory; such a line is no audit record, so it is left out.
+    const char* run = begin;
+    for (const char* line = begin; line < end;)
+    {
+        const auto* lineEnd =
+            static_cast<const char*>(std::memchr(line, '\n', static_cast<size_t>(end - line)));
+        const char* next = lineEnd != nullptr ? lineEnd + 1 : end;
+        if (::memmem(line, static_cast<size_t>(next - line), "type=", 5) == nullptr)
+        {
+            FeedRaw(run, static_cast<size_t>(line - run));
+            run = next;
+        }
+        line = next;
+    }
+    FeedRaw(run, static_cast<size_t>(end - run));
     // libauparse looks at its last line only once more bytes follow; an
-    // empty line (which it skips) lets an event that ends with this chunk
+    // empty line (which it skips) lets an event that ends with these lines
     // complete now instead of when the next record arrives.
     FeedRaw("\n", 1);
 }
 
 AuparseFeed::Events AuparseFeed::Flush()
 {
-    if (m_lineLength > 0)
+    if (!m_pending.empty())
     {
         // A last record without its line end is still a record.
-        FeedRaw("\n", 1);
-        m_lineLength = 0;
+        m_pending.push_back('\n');
+        FeedLines(m_pending.data(), m_pending.data() + m_pending.size());
+        m_pending.clear();
     }
     m_skippingLine = false;
     ::auparse_flush_feed(m_state);

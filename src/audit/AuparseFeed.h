@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace vantor::audit
@@ -52,7 +53,10 @@ private:
     static void OnEventReady(auparse_state_t* state, auparse_cb_event_t type, void* self);
     void OnEvent(auparse_state_t* state);
     void FeedRaw(const char* data, size_t size);
-    void EndLastLine();
+    // Feeds complete lines (end must follow a line end).
+    void FeedLines(const char* begin, const char* end);
+    // Keeps the start of a line until its end arrives.
+    void HoldUnfinished(const char* begin, const char* end);
     Events TakeCompleted();
 
     EventBuilder& m_builder;
@@ -60,8 +64,8 @@ private:
     Events m_completed;
     // Reused for each event, so that a rejected event leaves nothing behind.
     Events m_scratch;
-    // Bytes of the line that libauparse holds unfinished.
-    size_t m_lineLength = 0;
+    // The unfinished last line: libauparse gets whole lines only.
+    std::string m_pending;
     // Set while the rest of an over-long line is being skipped.
     bool m_skippingLine = false;
 };
