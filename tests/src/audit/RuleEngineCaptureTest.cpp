@@ -1,5 +1,5 @@
-#include "AuditKernelState.h"
 #include "Logging.h"
+#include "AuditKernelState.h"
 #include "TestRule.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
