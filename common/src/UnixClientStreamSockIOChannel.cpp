@@ -15,8 +15,15 @@ namespace vantor::common
 {
 
 UnixClientStreamSockIOChannel::UnixClientStreamSockIOChannel(std::string socketPath, int64_t reconnectTimeout)
+    : UnixClientStreamSockIOChannel(std::move(socketPath), reconnectTimeout, "UnixClientStreamSockIOChannel")
+{
+}
+
+UnixClientStreamSockIOChannel::UnixClientStreamSockIOChannel(std::string socketPath, int64_t reconnectTimeout,
+                                                             std::string logName)
     : IOChannel(1024, 0)
     , m_socketPath(std::move(socketPath))
+    , m_logName(std::move(logName))
     , m_reconnectTimeout(reconnectTimeout)
 {
     if (m_socketPath.empty() || m_socketPath.size() > kMaxPathLength)
@@ -41,7 +48,7 @@ IOChannel::Error UnixClientStreamSockIOChannel::CreateSocket()
     if (fd < 0)
     {
         const int error = errno;
-        EDR_LOG_ERROR("UnixClientStreamSockIOChannel::CreateSocket: " << std::strerror(error));
+        EDR_LOG_ERROR(m_logName << "::CreateSocket: " << std::strerror(error));
         return UnixSocket::MapErrno(error);
     }
     m_fd = fd;
@@ -56,7 +63,7 @@ void UnixClientStreamSockIOChannel::CloseSocket()
     const int fd = m_fd.exchange(-1);
     if (fd >= 0 && ::close(fd) != 0)
     {
-        EDR_LOG_ERROR("UnixClientStreamSockIOChannel::CloseSocket: " << std::strerror(errno));
+        EDR_LOG_ERROR(m_logName << "::CloseSocket: " << std::strerror(errno));
     }
 }
 
@@ -75,7 +82,7 @@ IOChannel::Error UnixClientStreamSockIOChannel::Connect()
         return Success;
     }
     const int error = errno;
-    EDR_LOG_ERROR("UnixClientStreamSockIOChannel::Connect: " << m_socketPath << ": " << std::strerror(error));
+    EDR_LOG_ERROR(m_logName << "::Connect: " << m_socketPath << ": " << std::strerror(error));
     return UnixSocket::MapErrno(error);
 }
 

@@ -28,12 +28,18 @@ public:
 
     void SetReconnectedCallback(std::function<void()> callback);
 
+protected:
+    // For derived channels: socket failures are logged under logName
+    // ("<logName>::CreateSocket", "<logName>::CloseSocket", ...).
+    UnixClientStreamSockIOChannel(std::string socketPath, int64_t reconnectTimeout, std::string logName);
+
 private:
     Error CreateSocket();
     void CloseSocket();
     Error Connect();
 
     std::string m_socketPath;
+    std::string m_logName;
     int64_t m_reconnectTimeout;
     std::function<void()> m_reconnectedCallback;
     std::mutex m_writeMutex;

@@ -25,8 +25,8 @@ namespace vantor::audit
 namespace
 {
 
-// The pid of the registered audit daemon, 0 for none.
-std::optional<uint32_t> GetAuditDaemonPid()
+// The kernel's audit status (enabled flag, daemon pid, ...).
+std::optional<audit_status> GetAuditStatus()
 {
     AuditHandle handle;
     if (!handle.IsOpen() || ::audit_request_status(handle.Fd()) < 0)
@@ -47,7 +47,7 @@ std::optional<uint32_t> GetAuditDaemonPid()
         }
         if (reply.type == AUDIT_GET && reply.status != nullptr)
         {
-            return reply.status->pid;
+            return *reply.status;
         }
     }
     return std::nullopt;
@@ -65,6 +65,12 @@ KernelIOChannel::~KernelIOChannel()
     Stop();
 }
 
+void KernelIOChannel::SetEnableAudit(bool enable)
+{
+    std::lock_guard lock(m_startStopMutex);
+    m_enableAudit = enable;
+}
+
 void KernelIOChannel::Start()
 {
     std::lock_guard lock(m_startStopMutex);
@@ -78,6 +84,10 @@ void KernelIOChannel::Start()
     {
         throw common::IOChannelException(error);
     }
+    if (m_enableAudit)
+    {
+        EnableAudit();
+    }
     StartEventLoop();
     m_started = true;
     EDR_LOG_INFO("KernelIOChannel: Started.");
@@ -90,9 +100,32 @@ void KernelIOChannel::Stop()
     {
         return;
     }
+    EDR_LOG_INFO("KernelIOChannel: Stopping...");
     StopEventLoop();
     CloseSocket();
     m_started = false;
+    EDR_LOG_INFO("KernelIOChannel: Stopped.");
+}
+
+void KernelIOChannel::EnableAudit()
+{
+    const auto status = GetAuditStatus();
+    if (!status)
+    {
+        EDR_LOG_WARNING("KernelIOChannel: Cannot read the audit status.");
+        return;
+    }
+    if (status->enabled != 0)
+    {
+        return;
+    }
+    if (::audit_set_enabled(m_fd.load(), 1) < 0)
+    {
+        EDR_LOG_WARNING("KernelIOChannel: Failed to enable the audit subsystem.");
+        return;
+    }
+    EDR_LOG_INFO("KernelIOChannel: Enabled the audit subsystem.");
+    m_enabledAudit = true;
 }
 
 common::IOChannel::Error KernelIOChannel::CreateSocket()
@@ -103,21 +136,30 @@ common::IOChannel::Error KernelIOChannel::CreateSocket()
         EDR_LOG_ERROR("KernelIOChannel::CreateSocket: " << std::strerror(errno));
         return errno == EPERM || errno == EACCES ? AccessDenied : Unknown;
     }
-    // With no audit daemon running, the channel takes its place and gets the
-    // records directly; beside one, it reads the read-only multicast group so
-    // as not to take them away from it.
-    if (GetAuditDaemonPid() == 0u && ::audit_set_pid(fd, static_cast<uint32_t>(::getpid()), WAIT_YES) >= 0)
+    // The read-only multicast group (CAP_AUDIT_READ) takes nothing away from
+    // an audit daemon and never makes the kernel wait for a slow reader; it
+    // delivers only while audit is enabled. Without it, and with no audit
+    // daemon running, the channel takes the daemon's place.
+    // The socket needs its own port first: an unbound one has the kernel's
+    // port 0 and is passed over as the sender of the multicast.
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    const int group = AUDIT_NLGRP_READLOG;
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+        ::setsockopt(fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) == 0)
     {
-        EDR_LOG_INFO("KernelIOChannel: Registered as the audit daemon.");
-        m_registered = true;
+        EDR_LOG_INFO("KernelIOChannel: Reading the audit log group.");
     }
     else
     {
-        const int group = AUDIT_NLGRP_READLOG;
-        if (::setsockopt(fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
+        EDR_LOG_WARNING(
+            "KernelIOChannel::CreateSocket: Cannot join the audit log group: " << std::strerror(errno));
+        const auto status = GetAuditStatus();
+        if (status && status->pid == 0 &&
+            ::audit_set_pid(fd, static_cast<uint32_t>(::getpid()), WAIT_YES) >= 0)
         {
-            EDR_LOG_WARNING(
-                "KernelIOChannel::CreateSocket: Cannot join the audit log group: " << std::strerror(errno));
+            EDR_LOG_INFO("KernelIOChannel: Registered as the audit daemon.");
+            m_registered = true;
         }
     }
     m_fd = fd;
@@ -129,6 +171,16 @@ void KernelIOChannel::CloseSocket()
     const int fd = m_fd.exchange(-1);
     if (fd >= 0)
     {
+        if (m_enabledAudit)
+        {
+            // Only undone while nobody has locked or changed it since.
+            const auto status = GetAuditStatus();
+            if (status && status->enabled == 1)
+            {
+                ::audit_set_enabled(fd, 0);
+            }
+            m_enabledAudit = false;
+        }
         if (m_registered)
         {
             ::audit_set_pid(fd, 0, WAIT_YES);
@@ -172,8 +224,17 @@ common::IOChannel::Error KernelIOChannel::Send(const std::vector<uint8_t>& data)
     {
         return InvalidData;
     }
-    const int rc =
-        ::audit_add_rule_data(fd, rule.get(), static_cast<int>(rule->flags), static_cast<int>(rule->action));
+    // libaudit waits for the kernel's acknowledgement on the sending socket;
+    // on the channel's own socket the reader thread would take it away. A
+    // socket of its own per rule keeps the two apart.
+    AuditHandle handle;
+    if (!handle.IsOpen())
+    {
+        EDR_LOG_ERROR("KernelIOChannel: Failed to open an audit socket: " << std::strerror(errno));
+        return errno == EPERM || errno == EACCES ? AccessDenied : Unknown;
+    }
+    const int rc = ::audit_add_rule_data(handle.Fd(), rule.get(), static_cast<int>(rule->flags),
+                                         static_cast<int>(rule->action));
     if (rc < 0)
     {
         EDR_LOG_ERROR("KernelIOChannel: Failed to send audit rule data (errno = " << -rc << ")");
@@ -186,46 +247,77 @@ common::IOChannel::Error KernelIOChannel::Send(const std::vector<uint8_t>& data)
 common::IOChannel::Error KernelIOChannel::Read(std::vector<uint8_t>& data)
 {
     const int fd = m_fd.load();
-    audit_reply reply{};
-    const int rc = ::audit_get_reply(fd, &reply, GET_REPLY_NONBLOCKING, 0);
-    if (rc == -EAGAIN || rc == -EINTR)
+    // Everything that is waiting goes out as one chunk (up to a bound), so
+    // that a burst costs one hand-over instead of one per record.
+    while (data.size() < kMaxChunkSize)
     {
-        return Success;
+        audit_reply reply{};
+        const int rc = ::audit_get_reply(fd, &reply, GET_REPLY_NONBLOCKING, 0);
+        if (rc == -EAGAIN)
+        {
+            break;
+        }
+        if (rc == -EINTR)
+        {
+            continue;
+        }
+        if (rc == -ENOBUFS)
+        {
+            // The kernel dropped records we were too slow for; the socket
+            // stays usable.
+            EDR_LOG_WARNING("KernelIOChannel::Read: Audit records were lost.");
+            continue;
+        }
+        if (rc == -EINVAL || rc == -EPROTO || rc == -EBADE || rc == -EFBIG)
+        {
+            // Not from the kernel, or malformed: skip the message.
+            EDR_LOG_WARNING("KernelIOChannel::Read: Ignoring an invalid netlink message (errno = " << -rc
+                                                                                                   << ")");
+            continue;
+        }
+        if (rc <= 0)
+        {
+            EDR_LOG_ERROR("KernelIOChannel::Read: Failed to read audit reply.");
+            return RemoteFailure;
+        }
+        if (reply.type == NLMSG_ERROR || reply.type == NLMSG_DONE || reply.type == NLMSG_NOOP ||
+            reply.type < AUDIT_FIRST_USER_MSG)
+        {
+            // Acknowledgements and binary control replies are not audit text.
+            continue;
+        }
+        AppendRecord(reply.type, reply.message,
+                     reply.len > static_cast<int>(NLMSG_HDRLEN) ? reply.len - NLMSG_HDRLEN : 0, data);
     }
-    if (rc == -ENOBUFS)
-    {
-        // The kernel dropped multicast records we were too slow for; the
-        // socket stays usable.
-        EDR_LOG_WARNING("KernelIOChannel::Read: Audit records were lost.");
-        return Success;
-    }
-    if (rc <= 0)
-    {
-        EDR_LOG_ERROR("KernelIOChannel::Read: Failed to read audit reply.");
-        return RemoteFailure;
-    }
-    if (reply.type == NLMSG_ERROR || reply.type == NLMSG_DONE || reply.type == NLMSG_NOOP ||
-        reply.type < AUDIT_FIRST_USER_MSG)
-    {
-        // Acknowledgements and binary control replies are not audit text.
-        return Success;
-    }
-    size_t length = reply.len > static_cast<int>(NLMSG_HDRLEN) ? reply.len - NLMSG_HDRLEN : 0;
+    return Success;
+}
+
+void KernelIOChannel::AppendRecord(int type, const char* message, size_t length,
+                                   std::vector<uint8_t>& data) const
+{
     length = std::min<size_t>(length, m_readBufSize);
-    while (length > 0 && (reply.message[length - 1] == '\0' || reply.message[length - 1] == '\n'))
+    while (length > 0 && (message[length - 1] == '\0' || message[length - 1] == '\n'))
     {
         --length;
     }
-    const char* name = ::audit_msg_type_to_name(reply.type);
-    std::string line = "type=";
-    line += name != nullptr ? name : "UNKNOWN[" + std::to_string(reply.type) + "]";
-    line += " msg=";
-    line.append(reply.message, length);
+    // The text form of the audit dispatcher: "type=<NAME> msg=<text>\n".
+    const size_t start = data.size();
+    const auto append = [&data](std::string_view text) { data.insert(data.end(), text.begin(), text.end()); };
+    append("type=");
+    if (const char* name = ::audit_msg_type_to_name(type); name != nullptr)
+    {
+        append(name);
+    }
+    else
+    {
+        append("UNKNOWN[" + std::to_string(type) + "]");
+    }
+    append(" msg=");
+    append(std::string_view(message, length));
+    const std::string_view line(reinterpret_cast<const char*>(data.data()) + start, data.size() - start);
     EDR_LOG_TRACE("KernelIOChannel: received " << line);
     EDR_LOG_EVENT_TRACE("Audit event:" << line);
-    line += '\n';
-    data.assign(line.begin(), line.end());
-    return Success;
+    data.push_back('\n');
 }
 
 void KernelIOChannel::OnEOF() {}

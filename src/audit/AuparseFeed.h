@@ -1,0 +1,73 @@
+#pragma once
+
+#include "AuditEventClass.h"
+#include "EventBuilder.h"
+
+#include <auparse.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vantor::audit
+{
+
+// Owns one libauparse state in feed mode. Raw audit text goes in, in chunks
+// cut anywhere; every audit event that libauparse reports complete is turned
+// into typed events by the builder, chosen by the first record's type and the
+// system call. Not thread-safe: one thread feeds and flushes.
+class AuparseFeed
+{
+public:
+    using Events = EventBuilder::Events;
+
+    // A line longer than this is not audit text (a kernel record is at most
+    // 8970 bytes, the enriched form of it a few times that); the rest of such
+    // a line is dropped so that a stream without line ends cannot grow the
+    // parser's buffer without bound.
+    static constexpr size_t kMaxLineLength = 1024 * 1024;
+
+    // Throws std::runtime_error "AuparseFeed: Failed to initialise auparse".
+    explicit AuparseFeed(EventBuilder& builder);
+    ~AuparseFeed();
+
+    AuparseFeed(const AuparseFeed&) = delete;
+    AuparseFeed& operator=(const AuparseFeed&) = delete;
+
+    // Feeds one chunk; answers the events it completed, in the order
+    // libauparse reported them. Throws std::runtime_error "Failed to feed to
+    // auparse" when libauparse fails.
+    Events Feed(const uint8_t* data, size_t size);
+    Events Feed(const std::vector<uint8_t>& data) { return Feed(data.data(), data.size()); }
+
+    // Completes whatever libauparse still holds and answers those events.
+    Events Flush();
+
+    // The event class of an x86-64 system call, or nothing when the call is
+    // not one the intake builds events for.
+    static std::optional<AuditEventClass> ClassOfSyscall(long long number);
+
+private:
+    static void OnEventReady(auparse_state_t* state, auparse_cb_event_t type, void* self);
+    void OnEvent(auparse_state_t* state);
+    void FeedRaw(const char* data, size_t size);
+    // Feeds complete lines (end must follow a line end).
+    void FeedLines(const char* begin, const char* end);
+    // Keeps the start of a line until its end arrives.
+    void HoldUnfinished(const char* begin, const char* end);
+    Events TakeCompleted();
+
+    EventBuilder& m_builder;
+    auparse_state_t* m_state = nullptr;
+    Events m_completed;
+    // Reused for each event, so that a rejected event leaves nothing behind.
+    Events m_scratch;
+    // The unfinished last line: libauparse gets whole lines only.
+    std::string m_pending;
+    // Set while the rest of an over-long line is being skipped.
+    bool m_skippingLine = false;
+};
+
+} // namespace vantor::audit

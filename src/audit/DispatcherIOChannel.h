@@ -1,0 +1,31 @@
+#pragma once
+
+#include "UnixClientStreamSockIOChannel.h"
+
+#include <atomic>
+#include <string>
+
+namespace vantor::audit
+{
+
+// Client of the audit dispatcher's Unix socket (auditd's af_unix plugin in
+// its "string" format): receives raw audit text, one record per line, in
+// chunks cut anywhere, and hands each chunk to the data callback.
+class DispatcherIOChannel : public common::UnixClientStreamSockIOChannel
+{
+public:
+    // reconnectTimeout as for the base: attempts one second apart, 0 for
+    // ever (the dispatcher goes away while the audit daemon restarts).
+    explicit DispatcherIOChannel(std::string socketPath, int64_t reconnectTimeout = 0);
+    ~DispatcherIOChannel() override;
+
+    void OnData(std::vector<uint8_t> data) override;
+    void Write(const std::vector<uint8_t>& data) override;
+    void Start() override;
+    void Stop() override;
+
+private:
+    std::atomic<bool> m_started{false};
+};
+
+} // namespace vantor::audit

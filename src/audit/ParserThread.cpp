@@ -1,0 +1,241 @@
+#include "ParserThread.h"
+
+#include "AuparseFeed.h"
+#include "Logging.h"
+
+#include <chrono>
+#include <exception>
+
+namespace vantor::audit
+{
+
+namespace
+{
+
+// Below this budget (KB) the queue keeps its smallest size, above the next
+// one its largest; in between it is half the budget.
+constexpr uint64_t kSmallBudgetKb = 20'480'000;
+constexpr uint64_t kLargeBudgetKb = 209'715'400;
+constexpr uint64_t kSmallestQueueBytes = 100ull * 1024 * 1024;
+
+} // namespace
+
+ParserThread::ParserThread(EventBuilder& builder, EventSink sink, CpuUsageSource cpuUsage,
+                           uint64_t cpuThreshold)
+    : m_builder(builder)
+    , m_sink(std::move(sink))
+    , m_cpuUsage(std::move(cpuUsage))
+    , m_cpuThreshold(cpuThreshold)
+{
+}
+
+ParserThread::~ParserThread()
+{
+    Stop();
+}
+
+void ParserThread::Start()
+{
+    std::lock_guard startStop(m_startStopMutex);
+    if (m_future.valid())
+    {
+        EDR_LOG_INFO("Audit Parser thread already running");
+        return;
+    }
+    {
+        std::lock_guard lock(m_mutex);
+        m_stop = false;
+    }
+    m_future = std::async(std::launch::async, [this] { Run(); });
+    EDR_LOG_INFO("Started Audit Parser Thread");
+}
+
+void ParserThread::Stop()
+{
+    std::lock_guard startStop(m_startStopMutex);
+    if (!m_future.valid())
+    {
+        return;
+    }
+    EDR_LOG_INFO("Stopping Audit Parser Thread");
+    {
+        std::lock_guard lock(m_mutex);
+        m_stop = true;
+    }
+    m_changed.notify_all();
+    m_future.wait();
+    m_future = std::future<void>();
+
+    std::lock_guard lock(m_mutex);
+    if (!m_queue.empty())
+    {
+        EDR_LOG_INFO("Audit parser thread: Discarding " << (m_queuedBytes.load() / 1024)
+                                                        << " KB of unparsed audit text");
+    }
+    m_queue.clear();
+    m_queuedBytes = 0;
+}
+
+void ParserThread::Enqueue(std::vector<uint8_t> buffer)
+{
+    if (buffer.empty())
+    {
+        return;
+    }
+    const uint64_t cost = Cost(buffer);
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_queueingDisabled)
+        {
+            // Not re-enabled buffer by buffer: only once the queue has
+            // drained to the resume threshold.
+            if (m_queuedBytes.load(std::memory_order_relaxed) > m_resumeThresholdBytes)
+            {
+                return;
+            }
+            m_queueingDisabled = false;
+            EDR_LOG_INFO("Enabling the audit parser queue");
+        }
+        else if (m_queuedBytes.load(std::memory_order_relaxed) >= m_maxQueueBytes)
+        {
+            m_queueingDisabled = true;
+            EDR_LOG_WARNING("Audit parser queue threshold hit. Disabling queueing of events.");
+            return;
+        }
+        const uint64_t queued = m_queuedBytes.fetch_add(cost, std::memory_order_relaxed) + cost;
+        m_queue.push_back(std::move(buffer));
+        EDR_LOG_DEBUG("Audit parser queue size: " << (queued / 1024) << " KB");
+    }
+    m_changed.notify_all();
+}
+
+void ParserThread::SetQueueSize(uint64_t memoryBudgetKb)
+{
+    uint64_t maximum = kDefaultMaxQueueBytes;
+    if (memoryBudgetKb < kSmallBudgetKb)
+    {
+        maximum = kSmallestQueueBytes;
+    }
+    else if (memoryBudgetKb < kLargeBudgetKb)
+    {
+        maximum = (memoryBudgetKb / 200) * 1024;
+    }
+    EDR_LOG_INFO("Setting parser queue size to " << (maximum >> 10) << " KB");
+    std::lock_guard lock(m_mutex);
+    m_maxQueueBytes = maximum;
+    m_resumeThresholdBytes = maximum / 2;
+}
+
+uint64_t ParserThread::MaxQueueBytes() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_maxQueueBytes;
+}
+
+uint64_t ParserThread::ResumeThresholdBytes() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_resumeThresholdBytes;
+}
+
+bool ParserThread::IsQueueingDisabled() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_queueingDisabled;
+}
+
+bool ParserThread::IsRunning() const
+{
+    return m_future.valid();
+}
+
+void ParserThread::Run()
+{
+    try
+    {
+        AuparseFeed feed(m_builder);
+        ProcessLoop(feed);
+        Deliver(feed.Flush());
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Audit parser thread: " << e.what());
+    }
+}
+
+void ParserThread::ProcessLoop(AuparseFeed& feed)
+{
+    for (;;)
+    {
+        std::vector<uint8_t> buffer;
+        {
+            std::unique_lock lock(m_mutex);
+            m_changed.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+            if (m_stop)
+            {
+                return;
+            }
+            buffer = std::move(m_queue.front());
+            m_queue.pop_front();
+            m_queuedBytes.fetch_sub(Cost(buffer), std::memory_order_relaxed);
+        }
+        try
+        {
+            Deliver(feed.Feed(buffer));
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("Audit parser thread: " << e.what());
+        }
+        buffer = std::vector<uint8_t>();
+        PauseWhileCpuIsHigh();
+    }
+}
+
+void ParserThread::PauseWhileCpuIsHigh()
+{
+    if (!m_cpuUsage)
+    {
+        return;
+    }
+    double usage = m_cpuUsage();
+    std::unique_lock lock(m_mutex);
+    while (!m_stop)
+    {
+        const uint64_t threshold = m_cpuThreshold.load(std::memory_order_relaxed);
+        if (!(usage > static_cast<double>(threshold)))
+        {
+            return;
+        }
+        EDR_LOG_DEBUG("Audit parser thread: Pausing thread as cpu usage ("
+                      << usage << ") is higher than configured threshold (" << threshold << ")");
+        // The queue's notifications must not shorten the pause; only a stop
+        // ends it early.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+        if (m_changed.wait_until(lock, deadline, [this] { return m_stop; }))
+        {
+            return;
+        }
+        lock.unlock();
+        usage = m_cpuUsage();
+        lock.lock();
+    }
+}
+
+void ParserThread::Deliver(Events events)
+{
+    if (events.empty() || !m_sink)
+    {
+        return;
+    }
+    try
+    {
+        m_sink(std::move(events));
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Audit parser thread: Failed to hand on events: " << e.what());
+    }
+}
+
+} // namespace vantor::audit

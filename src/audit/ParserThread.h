@@ -1,0 +1,91 @@
+#pragma once
+
+#include "EventBuilder.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <vector>
+
+namespace vantor::audit
+{
+
+// Carries raw audit text from the receiving channel to libauparse on a thread
+// of its own. The queue between them is bounded by bytes: when it reaches its
+// maximum, queueing is switched off and incoming text is dropped until the
+// queue has drained below the resume threshold (half the maximum). After each
+// buffer the thread pauses, a second at a time, while the process's CPU usage
+// is above the configured threshold.
+class ParserThread
+{
+public:
+    using Events = EventBuilder::Events;
+    // Receives the events completed by one buffer, in libauparse's order.
+    using EventSink = std::function<void(Events)>;
+    // Answers the process's CPU usage in percent.
+    using CpuUsageSource = std::function<double()>;
+
+    static constexpr uint64_t kDefaultMaxQueueBytes = 1024ull * 1024 * 1024;
+    // What a queued buffer costs beyond its bytes (the vector and the heap
+    // block), so that many small buffers cannot exceed the bound.
+    static constexpr uint64_t kBufferOverhead = 64;
+
+    // The builder must outlive the thread. A threshold of 100 or more never
+    // pauses.
+    ParserThread(EventBuilder& builder, EventSink sink, CpuUsageSource cpuUsage, uint64_t cpuThreshold);
+    ~ParserThread();
+
+    ParserThread(const ParserThread&) = delete;
+    ParserThread& operator=(const ParserThread&) = delete;
+
+    void Start();
+    // Stops the thread at once (also out of a CPU pause), hands on the events
+    // libauparse still holds and discards text not yet parsed.
+    void Stop();
+
+    // Called by the receiving channel's thread.
+    void Enqueue(std::vector<uint8_t> buffer);
+
+    // Sizes the queue from a memory budget in KB (the configured memory
+    // percentage multiplied by the total memory in KB): half of it, between
+    // 100 MiB and 1 GiB.
+    void SetQueueSize(uint64_t memoryBudgetKb);
+    void SetCpuThreshold(uint64_t percent) { m_cpuThreshold = percent; }
+
+    uint64_t QueuedBytes() const { return m_queuedBytes.load(std::memory_order_relaxed); }
+    uint64_t MaxQueueBytes() const;
+    uint64_t ResumeThresholdBytes() const;
+    bool IsQueueingDisabled() const;
+    bool IsRunning() const;
+
+private:
+    static uint64_t Cost(const std::vector<uint8_t>& buffer) { return buffer.capacity() + kBufferOverhead; }
+
+    void Run();
+    void ProcessLoop(class AuparseFeed& feed);
+    void PauseWhileCpuIsHigh();
+    void Deliver(Events events);
+
+    EventBuilder& m_builder;
+    EventSink m_sink;
+    CpuUsageSource m_cpuUsage;
+    std::atomic<uint64_t> m_cpuThreshold;
+
+    std::deque<std::vector<uint8_t>> m_queue;
+    std::atomic<uint64_t> m_queuedBytes{0};
+    uint64_t m_maxQueueBytes = kDefaultMaxQueueBytes;
+    uint64_t m_resumeThresholdBytes = kDefaultMaxQueueBytes / 2;
+    bool m_queueingDisabled = false;
+    bool m_stop = false;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+
+    std::mutex m_startStopMutex;
+    std::future<void> m_future;
+};
+
+} // namespace vantor::audit

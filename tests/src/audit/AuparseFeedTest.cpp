@@ -1,0 +1,257 @@
+#include "Logging.h"
+#include "RecordingEventBuilder.h"
+#include "support/LogCapture.h"
+
+#include "audit/AuparseFeed.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libaudit.h>
+
+#include <map>
+#include <random>
+
+namespace vantor::audit
+{
+namespace
+{
+
+using Class = AuditEventClass;
+
+std::string Stamp(unsigned long serial, int seconds = 0)
+{
+    return "audit(" + std::to_string(1700000000 + seconds) + ".123:" + std::to_string(serial) + "): ";
+}
+
+// One complete audit event as the dispatcher writes it.
+std::string SyscallEvent(unsigned long serial, long long syscall, const std::string& name = "/tmp/x",
+                         int seconds = 0)
+{
+    const std::string stamp = Stamp(serial, seconds);
+    return "type=SYSCALL msg=" + stamp + "arch=c000003e syscall=" + std::to_string(syscall) +
+           " success=yes exit=0 a0=1 a1=2 a2=3 a3=4 items=1 ppid=1 pid=42 auid=1000 uid=0 gid=0 euid=0 "
+           "suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"touch\" exe=\"/usr/bin/touch\" "
+           "key=\"k\"\n"
+           "type=CWD msg=" +
+           stamp + "cwd=\"/tmp\"\ntype=PATH msg=" + stamp + "item=0 name=" + name +
+           " inode=12 dev=08:01 mode=0100644 ouid=0 ogid=0 rdev=00:00 nametype=CREATE\n"
+           "type=PROCTITLE msg=" +
+           stamp + "proctitle=746F756368\ntype=EOE msg=" + stamp + "\n";
+}
+
+std::vector<test::BuiltEvent> FeedAll(const std::string& text, test::RecordingEventBuilder& builder)
+{
+    AuparseFeed feed(builder);
+    auto events = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    auto rest = feed.Flush();
+    EXPECT_EQ(events.size() + rest.size(), builder.Built().size()) << "every built event is handed out";
+    return builder.Built();
+}
+
+TEST(AuparseFeedTest, SyscallNumbersSelectTheEventClass)
+{
+    const std::map<long long, Class> expected = {
+        {0, Class::ReadWrite},   {1, Class::ReadWrite},   {2, Class::ReadWrite},   {17, Class::ReadWrite},
+        {18, Class::ReadWrite},  {19, Class::ReadWrite},  {20, Class::ReadWrite},  {76, Class::ReadWrite},
+        {77, Class::ReadWrite},  {257, Class::ReadWrite}, {295, Class::ReadWrite}, {296, Class::ReadWrite},
+        {304, Class::ReadWrite}, {42, Class::Network},    {49, Class::Network},    {56, Class::Clone},
+        {57, Class::Clone},      {58, Class::Clone},      {59, Class::Running},    {82, Class::Rename},
+        {264, Class::Rename},    {316, Class::Rename},    {83, Class::Create},     {85, Class::Create},
+        {86, Class::Create},     {88, Class::Create},     {133, Class::Create},    {258, Class::Create},
+        {259, Class::Create},    {265, Class::Create},    {266, Class::Create},    {84, Class::Delete},
+        {87, Class::Delete},     {263, Class::Delete},    {90, Class::Attribute},  {91, Class::Attribute},
+        {92, Class::Attribute},  {93, Class::Attribute},  {94, Class::Attribute},  {132, Class::Attribute},
+        {188, Class::Attribute}, {189, Class::Attribute}, {190, Class::Attribute}, {197, Class::Attribute},
+        {198, Class::Attribute}, {199, Class::Attribute}, {235, Class::Attribute}, {260, Class::Attribute},
+        {261, Class::Attribute}, {268, Class::Attribute}, {280, Class::Attribute}, {231, Class::Exit}};
+
+    // One event per number, the serial telling the number; accept (43),
+    // execveat (322) and everything else must yield nothing.
+    std::string text;
+    for (long long number = 0; number <= 400; ++number)
+    {
+        text += SyscallEvent(static_cast<unsigned long>(number + 1000), number);
+    }
+    test::RecordingEventBuilder builder;
+    test::LogCapture log(common::Logging::Edr());
+    const auto built = FeedAll(text, builder);
+
+    std::map<long long, Class> got;
+    for (const auto& event : built)
+    {
+        ASSERT_TRUE(event.eventClass.has_value());
+        got[static_cast<long long>(event.serial) - 1000] = *event.eventClass;
+    }
+    EXPECT_EQ(got, expected);
+    EXPECT_TRUE(log.Contains("Unsupported syscall in event: 43"));
+    EXPECT_TRUE(log.Contains("Unsupported syscall in event: 322"));
+    EXPECT_TRUE(log.Contains("Unsupported syscall in event: 317"));
+}
+
+TEST(AuparseFeedTest, AbendEofOnlyOtherTypesAndRejectedEvents)
+{
+    const std::string abend =
+        "type=ANOM_ABEND msg=" + Stamp(7) +
+        "auid=1000 uid=1000 gid=1000 ses=2 pid=99 comm=\"crash\" exe=\"/usr/bin/crash\" "
+        "sig=11 res=1\ntype=EOE msg=" +
+        Stamp(7) + "\n";
+    const std::string eoeOnly = "type=EOE msg=" + Stamp(8) + "\n";
+    const std::string user = "type=USER_CMD msg=" + Stamp(9) + "pid=1 uid=0 msg='cmd=6C73'\n";
+    const std::string negative = SyscallEvent(10, -1);
+    const std::string notANumber = SyscallEvent(11, 0);
+
+    test::RecordingEventBuilder builder;
+    builder.RejectSerial(12);
+    test::LogCapture log(common::Logging::Edr());
+    test::LogCapture events(common::Logging::Events());
+    std::string garbledSyscall = notANumber;
+    garbledSyscall.replace(garbledSyscall.find("syscall=0"), 9, "syscall=0x");
+    const auto built = FeedAll(abend + eoeOnly + user + negative + garbledSyscall + SyscallEvent(12, 87) +
+                                   SyscallEvent(13, 87),
+                               builder);
+
+    ASSERT_EQ(built.size(), 2u);
+    EXPECT_FALSE(built[0].eventClass.has_value());
+    EXPECT_EQ(built[0].serial, 7u);
+    EXPECT_EQ(built[1].eventClass, Class::Delete);
+    EXPECT_EQ(built[1].serial, 13u) << "a rejected event does not stop the next one";
+
+    EXPECT_EQ(log.Count("ID: 8") + events.Count("event: 8"), 0u) << "an EOE-only event is silent";
+    EXPECT_TRUE(events.Contains("Received complete event: 7"));
+    EXPECT_TRUE(log.Contains("Ignoring event with ID: 9 record type: " + std::to_string(AUDIT_USER_CMD)));
+    EXPECT_TRUE(log.Contains("Unsupported syscall in event: -1"));
+    EXPECT_TRUE(log.Contains("Unsupported syscall in event: 0x"));
+    EXPECT_TRUE(log.Contains("Dropping audit event with ID: 12: Rejected by the test builder"));
+}
+
+TEST(AuparseFeedTest, RecordsSplitAnywhereStillAssemble)
+{
+    const std::string text = SyscallEvent(1, 85, "\"/tmp/a\"") + SyscallEvent(2, 87, "2F746D702F62") +
+                             SyscallEvent(3, 90, "\"/tmp/c d\"");
+    test::RecordingEventBuilder whole;
+    const auto expected = FeedAll(text, whole);
+    ASSERT_EQ(expected.size(), 3u);
+    ASSERT_EQ(expected[1].names, std::vector<std::string>{"2F746D702F62"});
+
+    const auto sameAs = [&expected](const std::vector<test::BuiltEvent>& built)
+    {
+        if (built.size() != expected.size())
+        {
+            return false;
+        }
+        for (size_t i = 0; i < built.size(); ++i)
+        {
+            if (built[i].serial != expected[i].serial || built[i].eventClass != expected[i].eventClass ||
+                built[i].names != expected[i].names)
+            {
+                return false;
+            }
+        }
+        return true;
+    };
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    for (size_t cut = 0; cut <= text.size(); ++cut)
+    {
+        test::RecordingEventBuilder builder;
+        AuparseFeed feed(builder);
+        feed.Feed(bytes, cut);
+        feed.Feed(bytes + cut, text.size() - cut);
+        feed.Flush();
+        ASSERT_TRUE(sameAs(builder.Built())) << "cut at " << cut;
+    }
+    test::RecordingEventBuilder builder;
+    AuparseFeed feed(builder);
+    for (size_t i = 0; i < text.size(); ++i)
+    {
+        feed.Feed(bytes + i, 1);
+    }
+    feed.Flush();
+    EXPECT_TRUE(sameAs(builder.Built())) << "byte by byte";
+}
+
+TEST(AuparseFeedTest, EventsCompleteAtEndOfEventOrAtTheNextEventOrFlush)
+{
+    {
+        test::RecordingEventBuilder builder;
+        AuparseFeed feed(builder);
+        const std::string text = SyscallEvent(20, 83);
+        const auto now = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+        ASSERT_EQ(now.size(), 1u) << "complete with its EOE record, not only when more text arrives";
+        EXPECT_EQ(now[0]->GetEventId(), 20u);
+    }
+
+    // With the EOE records excluded (the rule engine does) and no PROCTITLE
+    // record, an event ends when later records show that it has aged, the
+    // last one when the feed is flushed.
+    std::string text;
+    for (const auto& [serial, seconds] : {std::pair{21, 0}, std::pair{22, 10}})
+    {
+        std::string event = SyscallEvent(serial, 83, "/tmp/x", seconds);
+        event.erase(event.find("type=PROCTITLE"));
+        text += event;
+    }
+    test::RecordingEventBuilder builder;
+    AuparseFeed feed(builder);
+    const auto first = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    ASSERT_EQ(first.size(), 1u);
+    EXPECT_EQ(first[0]->GetEventId(), 21u);
+    const auto rest = feed.Flush();
+    ASSERT_EQ(rest.size(), 1u);
+    EXPECT_EQ(rest[0]->GetEventId(), 22u);
+}
+
+TEST(AuparseFeedTest, HostileInputNeverCrashesAndParsingRecovers)
+{
+    test::RecordingEventBuilder builder;
+    AuparseFeed feed(builder);
+    const auto feedText = [&feed](const std::string& text)
+    { return feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size()); };
+
+    const std::string event = SyscallEvent(50, 85);
+    std::vector<std::string> hostile = {
+        event.substr(0, event.size() / 2) + "\n", // truncated record
+        "type=SYSCALL msg=audit(\n",
+        "type=SYSCALL msg=audit(1700000000.1:): syscall=\n",
+        "type= msg=\n=\n==\ntype=PATH\n",
+        "type=SYSCALL msg=audit(99999999999999999999.999:99999999999999999999): syscall=83\n",
+        std::string("type=PATH msg=") + Stamp(51) + "name=\"\xff\xfe\xc3\x28/bad\" inode=1 dev=00:00\n",
+        SyscallEvent(52, 83, "\"\xc0\xaf\xed\xa0\x80\"") + "type=EOE msg=" + Stamp(52) + "\n",
+        SyscallEvent(53, 83, std::string(300000, 'A')),
+        std::string("\0\0\0type=SYSCALL\0msg=\n", 21),
+    };
+    std::mt19937 random(1234);
+    for (int i = 0; i < 200; ++i)
+    {
+        std::string junk(random() % 2000, '\0');
+        for (char& c : junk)
+        {
+            c = static_cast<char>(random());
+        }
+        hostile.push_back(junk);
+    }
+    for (const auto& text : hostile)
+    {
+        feedText(text);
+    }
+    feedText("\n");
+    feed.Flush();
+
+    // A line with no end is cut off at the bound instead of growing.
+    test::LogCapture log(common::Logging::Edr());
+    const std::string longLine(AuparseFeed::kMaxLineLength / 4, 'x');
+    for (int i = 0; i < 8; ++i)
+    {
+        feedText(longLine);
+    }
+    EXPECT_EQ(log.Count("Dropping an audit text line longer than"), 1u);
+
+    builder.Clear();
+    feedText("\n" + SyscallEvent(60, 84));
+    feed.Flush();
+    ASSERT_EQ(builder.Built().size(), 1u) << "parsing recovers after the junk";
+    EXPECT_EQ(builder.Built()[0].serial, 60u);
+    EXPECT_EQ(builder.Built()[0].eventClass, Class::Delete);
+}
+
+} // namespace
+} // namespace vantor::audit

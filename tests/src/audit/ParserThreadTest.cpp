@@ -1,0 +1,275 @@
+#include "Logging.h"
+#include "RecordingEventBuilder.h"
+#include "support/LogCapture.h"
+
+#include "audit/ParserThread.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <thread>
+
+namespace vantor::audit
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+std::vector<uint8_t> Bytes(const std::string& text)
+{
+    return {text.begin(), text.end()};
+}
+
+std::vector<uint8_t> CompleteEvent(unsigned long serial)
+{
+    const std::string stamp = "audit(1700000000.5:" + std::to_string(serial) + "): ";
+    return Bytes("type=SYSCALL msg=" + stamp + "arch=c000003e syscall=87 success=yes exit=0 pid=1\n" +
+                 "type=EOE msg=" + stamp + "\n");
+}
+
+// Collects what the sink receives.
+class Sink
+{
+public:
+    ParserThread::EventSink Callback()
+    {
+        return [this](ParserThread::Events events)
+        {
+            std::lock_guard lock(m_mutex);
+            for (const auto& event : events)
+            {
+                m_serials.push_back(event->GetEventId());
+            }
+            m_changed.notify_all();
+        };
+    }
+
+    bool WaitFor(size_t count, std::chrono::milliseconds timeout)
+    {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, timeout, [&] { return m_serials.size() >= count; });
+    }
+
+    std::vector<uint32_t> Serials()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_serials;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<uint32_t> m_serials;
+};
+
+// Lets the parser thread take one buffer per permit: the CPU check after
+// each buffer waits here.
+class Gate
+{
+public:
+    double Pass()
+    {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_permits > 0 || m_open; });
+        if (!m_open)
+        {
+            --m_permits;
+        }
+        return 0.0;
+    }
+    void Allow(int permits)
+    {
+        std::lock_guard lock(m_mutex);
+        m_permits += permits;
+        m_changed.notify_all();
+    }
+    void Open()
+    {
+        std::lock_guard lock(m_mutex);
+        m_open = true;
+        m_changed.notify_all();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_permits = 0;
+    bool m_open = false;
+};
+
+template <typename Predicate>
+bool Eventually(Predicate predicate, std::chrono::milliseconds timeout = 5000ms)
+{
+    const auto deadline = Clock::now() + timeout;
+    while (!predicate())
+    {
+        if (Clock::now() > deadline)
+        {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+TEST(ParserThreadTest, QueueSizeFollowsTheMemoryBudget)
+{
+    test::RecordingEventBuilder builder;
+    ParserThread parser(builder, nullptr, nullptr, 100);
+    EXPECT_EQ(parser.MaxQueueBytes(), 1073741824u);
+
+    test::LogCapture log(common::Logging::Edr());
+    const std::vector<std::pair<uint64_t, uint64_t>> cases = {{0, 104857600},
+                                                              {20479999, 104857600},
+                                                              {20480000, 104857600},
+                                                              {100000000, 500000 * 1024ull},
+                                                              {209715399, (209715399 / 200) * 1024ull},
+                                                              {209715400, 1073741824},
+                                                              {UINT64_MAX, 1073741824}};
+    for (const auto& [budget, maximum] : cases)
+    {
+        parser.SetQueueSize(budget);
+        EXPECT_EQ(parser.MaxQueueBytes(), maximum) << budget;
+        EXPECT_EQ(parser.ResumeThresholdBytes(), maximum / 2) << budget;
+    }
+    EXPECT_TRUE(log.Contains("Setting parser queue size to 102400"));
+    EXPECT_TRUE(log.Contains("Setting parser queue size to 500000"));
+}
+
+TEST(ParserThreadTest, BurstDisablesQueueingUntilDrainedBelowHalf)
+{
+    test::RecordingEventBuilder builder;
+    Sink sink;
+    Gate gate;
+    ParserThread parser(
+        builder, sink.Callback(), [&gate] { return gate.Pass(); }, 50);
+    // Whatever fails below, the thread must not stay at the gate.
+    const struct OpenAtEnd
+    {
+        Gate& gate;
+        ~OpenAtEnd() { gate.Open(); }
+    } openAtEnd{gate};
+    parser.SetQueueSize(0); // 100 MiB
+    const uint64_t maximum = parser.MaxQueueBytes();
+    parser.Start();
+
+    // A buffer counts with what it holds in memory, not only its text: these
+    // cost 1 MiB each but touch only a line's worth of pages.
+    const auto bigBuffer = []
+    {
+        std::vector<uint8_t> buffer = Bytes("\n");
+        buffer.reserve(1024 * 1024);
+        return buffer;
+    };
+    const uint64_t cost = bigBuffer().capacity() + ParserThread::kBufferOverhead;
+
+    test::LogCapture log(common::Logging::Edr());
+    parser.Enqueue(bigBuffer());
+    // The thread has taken the first buffer and waits at the gate.
+    ASSERT_TRUE(Eventually([&] { return parser.QueuedBytes() == 0; }));
+    uint64_t highest = 0;
+    for (int i = 0; i < 150; ++i)
+    {
+        parser.Enqueue(bigBuffer());
+        highest = std::max(highest, parser.QueuedBytes());
+    }
+    EXPECT_TRUE(parser.IsQueueingDisabled());
+    EXPECT_GE(highest, maximum);
+    EXPECT_LE(highest, maximum + cost) << "memory stays bounded";
+    EXPECT_EQ(log.Count("Audit parser queue threshold hit. Disabling queueing of events."), 1u);
+
+    // Drained, but not yet to half: still dropping.
+    const size_t queued = parser.QueuedBytes() / cost;
+    const size_t half = parser.ResumeThresholdBytes() / cost;
+    gate.Allow(static_cast<int>(queued - half - 2));
+    ASSERT_TRUE(Eventually([&] { return parser.QueuedBytes() == (half + 2) * cost; }));
+    parser.Enqueue(bigBuffer());
+    EXPECT_EQ(parser.QueuedBytes(), (half + 2) * cost) << "dropped";
+    EXPECT_TRUE(parser.IsQueueingDisabled());
+
+    gate.Allow(2);
+    ASSERT_TRUE(Eventually([&] { return parser.QueuedBytes() == half * cost; }));
+    parser.Enqueue(CompleteEvent(5));
+    parser.Enqueue(CompleteEvent(6));
+    EXPECT_FALSE(parser.IsQueueingDisabled());
+    EXPECT_EQ(log.Count("Enabling the audit parser queue"), 1u);
+    EXPECT_EQ(log.Count("Audit parser queue threshold hit"), 1u);
+
+    gate.Open();
+    ASSERT_TRUE(sink.WaitFor(2, 5000ms));
+    EXPECT_EQ(sink.Serials(), (std::vector<uint32_t>{5, 6}));
+    parser.Stop();
+}
+
+TEST(ParserThreadTest, HighCpuPausesOncePerSecondAndStopWakesAtOnce)
+{
+    test::RecordingEventBuilder builder;
+    Sink sink;
+    std::atomic<double> usage{80.0};
+    ParserThread parser(
+        builder, sink.Callback(), [&usage] { return usage.load(); }, 50);
+    test::LogCapture log(common::Logging::Edr());
+    const std::string pauseLine =
+        "Audit parser thread: Pausing thread as cpu usage (80) is higher than configured threshold (50)";
+    parser.Start();
+
+    parser.Enqueue(CompleteEvent(1));
+    ASSERT_TRUE(sink.WaitFor(1, 2000ms));
+    ASSERT_TRUE(Eventually([&] { return log.Count(pauseLine) == 1; }));
+    const auto pausedAt = Clock::now();
+    // Enqueueing wakes waiters but does not cut the pause short.
+    for (unsigned long serial = 2; serial < 12; ++serial)
+    {
+        parser.Enqueue(CompleteEvent(serial));
+        std::this_thread::sleep_for(200ms);
+    }
+    const auto lines = log.Count(pauseLine);
+    const auto seconds = std::chrono::duration<double>(Clock::now() - pausedAt).count();
+    EXPECT_GE(lines, static_cast<size_t>(seconds) - 1) << "about one line a second";
+    EXPECT_LE(lines, static_cast<size_t>(seconds) + 2);
+    EXPECT_EQ(sink.Serials().size(), 1u) << "nothing is processed while paused";
+
+    usage = 10.0;
+    ASSERT_TRUE(sink.WaitFor(11, 3000ms));
+
+    // Paused again (after the last buffer or this one): stop must not wait.
+    usage = 95.5;
+    parser.Enqueue(CompleteEvent(12));
+    ASSERT_TRUE(Eventually([&] { return log.Contains("cpu usage (95.5)"); }))
+        << testing::PrintToString(log.Lines());
+    const auto stopAt = Clock::now();
+    parser.Stop();
+    EXPECT_LT(Clock::now() - stopAt, 500ms);
+    EXPECT_TRUE(log.Contains("Stopping Audit Parser Thread"));
+}
+
+TEST(ParserThreadTest, StartsOnceAndHandsOnHeldEventsAtStop)
+{
+    test::RecordingEventBuilder builder;
+    Sink sink;
+    ParserThread parser(builder, sink.Callback(), nullptr, 50);
+    test::LogCapture log(common::Logging::Edr());
+    parser.Start();
+    parser.Start();
+    EXPECT_EQ(log.Count("Started Audit Parser Thread"), 1u);
+    EXPECT_EQ(log.Count("Audit Parser thread already running"), 1u);
+
+    // Without its end-of-event record the event stays in libauparse, and the
+    // last record arrives without its line end.
+    auto text = CompleteEvent(30);
+    text.resize(text.size() - std::string("type=EOE msg=audit(1700000000.5:30): \n").size() - 1);
+    parser.Enqueue(text);
+    ASSERT_TRUE(Eventually([&] { return parser.QueuedBytes() == 0; }));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(sink.Serials().empty());
+    parser.Stop();
+    EXPECT_EQ(sink.Serials(), std::vector<uint32_t>{30});
+    EXPECT_FALSE(parser.IsRunning());
+}
+
+} // namespace
+} // namespace vantor::audit
