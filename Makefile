@@ -5,7 +5,9 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all deps build build-asan test test-unit test-asan demo install format clean
+MAGIC_DB   := /etc/corvid/outpost/magic.mgc
+
+.PHONY: all deps build build-asan test test-unit test-asan demo install format clean magic-db
 
 all: build
 
@@ -24,13 +26,17 @@ build-asan: deps
 
 # The whole suite: every test of the normal build, then the unit tests again
 # under AddressSanitizer and UndefinedBehaviorSanitizer.
-test: build build-asan
+# The daemon reads its file-type database at a fixed path.
+magic-db: deps
+	@[ -f $(MAGIC_DB) ] || install -D -m 0644 /usr/share/misc/magic.mgc $(MAGIC_DB)
+
+test: build build-asan magic-db
 	@bash scripts/run-tests.sh $(BUILD) $(ASAN_BUILD)
 
 test-unit: build
 	@cd $(BUILD) && ctest --output-on-failure -L unit -j $(JOBS)
 
-demo: build
+demo: build magic-db
 	@bash scripts/demo.sh $(BUILD)
 
 install: build

@@ -4,6 +4,11 @@
 #include "Logging.h"
 #include "PseudoRunningEvent.h"
 #include "PseudoTerminateEvent.h"
+#include "audit/AuditEventBuilder.h"
+#include "audit/DispatcherIOChannel.h"
+#include "audit/EventProcessingThread.h"
+#include "audit/KernelIOChannel.h"
+#include "audit/ParserThread.h"
 #include "audit/ProcessTree.h"
 #include "audit/RuleEngine.h"
 #include "fim/Component.h"
@@ -175,6 +180,7 @@ int Daemon::StartUp()
     BuildAuditCore();
     ExportProxyEnvironment();
     BuildUploadersAndComponents();
+    StartAuditCapture();
 
     common::SignalHandler::Unblock({SIGINT, SIGTERM});
 
@@ -250,6 +256,16 @@ bool Daemon::Initialize()
         m_fimConfig = std::make_unique<fim::Config>(root["fim_config"]);
         m_iocConfig.CopyFrom(root["ioc_config"], m_iocConfig.GetAllocator());
         m_edrConfig = std::make_unique<EDR::Config>(root["edr_config"]);
+        if (m_edrConfig->UseDispatcher())
+        {
+            m_auditChannel = std::make_unique<audit::DispatcherIOChannel>(m_edrConfig->DispatcherSocketPath());
+        }
+        else
+        {
+            auto kernel = std::make_unique<audit::KernelIOChannel>();
+            kernel->SetEnableAudit(true);
+            m_auditChannel = std::move(kernel);
+        }
         try
         {
             m_requestSigner = std::make_shared<const common::HmacRequestSigner>(
@@ -319,6 +335,34 @@ void Daemon::BuildUploadersAndComponents()
     m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
     m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler, *m_ruleEngine,
                                              m_commonConfig->AgentInstallPath());
+}
+
+void Daemon::StartAuditCapture()
+{
+    const uint64_t cpuLimit = m_edrConfig->CpuLimit();
+    const uint64_t memoryLimit = m_edrConfig->MemoryLimit();
+    // Each thread samples its own CPU use: a monitor is not shared between threads.
+    auto processingMonitor = std::make_shared<ResourceMonitor>(cpuLimit, memoryLimit);
+    auto parserMonitor = std::make_shared<ResourceMonitor>(cpuLimit, memoryLimit);
+    const uint64_t totalKb = parserMonitor->TotalMemoryKb();
+
+    m_eventBuilder = std::make_unique<audit::AuditEventBuilder>(m_magic);
+    m_processing = std::make_unique<audit::EventProcessingThread>(
+        *m_ruleEngine, cpuLimit, [processingMonitor] { return processingMonitor->CpuUsage(); });
+    m_processing->SetQueueSize(memoryLimit * totalKb / 100);
+    m_processing->Start();
+
+    m_parser = std::make_unique<audit::ParserThread>(
+        *m_eventBuilder, [this](audit::ParserThread::Events events) { m_processing->Enqueue(std::move(events)); },
+        [parserMonitor] { return parserMonitor->CpuUsage(); }, cpuLimit);
+    m_parser->SetQueueSize(memoryLimit * totalKb);
+    m_parser->Start();
+
+    m_auditChannel->SetDataCallback([this](std::vector<uint8_t> data) { m_parser->Enqueue(std::move(data)); });
+    m_auditChannel->SetErrorCallback([](common::IOChannel::Error error) {
+        EDR_LOG_ERROR("Audit channel failed: " << common::IOChannel::ErrorText(error));
+    });
+    m_auditChannel->Start();
 }
 
 void Daemon::ExportProxyEnvironment()
@@ -451,6 +495,18 @@ void Daemon::ShutDown()
         std::fclose(m_memtest);
         m_memtest = nullptr;
     }
+    if (m_auditChannel)
+    {
+        m_auditChannel->Stop();
+    }
+    if (m_parser)
+    {
+        m_parser->Stop();
+    }
+    if (m_processing)
+    {
+        m_processing->Stop();
+    }
     if (m_agentChannel)
     {
         m_agentChannel->Stop();
@@ -460,6 +516,10 @@ void Daemon::ShutDown()
     {
         m_scheduler->Stop();
     }
+    m_auditChannel.reset();
+    m_parser.reset();
+    m_processing.reset();
+    m_eventBuilder.reset();
     m_ruleEngine.reset();
     m_processTree.reset();
     m_magic.reset();

@@ -24,6 +24,9 @@
 
 namespace vantor::audit
 {
+class AuditEventBuilder;
+class EventProcessingThread;
+class ParserThread;
 class ProcessTree;
 class RuleEngine;
 } // namespace vantor::audit
@@ -83,6 +86,8 @@ private:
     // that the events need.
     void BuildAuditCore();
     void BuildUploadersAndComponents();
+    // Parser and processing threads, then the audit channel that feeds them.
+    void StartAuditCapture();
     void ShutDown();
 
     void OnAgentData(std::vector<uint8_t> data);
@@ -109,6 +114,10 @@ private:
     std::shared_ptr<common::HttpService> m_httpService;
     std::shared_ptr<common::HttpUploader> m_fimUploader;
     std::unique_ptr<fim::Component> m_fim;
+    std::unique_ptr<common::IOChannel> m_auditChannel;
+    std::unique_ptr<audit::AuditEventBuilder> m_eventBuilder;
+    std::unique_ptr<audit::EventProcessingThread> m_processing;
+    std::unique_ptr<audit::ParserThread> m_parser;
     std::unique_ptr<ResourceMonitor> m_resourceMonitor;
     std::unique_ptr<MemoryWatchdog> m_watchdog;
     std::FILE* m_memtest = nullptr;
