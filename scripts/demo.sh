@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Runs the daemon's main job on built-in defaults: the stand-in host agent
-# starts corvid-edr with the default configuration, drives it with a few
-# commands and stops it; the daemon's log is shown at the end.
+# Runs the daemon's main job on built-in defaults and shows what it detected
+# and uploaded:
+#  - a local HTTPS upload receiver (certificate made now, HMAC checked),
+#  - the stand-in host agent, which starts corvid-edr and hands it the default
+#    configuration pointed at this demo's directories,
+#  - the default FIM manifest pointed at a scratch directory,
+#  - a short workload in that directory on the real kernel audit stream.
 set -euo pipefail
 build=${1:-build}
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -11,41 +15,108 @@ if [ "$(id -u)" -ne 0 ]; then
   echo "demo: run as root (the daemon manages kernel audit rules)" >&2
   exit 1
 fi
+if ! auditctl -s >/dev/null 2>&1; then
+  echo "demo: the kernel audit subsystem does not answer here (auditctl -s); nothing to show" >&2
+  exit 1
+fi
 
 work=$(mktemp -d /tmp/corvid-demo-XXXXXX)
-trap 'rm -rf "$work"' EXIT
+receiver_pid=""
+cleanup() {
+  [ -n "$receiver_pid" ] && kill "$receiver_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+mkdir -p "$work/watched" "$work/outpost/keys" "$work/received" "$work/certs"
+head -c 32 /dev/urandom | od -An -tx1 | tr -d ' \n' > "$work/outpost/keys/edr_hmac.key"
 
-# The default configuration, pointed at this demo's own directories.
+# 1. The upload receiver.
+"$build/corvid-test-receiver" --output "$work/received" --cert-dir "$work/certs" \
+  --hmac-key-file "$work/outpost/keys/edr_hmac.key" > "$work/receiver.out" 2>&1 &
+receiver_pid=$!
+for _ in $(seq 50); do grep -q '^ca:' "$work/receiver.out" 2>/dev/null && break; sleep 0.1; done
+url=$(sed -n 's/^url: //p' "$work/receiver.out")
+ca=$(sed -n 's/^ca: //p' "$work/receiver.out")
+[ -n "$url" ] || { echo "demo: the receiver did not start"; cat "$work/receiver.out"; exit 1; }
+
+# 2. Configuration, logging and manifest, from the defaults.
 sed -e "s#^logging.channels.c1.path = .*#logging.channels.c1.path = $work/log/edr.log#" \
-    -e "s#^logging.loggers.l1.level = .*#logging.loggers.l1.level = debug#" \
     "$root/config/logging.properties" > "$work/logging.properties"
-python3 - "$root/config/corvid-edr.json" "$work" <<'PY'
+python3 - "$root" "$work" "$url" "$ca" <<'PY'
 import json, sys
-src, work = sys.argv[1], sys.argv[2]
-with open(src) as f:
-    cfg = json.load(f)
-cfg["common_config"]["log_config_file"] = work + "/logging.properties"
-cfg["common_config"]["agent_install_path"] = work + "/outpost"
-with open(work + "/corvid-edr.json", "w") as f:
-    json.dump(cfg, f, indent=2)
+root, work, url, ca = sys.argv[1:5]
+cfg = json.load(open(root + "/config/corvid-edr.json"))
+common = cfg["common_config"]
+common.update(log_config_file=work + "/logging.properties", agent_install_path=work + "/outpost",
+              ca_cert_path=ca, service_url=url)
+cfg["fim_config"].update(event_file_path=work + "/spool/", service_url=url + "/fim",
+                         manifest_path=work + "/fim_manifest.json", upload_interval=3, max_file_age_sec=1)
+json.dump(cfg, open(work + "/corvid-edr.json", "w"), indent=2)
+manifest = json.load(open(root + "/config/fim_manifest.json"))
+for rule in manifest["data"]["fim"]["rules"]:
+    rule["imagePath"] = work + "/watched"
+json.dump(manifest, open(work + "/fim_manifest.json", "w"), indent=2)
 PY
 
 echo "== corvid-edr demo"
-echo "   stand-in agent: $build/corvid-outpost"
-echo "   daemon:         $build/corvid-edr"
-echo "   configuration:  $work/corvid-edr.json"
+echo "   receiver:      $url (CA $ca)"
+echo "   watched:       $work/watched"
+echo "   configuration: $work/corvid-edr.json"
 echo
+
+# 3. The agent starts the daemon and tells it to exit after the workload.
 "$build/corvid-outpost" --config "$work/corvid-edr.json" --start "$build/corvid-edr" \
-  --then fim_status --after 2 \
-  --then ioc_status --after 1 \
-  --then config --after 1 \
-  --then exit --after 2 </dev/null
-status=$?
+  --then fim_status --after 2 --then exit --after 14 </dev/null > "$work/agent.out" 2>&1 &
+agent_pid=$!
+sleep 3
+
+# 4. The workload.
+echo "== workload in $work/watched"
+cd "$work/watched"
+echo "hello" > report.txt;                echo "   created report.txt"
+echo "more lines" >> report.txt;          echo "   appended to report.txt"
+mv report.txt report-final.txt;           echo "   renamed it to report-final.txt"
+chmod 600 report-final.txt;               echo "   chmod 600 report-final.txt"
+mkdir archive;                            echo "   created directory archive"
+cp report-final.txt archive/copy.txt;     echo "   copied it into archive/"
+rm report-final.txt;                      echo "   deleted report-final.txt"
+cd "$root"
+
+wait "$agent_pid" || true
 echo
-echo "== daemon log ($work/log/edr.log)"
-cat "$work/log/edr.log" 2>/dev/null || echo "(no log written)"
+echo "== stand-in agent"
+sed 's/^/   /' "$work/agent.out"
+kill "$receiver_pid" 2>/dev/null || true
+wait "$receiver_pid" 2>/dev/null || true
+receiver_pid=""
+
 echo
-echo "== what this demo cannot show yet"
-echo "   Audit capture (kernel rules, event intake, FIM documents and uploads) is"
-echo "   not part of this build yet: no detections are shown, and none are faked."
-exit $status
+echo "== what the receiver got"
+python3 - "$work/received" "$work/watched" <<'PY'
+import collections, glob, json, os, sys
+received, watched = sys.argv[1:3]
+docs = []
+for path in sorted(glob.glob(received + "/*.payload")):
+    try:
+        body = json.load(open(path, encoding="utf-8"))
+    except ValueError as e:
+        print("   %s: not JSON (%s)" % (os.path.basename(path), e))
+        continue
+    docs.extend(body.get("events", []) if isinstance(body, dict) else [])
+if not docs:
+    print("   no FIM documents were uploaded")
+    sys.exit(1)
+actions = collections.Counter()
+for doc in docs:
+    action = doc.get("eventAction", "?")
+    target = doc.get("imagePath", "")
+    actor = doc.get("actor", {})
+    print("   %-24s %-32s by %s (pid %s, user %s)" % (action, target.replace(watched, "<watched>"),
+          actor.get("procTitle", "?"), actor.get("processID", "?"), actor.get("userName", "?")))
+    actions[action] += 1
+print()
+print("   %d documents: %s" % (len(docs), ", ".join("%s %d" % kv for kv in sorted(actions.items()))))
+print()
+print("   first document in full:")
+print("\n".join("     " + line for line in json.dumps(docs[0], indent=2).splitlines()))
+PY

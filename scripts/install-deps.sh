@@ -14,7 +14,7 @@ PACKAGES=(
   libproxy-dev libpoco-dev rapidjson-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  tinyproxy rsyslog procps
+  tinyproxy rsyslog procps python3
 )
 
 missing=()
