@@ -34,4 +34,9 @@ uint32_t ExitEvent::GetCategory() const
     return static_cast<uint32_t>(edr::EventCategory::Process);
 }
 
+bool ExitEvent::IsSuccessful() const
+{
+    return true;
+}
+
 } // namespace vantor::audit::internal

@@ -15,6 +15,9 @@ public:
     edr::EventType GetType() const override;
     std::string GetActionName() const override;
     uint32_t GetCategory() const override;
+    // exit_group never returns, so its record carries no success field; a
+    // record of it means the process ended.
+    bool IsSuccessful() const override;
 
     int GetExitCode() const { return static_cast<int>(m_records.syscall.args[0]); }
 };
