@@ -4,25 +4,23 @@
 #include "Logging.h"
 #include "PseudoRunningEvent.h"
 #include "PseudoTerminateEvent.h"
-#include "audit/AuditEventBuilder.h"
+#include "SignalHandler.h"
+#include "UnixClientStreamSockIOChannel.h"
+#include "audit/CapturePipeline.h"
 #include "audit/DispatcherIOChannel.h"
-#include "audit/EventProcessingThread.h"
 #include "audit/KernelIOChannel.h"
-#include "audit/ParserThread.h"
 #include "audit/ProcessTree.h"
 #include "audit/RuleEngine.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
-#include "SignalHandler.h"
-#include "UnixClientStreamSockIOChannel.h"
 #include "util/Json.h"
 
 #include <Poco/Exception.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <chrono>
 #include <malloc.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -184,12 +182,14 @@ int Daemon::StartUp()
 
     common::SignalHandler::Unblock({SIGINT, SIGTERM});
 
-    m_resourceMonitor = std::make_unique<ResourceMonitor>(m_edrConfig->CpuLimit(), m_edrConfig->MemoryLimit());
-    m_watchdog = std::make_unique<MemoryWatchdog>(m_resourceMonitor->TotalMemoryKb(), m_edrConfig->MemoryLimit(),
-                                                  [this] { return m_resourceMonitor->MemoryUsage(); });
+    m_resourceMonitor =
+        std::make_unique<ResourceMonitor>(m_edrConfig->CpuLimit(), m_edrConfig->MemoryLimit());
+    m_watchdog =
+        std::make_unique<MemoryWatchdog>(m_resourceMonitor->TotalMemoryKb(), m_edrConfig->MemoryLimit(),
+                                         [this] { return m_resourceMonitor->MemoryUsage(); });
     const auto& limits = m_watchdog->GetLimits();
     EDR_LOG_DEBUG("Memory threshold: softLimit: " << limits.softKb << " KB "
-                                              << " HardLimit: " << limits.hardKb << " KB.");
+                                                  << " HardLimit: " << limits.hardKb << " KB.");
     return kExitOk;
 }
 
@@ -258,7 +258,8 @@ bool Daemon::Initialize()
         m_edrConfig = std::make_unique<EDR::Config>(root["edr_config"]);
         if (m_edrConfig->UseDispatcher())
         {
-            m_auditChannel = std::make_unique<audit::DispatcherIOChannel>(m_edrConfig->DispatcherSocketPath());
+            m_auditChannel =
+                std::make_unique<audit::DispatcherIOChannel>(m_edrConfig->DispatcherSocketPath());
         }
         else
         {
@@ -299,7 +300,8 @@ bool Daemon::Initialize()
 
 void Daemon::BuildAuditCore()
 {
-    auto makeRunning = [](const audit::ProcessInfo& info) -> std::unique_ptr<Event> {
+    auto makeRunning = [](const audit::ProcessInfo& info) -> std::unique_ptr<Event>
+    {
         PseudoRunningEvent::Process process;
         process.pid = info.GetPid();
         process.parentPid = info.GetParentPid();
@@ -313,7 +315,8 @@ void Daemon::BuildAuditCore()
                                                       .count());
         return std::make_unique<PseudoRunningEvent>(std::move(process));
     };
-    auto makeTerminate = [](const audit::ProcessInfo& info) -> std::unique_ptr<Event> {
+    auto makeTerminate = [](const audit::ProcessInfo& info) -> std::unique_ptr<Event>
+    {
         const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
             std::chrono::system_clock::now().time_since_epoch());
         return std::make_unique<PseudoTerminateEvent>(EventType::Exit, info.GetPid(), info.GetParentPid(),
@@ -333,36 +336,24 @@ void Daemon::BuildUploadersAndComponents()
         common::HttpServiceSettings::FromCommonConfig(*m_commonConfig), m_requestSigner);
     m_httpService->Start();
     m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
-    m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler, *m_ruleEngine,
-                                             m_commonConfig->AgentInstallPath());
+    m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler,
+                                             *m_ruleEngine, m_commonConfig->AgentInstallPath());
 }
 
 void Daemon::StartAuditCapture()
 {
     const uint64_t cpuLimit = m_edrConfig->CpuLimit();
     const uint64_t memoryLimit = m_edrConfig->MemoryLimit();
-    // Each thread samples its own CPU use: a monitor is not shared between threads.
-    auto processingMonitor = std::make_shared<ResourceMonitor>(cpuLimit, memoryLimit);
-    auto parserMonitor = std::make_shared<ResourceMonitor>(cpuLimit, memoryLimit);
-    const uint64_t totalKb = parserMonitor->TotalMemoryKb();
-
-    m_eventBuilder = std::make_unique<audit::AuditEventBuilder>(m_magic);
-    m_processing = std::make_unique<audit::EventProcessingThread>(
-        *m_ruleEngine, cpuLimit, [processingMonitor] { return processingMonitor->CpuUsage(); });
-    m_processing->SetQueueSize(memoryLimit * totalKb / 100);
-    m_processing->Start();
-
-    m_parser = std::make_unique<audit::ParserThread>(
-        *m_eventBuilder, [this](audit::ParserThread::Events events) { m_processing->Enqueue(std::move(events)); },
-        [parserMonitor] { return parserMonitor->CpuUsage(); }, cpuLimit);
-    m_parser->SetQueueSize(memoryLimit * totalKb);
-    m_parser->Start();
-
-    m_auditChannel->SetDataCallback([this](std::vector<uint8_t> data) { m_parser->Enqueue(std::move(data)); });
-    m_auditChannel->SetErrorCallback([](common::IOChannel::Error error) {
-        EDR_LOG_ERROR("Audit channel failed: " << common::IOChannel::ErrorText(error));
-    });
-    m_auditChannel->Start();
+    const uint64_t totalKb = ResourceMonitor(cpuLimit, memoryLimit).TotalMemoryKb();
+    m_capture = std::make_unique<audit::CapturePipeline>(
+        std::move(m_auditChannel), m_magic, *m_ruleEngine,
+        audit::CapturePipeline::Limits{cpuLimit, memoryLimit, totalKb},
+        [cpuLimit, memoryLimit]() -> audit::CapturePipeline::CpuUsage
+        {
+            auto monitor = std::make_shared<ResourceMonitor>(cpuLimit, memoryLimit);
+            return [monitor] { return monitor->CpuUsage(); };
+        });
+    m_capture->Start();
 }
 
 void Daemon::ExportProxyEnvironment()
@@ -399,8 +390,8 @@ void Daemon::MainLoop(std::unique_lock<std::mutex>& lock)
 void Daemon::HandleCommand()
 {
     rapidjson::Document message;
-    const bool parsed =
-        util::ParseJson(message, std::string_view(reinterpret_cast<const char*>(m_pending.data()), m_pending.size()));
+    const bool parsed = util::ParseJson(
+        message, std::string_view(reinterpret_cast<const char*>(m_pending.data()), m_pending.size()));
     m_pending.clear();
     if (!parsed || !message.IsObject())
     {
@@ -495,17 +486,9 @@ void Daemon::ShutDown()
         std::fclose(m_memtest);
         m_memtest = nullptr;
     }
-    if (m_auditChannel)
+    if (m_capture)
     {
-        m_auditChannel->Stop();
-    }
-    if (m_parser)
-    {
-        m_parser->Stop();
-    }
-    if (m_processing)
-    {
-        m_processing->Stop();
+        m_capture->Stop();
     }
     if (m_agentChannel)
     {
@@ -516,10 +499,7 @@ void Daemon::ShutDown()
     {
         m_scheduler->Stop();
     }
-    m_auditChannel.reset();
-    m_parser.reset();
-    m_processing.reset();
-    m_eventBuilder.reset();
+    m_capture.reset();
     m_ruleEngine.reset();
     m_processTree.reset();
     m_magic.reset();
@@ -542,7 +522,7 @@ void Daemon::OnAgentData(std::vector<uint8_t> data)
         m_pending.insert(m_pending.end(), data.begin(), data.end());
     }
     EDR_LOG_INFO("Received configuration data from the Corvid Agent process: "
-             << std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
+                 << std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
     m_cv.notify_all();
 }
 

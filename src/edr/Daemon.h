@@ -24,9 +24,7 @@
 
 namespace vantor::audit
 {
-class AuditEventBuilder;
-class EventProcessingThread;
-class ParserThread;
+class CapturePipeline;
 class ProcessTree;
 class RuleEngine;
 } // namespace vantor::audit
@@ -114,10 +112,9 @@ private:
     std::shared_ptr<common::HttpService> m_httpService;
     std::shared_ptr<common::HttpUploader> m_fimUploader;
     std::unique_ptr<fim::Component> m_fim;
+    // Built with the configuration, handed to the capture pipeline at start.
     std::unique_ptr<common::IOChannel> m_auditChannel;
-    std::unique_ptr<audit::AuditEventBuilder> m_eventBuilder;
-    std::unique_ptr<audit::EventProcessingThread> m_processing;
-    std::unique_ptr<audit::ParserThread> m_parser;
+    std::unique_ptr<audit::CapturePipeline> m_capture;
     std::unique_ptr<ResourceMonitor> m_resourceMonitor;
     std::unique_ptr<MemoryWatchdog> m_watchdog;
     std::FILE* m_memtest = nullptr;

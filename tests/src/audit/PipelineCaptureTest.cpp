@@ -1,13 +1,11 @@
 #include "AuditKernelState.h"
-#include "TestRule.h"
 #include "Logging.h"
+#include "TestRule.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
-#include "audit/AuditEventBuilder.h"
-#include "audit/EventProcessingThread.h"
+#include "audit/CapturePipeline.h"
 #include "audit/KernelIOChannel.h"
-#include "audit/ParserThread.h"
 #include "audit/ProcessTree.h"
 #include "audit/RuleEngine.h"
 #include "edr/LibMagicWrapper.h"
@@ -152,11 +150,12 @@ protected:
 
     void StartPipeline(pid_t agentPid)
     {
-        m_engine = std::make_unique<RuleEngine>(agentPid, "/usr/sbin/outpost", std::make_shared<ProcessTree>(), 0,
-                                                m_dir.Path());
+        m_engine = std::make_unique<RuleEngine>(agentPid, "/usr/sbin/outpost",
+                                                std::make_shared<ProcessTree>(), 0, m_dir.Path());
         m_engine->RegisterEventHandlers(
             kTag,
-            [this](edr::Event& event) {
+            [this](edr::Event& event)
+            {
                 Seen seen;
                 seen.type = event.GetType();
                 seen.pid = event.GetActorProcessId();
@@ -172,40 +171,22 @@ protected:
                 m_seen.push_back(std::move(seen));
             },
             [] {});
-        m_engine->AddRules({test::MakeRule("pipeline-files", Rule::DirectoryPathRule, {m_watched}, {2, 3, 5, 7, 8},
-                                           {2, 3}),
-                            test::MakeRule("pipeline-processes", Rule::ProcessRule, {}, {9, 11})},
-                           kTag);
+        m_engine->AddRules(
+            {test::MakeRule("pipeline-files", Rule::DirectoryPathRule, {m_watched}, {2, 3, 5, 7, 8}, {2, 3}),
+             test::MakeRule("pipeline-processes", Rule::ProcessRule, {}, {9, 11})},
+            kTag);
 
-        m_builder = std::make_unique<AuditEventBuilder>(
-            std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"));
-        m_processing = std::make_unique<EventProcessingThread>(*m_engine, 100, EventProcessingThread::CpuUsage{});
-        m_processing->Start();
-        m_parser = std::make_unique<ParserThread>(
-            *m_builder, [this](ParserThread::Events events) { m_processing->Enqueue(std::move(events)); }, nullptr,
-            100);
-        m_parser->Start();
-        m_channel = std::make_unique<KernelIOChannel>();
-        m_channel->SetEnableAudit(true);
-        m_channel->SetDataCallback([this](std::vector<uint8_t> data) { m_parser->Enqueue(std::move(data)); });
-        m_channel->SetErrorCallback([](common::IOChannel::Error) {});
-        m_channel->Start();
+        auto channel = std::make_unique<KernelIOChannel>();
+        channel->SetEnableAudit(true);
+        m_capture = std::make_unique<CapturePipeline>(
+            std::move(channel), std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"),
+            *m_engine, CapturePipeline::Limits{});
+        m_capture->Start();
     }
 
     void TearDown() override
     {
-        if (m_channel)
-        {
-            m_channel->Stop();
-        }
-        if (m_parser)
-        {
-            m_parser->Stop();
-        }
-        if (m_processing)
-        {
-            m_processing->Stop();
-        }
+        m_capture.reset();
         m_engine.reset();
         if (HasFailure())
         {
@@ -216,7 +197,8 @@ protected:
             std::lock_guard lock(m_mutex);
             for (const auto& s : m_seen)
             {
-                std::cerr << "seen type " << static_cast<int>(s.type) << " pid " << s.pid << " " << s.file << "\n";
+                std::cerr << "seen type " << static_cast<int>(s.type) << " pid " << s.pid << " " << s.file
+                          << "\n";
             }
         }
         AuditCaptureFixture::TearDown();
@@ -255,10 +237,7 @@ protected:
     test::TempDir m_dir;
     std::string m_watched;
     std::unique_ptr<RuleEngine> m_engine;
-    std::unique_ptr<AuditEventBuilder> m_builder;
-    std::unique_ptr<EventProcessingThread> m_processing;
-    std::unique_ptr<ParserThread> m_parser;
-    std::unique_ptr<KernelIOChannel> m_channel;
+    std::unique_ptr<CapturePipeline> m_capture;
     std::mutex m_mutex;
     std::vector<Seen> m_seen;
 };
@@ -282,11 +261,14 @@ TEST_F(PipelineCaptureTest, ProcessAndFileEventsReachTheHandlerWithTheirActor)
 
     const std::string created = m_watched + "/by-child.txt";
     const pid_t child = RunCommand({"/usr/bin/touch", created});
-    ASSERT_TRUE(WaitFor([&] {
-        const auto seen = SeenBy(child);
-        return Has(seen, edr::EventType::Running) && Has(seen, edr::EventType::Create, created) &&
-               Has(seen, edr::EventType::Exit);
-    })) << "events of pid " << child << " did not all arrive";
+    ASSERT_TRUE(WaitFor(
+        [&]
+        {
+            const auto seen = SeenBy(child);
+            return Has(seen, edr::EventType::Running) && Has(seen, edr::EventType::Create, created) &&
+                   Has(seen, edr::EventType::Exit);
+        }))
+        << "events of pid " << child << " did not all arrive";
 
     for (const auto& s : SeenBy(child))
     {

@@ -1,0 +1,72 @@
+#include "CapturePipeline.h"
+
+#include "EventRouter.h"
+#include "Logging.h"
+
+namespace vantor::audit
+{
+
+namespace
+{
+CapturePipeline::CpuUsage Sampler(const std::function<CapturePipeline::CpuUsage()>& make)
+{
+    return make ? make() : CapturePipeline::CpuUsage{};
+}
+
+ParserThread::CpuUsageSource ParserSampler(CapturePipeline::CpuUsage usage)
+{
+    if (!usage)
+    {
+        return nullptr;
+    }
+    return [usage = std::move(usage)]() -> double { return usage(); };
+}
+} // namespace
+
+CapturePipeline::CapturePipeline(std::unique_ptr<common::IOChannel> channel,
+                                 std::shared_ptr<const edr::LibMagicWrapper> magic, EventRouter& router,
+                                 Limits limits, const std::function<CpuUsage()>& makeCpuUsage)
+    : m_channel(std::move(channel))
+    , m_builder(std::move(magic))
+    , m_processing(router, limits.cpuPercent, Sampler(makeCpuUsage))
+    , m_parser(
+          m_builder, [this](ParserThread::Events events) { m_processing.Enqueue(std::move(events)); },
+          ParserSampler(Sampler(makeCpuUsage)), limits.cpuPercent)
+{
+    if (limits.totalMemoryKb != 0)
+    {
+        m_processing.SetQueueSize(limits.memoryPercent * limits.totalMemoryKb / 100);
+        m_parser.SetQueueSize(limits.memoryPercent * limits.totalMemoryKb);
+    }
+    m_channel->SetDataCallback([this](std::vector<uint8_t> data) { m_parser.Enqueue(std::move(data)); });
+    m_channel->SetErrorCallback(
+        [](common::IOChannel::Error error)
+        { EDR_LOG_ERROR("Audit channel failed: " << common::IOChannel::ErrorText(error)); });
+}
+
+CapturePipeline::~CapturePipeline()
+{
+    Stop();
+}
+
+void CapturePipeline::Start()
+{
+    m_processing.Start();
+    m_parser.Start();
+    m_started = true;
+    m_channel->Start();
+}
+
+void CapturePipeline::Stop()
+{
+    if (!m_started)
+    {
+        return;
+    }
+    m_started = false;
+    m_channel->Stop();
+    m_parser.Stop();
+    m_processing.Stop();
+}
+
+} // namespace vantor::audit

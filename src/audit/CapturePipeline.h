@@ -1,0 +1,56 @@
+#pragma once
+
+#include "AuditEventBuilder.h"
+#include "EventProcessingThread.h"
+#include "IOChannel.h"
+#include "ParserThread.h"
+
+#include <functional>
+#include <memory>
+
+namespace vantor::audit
+{
+
+class EventRouter;
+
+// The capture path from an audit channel to the rule engine: the channel's
+// raw text goes to the parser thread, whose typed events go to the
+// processing thread, which routes them to the handlers. Start() starts the
+// consumers before the channel; Stop() stops the channel first, then the
+// parser, then the processing thread, so that nothing is fed to a stopped
+// stage.
+class CapturePipeline
+{
+public:
+    using CpuUsage = std::function<float()>;
+
+    struct Limits
+    {
+        uint64_t cpuPercent = 100;
+        uint64_t memoryPercent = 0;
+        uint64_t totalMemoryKb = 0;
+    };
+
+    // cpuUsage makes one sampler per thread (a sampler is not shared between
+    // threads); empty: no throttling.
+    CapturePipeline(std::unique_ptr<common::IOChannel> channel,
+                    std::shared_ptr<const edr::LibMagicWrapper> magic, EventRouter& router, Limits limits,
+                    const std::function<CpuUsage()>& makeCpuUsage = {});
+    ~CapturePipeline();
+
+    CapturePipeline(const CapturePipeline&) = delete;
+    CapturePipeline& operator=(const CapturePipeline&) = delete;
+
+    // Throws IOChannelException when the channel cannot be opened.
+    void Start();
+    void Stop();
+
+private:
+    std::unique_ptr<common::IOChannel> m_channel;
+    AuditEventBuilder m_builder;
+    EventProcessingThread m_processing;
+    ParserThread m_parser;
+    bool m_started = false;
+};
+
+} // namespace vantor::audit
