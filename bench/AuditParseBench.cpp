@@ -1,0 +1,180 @@
+// Cost of turning raw audit text into typed events, against the floor that
+// libauparse itself sets.
+//
+// The corpus: 100,000 events replicated from the records captured on this
+// kernel, renumbered, held in memory and fed in 64 KiB chunks.
+//  - BM_AuparseFloor: libauparse in feed mode with a callback that only walks
+//    every record and field (names and values read).
+//  - BM_AuparseFeedBuilder: AuparseFeed + AuditEventBuilder, the real intake:
+//    typed events built (paths resolved, stat of the objects) and destroyed.
+// After the runs the ratio of their CPU per event and the peak RSS are
+// printed.
+
+#include "AuditCorpus.h"
+#include "AuparseFloor.h"
+#include "ResourceUsage.h"
+
+#include "audit/AuditEventBuilder.h"
+#include "audit/AuparseFeed.h"
+#include "edr/LibMagicWrapper.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <exception>
+#include <map>
+#include <memory>
+
+namespace
+{
+
+using vantor::bench::AuditCorpus;
+using vantor::bench::AuparseFloor;
+using vantor::bench::ResourceUsage;
+
+constexpr size_t kEvents = 100000;
+constexpr uint32_t kFirstSerial = 1000;
+constexpr const char* kMagicDatabase = "/usr/share/misc/magic.mgc";
+
+struct Corpus
+{
+    AuditCorpus corpus{CORVID_SOURCE_DIR "/tests/fixtures/audit"};
+    std::string text = corpus.Generate(kEvents, kFirstSerial);
+};
+
+const Corpus& TheCorpus()
+{
+    static const Corpus corpus;
+    return corpus;
+}
+
+double ProcessCpuSeconds()
+{
+    timespec ts{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// CPU ns per corpus event of the last run of each benchmark.
+double g_floorNsPerEvent = 0;
+double g_intakeNsPerEvent = 0;
+
+void BM_AuparseFloor(benchmark::State& state)
+{
+    const std::string& text = TheCorpus().text;
+    AuparseFloor::Result result;
+    double cpu = 0;
+    for (auto _ : state)
+    {
+        const double before = ProcessCpuSeconds();
+        result = AuparseFloor::Run(text);
+        benchmark::DoNotOptimize(result);
+        cpu += ProcessCpuSeconds() - before;
+    }
+    // Every event of the corpus must have come through whole.
+    if (result.events != kEvents)
+    {
+        state.SkipWithError("libauparse did not report every event of the corpus");
+        return;
+    }
+    const auto events = static_cast<double>(result.events) * static_cast<double>(state.iterations());
+    g_floorNsPerEvent = cpu * 1e9 / events;
+    state.SetItemsProcessed(static_cast<int64_t>(events));
+    state.counters["cpu_ns_per_event"] = g_floorNsPerEvent;
+    state.counters["events"] = static_cast<double>(result.events);
+    state.counters["records"] = static_cast<double>(result.records);
+}
+
+void BM_AuparseFeedBuilder(benchmark::State& state)
+{
+    const std::string& text = TheCorpus().text;
+    auto magic = std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase);
+    vantor::audit::AuditEventBuilder builder(magic);
+    const auto* data = reinterpret_cast<const uint8_t*>(text.data());
+    uint64_t built = 0;
+    double cpu = 0;
+    for (auto _ : state)
+    {
+        const double before = ProcessCpuSeconds();
+        built = 0;
+        vantor::audit::AuparseFeed feed(builder);
+        for (size_t at = 0; at < text.size(); at += AuparseFloor::kChunkSize)
+        {
+            built += feed.Feed(data + at, std::min(AuparseFloor::kChunkSize, text.size() - at)).size();
+        }
+        built += feed.Flush().size();
+        cpu += ProcessCpuSeconds() - before;
+    }
+    const auto events = static_cast<double>(kEvents) * static_cast<double>(state.iterations());
+    g_intakeNsPerEvent = cpu * 1e9 / events;
+    state.SetItemsProcessed(static_cast<int64_t>(events));
+    state.counters["cpu_ns_per_event"] = g_intakeNsPerEvent;
+    state.counters["typed_events"] = static_cast<double>(built);
+}
+
+BENCHMARK(BM_AuparseFloor)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_AuparseFeedBuilder)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+
+// What the intake makes of the corpus, once, untimed.
+void PrintCorpus()
+{
+    const Corpus& corpus = TheCorpus();
+    std::printf("corpus: %zu events (%zu distinct, %.1f records each), %.1f MB of text\n", kEvents,
+                corpus.corpus.TemplateCount(), corpus.corpus.RecordsPerEvent(),
+                static_cast<double>(corpus.text.size()) / 1e6);
+    vantor::audit::AuditEventBuilder builder(
+        std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase));
+    vantor::audit::AuparseFeed feed(builder);
+    std::map<std::string, size_t> byAction;
+    size_t total = 0;
+    const auto count = [&](const vantor::audit::AuparseFeed::Events& events)
+    {
+        total += events.size();
+        for (const auto& event : events)
+        {
+            try
+            {
+                ++byAction[event->GetActionName()];
+            }
+            catch (const std::exception&)
+            {
+                ++byAction["(no action name)"];
+            }
+        }
+    };
+    const auto* data = reinterpret_cast<const uint8_t*>(corpus.text.data());
+    for (size_t at = 0; at < corpus.text.size(); at += AuparseFloor::kChunkSize)
+    {
+        count(feed.Feed(data + at, std::min(AuparseFloor::kChunkSize, corpus.text.size() - at)));
+    }
+    count(feed.Flush());
+    std::printf("typed events: %zu:", total);
+    for (const auto& [action, count] : byAction)
+    {
+        std::printf(" %s %zu", action.c_str(), count);
+    }
+    std::printf("\n");
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+    {
+        return 1;
+    }
+    PrintCorpus();
+    benchmark::RunSpecifiedBenchmarks();
+    if (g_floorNsPerEvent > 0 && g_intakeNsPerEvent > 0)
+    {
+        std::printf("CPU per event: floor %.0f ns, intake %.0f ns, intake/floor %.2f\n", g_floorNsPerEvent,
+                    g_intakeNsPerEvent, g_intakeNsPerEvent / g_floorNsPerEvent);
+    }
+    std::printf("peak RSS: %llu KB\n", static_cast<unsigned long long>(ResourceUsage::PeakRssKb()));
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <sys/resource.h>
+
+#include <cstdint>
+
+namespace vantor::bench
+{
+
+// What the process has used so far, from getrusage: every thread's CPU
+// (user + system) and the peak resident set.
+struct ResourceUsage
+{
+    static double CpuSeconds()
+    {
+        rusage usage{};
+        ::getrusage(RUSAGE_SELF, &usage);
+        return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+               static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    }
+
+    static uint64_t PeakRssKb()
+    {
+        rusage usage{};
+        ::getrusage(RUSAGE_SELF, &usage);
+        return static_cast<uint64_t>(usage.ru_maxrss);
+    }
+};
+
+} // namespace vantor::bench
