@@ -20,8 +20,8 @@ UnixClientStreamSockIOChannel::UnixClientStreamSockIOChannel(std::string socketP
 }
 
 UnixClientStreamSockIOChannel::UnixClientStreamSockIOChannel(std::string socketPath, int64_t reconnectTimeout,
-                                                             std::string logName)
-    : IOChannel(1024, 0)
+                                                             std::string logName, uint64_t readBufSize)
+    : IOChannel(readBufSize, 0)
     , m_socketPath(std::move(socketPath))
     , m_logName(std::move(logName))
     , m_reconnectTimeout(reconnectTimeout)

@@ -15,6 +15,7 @@ class UnixClientStreamSockIOChannel : public IOChannel
 {
 public:
     static constexpr size_t kMaxPathLength = 91;
+    static constexpr uint64_t kDefaultReadBufSize = 1024;
 
     // 0: retry for ever; negative: never retry.
     UnixClientStreamSockIOChannel(std::string socketPath, int64_t reconnectTimeout);
@@ -31,7 +32,8 @@ public:
 protected:
     // For derived channels: socket failures are logged under logName
     // ("<logName>::CreateSocket", "<logName>::CloseSocket", ...).
-    UnixClientStreamSockIOChannel(std::string socketPath, int64_t reconnectTimeout, std::string logName);
+    UnixClientStreamSockIOChannel(std::string socketPath, int64_t reconnectTimeout, std::string logName,
+                                  uint64_t readBufSize = kDefaultReadBufSize);
 
 private:
     Error CreateSocket();

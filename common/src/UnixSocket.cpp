@@ -42,11 +42,17 @@ IOChannel::Error UnixSocket::MapErrno(int error)
 IOChannel::Error UnixSocket::ReadAvailable(int fd, size_t bufSize, std::vector<uint8_t>& data,
                                            const char* what)
 {
-    data.resize(bufSize);
+    // Read into a per-thread scratch area and hand on a buffer of exactly
+    // the bytes read: a large read size then costs no memory per chunk.
+    thread_local std::vector<uint8_t> scratch;
+    if (scratch.size() < bufSize)
+    {
+        scratch.resize(bufSize);
+    }
     ssize_t n = 0;
     do
     {
-        n = ::recv(fd, data.data(), bufSize, 0);
+        n = ::recv(fd, scratch.data(), bufSize, 0);
     } while (n < 0 && errno == EINTR);
     if (n < 0)
     {
@@ -60,7 +66,7 @@ IOChannel::Error UnixSocket::ReadAvailable(int fd, size_t bufSize, std::vector<u
         // A reset connection is the peer going away, like end of file.
         return error == ECONNRESET ? IOChannel::Success : MapErrno(error);
     }
-    data.resize(static_cast<size_t>(n));
+    data.assign(scratch.begin(), scratch.begin() + n);
     return IOChannel::Success;
 }
 

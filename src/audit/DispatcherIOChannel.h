@@ -16,6 +16,10 @@ class DispatcherIOChannel : public common::UnixClientStreamSockIOChannel
 public:
     // reconnectTimeout as for the base: attempts one second apart, 0 for
     // ever (the dispatcher goes away while the audit daemon restarts).
+    // Audit text arrives in bursts; large reads keep the per-chunk work
+    // (select, wake-ups of the parser) low.
+    static constexpr uint64_t kReadBufSize = 64 * 1024;
+
     explicit DispatcherIOChannel(std::string socketPath, int64_t reconnectTimeout = 0);
     ~DispatcherIOChannel() override;
 
