@@ -132,7 +132,10 @@ void TestReceiver::Start()
     Poco::Net::Context::Ptr context =
         new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, m_certificate.keyPath,
                                m_certificate.certPath, "", Poco::Net::Context::VERIFY_NONE);
-    Poco::Net::SecureServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", m_options.port), 64, context);
+    // A restarted receiver listens on its first port again, so that clients
+    // configured with its URL reach it once it is back.
+    const uint16_t port = m_port != 0 ? m_port : m_options.port;
+    Poco::Net::SecureServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", port), 64, context);
     m_port = socket.address().port();
     auto* params = new Poco::Net::HTTPServerParams;
     params->setMaxThreads(16);

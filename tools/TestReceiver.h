@@ -60,6 +60,7 @@ public:
     TestReceiver(const TestReceiver&) = delete;
     TestReceiver& operator=(const TestReceiver&) = delete;
 
+    // Start after Stop listens on the same port again.
     void Start();
     void Stop();
 

@@ -3,28 +3,21 @@
 // agent socket path) and its own /dev/log, so that the daemon's syslog lines
 // can be read back exactly.
 
-#include "util/Json.h"
+#include "support/DaemonHarness.h"
 
 #include <gtest/gtest.h>
 
 #include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <poll.h>
-#include <sched.h>
-#include <sstream>
 #include <string>
-#include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -33,13 +26,16 @@
 #include <vector>
 
 using namespace std::chrono_literals;
+using vantor::test::DaemonHarness;
+using vantor::test::Eventually;
+using vantor::test::ReadText;
 
 namespace
 {
 
-constexpr const char* kAgentSocket = "/var/run/corvid/outpost/sock/agent_edr.sock";
-constexpr const char* kDaemon = CORVID_BINARY_DIR "/corvid-edr";
-constexpr const char* kOutpost = CORVID_BINARY_DIR "/corvid-outpost";
+constexpr const char* kAgentSocket = DaemonHarness::kAgentSocket;
+constexpr const char* kDaemon = DaemonHarness::kDaemon;
+constexpr const char* kOutpost = DaemonHarness::kOutpost;
 
 sockaddr_un Address(const std::string& path)
 {
@@ -49,60 +45,9 @@ sockaddr_un Address(const std::string& path)
     return address;
 }
 
-std::string ReadText(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > deadline)
-        {
-            return false;
-        }
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
-
 std::string Command(const char* command, const std::string& configFile = {})
 {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    writer.StartObject();
-    writer.Key("command");
-    writer.String(command);
-    if (!configFile.empty())
-    {
-        writer.Key("config_file");
-        writer.String(configFile.c_str());
-    }
-    writer.EndObject();
-    return buffer.GetString();
-}
-
-// Parent pid of a process, from /proc/<pid>/stat (-1 when gone).
-pid_t ParentOf(pid_t pid, std::string& comm)
-{
-    const std::string stat = ReadText("/proc/" + std::to_string(pid) + "/stat");
-    const auto open = stat.find('(');
-    const auto close = stat.rfind(')');
-    if (open == std::string::npos || close == std::string::npos)
-    {
-        return -1;
-    }
-    comm = stat.substr(open + 1, close - open - 1);
-    std::istringstream rest(stat.substr(close + 2));
-    char state = 0;
-    pid_t parent = -1;
-    rest >> state >> parent;
-    return parent;
+    return vantor::test::AgentCommand(command, configFile);
 }
 
 class DaemonProcessTest : public testing::Test
@@ -110,27 +55,13 @@ class DaemonProcessTest : public testing::Test
 protected:
     void SetUp() override
     {
-        if (::geteuid() != 0)
+        const std::string skip = m_harness.Enter();
+        if (!skip.empty())
         {
-            GTEST_SKIP() << "needs root for mount namespaces";
+            GTEST_SKIP() << skip;
         }
-        ASSERT_TRUE(std::filesystem::exists(kDaemon)) << kDaemon;
-        // The daemon detaches; as subreaper the test still collects its status.
-        ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-        char pattern[] = "/tmp/corvid-daemon-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        m_dir = pattern;
-
-        m_originalNamespace = ::open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
-        ASSERT_GE(m_originalNamespace, 0);
-        if (::unshare(CLONE_NEWNS) != 0)
-        {
-            GTEST_SKIP() << "cannot create a mount namespace: " << std::strerror(errno);
-        }
-        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(::mount("tmpfs", "/run", "tmpfs", 0, "mode=755"), 0) << std::strerror(errno);
-        std::filesystem::create_directories(std::filesystem::path(kAgentSocket).parent_path());
-        MountPrivateDev();
+        m_dir = m_harness.Dir();
+        ASSERT_NO_FATAL_FAILURE(m_harness.MountPrivateDev());
         WriteConfiguration();
     }
 
@@ -146,70 +77,14 @@ protected:
         {
             ::close(m_listenFd);
         }
-        if (m_syslogFd >= 0)
-        {
-            ::close(m_syslogFd);
-        }
-        if (m_originalNamespace >= 0)
-        {
-            // Leaving the namespace drops its mounts with it.
-            EXPECT_EQ(::setns(m_originalNamespace, CLONE_NEWNS), 0) << std::strerror(errno);
-            ::close(m_originalNamespace);
-        }
-        if (!m_dir.empty())
-        {
-            std::filesystem::remove_all(m_dir);
-        }
     }
 
-    // A /dev with the few nodes the daemon opens and our own syslog socket.
-    void MountPrivateDev()
-    {
-        const std::string dev = m_dir + "/dev";
-        std::filesystem::create_directory(dev);
-        ASSERT_EQ(::mount("tmpfs", dev.c_str(), "tmpfs", 0, "mode=755"), 0);
-        for (const char* node : {"null", "zero", "random", "urandom", "full"})
-        {
-            const std::string target = dev + "/" + node;
-            std::ofstream{target};
-            ASSERT_EQ(
-                ::mount((std::string("/dev/") + node).c_str(), target.c_str(), nullptr, MS_BIND, nullptr), 0);
-        }
-        std::filesystem::create_directory_symlink("/proc/self/fd", dev + "/fd");
-        m_syslogFd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        const sockaddr_un address = Address(dev + "/log");
-        ASSERT_EQ(::bind(m_syslogFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-        ASSERT_EQ(::mount(dev.c_str(), "/dev", nullptr, MS_BIND | MS_REC, nullptr), 0)
-            << std::strerror(errno);
-    }
-
-    // The shipped default configuration, pointed at this test's directory.
     void WriteConfiguration(const std::function<void(rapidjson::Document&)>& change = {})
     {
-        rapidjson::Document config;
-        ASSERT_TRUE(vantor::util::ParseJson(config, ReadText(CORVID_SOURCE_DIR "/config/corvid-edr.json")));
-        auto& allocator = config.GetAllocator();
-        m_logFile = m_dir + "/edr.log";
-        m_logConfig = m_dir + "/logging.properties";
-        config["common_config"]["log_config_file"].SetString(m_logConfig.c_str(), allocator);
-        config["common_config"]["agent_install_path"].SetString(m_dir.c_str(), allocator);
-        config["outpost_pid"].SetInt(::getpid());
-        if (change)
-        {
-            change(config);
-        }
-        rapidjson::StringBuffer buffer;
-        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-        config.Accept(writer);
-        m_configFile = m_dir + "/corvid-edr.json";
-        std::ofstream(m_configFile) << buffer.GetString();
-
-        std::string logging = ReadText(CORVID_SOURCE_DIR "/config/logging.properties");
-        const std::string shippedPath = "/var/log/corvid/edr.log";
-        logging.replace(logging.find(shippedPath), shippedPath.size(), m_logFile);
-        const std::string info = "l1.level = information";
-        logging.replace(logging.find(info), info.size(), "l1.level = debug");
-        std::ofstream(m_logConfig) << logging;
+        m_harness.WriteConfiguration(change);
+        m_configFile = m_harness.ConfigFile();
+        m_logFile = m_harness.LogFile();
+        m_logConfig = m_harness.LogConfig();
     }
 
     void Listen()
@@ -234,23 +109,8 @@ protected:
         ASSERT_EQ(::waitpid(launcher, &status, 0), launcher);
         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "daemon() failed: " << status;
         // The detached daemon is now our child.
-        m_daemonPid = FindChild("corvid-edr");
+        m_daemonPid = vantor::test::FindChild("corvid-edr");
         ASSERT_GT(m_daemonPid, 0);
-    }
-
-    static pid_t FindChild(const std::string& name)
-    {
-        std::unique_ptr<DIR, int (*)(DIR*)> proc(::opendir("/proc"), ::closedir);
-        while (const dirent* entry = ::readdir(proc.get()))
-        {
-            const pid_t pid = std::atoi(entry->d_name);
-            std::string comm;
-            if (pid > 0 && ParentOf(pid, comm) == ::getpid() && comm == name)
-            {
-                return pid;
-            }
-        }
-        return -1;
     }
 
     // Accepts the daemon's connection and checks it is the process we started.
@@ -308,34 +168,21 @@ protected:
 
     bool IsRunning() const { return m_daemonPid > 0 && ::waitpid(m_daemonPid, nullptr, WNOHANG) == 0; }
 
-    // Every syslog line received so far, one per line.
-    std::string Syslog()
-    {
-        char buffer[4096];
-        ssize_t n = 0;
-        while ((n = ::recv(m_syslogFd, buffer, sizeof buffer, 0)) > 0)
-        {
-            m_syslog.append(buffer, static_cast<size_t>(n)).append("\n");
-        }
-        return m_syslog;
-    }
-
-    bool SyslogContains(const std::string& text) { return Syslog().find(text) != std::string::npos; }
+    std::string Syslog() { return m_harness.Syslog(); }
+    bool SyslogContains(const std::string& text) { return m_harness.SyslogContains(text); }
     bool LogContains(const std::string& text) const
     {
         return ReadText(m_logFile).find(text) != std::string::npos;
     }
 
+    DaemonHarness m_harness;
     std::string m_dir;
     std::string m_configFile;
     std::string m_logFile;
     std::string m_logConfig;
-    int m_originalNamespace = -1;
-    int m_syslogFd = -1;
     int m_listenFd = -1;
     int m_agentFd = -1;
     pid_t m_daemonPid = 0;
-    std::string m_syslog;
 };
 
 TEST_F(DaemonProcessTest, RunsOnValidConfigurationAndStopsOnExitCommand)

@@ -1,0 +1,82 @@
+#pragma once
+
+// What the tests that run the real corvid-edr binary share: a private mount
+// namespace with its own /run (the daemon's agent socket path is fixed) and,
+// on request, its own /dev whose /dev/log the test reads, so that the
+// daemon's syslog lines can be checked exactly; the shipped configuration
+// and logging configuration rewritten into the test's directory.
+//
+// The namespace is left and the directory removed on destruction. Entering
+// needs a single-threaded process (unshare and setns of a mount namespace
+// refuse a shared file-system context), so start threads only after Enter
+// and stop them before the harness goes.
+
+#include <rapidjson/document.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <sys/types.h>
+
+namespace vantor::test
+{
+
+std::string ReadText(const std::string& path);
+// Polls condition every 20 ms until it holds or timeout has passed.
+bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+// One agent command as the agent sends it: {"command":...,"config_file":...}.
+std::string AgentCommand(const char* command, const std::string& configFile = {});
+// Parent pid of a process from /proc/<pid>/stat, with its command name in
+// comm; -1 when it is gone.
+pid_t ParentOf(pid_t pid, std::string& comm);
+// A child of this process with that command name, or -1.
+pid_t FindChild(const std::string& name);
+
+class DaemonHarness
+{
+public:
+    static constexpr const char* kAgentSocket = "/var/run/corvid/outpost/sock/agent_edr.sock";
+    static constexpr const char* kDaemon = CORVID_BINARY_DIR "/corvid-edr";
+    static constexpr const char* kOutpost = CORVID_BINARY_DIR "/corvid-outpost";
+
+    DaemonHarness() = default;
+    ~DaemonHarness();
+    DaemonHarness(const DaemonHarness&) = delete;
+    DaemonHarness& operator=(const DaemonHarness&) = delete;
+
+    // Makes the directory, becomes subreaper (the daemon detaches) and
+    // enters a private mount namespace with an empty /run. Answers why the
+    // test has to be skipped, empty when all is set; fails the test on an
+    // unexpected error.
+    std::string Enter();
+    // A /dev with the few nodes the daemon opens and our own syslog socket.
+    void MountPrivateDev();
+
+    // The shipped default configuration, pointed at the directory (logging at
+    // debug level into Dir()/edr.log unless logFile says otherwise), after
+    // change has edited it; outpost_pid is this process unless changed.
+    void WriteConfiguration(const std::function<void(rapidjson::Document&)>& change = {},
+                            const std::string& logFile = {});
+
+    const std::string& Dir() const { return m_dir; }
+    const std::string& ConfigFile() const { return m_configFile; }
+    const std::string& LogFile() const { return m_logFile; }
+    const std::string& LogConfig() const { return m_logConfig; }
+
+    std::string Log() const { return ReadText(m_logFile); }
+    bool LogContains(const std::string& text) const;
+    // Every syslog line received so far, one per line.
+    std::string Syslog();
+    bool SyslogContains(const std::string& text);
+
+private:
+    std::string m_dir;
+    std::string m_configFile;
+    std::string m_logFile;
+    std::string m_logConfig;
+    int m_originalNamespace = -1;
+    int m_syslogFd = -1;
+    std::string m_syslog;
+};
+
+} // namespace vantor::test
