@@ -21,7 +21,7 @@ build: deps
 # The sanitizer build uses clang, which also builds the libFuzzer targets.
 build-asan: deps
 	@if [ -f $(ASAN_BUILD)/CMakeCache.txt ] && ! grep -q 'CMAKE_CXX_COMPILER:.*clang' $(ASAN_BUILD)/CMakeCache.txt; then rm -rf $(ASAN_BUILD); fi
-	@CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCORVID_SANITIZE=ON -DCORVID_BUILD_BENCH=OFF $(CMAKE_ARGS) >/dev/null
+	@CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCORVID_SANITIZE=ON -DCORVID_BUILD_BENCH=OFF -DCORVID_BUILD_FUZZ=ON $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 # The whole suite: every test of the normal build, then the unit tests again

@@ -1,24 +1,104 @@
 // libFuzzer entry point: raw audit text, cut into two chunks at a position
-// taken from the first byte, through an AuparseFeed and a flush.
+// taken from the first byte, through an AuparseFeed with the real event
+// builder and a flush. Every event built is read through the getters that
+// consumers call first; a hostile event may refuse them with an exception,
+// never with a crash.
 
-#include "../src/audit/RecordingEventBuilder.h"
-
+#include "Logging.h"
+#include "audit/AuditEventBuilder.h"
 #include "audit/AuparseFeed.h"
+#include "edr/LibMagicWrapper.h"
+
+#include <Poco/Logger.h>
+#include <Poco/NullChannel.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
+#include <memory>
+
+namespace
+{
+
+using vantor::edr::Event;
+
+template <typename Get>
+void Touch(Get get)
+{
+    try
+    {
+        get();
+    }
+    catch (const std::exception&)
+    {
+        // An operation the class does not carry, or a value it cannot give.
+    }
+}
+
+void Read(const Event& event)
+{
+    Touch([&] { return event.GetType(); });
+    Touch([&] { return event.GetActionName(); });
+    Touch([&] { return event.GetEventId(); });
+    Touch([&] { return event.GetCategory(); });
+    Touch([&] { return event.GetTimestamp(); });
+    Touch([&] { return event.GetActorProcessId(); });
+    Touch([&] { return event.GetActorParentProcessId(); });
+    Touch([&] { return event.GetActorUserId(); });
+    Touch([&] { return event.GetActorEuid(); });
+    Touch([&] { return event.GetActorAuid(); });
+    Touch([&] { return event.GetImage(); });
+    Touch([&] { return event.GetFile(); });
+    Touch([&] { return event.GetNewFile(); });
+    Touch([&] { return event.GetFileType(); });
+    Touch([&] { return event.GetParentInode(); });
+    Touch([&] { return event.GetCwd(); });
+    Touch([&] { return event.GetCommandLine(); });
+    Touch([&] { return event.GetActorProcessArguments(); });
+    Touch([&] { return event.GetSecondaryImage(); });
+    Touch([&] { return event.GetNetworkAddress(); });
+    Touch([&] { return event.GetNetworkPort(); });
+    Touch([&] { return event.IsSuccessful(); });
+    Touch([&] { return event.IsThread(); });
+    Touch([&] { return event.Clone(); });
+}
+
+void ReadAll(const vantor::audit::AuparseFeed::Events& events)
+{
+    for (const auto& event : events)
+    {
+        Read(*event);
+    }
+}
+
+std::shared_ptr<const vantor::edr::LibMagicWrapper> g_magic;
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    // Every log statement is formatted (trace level) and thrown away: the
+    // text of a rejected or odd event is part of what is exercised.
+    Poco::AutoPtr<Poco::NullChannel> sink(new Poco::NullChannel);
+    for (Poco::Logger* logger :
+         {&Poco::Logger::root(), &vantor::common::Logging::Edr(), &vantor::common::Logging::Events()})
+    {
+        logger->setChannel(sink);
+        logger->setLevel(Poco::Message::PRIO_TRACE);
+    }
+    g_magic = std::make_shared<const vantor::edr::LibMagicWrapper>("/usr/share/misc/magic.mgc");
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size == 0)
-    {
-        return 0;
-    }
-    const size_t cut = 1 + (size > 1 ? data[0] % size : 0);
-    vantor::test::RecordingEventBuilder builder;
+    // The whole input is fed, so that a committed capture is a seed as it
+    // stands; its first byte only chooses the cut.
+    const size_t cut = size > 0 ? data[0] % (size + 1) : 0;
+    vantor::audit::AuditEventBuilder builder(g_magic);
     vantor::audit::AuparseFeed feed(builder);
-    feed.Feed(data + 1, cut - 1);
-    feed.Feed(data + cut, size - cut);
-    feed.Flush();
+    ReadAll(feed.Feed(data, cut));
+    ReadAll(feed.Feed(data + cut, size - cut));
+    ReadAll(feed.Flush());
     return 0;
 }

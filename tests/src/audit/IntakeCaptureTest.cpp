@@ -3,16 +3,24 @@
 #include "support/PrivateAuditd.h"
 #include "support/TempDir.h"
 
+#include "audit/AuditEventBuilder.h"
 #include "audit/DispatcherIOChannel.h"
 #include "audit/KernelIOChannel.h"
 #include "audit/ParserThread.h"
+#include "edr/LibMagicWrapper.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <mutex>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -33,6 +41,8 @@ using test::PrivateAuditd;
 class IntakeCaptureTest : public test::AuditCaptureFixture
 {
 protected:
+    using Events = ParserThread::Events;
+
     void SetUp() override
     {
         AuditCaptureFixture::SetUp();
@@ -60,14 +70,36 @@ protected:
         AuditCaptureFixture::TearDown();
     }
 
+    // Process starts by the children of this process, under our key.
+    void AddExecveRule()
+    {
+        test::RunCommand("auditctl -a always,exit -F arch=b64 -S execve -F ppid=" +
+                         std::to_string(::getpid()) + " -k " + m_key);
+        ASSERT_EQ(test::RulesContaining(m_key).size(), 2u);
+    }
+
+    // Skips when the dispatcher cannot be tried here.
+    void RequireOwnAuditd()
+    {
+        if (test::StatusValue("pid").value_or(0) != 0)
+        {
+            GTEST_SKIP() << "an audit daemon is already running";
+        }
+        if (::access("/usr/sbin/auditd", X_OK) != 0)
+        {
+            GTEST_SKIP() << "auditd is not installed";
+        }
+    }
+
     ParserThread::EventSink Sink()
     {
-        return [this](ParserThread::Events events)
+        return [this](Events events)
         {
             std::lock_guard lock(m_mutex);
-            for (const auto& event : events)
+            for (auto& event : events)
             {
                 m_handedOn.push_back(event->GetEventId());
+                m_events.push_back(std::move(event));
             }
         };
     }
@@ -78,87 +110,22 @@ protected:
         m_raw.append(data.begin(), data.end());
     }
 
-    // File work in the watched directory through the exact system calls.
-    void DoFileWork()
+    static void WaitFor(const std::function<bool()>& done)
     {
-        const std::string file = m_scratch + "/created";
-        const int fd = static_cast<int>(::syscall(SYS_creat, file.c_str(), 0600));
-        ASSERT_GE(fd, 0);
-        ::close(fd);
-        ASSERT_EQ(::syscall(SYS_mkdir, (m_scratch + "/dir").c_str(), 0700), 0);
-        ASSERT_EQ(::syscall(SYS_chmod, file.c_str(), 0644), 0);
-        ASSERT_EQ(::syscall(SYS_unlink, file.c_str()), 0);
-    }
-
-    // The built events about the scratch directory, once all four are there.
-    std::vector<test::BuiltEvent> WaitForFileWork()
-    {
-        std::vector<test::BuiltEvent> ours;
         const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (std::chrono::steady_clock::now() < deadline)
+        while (!done() && std::chrono::steady_clock::now() < deadline)
         {
-            ours.clear();
-            for (const auto& event : m_builder.Built())
-            {
-                for (const auto& name : event.names)
-                {
-                    if (name.find(m_scratch) != std::string::npos)
-                    {
-                        ours.push_back(event);
-                        break;
-                    }
-                }
-            }
-            if (ours.size() >= 4)
-            {
-                break;
-            }
             std::this_thread::sleep_for(20ms);
         }
-        return ours;
     }
 
-    void ExpectFileWork(const std::vector<test::BuiltEvent>& ours)
+    // Does the work while a private auditd hands the records to the
+    // dispatcher channel, and parses them with the builder until done.
+    void CaptureThroughDispatcher(EventBuilder& builder, const std::function<void()>& work,
+                                  const std::function<bool()>& done)
     {
-        const std::vector<std::pair<Class, int>> expected = {{Class::Create, SYS_creat},
-                                                             {Class::Create, SYS_mkdir},
-                                                             {Class::Attribute, SYS_chmod},
-                                                             {Class::Delete, SYS_unlink}};
-        std::lock_guard lock(m_mutex);
-        ASSERT_EQ(ours.size(), expected.size()) << m_raw;
-        for (size_t i = 0; i < ours.size(); ++i)
-        {
-            EXPECT_EQ(ours[i].eventClass, expected[i].first) << i;
-            // The serial is the one of the SYSCALL record of that call.
-            const std::string record = ":" + std::to_string(ours[i].serial) +
-                                       "): arch=c000003e syscall=" + std::to_string(expected[i].second) + " ";
-            EXPECT_NE(m_raw.find(record), std::string::npos) << record;
-            EXPECT_NE(std::find(m_handedOn.begin(), m_handedOn.end(), ours[i].serial), m_handedOn.end());
-        }
-    }
-
-    test::TempDir m_dir;
-    std::string m_scratch;
-    const std::string m_key = "corvid_intake_test_" + std::to_string(::getpid());
-    test::RecordingEventBuilder m_builder;
-    std::mutex m_mutex;
-    std::string m_raw;
-    std::vector<uint32_t> m_handedOn;
-};
-
-TEST_F(IntakeCaptureTest, FileWorkArrivesThroughTheAuditDispatcher)
-{
-    if (test::StatusValue("pid").value_or(0) != 0)
-    {
-        GTEST_SKIP() << "an audit daemon is already running";
-    }
-    if (::access("/usr/sbin/auditd", X_OK) != 0)
-    {
-        GTEST_SKIP() << "auditd is not installed";
-    }
-    ParserThread parser(m_builder, Sink(), nullptr, 100);
-    parser.Start();
-    {
+        ParserThread parser(builder, Sink(), nullptr, 100);
+        parser.Start();
         PrivateAuditd auditd(m_dir.Path());
         const std::string problem = auditd.WaitReady();
         ASSERT_TRUE(problem.empty()) << problem;
@@ -184,37 +151,321 @@ TEST_F(IntakeCaptureTest, FileWorkArrivesThroughTheAuditDispatcher)
             accepted = m_raw.find(m_key) != std::string::npos;
         }
         ASSERT_TRUE(accepted) << "auditd does not send to the channel";
-        DoFileWork();
-        const auto ours = WaitForFileWork();
+        work();
+        WaitFor(done);
         channel.Stop();
         parser.Stop();
-        ExpectFileWork(ours);
     }
+
+    // The same through the kernel channel; the flag it set is put back.
+    void CaptureThroughKernel(EventBuilder& builder, const std::function<void()>& work,
+                              const std::function<bool()>& done)
+    {
+        const auto enabledBefore = test::StatusValue("enabled");
+        ParserThread parser(builder, Sink(), nullptr, 100);
+        parser.Start();
+        KernelIOChannel channel;
+        channel.SetEnableAudit(true);
+        channel.SetDataCallback(
+            [&](std::vector<uint8_t> data)
+            {
+                KeepRaw(data);
+                parser.Enqueue(std::move(data));
+            });
+        channel.Start();
+        EXPECT_EQ(test::StatusValue("enabled"), 1);
+        work();
+        WaitFor(done);
+        channel.Stop();
+        parser.Stop();
+        EXPECT_EQ(test::StatusValue("enabled"), enabledBefore) << "the channel puts the enabled flag back";
+    }
+
+    test::TempDir m_dir;
+    std::string m_scratch;
+    const std::string m_key = "corvid_intake_test_" + std::to_string(::getpid());
+    std::mutex m_mutex;
+    std::string m_raw;
+    std::vector<uint32_t> m_handedOn;
+    Events m_events;
+};
+
+// The intake itself: which builder operation each audit event reaches.
+class RecordedIntakeCaptureTest : public IntakeCaptureTest
+{
+protected:
+    // File work in the watched directory through the exact system calls.
+    void DoFileWork()
+    {
+        const std::string file = m_scratch + "/created";
+        const int fd = static_cast<int>(::syscall(SYS_creat, file.c_str(), 0600));
+        ASSERT_GE(fd, 0);
+        ::close(fd);
+        ASSERT_EQ(::syscall(SYS_mkdir, (m_scratch + "/dir").c_str(), 0700), 0);
+        ASSERT_EQ(::syscall(SYS_chmod, file.c_str(), 0644), 0);
+        ASSERT_EQ(::syscall(SYS_unlink, file.c_str()), 0);
+    }
+
+    // The built events about the scratch directory.
+    std::vector<test::BuiltEvent> Ours() const
+    {
+        std::vector<test::BuiltEvent> ours;
+        for (const auto& event : m_builder.Built())
+        {
+            for (const auto& name : event.names)
+            {
+                if (name.find(m_scratch) != std::string::npos)
+                {
+                    ours.push_back(event);
+                    break;
+                }
+            }
+        }
+        return ours;
+    }
+
+    void Capture(bool dispatcher)
+    {
+        const auto work = [this] { DoFileWork(); };
+        const auto done = [this] { return Ours().size() >= 4; };
+        dispatcher ? CaptureThroughDispatcher(m_builder, work, done)
+                   : CaptureThroughKernel(m_builder, work, done);
+    }
+
+    void ExpectFileWork()
+    {
+        const auto ours = Ours();
+        const std::vector<std::pair<Class, int>> expected = {{Class::Create, SYS_creat},
+                                                             {Class::Create, SYS_mkdir},
+                                                             {Class::Attribute, SYS_chmod},
+                                                             {Class::Delete, SYS_unlink}};
+        std::lock_guard lock(m_mutex);
+        ASSERT_EQ(ours.size(), expected.size()) << m_raw;
+        for (size_t i = 0; i < ours.size(); ++i)
+        {
+            EXPECT_EQ(ours[i].eventClass, expected[i].first) << i;
+            // The serial is the one of the SYSCALL record of that call.
+            const std::string record = ":" + std::to_string(ours[i].serial) +
+                                       "): arch=c000003e syscall=" + std::to_string(expected[i].second) + " ";
+            EXPECT_NE(m_raw.find(record), std::string::npos) << record;
+            EXPECT_NE(std::find(m_handedOn.begin(), m_handedOn.end(), ours[i].serial), m_handedOn.end());
+        }
+    }
+
+    test::RecordingEventBuilder m_builder;
+};
+
+TEST_F(RecordedIntakeCaptureTest, FileWorkArrivesThroughTheAuditDispatcher)
+{
+    RequireOwnAuditd();
+    if (IsSkipped())
+    {
+        return;
+    }
+    Capture(true);
+    ExpectFileWork();
     std::lock_guard lock(m_mutex);
     EXPECT_NE(m_raw.find("\x1d"), std::string::npos) << "the enriched form was parsed";
 }
 
-TEST_F(IntakeCaptureTest, FileWorkArrivesThroughTheKernelChannel)
+TEST_F(RecordedIntakeCaptureTest, FileWorkArrivesThroughTheKernelChannel)
 {
-    const auto enabledBefore = test::StatusValue("enabled");
-    ParserThread parser(m_builder, Sink(), nullptr, 100);
-    parser.Start();
-    KernelIOChannel channel;
-    channel.SetEnableAudit(true);
-    channel.SetDataCallback(
-        [&](std::vector<uint8_t> data)
+    Capture(false);
+    ExpectFileWork();
+}
+
+// The whole road with the real event classes: what a consumer reads.
+class TypedEventsCaptureTest : public IntakeCaptureTest
+{
+protected:
+    struct Expected
+    {
+        edr::EventType type;
+        std::string file;
+        std::string newFile;
+    };
+
+    void SetUp() override
+    {
+        IntakeCaptureTest::SetUp();
+        if (!IsSkipped())
         {
-            KeepRaw(data);
-            parser.Enqueue(std::move(data));
-        });
-    channel.Start();
-    EXPECT_EQ(test::StatusValue("enabled"), 1);
-    DoFileWork();
-    const auto ours = WaitForFileWork();
-    channel.Stop();
-    parser.Stop();
-    ExpectFileWork(ours);
-    EXPECT_EQ(test::StatusValue("enabled"), enabledBefore) << "the channel puts the enabled flag back";
+            AddExecveRule();
+        }
+    }
+
+    // File work, partly by relative names from inside the watched directory,
+    // then a child that starts /bin/true.
+    void DoWork()
+    {
+        std::array<char, PATH_MAX> previous{};
+        ASSERT_NE(::getcwd(previous.data(), previous.size()), nullptr);
+        ASSERT_EQ(::chdir(m_scratch.c_str()), 0);
+        const std::string created = m_scratch + "/created";
+        const std::string renamed = m_scratch + "/renamed";
+        int fd = static_cast<int>(::syscall(SYS_creat, "created", 0600));
+        EXPECT_GE(fd, 0);
+        ::close(fd);
+        fd = static_cast<int>(::syscall(SYS_openat, AT_FDCWD, created.c_str(), O_WRONLY));
+        EXPECT_GE(fd, 0);
+        EXPECT_EQ(::write(fd, "x", 1), 1);
+        ::close(fd);
+        EXPECT_EQ(::syscall(SYS_chmod, created.c_str(), 0644), 0);
+        EXPECT_EQ(::syscall(SYS_rename, created.c_str(), renamed.c_str()), 0);
+        EXPECT_EQ(::syscall(SYS_unlink, renamed.c_str()), 0);
+        EXPECT_EQ(::syscall(SYS_mkdir, "dir", 0700), 0);
+        ASSERT_EQ(::chdir(previous.data()), 0);
+        m_cwd = previous.data();
+
+        char* const argv[] = {const_cast<char*>("/bin/true"), const_cast<char*>("first"),
+                              const_cast<char*>("second arg"), nullptr};
+        m_child = ::fork();
+        ASSERT_GE(m_child, 0);
+        if (m_child == 0)
+        {
+            ::execv("/bin/true", argv);
+            ::_exit(127);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(m_child, &status, 0), m_child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+
+    static std::string FileOf(const edr::Event& event)
+    {
+        try
+        {
+            return event.GetFile();
+        }
+        catch (const std::exception&)
+        {
+            return {};
+        }
+    }
+
+    // Our file events in serial order, and our child's process start.
+    std::vector<const edr::Event*> FileEvents() const
+    {
+        std::vector<const edr::Event*> ours;
+        for (const auto& event : m_events)
+        {
+            if (FileOf(*event).rfind(m_scratch + "/", 0) == 0)
+            {
+                ours.push_back(event.get());
+            }
+        }
+        std::sort(ours.begin(), ours.end(),
+                  [](const edr::Event* a, const edr::Event* b) { return a->GetEventId() < b->GetEventId(); });
+        return ours;
+    }
+
+    // The kernel channel sees the whole host, so other events may refuse
+    // these getters.
+    const edr::Event* ChildStart() const
+    {
+        for (const auto& event : m_events)
+        {
+            try
+            {
+                if (m_child > 0 && event->GetType() == edr::EventType::Running &&
+                    event->GetActorProcessId() == m_child)
+                {
+                    return event.get();
+                }
+            }
+            catch (const std::exception&)
+            {
+            }
+        }
+        return nullptr;
+    }
+
+    void Capture(bool dispatcher)
+    {
+        const auto work = [this] { DoWork(); };
+        const auto done = [this]
+        {
+            std::lock_guard lock(m_mutex);
+            return FileEvents().size() >= 6 && ChildStart() != nullptr;
+        };
+        dispatcher ? CaptureThroughDispatcher(m_builder, work, done)
+                   : CaptureThroughKernel(m_builder, work, done);
+    }
+
+    static void ExpectActor(const edr::Event& event, pid_t pid, pid_t ppid)
+    {
+        EXPECT_EQ(event.GetActorProcessId(), pid);
+        EXPECT_EQ(event.GetActorParentProcessId(), ppid);
+        EXPECT_EQ(event.GetActorUserId(), 0u);
+        EXPECT_EQ(event.GetActorEuid(), 0u);
+        EXPECT_EQ(event.GetActorUserName(), "root");
+        EXPECT_TRUE(event.IsSuccessful());
+        EXPECT_FALSE(event.IsThread());
+    }
+
+    void ExpectTypedEvents()
+    {
+        std::lock_guard lock(m_mutex);
+        const std::string created = m_scratch + "/created";
+        const std::string renamed = m_scratch + "/renamed";
+        const std::vector<Expected> expected = {
+            {edr::EventType::Create, created, ""},    {edr::EventType::Write, created, ""},
+            {edr::EventType::Attribute, created, ""}, {edr::EventType::Rename, created, renamed},
+            {edr::EventType::Delete, renamed, ""},    {edr::EventType::Create, m_scratch + "/dir", ""}};
+        const auto ours = FileEvents();
+        ASSERT_EQ(ours.size(), expected.size()) << m_raw;
+        const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+        for (size_t i = 0; i < ours.size(); ++i)
+        {
+            SCOPED_TRACE(i);
+            const edr::Event& event = *ours[i];
+            EXPECT_EQ(event.GetType(), expected[i].type);
+            EXPECT_EQ(event.GetFile(), expected[i].file);
+            EXPECT_EQ(event.GetCategory(), static_cast<uint32_t>(edr::EventCategory::File));
+            EXPECT_EQ(event.GetImage(), self);
+            ExpectActor(event, ::getpid(), ::getppid());
+            if (!expected[i].newFile.empty())
+            {
+                EXPECT_EQ(event.GetNewFile(), expected[i].newFile);
+            }
+        }
+        // The directory is still there, so its stat was taken and matched.
+        EXPECT_EQ(ours.back()->GetFileType(), static_cast<uint32_t>(S_IFDIR));
+
+        const edr::Event* start = ChildStart();
+        ASSERT_NE(start, nullptr) << m_raw;
+        EXPECT_EQ(start->GetActionName(), "Execve");
+        ExpectActor(*start, m_child, ::getpid());
+        EXPECT_EQ(start->GetImage(), std::filesystem::canonical("/bin/true").string());
+        EXPECT_EQ(start->GetSecondaryImage(), "/bin/true");
+        EXPECT_EQ(start->GetActorProcessArguments(),
+                  (std::vector<std::string>{"/bin/true", "first", "second arg"}));
+        EXPECT_EQ(start->GetCommandLine(), "/bin/true first second arg");
+        EXPECT_EQ(start->GetCwd(), m_cwd);
+    }
+
+    std::shared_ptr<const edr::LibMagicWrapper> m_magic =
+        std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc");
+    AuditEventBuilder m_builder{m_magic};
+    pid_t m_child = -1;
+    std::string m_cwd;
+};
+
+TEST_F(TypedEventsCaptureTest, FileWorkAndProcessStartArriveThroughTheAuditDispatcher)
+{
+    RequireOwnAuditd();
+    if (IsSkipped())
+    {
+        return;
+    }
+    Capture(true);
+    ExpectTypedEvents();
+}
+
+TEST_F(TypedEventsCaptureTest, FileWorkAndProcessStartArriveThroughTheKernelChannel)
+{
+    Capture(false);
+    ExpectTypedEvents();
 }
 
 } // namespace
