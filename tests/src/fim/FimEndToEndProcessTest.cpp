@@ -17,6 +17,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <iostream>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -713,6 +714,12 @@ TEST_F(FimEndToEndProcessTest, WorkloadArrivesThroughTheAuditDispatcher)
     ASSERT_TRUE(m_harness.LogContains("DispatcherIOChannel: Started.")) << m_harness.Log();
     const auto expected = Workload("dispatched");
     ExpectExactly(expected);
+    if (HasFailure())
+    {
+        // What the daemon and auditd saw, to tell a lost record from a lost document.
+        std::cerr << "daemon log:\n" << m_harness.Log() << "\nauditd output:\n"
+                  << test::ReadText(auditdDir + "/auditd.out") << "\n";
+    }
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }
 
