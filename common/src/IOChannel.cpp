@@ -144,7 +144,8 @@ void IOChannel::EventLoop()
             maxFd = std::max(maxFd, fd);
         }
         timeval timeout{m_selectTimeoutSeconds, 0};
-        const int rc = ::select(maxFd + 1, &readSet, nullptr, nullptr, m_selectTimeoutSeconds > 0 ? &timeout : nullptr);
+        const int rc =
+            ::select(maxFd + 1, &readSet, nullptr, nullptr, m_selectTimeoutSeconds > 0 ? &timeout : nullptr);
         if (rc < 0)
         {
             if (errno == EINTR)

@@ -37,7 +37,8 @@ public:
 
     // Hands one line to a logger. A failing channel (disk full, file gone)
     // never reaches the caller: logging must not end the daemon.
-    static void Write(Poco::Logger& logger, const std::string& text, Poco::Message::Priority priority) noexcept;
+    static void Write(Poco::Logger& logger, const std::string& text,
+                      Poco::Message::Priority priority) noexcept;
 
     // Only for tests: forget that Initialize ran.
     static void ResetForTesting();
@@ -66,5 +67,5 @@ public:
 #define EDR_LOG_INFO(expr) CORVID_LOG(Poco::Message::PRIO_INFORMATION, expr)
 #define EDR_LOG_DEBUG(expr) CORVID_LOG(Poco::Message::PRIO_DEBUG, expr)
 #define EDR_LOG_TRACE(expr) CORVID_LOG(Poco::Message::PRIO_TRACE, expr)
-#define EDR_LOG_EVENT_TRACE(expr)                                                                                \
+#define EDR_LOG_EVENT_TRACE(expr)                                                                            \
     CORVID_LOG_TO(::vantor::common::Logging::Events(), Poco::Message::PRIO_TRACE, expr)

@@ -68,9 +68,9 @@ void Scheduler::RegisterSchedule(const std::shared_ptr<Schedule>& schedule)
 void Scheduler::UnregisterSchedule(const std::shared_ptr<Schedule>& schedule)
 {
     std::lock_guard lock(m_mutex);
-    const auto it = std::find_if(m_schedules.begin(), m_schedules.end(), [&](const auto& entry) {
-        return !entry.owner_before(schedule) && !schedule.owner_before(entry);
-    });
+    const auto it = std::find_if(m_schedules.begin(), m_schedules.end(),
+                                 [&](const auto& entry)
+                                 { return !entry.owner_before(schedule) && !schedule.owner_before(entry); });
     if (!schedule || it == m_schedules.end())
     {
         throw std::runtime_error("UnregisterSchedule: 'schedule' is not registered");

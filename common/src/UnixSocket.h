@@ -18,7 +18,8 @@ public:
     static IOChannel::Error MapErrno(int error);
     // Reads what is available (at most bufSize bytes). End of file answers
     // Success with nothing read.
-    static IOChannel::Error ReadAvailable(int fd, size_t bufSize, std::vector<uint8_t>& data, const char* what);
+    static IOChannel::Error ReadAvailable(int fd, size_t bufSize, std::vector<uint8_t>& data,
+                                          const char* what);
     // Writes every byte; a broken pipe is a failure, never SIGPIPE.
     static IOChannel::Error WriteAll(int fd, const std::vector<uint8_t>& data, const char* what);
 };

@@ -8,7 +8,8 @@ namespace vantor::audit
 {
 
 DispatcherIOChannel::DispatcherIOChannel(std::string socketPath, int64_t reconnectTimeout)
-    : UnixClientStreamSockIOChannel(std::move(socketPath), reconnectTimeout, "DispatcherIOChannel", kReadBufSize)
+    : UnixClientStreamSockIOChannel(std::move(socketPath), reconnectTimeout, "DispatcherIOChannel",
+                                    kReadBufSize)
 {
 }
 

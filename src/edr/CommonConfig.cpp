@@ -27,13 +27,26 @@ struct Check
 
 // Mandatory members in the order they are validated.
 constexpr Check kChecks[] = {
-    {"agent_id", Kind::String},         {"agent_version", Kind::String},     {"ca_cert_path", Kind::String},
-    {"connection_timeout", Kind::Uint}, {"customer_id", Kind::String},       {"log_config_file", Kind::String},
-    {"proxy_order", Kind::Uint},        {"request_timeout", Kind::Uint},     {"service_url", Kind::String},
-    {"activation_id", Kind::String},    {"environment_variables", Kind::Object},
-    {"agent_effective_uid", Kind::Uint}, {"agent_effective_gid", Kind::Uint}, {"ipv4", Kind::String},
-    {"ipv6", Kind::String},             {"osname", Kind::String},            {"platform", Kind::String},
-    {"agent_install_path", Kind::String}, {"sudo_command", Kind::String},    {"use_sudo", Kind::Bool},
+    {"agent_id", Kind::String},
+    {"agent_version", Kind::String},
+    {"ca_cert_path", Kind::String},
+    {"connection_timeout", Kind::Uint},
+    {"customer_id", Kind::String},
+    {"log_config_file", Kind::String},
+    {"proxy_order", Kind::Uint},
+    {"request_timeout", Kind::Uint},
+    {"service_url", Kind::String},
+    {"activation_id", Kind::String},
+    {"environment_variables", Kind::Object},
+    {"agent_effective_uid", Kind::Uint},
+    {"agent_effective_gid", Kind::Uint},
+    {"ipv4", Kind::String},
+    {"ipv6", Kind::String},
+    {"osname", Kind::String},
+    {"platform", Kind::String},
+    {"agent_install_path", Kind::String},
+    {"sudo_command", Kind::String},
+    {"use_sudo", Kind::Bool},
 };
 
 bool HasKind(const rapidjson::Value& v, Kind kind)
@@ -181,7 +194,8 @@ std::string CommonConfig::ToJson() const
     std::lock_guard lock(m_mutex);
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
-    auto str = [&w](std::string_view key, const std::string& value) {
+    auto str = [&w](std::string_view key, const std::string& value)
+    {
         w.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
         w.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
     };

@@ -50,8 +50,9 @@ void Config::Take(const rapidjson::Value& json)
     m_cpuLimit = json["cpu_limit"].GetUint64();
     m_memoryLimit = json["memory_limit"].GetUint64();
     const auto path = json.FindMember("dispatcher_socket_path");
-    m_dispatcherSocketPath =
-        path == json.MemberEnd() ? std::string() : std::string(path->value.GetString(), path->value.GetStringLength());
+    m_dispatcherSocketPath = path == json.MemberEnd()
+                                 ? std::string()
+                                 : std::string(path->value.GetString(), path->value.GetStringLength());
 }
 
 uint64_t Config::AuditBacklogLimit() const

@@ -49,7 +49,7 @@ bool MemoryWatchdog::Check()
         return m_strikes == kStrikesToStop;
     }
     EDR_LOG_DEBUG("MEMCHECK: Memory threshold: softLimit: " << m_limits.softKb << " KB "
-                                                        << " HardLimit: " << m_limits.hardKb << " KB.");
+                                                            << " HardLimit: " << m_limits.hardKb << " KB.");
     if (m_trim() == 1)
     {
         EDR_LOG_DEBUG("MEMCHECK: Memory released back to OS after trim");
@@ -65,8 +65,8 @@ bool MemoryWatchdog::Check()
     if (usageKb > m_limits.hardKb)
     {
         ++m_strikes;
-        EDR_LOG_DEBUG("MEMCHECK: Strike : " << m_strikes << " as memory went over hard limit:  " << m_limits.hardKb
-                                        << " KB.");
+        EDR_LOG_DEBUG("MEMCHECK: Strike : " << m_strikes << " as memory went over hard limit:  "
+                                            << m_limits.hardKb << " KB.");
         return m_strikes == kStrikesToStop;
     }
     if (usageKb >= m_limits.softKb)

@@ -30,8 +30,8 @@ public:
     // capped at 2 GiB; the hard limit is 1.5 × the soft one.
     static Limits ComputeLimits(uint64_t totalMemoryKb, uint64_t memoryLimitPercent);
 
-    MemoryWatchdog(uint64_t totalMemoryKb, uint64_t memoryLimitPercent, UsagePercent usage, SteadyClock clock = {},
-                   Trim trim = {});
+    MemoryWatchdog(uint64_t totalMemoryKb, uint64_t memoryLimitPercent, UsagePercent usage,
+                   SteadyClock clock = {}, Trim trim = {});
 
     // Remembers now as the time of the last check (the main loop's start).
     void Reset();

@@ -77,7 +77,8 @@ uint64_t ResourceMonitor::ReadTotalMemory() const
         throw std::runtime_error("Failed to read total system memory from proc fs");
     }
     const auto pos = text->find("MemTotal:");
-    std::string value = pos == std::string::npos ? *text : text->substr(pos + 9, text->find('\n', pos) - pos - 9);
+    std::string value =
+        pos == std::string::npos ? *text : text->substr(pos + 9, text->find('\n', pos) - pos - 9);
     const char* begin = value.c_str();
     char* end = nullptr;
     errno = 0;
@@ -212,7 +213,8 @@ float ResourceMonitor::AverageMemoryUsage()
     else
     {
         const auto oldest = static_cast<float>(m_memorySamples.Front());
-        m_averageMemoryKb = (m_averageMemoryKb * kAveragingSpan - oldest + static_cast<float>(*rss)) / kAveragingSpan;
+        m_averageMemoryKb =
+            (m_averageMemoryKb * kAveragingSpan - oldest + static_cast<float>(*rss)) / kAveragingSpan;
     }
     m_memorySamples.Insert(*rss);
     m_averageMemoryUsage = m_averageMemoryKb * 100.0f / static_cast<float>(m_totalMemoryKb);

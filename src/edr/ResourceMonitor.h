@@ -25,9 +25,9 @@ public:
     {
         SteadyClock clock;
         FileReader readFile;
-        std::string procDir;  // "/proc/<pid>/"
-        std::string meminfo;  // "/proc/meminfo"
-        long processors = 0;  // 0: ask sysconf
+        std::string procDir; // "/proc/<pid>/"
+        std::string meminfo; // "/proc/meminfo"
+        long processors = 0; // 0: ask sysconf
         long ticksPerSecond = 0;
     };
 

@@ -20,9 +20,9 @@ std::vector<std::string> CaptureChannel::Lines() const
 size_t CaptureChannel::Count(const std::string& text) const
 {
     std::lock_guard lock(m_mutex);
-    return static_cast<size_t>(std::count_if(m_lines.begin(), m_lines.end(), [&](const std::string& line) {
-        return line.find(text) != std::string::npos;
-    }));
+    return static_cast<size_t>(std::count_if(m_lines.begin(), m_lines.end(),
+                                             [&](const std::string& line)
+                                             { return line.find(text) != std::string::npos; }));
 }
 
 void CaptureChannel::Clear()

@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
-#include <unistd.h>
 #include <thread>
+#include <unistd.h>
 
 using vantor::common::Logging;
 
@@ -73,12 +73,12 @@ TEST_F(LoggingTest, RefreshStopsAtFirstGapAndSkipsUnknownLoggers)
 TEST_F(LoggingTest, InitializesOnceFromPropertyFile)
 {
     const auto log = dir.File("not/yet/there/edr.log");
-    const auto file = dir.Write("logging.properties",
-                                "logging.loggers.l1.name = edr\n"
-                                "logging.loggers.l1.level = debug\n"
-                                "logging.loggers.l1.channel = file\n"
-                                "logging.channels.file.class = FileChannel\n"
-                                "logging.channels.file.path = " + log + "\n");
+    const auto file = dir.Write("logging.properties", "logging.loggers.l1.name = edr\n"
+                                                      "logging.loggers.l1.level = debug\n"
+                                                      "logging.loggers.l1.channel = file\n"
+                                                      "logging.channels.file.class = FileChannel\n"
+                                                      "logging.channels.file.path = " +
+                                                          log + "\n");
     Logging::Initialize(file);
     EXPECT_TRUE(Logging::IsInitialized());
     EXPECT_EQ(Logging::Edr().getLevel(), Poco::Message::PRIO_DEBUG);
@@ -96,7 +96,8 @@ TEST_F(LoggingTest, InvalidFileRaisesPocoException)
     const auto unusable = dir.Write("unusable.properties", "logging.loggers.l1.name = edr\n"
                                                            "logging.loggers.l1.channel = file\n"
                                                            "logging.channels.file.class = FileChannel\n"
-                                                           "logging.channels.file.path = " + blocked + "/edr.log\n");
+                                                           "logging.channels.file.path = " +
+                                                               blocked + "/edr.log\n");
     EXPECT_THROW(Logging::Initialize(unusable), Poco::Exception);
     EXPECT_FALSE(Logging::IsInitialized());
 }

@@ -1,7 +1,7 @@
+#include "Scheduler.h"
 #include "AsyncTask.h"
 #include "CircularBuffer.h"
 #include "PeriodicSchedule.h"
-#include "Scheduler.h"
 #include "SynchronizedQueue.h"
 #include "ThreadedClass.h"
 
@@ -74,15 +74,18 @@ TEST(SchedulerTest, RegistrationErrors)
 {
     Scheduler scheduler;
     auto schedule = std::make_shared<CountingSchedule>();
-    EXPECT_EQ(MessageOf([&] { scheduler.RegisterSchedule(nullptr); }), "RegisterSchedule: 'schedule' cannot be null");
+    EXPECT_EQ(MessageOf([&] { scheduler.RegisterSchedule(nullptr); }),
+              "RegisterSchedule: 'schedule' cannot be null");
     scheduler.RegisterSchedule(schedule);
-    EXPECT_EQ(MessageOf([&] { scheduler.RegisterSchedule(schedule); }), "RegisterSchedule: 'schedule' already exists");
+    EXPECT_EQ(MessageOf([&] { scheduler.RegisterSchedule(schedule); }),
+              "RegisterSchedule: 'schedule' already exists");
     EXPECT_EQ(scheduler.EntryCount(), 1u);
     scheduler.UnregisterSchedule(schedule);
     EXPECT_EQ(MessageOf([&] { scheduler.UnregisterSchedule(schedule); }),
               "UnregisterSchedule: 'schedule' is not registered");
     scheduler.Start();
-    EXPECT_EQ(MessageOf([&] { scheduler.Start(); }), "Start: Start cannot be called when the Scheduler is running");
+    EXPECT_EQ(MessageOf([&] { scheduler.Start(); }),
+              "Start: Start cannot be called when the Scheduler is running");
     scheduler.Stop();
 }
 
@@ -244,12 +247,14 @@ TEST(SynchronizedQueueTest, PopErrorsAndPopAll)
     SynchronizedQueue<int> q;
     EXPECT_EQ(MessageOf([&] { q.Pop(); }), "Cannot pop from an empty SynchronizedQueue");
     EXPECT_EQ(MessageOf([&] { q.PopAll(); }), "Cannot pop all from an empty SynchronizedQueue");
-    std::thread producer([&q] {
-        for (int i = 0; i < 100; ++i)
+    std::thread producer(
+        [&q]
         {
-            q.Push(std::make_shared<int>(i));
-        }
-    });
+            for (int i = 0; i < 100; ++i)
+            {
+                q.Push(std::make_shared<int>(i));
+            }
+        });
     producer.join();
     EXPECT_EQ(*q.Pop(), 0);
     auto rest = q.PopAll();

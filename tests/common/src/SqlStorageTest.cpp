@@ -6,8 +6,8 @@
 #include "fim/BaselineEventSqlDataFormatter.h"
 
 #include "Logging.h"
-#include "support/LogCapture.h"
 #include "support/ExpectThrowText.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-#include "edr/CommonConfig.h"
 #include "edr/Config.h"
+#include "edr/CommonConfig.h"
 #include "util/Json.h"
 
 #include <gtest/gtest.h>
@@ -119,13 +119,26 @@ TEST(CommonConfigTest, ReadsEverySetting)
 
 TEST(CommonConfigTest, RejectsEachMandatoryKeyMissingOrMistyped)
 {
-    const char* mandatory[] = {"agent_id",           "agent_version",       "ca_cert_path",
-                               "connection_timeout", "customer_id",         "log_config_file",
-                               "proxy_order",        "request_timeout",     "service_url",
-                               "activation_id",      "environment_variables", "agent_effective_uid",
-                               "agent_effective_gid", "ipv4",               "ipv6",
-                               "osname",             "platform",            "agent_install_path",
-                               "sudo_command",       "use_sudo"};
+    const char* mandatory[] = {"agent_id",
+                               "agent_version",
+                               "ca_cert_path",
+                               "connection_timeout",
+                               "customer_id",
+                               "log_config_file",
+                               "proxy_order",
+                               "request_timeout",
+                               "service_url",
+                               "activation_id",
+                               "environment_variables",
+                               "agent_effective_uid",
+                               "agent_effective_gid",
+                               "ipv4",
+                               "ipv6",
+                               "osname",
+                               "platform",
+                               "agent_install_path",
+                               "sudo_command",
+                               "use_sudo"};
     for (const char* key : mandatory)
     {
         const auto missing = CommonWith([key](auto& d) { d.RemoveMember(key); });
@@ -143,17 +156,35 @@ TEST(CommonConfigTest, RejectsEachMandatoryKeyMissingOrMistyped)
 
 TEST(CommonConfigTest, SerialisesMembersInFixedOrder)
 {
-    CommonConfig c(CommonWith([](auto& d) {
-        d["environment_variables"].RemoveMember("PATH");
-        d.AddMember("proxy_fail_open", true, d.GetAllocator());
-    }));
+    CommonConfig c(CommonWith(
+        [](auto& d)
+        {
+            d["environment_variables"].RemoveMember("PATH");
+            d.AddMember("proxy_fail_open", true, d.GetAllocator());
+        }));
     const std::string json = c.ToJson();
-    const char* order[] = {"agent_id",        "agent_version",      "ca_cert_path",     "customer_id",
-                           "log_config_file", "proxy_order",        "proxy_fail_open",  "connection_timeout",
-                           "request_timeout", "service_url",        "activation_id",    "agent_effective_uid",
-                           "agent_effective_gid", "ipv4",           "ipv6",             "osname",
-                           "platform",        "agent_install_path", "sudo_command",     "use_sudo",
-                           "environment_variables", "Blackout_Events"};
+    const char* order[] = {"agent_id",
+                           "agent_version",
+                           "ca_cert_path",
+                           "customer_id",
+                           "log_config_file",
+                           "proxy_order",
+                           "proxy_fail_open",
+                           "connection_timeout",
+                           "request_timeout",
+                           "service_url",
+                           "activation_id",
+                           "agent_effective_uid",
+                           "agent_effective_gid",
+                           "ipv4",
+                           "ipv6",
+                           "osname",
+                           "platform",
+                           "agent_install_path",
+                           "sudo_command",
+                           "use_sudo",
+                           "environment_variables",
+                           "Blackout_Events"};
     size_t last = 0;
     for (const char* key : order)
     {

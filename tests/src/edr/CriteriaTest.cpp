@@ -3,8 +3,8 @@
 #include "edr/UserCriteria.h"
 
 #include "Logging.h"
-#include "support/LogCapture.h"
 #include "support/ExpectThrowText.h"
+#include "support/LogCapture.h"
 #include "util/Json.h"
 
 #include <gtest/gtest.h>

@@ -41,12 +41,14 @@ struct Harness
     int trims = 0;
     int usageReads = 0;
     MemoryWatchdog watchdog{10'000'000, 10,
-                            [this] {
+                            [this]
+                            {
                                 ++usageReads;
                                 return percent;
                             },
                             [this] { return now; },
-                            [this] {
+                            [this]
+                            {
                                 ++trims;
                                 return 0;
                             }};
@@ -124,7 +126,8 @@ struct FakeProc
     {
         ResourceMonitor::Sources s;
         s.clock = [this] { return now; };
-        s.readFile = [this](const std::string& path) -> std::optional<std::string> {
+        s.readFile = [this](const std::string& path) -> std::optional<std::string>
+        {
             ++reads[path];
             const auto it = files.find(path);
             if (it == files.end())

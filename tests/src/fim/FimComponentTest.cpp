@@ -1,5 +1,5 @@
-#include "fim/Component.h"
 #include "TestEvent.h"
+#include "fim/Component.h"
 #include "fim/Config.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"

@@ -17,8 +17,8 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <iostream>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -717,7 +717,8 @@ TEST_F(FimEndToEndProcessTest, WorkloadArrivesThroughTheAuditDispatcher)
     if (HasFailure())
     {
         // What the daemon and auditd saw, to tell a lost record from a lost document.
-        std::cerr << "daemon log:\n" << m_harness.Log() << "\nauditd output:\n"
+        std::cerr << "daemon log:\n"
+                  << m_harness.Log() << "\nauditd output:\n"
                   << test::ReadText(auditdDir + "/auditd.out") << "\n";
     }
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());

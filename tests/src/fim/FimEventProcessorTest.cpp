@@ -1,5 +1,5 @@
-#include "fim/EventProcessor.h"
 #include "TestEvent.h"
+#include "fim/EventProcessor.h"
 #include "fim/EventRuleManager.h"
 #include "fim/JsonDataFormatter.h"
 #include "support/TempDir.h"

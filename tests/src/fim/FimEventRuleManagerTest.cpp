@@ -1,5 +1,5 @@
-#include "fim/EventRuleManager.h"
 #include "TestEvent.h"
+#include "fim/EventRuleManager.h"
 #include "fim/ManifestException.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"

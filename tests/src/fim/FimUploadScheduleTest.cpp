@@ -1,6 +1,6 @@
-#include "fim/UploadSchedule.h"
 #include "fim/Config.h"
 #include "fim/JsonDataFormatter.h"
+#include "fim/UploadSchedule.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
