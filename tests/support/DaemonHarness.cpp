@@ -1,5 +1,7 @@
 #include "DaemonHarness.h"
 
+#include "src/audit/AuditKernelState.h"
+
 #include "util/Json.h"
 
 #include <gtest/gtest.h>
@@ -126,6 +128,24 @@ DaemonHarness::~DaemonHarness()
         std::error_code ec;
         std::filesystem::remove_all(m_dir, ec);
     }
+}
+
+std::string DaemonHarness::CaptureProblem()
+{
+    std::string problem = UsabilityProblem();
+    if (!problem.empty())
+    {
+        return problem;
+    }
+    if (StatusValue("enabled") == 2)
+    {
+        return "audit configuration is locked";
+    }
+    if (!std::filesystem::exists(kMagicDatabase))
+    {
+        return std::string("no magic database at ") + kMagicDatabase + " (make magic-db)";
+    }
+    return {};
 }
 
 std::string DaemonHarness::Enter()

@@ -38,6 +38,7 @@ public:
     static constexpr const char* kAgentSocket = "/var/run/corvid/outpost/sock/agent_edr.sock";
     static constexpr const char* kDaemon = CORVID_BINARY_DIR "/corvid-edr";
     static constexpr const char* kOutpost = CORVID_BINARY_DIR "/corvid-outpost";
+    static constexpr const char* kMagicDatabase = "/etc/corvid/outpost/magic.mgc";
 
     DaemonHarness() = default;
     ~DaemonHarness();
@@ -49,6 +50,10 @@ public:
     // test has to be skipped, empty when all is set; fails the test on an
     // unexpected error.
     std::string Enter();
+
+    // Why a daemon could not capture here (no usable or a locked audit
+    // subsystem, no magic database); empty when it can.
+    static std::string CaptureProblem();
     // A /dev with the few nodes the daemon opens and our own syslog socket.
     void MountPrivateDev();
 
