@@ -132,6 +132,10 @@ ProcessTree::Entry* ProcessTree::FindOrCreateActor(pid_t pid, edr::Event& event,
 
 ProcessTree::Entry* ProcessTree::CreateFromProc(pid_t pid)
 {
+    if (m_notInProc.count(pid) != 0)
+    {
+        return nullptr;
+    }
     EDR_LOG_TRACE("Creating actor process from ProcFS: " << pid);
     try
     {
@@ -140,6 +144,7 @@ ProcessTree::Entry* ProcessTree::CreateFromProc(pid_t pid)
     catch (const std::exception& e)
     {
         EDR_LOG_DEBUG("Failed to create process for " << pid << " using ProcFS: " << e.what());
+        m_notInProc.insert(pid);
         return nullptr;
     }
 }
@@ -218,6 +223,7 @@ ProcessInfo::TimePoint ProcessTree::CreationTimeOf(pid_t pid, const edr::Event& 
 ProcessTree::Entry* ProcessTree::Insert(ProcessPtr info)
 {
     const pid_t pid = info->GetPid();
+    m_notInProc.erase(pid);
     Entry& entry = m_processes[pid];
     entry = Entry{std::move(info), false, false};
     return &entry;
@@ -396,6 +402,7 @@ ProcessTree::Events ProcessTree::Clean()
     Events terminated;
     std::lock_guard lock(m_mutex);
     EDR_LOG_DEBUG("Cleaning process tree for terminated processes");
+    m_notInProc.clear();
     for (auto& [pid, entry] : m_processes)
     {
         if (entry.terminated)

@@ -11,6 +11,7 @@
 #include <string>
 #include <sys/types.h>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace vantor::audit
@@ -112,6 +113,11 @@ private:
 
     mutable std::mutex m_mutex;
     std::unordered_map<pid_t, Entry> m_processes;
+    // Pids that /proc did not know when last asked (parents that ended,
+    // processes gone before their events arrived). Asking again for every
+    // event of their descendants would cost failed reads per event; the set
+    // is emptied by Clean() and a pid leaves it when it is seen anew.
+    std::unordered_set<pid_t> m_notInProc;
     // Thread id -> process id, for threads seen as an event's pid.
     std::unordered_map<pid_t, pid_t> m_threads;
     std::unordered_map<pid_t, std::unique_ptr<edr::Event>> m_cloneCache;

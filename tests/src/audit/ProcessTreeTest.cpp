@@ -79,6 +79,22 @@ TEST_F(ProcessTreeTest, BootTimeAndProcessFromProcWithDeletedSuffixRemoved)
     EXPECT_TRUE(m_log.Contains("Creating actor process from ProcFS: 4100"));
 }
 
+TEST_F(ProcessTreeTest, AnEndedParentIsAskedOfProcOnlyOnceBetweenCleanings)
+{
+    m_proc.AddProcess(4300, 4299, "/usr/bin/worker", 300);
+    Apply(m_tree, MakeEvent(EventType::Write, 4300));
+    for (int i = 0; i < 5; ++i)
+    {
+        EXPECT_EQ(m_tree.GetAncestors(4300).size(), 1U);
+    }
+    EXPECT_EQ(m_log.Count("Creating actor process from ProcFS: 4299"), 1U) << "one failed read, not one per lookup";
+
+    // A process that appears with that pid is found after the next cleaning.
+    m_proc.AddProcess(4299, 1, "/usr/bin/launcher", 200);
+    m_tree.Clean();
+    EXPECT_EQ(m_tree.GetAncestors(4300).size(), 2U);
+}
+
 TEST_F(ProcessTreeTest, ReusedPidIsNotTakenForTheOldProcess)
 {
     m_proc.AddProcess(4242, 1, "/usr/bin/old", 100);
