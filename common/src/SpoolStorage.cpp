@@ -183,11 +183,20 @@ SpoolStorage::WriteResult SpoolStorage::Write(const std::string&, const std::str
 
 // Writers append to a pending batch; one task per batch moves it into the
 // cache. This keeps the per-record cost to a vector slot and no task object.
+std::size_t SpoolStorage::PendingLimit() const
+{
+    return std::max<std::size_t>(std::size_t{1} << 20, 8 * m_maxFileSize.load(std::memory_order_relaxed));
+}
+
 void SpoolStorage::Enqueue(PendingWrite write)
 {
     bool queueTask = false;
     {
-        std::lock_guard lock(m_pendingMutex);
+        std::unique_lock lock(m_pendingMutex);
+        const std::size_t size = write.data.size();
+        const std::size_t limit = PendingLimit();
+        m_pendingCv.wait(lock, [&] { return m_pendingBytes == 0 || m_pendingBytes + size <= limit; });
+        m_pendingBytes += size;
         m_pending.push_back(std::move(write));
         if (!m_drainQueued)
         {
@@ -207,7 +216,9 @@ void SpoolStorage::DrainPending()
         std::lock_guard lock(m_pendingMutex);
         std::swap(m_pending, m_draining);
         m_drainQueued = false;
+        m_pendingBytes = 0;
     }
+    m_pendingCv.notify_all();
     m_drainResults.resize(m_draining.size());
     {
         std::lock_guard lock(m_mutex);
@@ -238,7 +249,9 @@ void SpoolStorage::FailPending()
         std::lock_guard lock(m_pendingMutex);
         failed.swap(m_pending);
         m_drainQueued = false;
+        m_pendingBytes = 0;
     }
+    m_pendingCv.notify_all();
     const WriteResult result{WriteStatus::Failed, "SpoolStorage: Storage is shutting down"};
     for (auto& write : failed)
     {

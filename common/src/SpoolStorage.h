@@ -11,6 +11,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -147,6 +148,9 @@ private:
 
     struct Waiter;
 
+    // At least 1 MiB, or eight records of the largest size.
+    std::size_t PendingLimit() const;
+
     struct PendingWrite
     {
         std::string data;
@@ -193,6 +197,11 @@ private:
     std::string m_flushBuffer;
 
     std::mutex m_pendingMutex;
+    // Writers wait here while the records not yet moved into the cache hold
+    // more than PendingLimit() bytes, so a slow disk holds back the
+    // producers instead of growing memory without bound.
+    std::condition_variable m_pendingCv;
+    std::size_t m_pendingBytes = 0;
     std::vector<PendingWrite> m_pending;
     bool m_drainQueued = false;
     std::vector<PendingWrite> m_draining;    // the task's batch

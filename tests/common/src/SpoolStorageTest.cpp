@@ -12,7 +12,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -185,6 +188,52 @@ TEST_F(SpoolStorageTest, RecordSizeIsBoundedByMaxFileSize)
     spool->Update({.maxFileSizeKb = SpoolStorage::kLimitMaxFileSizeKb + 1});
     EXPECT_THAT(ErrorOf([&] { spool->Write(std::string(2049, 'd')); }),
                 HasSubstr("larger than max file size"));
+}
+
+TEST_F(SpoolStorageTest, WritersWaitWhileTooMuchIsPendingAndNothingIsLost)
+{
+    auto spool = Make({.maxFileSizeKb = 1});
+    // The first record's callback holds the spool's worker, so later records
+    // pile up unmoved.
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool release = false;
+    spool->WriteAsync("first", [&](const SpoolStorage::WriteResult&) {
+        std::unique_lock lock(mutex);
+        cv.wait(lock, [&] { return release; });
+    });
+    std::atomic<int> written{0};
+    std::atomic<int> completed{0};
+    std::thread producer([&] {
+        for (int i = 0; i < 3000; ++i)
+        {
+            spool->WriteAsync(std::string(1000, 'r'), [&](const SpoolStorage::WriteResult& r) {
+                completed += r.Succeeded() ? 1 : 0;
+            });
+            ++written;
+        }
+    });
+    // 1 MiB of pending records at most: the producer stops near 1,048 records.
+    int last = -1;
+    while (written != last)
+    {
+        last = written;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_GT(written.load(), 1000);
+    EXPECT_LT(written.load(), 1100);
+    {
+        std::lock_guard lock(mutex);
+        release = true;
+    }
+    cv.notify_all();
+    producer.join();
+    EXPECT_EQ(written.load(), 3000);
+    for (int i = 0; i < 500 && completed < 3000; ++i)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(completed.load(), 3000) << "every record is written";
 }
 
 TEST_F(SpoolStorageTest, FormatterFailuresAreReported)
