@@ -1,4 +1,5 @@
 #include "FileStorage.h"
+#include "support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,15 +19,8 @@ namespace
 class FileStorageTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/corvid-filestorage-XXXXXX";
-        ASSERT_NE(::mkdtemp(tmpl), nullptr);
-        m_dir = tmpl;
-    }
-    void TearDown() override { std::filesystem::remove_all(m_dir); }
-
-    std::string m_dir;
+    vantor::test::TempDir m_tmp;
+    const std::string m_dir = m_tmp.Path();
 };
 
 template <typename F>

@@ -8,7 +8,9 @@
 #include "SigValidationHttpInterceptor.h"
 #include "TestReceiver.h"
 #include "edr/CommonConfig.h"
+#include "support/TempDir.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
@@ -135,9 +137,6 @@ class HttpServiceTest : public testing::Test
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/corvid-http-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_dir = pattern;
         std::filesystem::create_directories(m_dir + "/out");
         std::filesystem::create_directories(m_dir + "/keys");
         std::ofstream(m_dir + "/keys/edr_hmac.key") << kKey << "\n";
@@ -155,7 +154,6 @@ protected:
     {
         m_services.clear();
         m_receiver.reset();
-        std::filesystem::remove_all(m_dir);
     }
 
     HttpServiceSettings Settings() const
@@ -216,7 +214,8 @@ protected:
         return done.get_future().get();
     }
 
-    std::string m_dir;
+    vantor::test::TempDir m_tmp;
+    const std::string m_dir = m_tmp.Path();
     std::unique_ptr<TestReceiver> m_receiver;
     std::vector<std::shared_ptr<HttpService>> m_services;
 };
@@ -296,16 +295,13 @@ TEST_F(HttpServiceTest, PutAbove16KbIsRefusedAndPostOf1MbAccepted)
     MutableHttpRequest put(HttpMethod::Put, m_receiver->Url("/upload/put"));
     put.SetProtocolType("status");
     put.SetPayload(std::string(16385, 'p'));
-    try
-    {
-        service->Queue(put,
-                       [](const std::shared_ptr<HttpResponse>&) { ADD_FAILURE() << "must not be sent"; });
-        ADD_FAILURE() << "oversized PUT queued";
-    }
-    catch (const std::invalid_argument& e)
-    {
-        EXPECT_STREQ(e.what(), "PUT method only supports a maximum payload of 16KB");
-    }
+    EXPECT_THAT(
+        [&] {
+            service->Queue(put,
+                           [](const std::shared_ptr<HttpResponse>&) { ADD_FAILURE() << "must not be sent"; });
+        },
+        testing::ThrowsMessage<std::invalid_argument>(
+            testing::StrEq("PUT method only supports a maximum payload of 16KB")));
     put.SetPayload(std::string(16384, 'p'));
     EXPECT_TRUE(Perform(*service, put)->IsSuccess());
 
@@ -405,24 +401,10 @@ TEST_F(HttpServiceTest, StopCompletesEveryRequestExactlyOnce)
         EXPECT_EQ(outcome[i].load(), static_cast<int>(HttpResponse::Outcome::Cancelled)) << i;
     }
     MutableHttpRequest late(HttpMethod::Post, m_receiver->Url());
-    try
-    {
-        service->Queue(late, [](const std::shared_ptr<HttpResponse>&) {});
-        ADD_FAILURE() << "queued to a stopped service";
-    }
-    catch (const HttpServiceException& e)
-    {
-        EXPECT_STREQ(e.what(), "HttpService is not running");
-    }
-    try
-    {
-        service->Start();
-        ADD_FAILURE() << "restarted a stopped service";
-    }
-    catch (const HttpServiceException& e)
-    {
-        EXPECT_STREQ(e.what(), "HttpService cannot be started when in state 2");
-    }
+    EXPECT_THAT([&] { service->Queue(late, [](const std::shared_ptr<HttpResponse>&) {}); },
+                testing::ThrowsMessage<HttpServiceException>(testing::StrEq("HttpService is not running")));
+    EXPECT_THAT([&] { service->Start(); }, testing::ThrowsMessage<HttpServiceException>(testing::StrEq(
+                                               "HttpService cannot be started when in state 2")));
     HttpUploader uploader(service, 3);
     EXPECT_FALSE(Upload(uploader, m_receiver->Url(), "{}"));
 }
@@ -493,15 +475,9 @@ TEST_F(HttpServiceTest, RangedDownloadAssemblesChunksOnDisk)
 
     // An on-disk response cannot go through the interceptors.
     MutableHttpRequest request(HttpMethod::Get, m_receiver->Url("/download/10"));
-    try
-    {
-        service->Queue(request, std::make_shared<OnDiskHttpResponse>(target), nullptr);
-        ADD_FAILURE() << "on-disk response accepted with interceptors";
-    }
-    catch (const HttpServiceException& e)
-    {
-        EXPECT_STREQ(e.what(), "OnDiskHttpResponse does not support HTTP interceptors");
-    }
+    EXPECT_THAT([&] { service->Queue(request, std::make_shared<OnDiskHttpResponse>(target), nullptr); },
+                testing::ThrowsMessage<HttpServiceException>(
+                    testing::StrEq("OnDiskHttpResponse does not support HTTP interceptors")));
 }
 
 TEST_F(HttpServiceTest, SystemProxyFoundByLibproxyIsUsed)

@@ -2,6 +2,7 @@
 #include "SqlRowIterator.h"
 #include "StorageException.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -79,15 +80,8 @@ TEST(SqlRowIteratorTest, ReadsTypedRowsAndRejectsBadOnes)
     rows.Add(row);
     rows.Add(row.substr(0, row.size() - 1));
 
-    try
-    {
-        rows.Add("");
-        ADD_FAILURE() << "empty row accepted";
-    }
-    catch (const StorageException& e)
-    {
-        EXPECT_STREQ(e.what(), "SqlRowIterator::Add: 'row' cannot be empty");
-    }
+    EXPECT_THAT([&] { rows.Add(""); }, testing::ThrowsMessage<StorageException>(
+                                           testing::StrEq("SqlRowIterator::Add: 'row' cannot be empty")));
 
     ASSERT_TRUE(rows.HasNext());
     const auto values = rows.Next();
@@ -96,15 +90,8 @@ TEST(SqlRowIteratorTest, ReadsTypedRowsAndRejectsBadOnes)
     EXPECT_EQ(std::get<int64_t>(values[1]), 42);
 
     ASSERT_TRUE(rows.HasNext());
-    try
-    {
-        rows.Next();
-        ADD_FAILURE() << "short row accepted";
-    }
-    catch (const StorageException& e)
-    {
-        EXPECT_STREQ(e.what(), "SqlRowIterator::Next: Incomplete sql row");
-    }
+    EXPECT_THAT([&] { rows.Next(); }, testing::ThrowsMessage<StorageException>(
+                                          testing::StrEq("SqlRowIterator::Next: Incomplete sql row")));
     EXPECT_FALSE(rows.HasNext());
     EXPECT_THROW(rows.Next(), std::out_of_range);
 }

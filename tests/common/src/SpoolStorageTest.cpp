@@ -1,6 +1,7 @@
 #include "SpoolStorage.h"
 #include "Scheduler.h"
 #include "SpoolRawDataFormatter.h"
+#include "support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,10 +16,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -34,11 +35,6 @@ std::string ReadWhole(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void WriteWhole(const std::string& path, const std::string& data)
-{
-    std::ofstream(path, std::ios::binary) << data;
 }
 
 // Refuses records that start with '!' and can be told to fail serialising.
@@ -75,14 +71,6 @@ private:
 class SpoolStorageTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/corvid-spool-XXXXXX";
-        ASSERT_NE(::mkdtemp(tmpl), nullptr);
-        m_dir = tmpl;
-    }
-    void TearDown() override { fs::remove_all(m_dir); }
-
     std::unique_ptr<SpoolStorage> Make(SpoolStorage::Settings settings = {}, std::uint64_t count = 10000,
                                        std::unique_ptr<SpoolDataFormatter> formatter = nullptr)
     {
@@ -115,8 +103,9 @@ protected:
         return file.data;
     }
 
+    vantor::test::TempDir m_tmp;
+    const std::string m_dir = m_tmp.Path();
     Scheduler m_scheduler;
-    std::string m_dir;
 };
 
 std::string ErrorOf(const std::function<void()>& f)
@@ -151,7 +140,7 @@ TEST_F(SpoolStorageTest, ConstructorValidatesInOrder)
     EXPECT_EQ(make(m_dir, "../p", false, 2), "SpoolStorage: Prefix cannot contain '/'");
     EXPECT_EQ(make(m_dir, "p", false, 2), "SpoolStorage: dataFormatter cannot be null");
     EXPECT_EQ(make(m_dir + "/missing", "p", true, 2), "SpoolStorage: Invalid Path");
-    WriteWhole(m_dir + "/file", "x");
+    m_tmp.Write("file", "x");
     EXPECT_EQ(make(m_dir + "/file", "p", true, 2), "SpoolStorage: Path is not a directory");
     EXPECT_EQ(make(m_dir, "p", true, 2), "no error");
     EXPECT_EQ(make(m_dir, "p", true, 10000), "no error");
@@ -198,21 +187,24 @@ TEST_F(SpoolStorageTest, WritersWaitWhileTooMuchIsPendingAndNothingIsLost)
     std::mutex mutex;
     std::condition_variable cv;
     bool release = false;
-    spool->WriteAsync("first", [&](const SpoolStorage::WriteResult&) {
-        std::unique_lock lock(mutex);
-        cv.wait(lock, [&] { return release; });
-    });
+    spool->WriteAsync("first",
+                      [&](const SpoolStorage::WriteResult&)
+                      {
+                          std::unique_lock lock(mutex);
+                          cv.wait(lock, [&] { return release; });
+                      });
     std::atomic<int> written{0};
     std::atomic<int> completed{0};
-    std::thread producer([&] {
-        for (int i = 0; i < 3000; ++i)
+    std::thread producer(
+        [&]
         {
-            spool->WriteAsync(std::string(1000, 'r'), [&](const SpoolStorage::WriteResult& r) {
-                completed += r.Succeeded() ? 1 : 0;
-            });
-            ++written;
-        }
-    });
+            for (int i = 0; i < 3000; ++i)
+            {
+                spool->WriteAsync(std::string(1000, 'r'), [&](const SpoolStorage::WriteResult& r)
+                                  { completed += r.Succeeded() ? 1 : 0; });
+                ++written;
+            }
+        });
     // 1 MiB of pending records at most: the producer stops near 1,048 records.
     int last = -1;
     while (written != last)
@@ -345,12 +337,12 @@ TEST_F(SpoolStorageTest, OnlyCanonicalRegularFilesBelongToTheSpool)
          {"events.1", "events.0000", "events.00x1", "events.00001", "events.0001x", "other.0001",
           "events.10001", "eventsx.0002", "events..0003", "events.tmp", "events.0002"})
     {
-        WriteWhole(m_dir + "/" + name, "x");
+        m_tmp.Write(name, "x");
     }
     fs::create_directory(m_dir + "/events.0003");
     fs::create_symlink(m_dir + "/events.0002", m_dir + "/events.0005");
-    WriteWhole(m_dir + "/events.0007.tmp", "half a fil"); // an interrupted write
-    WriteWhole(m_dir + "/events.9999", "last");
+    m_tmp.Write("events.0007.tmp", "half a fil"); // an interrupted write
+    m_tmp.Write("events.9999", "last");
 
     auto spool = Make();
     EXPECT_THAT(spool->FileIndices(), ElementsAre(2, 9999));
@@ -370,8 +362,8 @@ TEST_F(SpoolStorageTest, UnreadableFileIsDeletedAndDoesNotBlockTheRest)
         ASSERT_EQ(::ftruncate(fd, 1LL << 30), 0);
         ::close(fd);
     }
-    WriteWhole(m_dir + "/events.0002", "good");
-    WriteWhole(m_dir + "/events.0003", "gone");
+    m_tmp.Write("events.0002", "good");
+    m_tmp.Write("events.0003", "gone");
     auto spool = Make();
     fs::remove(m_dir + "/events.0003");
 

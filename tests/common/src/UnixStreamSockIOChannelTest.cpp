@@ -1,8 +1,11 @@
 #include "Logging.h"
 #include "UnixClientStreamSockIOChannel.h"
 #include "UnixServerStreamSockIOChannel.h"
+#include "support/DaemonHarness.h"
 #include "support/LogCapture.h"
+#include "support/TempDir.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <Poco/AutoPtr.h>
@@ -36,7 +39,7 @@ using vantor::common::UnixServerStreamSockIOChannel;
 namespace
 {
 
-using vantor::test::CaptureChannel;
+using vantor::test::Eventually;
 
 // Bytes and errors that a channel's callbacks delivered.
 struct Received
@@ -107,48 +110,19 @@ sockaddr_un Address(const std::string& path)
     return address;
 }
 
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > deadline)
-        {
-            return false;
-        }
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
-
 class UnixStreamSockIOChannelTest : public testing::Test
 {
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/corvid-iochannel-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        m_dir = pattern;
-        m_path = m_dir + "/sock";
-        m_capture = new CaptureChannel;
-        m_oldLevel = Logging::Edr().getLevel();
-        Logging::Edr().setChannel(m_capture);
-        Logging::Edr().setLevel(Poco::Message::PRIO_DEBUG);
         // A broken pipe must show up as an error, not as a fatal SIGPIPE.
         std::signal(SIGPIPE, SIG_DFL);
     }
 
-    void TearDown() override
-    {
-        Logging::Edr().setLevel(m_oldLevel);
-        Logging::Edr().setChannel(nullptr);
-        std::filesystem::remove_all(m_dir);
-    }
-
-    std::string m_dir;
-    std::string m_path;
-    Poco::AutoPtr<CaptureChannel> m_capture;
-    int m_oldLevel = 0;
+    vantor::test::TempDir m_tmp;
+    const std::string m_dir = m_tmp.Path();
+    const std::string m_path = m_tmp.File("sock");
+    vantor::test::LogCapture m_log{Logging::Edr(), Poco::Message::PRIO_DEBUG};
 };
 
 TEST_F(UnixStreamSockIOChannelTest, SocketPathLengthIsLimitedTo91Characters)
@@ -170,32 +144,18 @@ TEST_F(UnixStreamSockIOChannelTest, SocketPathLengthIsLimitedTo91Characters)
 TEST_F(UnixStreamSockIOChannelTest, ConnectFailuresMapToDistinctErrors)
 {
     UnixClientStreamSockIOChannel missing(m_dir + "/absent.sock", 1);
-    try
-    {
-        missing.Start();
-        FAIL() << "connected to a missing path";
-    }
-    catch (const IOChannelException& e)
-    {
-        EXPECT_STREQ(e.what(), "IOChannel: Invalid data");
-    }
+    EXPECT_THAT([&] { missing.Start(); },
+                testing::ThrowsMessage<IOChannelException>(testing::StrEq("IOChannel: Invalid data")));
 
     // Bound but not listening: the connection is refused.
     const int fd = RawSocket();
     const sockaddr_un address = Address(m_path);
     ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     UnixClientStreamSockIOChannel refused(m_path, 1);
-    try
-    {
-        refused.Start();
-        FAIL() << "connected to a socket without listener";
-    }
-    catch (const IOChannelException& e)
-    {
-        EXPECT_STREQ(e.what(), "IOChannel: Remote failure");
-    }
+    EXPECT_THAT([&] { refused.Start(); },
+                testing::ThrowsMessage<IOChannelException>(testing::StrEq("IOChannel: Remote failure")));
     ::close(fd);
-    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel::Connect"), 2u);
+    EXPECT_EQ(m_log.Count("UnixClientStreamSockIOChannel::Connect"), 2u);
 
     UnixClientStreamSockIOChannel never(m_path, 1);
     EXPECT_THROW(never.Write(Bytes("x")), IOChannelException);
@@ -211,7 +171,7 @@ TEST_F(UnixStreamSockIOChannelTest, DataTravelsBothWays)
     Received atServer;
     atServer.Attach(server);
     ASSERT_NO_THROW(server.Start());
-    EXPECT_EQ(m_capture->Count("UnixServerStreamSockIOChannel: Bound to " + path), 1u);
+    EXPECT_EQ(m_log.Count("UnixServerStreamSockIOChannel: Bound to " + path), 1u);
 
     UnixClientStreamSockIOChannel client(path, 1);
     Received atClient;
@@ -221,7 +181,7 @@ TEST_F(UnixStreamSockIOChannelTest, DataTravelsBothWays)
     const std::string big(100000, 'z');
     client.Write(Bytes("{\"command\":\"exit\"}"));
     EXPECT_TRUE(atServer.WaitForBytes("{\"command\":\"exit\"}"));
-    ASSERT_TRUE(WaitUntil([&] { return server.HasClient(); }, 1s));
+    ASSERT_TRUE(Eventually([&] { return server.HasClient(); }, 1s));
     server.Write(Bytes(big));
     EXPECT_TRUE(atClient.WaitForBytes(big));
 
@@ -230,8 +190,8 @@ TEST_F(UnixStreamSockIOChannelTest, DataTravelsBothWays)
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_TRUE(atServer.Errors().empty());
     EXPECT_TRUE(atClient.Errors().empty());
-    EXPECT_EQ(m_capture->Count("UnixServerStreamSockIOChannel: New incoming connection accepted."), 1u);
-    EXPECT_EQ(m_capture->Count("UnixServerStreamSockIOChannel: Stopped."), 1u);
+    EXPECT_EQ(m_log.Count("UnixServerStreamSockIOChannel: New incoming connection accepted."), 1u);
+    EXPECT_EQ(m_log.Count("UnixServerStreamSockIOChannel: Stopped."), 1u);
 }
 
 TEST_F(UnixStreamSockIOChannelTest, SecondClientWaitsInBacklogUntilFirstLeaves)
@@ -255,9 +215,8 @@ TEST_F(UnixStreamSockIOChannelTest, SecondClientWaitsInBacklogUntilFirstLeaves)
 
     first.Stop();
     EXPECT_TRUE(atServer.WaitForBytes("first;second;"));
-    EXPECT_EQ(
-        m_capture->Count("UnixServerStreamSockIOChannel: EOF received. Waiting for incoming connections..."),
-        1u);
+    EXPECT_EQ(m_log.Count("UnixServerStreamSockIOChannel: EOF received. Waiting for incoming connections..."),
+              1u);
     ::close(second);
 }
 
@@ -278,11 +237,11 @@ TEST_F(UnixStreamSockIOChannelTest, ClosedPeerLeadsToRetriesThenTimeout)
     EXPECT_GE(elapsed, 1800ms);
     EXPECT_LT(elapsed, 3500ms);
     EXPECT_EQ(atClient.Errors(), std::vector<IOChannel::Error>{IOChannel::Timeout});
-    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: EOF Received. Trying to reconnect..."), 1u);
-    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Trying to reconnect... 1"), 1u);
-    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Trying to reconnect... 2"), 1u);
-    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Trying to reconnect... 3"), 0u);
-    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Aborting reconnection due to timeout."), 1u);
+    EXPECT_EQ(m_log.Count("UnixClientStreamSockIOChannel: EOF Received. Trying to reconnect..."), 1u);
+    EXPECT_EQ(m_log.Count("UnixClientStreamSockIOChannel: Trying to reconnect... 1"), 1u);
+    EXPECT_EQ(m_log.Count("UnixClientStreamSockIOChannel: Trying to reconnect... 2"), 1u);
+    EXPECT_EQ(m_log.Count("UnixClientStreamSockIOChannel: Trying to reconnect... 3"), 0u);
+    EXPECT_EQ(m_log.Count("UnixClientStreamSockIOChannel: Aborting reconnection due to timeout."), 1u);
     EXPECT_THROW(client.Write(Bytes("x")), IOChannelException);
     client.Stop();
 }
@@ -299,12 +258,12 @@ TEST_F(UnixStreamSockIOChannelTest, ReconnectsWhenServerComesBack)
     client.Start();
 
     server.reset();
-    ASSERT_TRUE(WaitUntil([&] { return m_capture->Count("Trying to reconnect... 2") == 1; }, 3s));
+    ASSERT_TRUE(Eventually([&] { return m_log.Count("Trying to reconnect... 2") == 1; }, 3s));
     UnixServerStreamSockIOChannel again(m_path);
     Received atServer;
     atServer.Attach(again);
     again.Start();
-    ASSERT_TRUE(WaitUntil([&] { return reconnected == 1; }, 3s));
+    ASSERT_TRUE(Eventually([&] { return reconnected == 1; }, 3s));
     client.Write(Bytes("back"));
     EXPECT_TRUE(atServer.WaitForBytes("back"));
     EXPECT_TRUE(atClient.Errors().empty());
@@ -321,15 +280,14 @@ TEST_F(UnixStreamSockIOChannelTest, StopDuringReconnectionEndsWithoutError)
     client.Start();
 
     server.reset();
-    ASSERT_TRUE(WaitUntil([&] { return m_capture->Count("Trying to reconnect... 1") == 1; }, 3s));
+    ASSERT_TRUE(Eventually([&] { return m_log.Count("Trying to reconnect... 1") == 1; }, 3s));
     const auto before = std::chrono::steady_clock::now();
     client.Stop();
     EXPECT_LT(std::chrono::steady_clock::now() - before, 900ms);
-    EXPECT_EQ(
-        m_capture->Count("UnixClientStreamSockIOChannel: Aborting reconnection because socket is closing."),
-        1u);
-    EXPECT_EQ(m_capture->Count("Aborting reconnection due to timeout."), 0u);
-    EXPECT_EQ(m_capture->Count("UnixClientStreamSockIOChannel: Stopped."), 1u);
+    EXPECT_EQ(m_log.Count("UnixClientStreamSockIOChannel: Aborting reconnection because socket is closing."),
+              1u);
+    EXPECT_EQ(m_log.Count("Aborting reconnection due to timeout."), 0u);
+    EXPECT_EQ(m_log.Count("UnixClientStreamSockIOChannel: Stopped."), 1u);
     EXPECT_TRUE(atClient.Errors().empty());
 }
 
@@ -364,17 +322,10 @@ TEST_F(UnixStreamSockIOChannelTest, BrokenPipeIsAnExceptionNotASignal)
     const int peer = RawSocket();
     const sockaddr_un serverAddress = Address(m_dir + "/server.sock");
     ASSERT_EQ(::connect(peer, reinterpret_cast<const sockaddr*>(&serverAddress), sizeof(serverAddress)), 0);
-    ASSERT_TRUE(WaitUntil([&] { return server.HasClient(); }, 1s));
+    ASSERT_TRUE(Eventually([&] { return server.HasClient(); }, 1s));
     ASSERT_EQ(::shutdown(peer, SHUT_RD), 0);
-    try
-    {
-        server.Write(Bytes("lost"));
-        FAIL() << "write to a peer that does not read succeeded";
-    }
-    catch (const IOChannelException& e)
-    {
-        EXPECT_STREQ(e.what(), "IOChannel: Remote failure");
-    }
+    EXPECT_THAT([&] { server.Write(Bytes("lost")); },
+                testing::ThrowsMessage<IOChannelException>(testing::StrEq("IOChannel: Remote failure")));
     server.Stop();
     ::close(peer);
 }

@@ -5,6 +5,7 @@
 #include "Logging.h"
 #include "audit/EventRouter.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace vantor::audit
@@ -122,15 +123,9 @@ TEST_F(EventRouterTest, CloneAloneReachesNoHandlerAndNullIsRefused)
     Process(MakeEvent(EventType::Clone, 300, 41));
     EXPECT_TRUE(m_seen.empty());
     EXPECT_EQ(m_tree->CloneCacheSize(), 1U);
-    try
-    {
-        m_router.ProcessEvent(nullptr);
-        FAIL() << "null accepted";
-    }
-    catch (const std::invalid_argument& e)
-    {
-        EXPECT_STREQ(e.what(), "RuleEngine::ProcessEvent: 'event' is nullptr");
-    }
+    EXPECT_THAT([&] { m_router.ProcessEvent(nullptr); },
+                testing::ThrowsMessage<std::invalid_argument>(
+                    testing::StrEq("RuleEngine::ProcessEvent: 'event' is nullptr")));
 }
 
 TEST_F(EventRouterTest, CachedFileEventsAreRefreshedAndGoFirst)

@@ -5,6 +5,7 @@
 #include "Logging.h"
 #include "audit/ProcessTree.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -87,7 +88,8 @@ TEST_F(ProcessTreeTest, AnEndedParentIsAskedOfProcOnlyOnceBetweenCleanings)
     {
         EXPECT_EQ(m_tree.GetAncestors(4300).size(), 1U);
     }
-    EXPECT_EQ(m_log.Count("Creating actor process from ProcFS: 4299"), 1U) << "one failed read, not one per lookup";
+    EXPECT_EQ(m_log.Count("Creating actor process from ProcFS: 4299"), 1U)
+        << "one failed read, not one per lookup";
 
     // A process that appears with that pid is found after the next cleaning.
     m_proc.AddProcess(4299, 1, "/usr/bin/launcher", 200);
@@ -232,15 +234,9 @@ TEST_F(ProcessTreeTest, ProcessInfoComesOnlyFromExecOrClone)
         std::runtime_error);
     auto exec = MakeEvent(EventType::Running, 12);
     exec->image.clear();
-    try
-    {
-        ProcessInfo info(*exec, {});
-        FAIL() << "made without image";
-    }
-    catch (const std::runtime_error& e)
-    {
-        EXPECT_STREQ(e.what(), "ProcessInfo cannot find image information for PID:12");
-    }
+    EXPECT_THAT([&] { ProcessInfo info(*exec, {}); },
+                testing::ThrowsMessage<std::runtime_error>(
+                    testing::StrEq("ProcessInfo cannot find image information for PID:12")));
 }
 
 // Against the real /proc.

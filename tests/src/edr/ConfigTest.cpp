@@ -2,6 +2,7 @@
 #include "edr/CommonConfig.h"
 #include "util/Json.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <rapidjson/document.h>
@@ -101,15 +102,9 @@ TEST(CommonConfigTest, ReadsEverySetting)
     EXPECT_TRUE(c.HasEnvironmentVariable("https_proxy"));
     EXPECT_EQ(c.EnvironmentVariable("https_proxy"), "http://p:3128");
     EXPECT_FALSE(c.HasEnvironmentVariable("http_proxy"));
-    try
-    {
-        c.EnvironmentVariable("http_proxy");
-        FAIL() << "absent variable must throw";
-    }
-    catch (const std::exception& e)
-    {
-        EXPECT_STREQ(e.what(), "Environment variable (http_proxy) not set.");
-    }
+    EXPECT_THAT(
+        [&] { c.EnvironmentVariable("http_proxy"); },
+        testing::ThrowsMessage<std::exception>(testing::StrEq("Environment variable (http_proxy) not set.")));
     EXPECT_TRUE(c.HasBlackoutEvents());
     EXPECT_EQ(c.BlackoutEvents(), R"([{"start":1}])");
 

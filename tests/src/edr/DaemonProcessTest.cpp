@@ -26,9 +26,9 @@
 #include <vector>
 
 using namespace std::chrono_literals;
+using vantor::test::AgentCommand;
 using vantor::test::DaemonHarness;
 using vantor::test::Eventually;
-using vantor::test::ReadText;
 
 namespace
 {
@@ -45,15 +45,10 @@ sockaddr_un Address(const std::string& path)
     return address;
 }
 
-std::string Command(const char* command, const std::string& configFile = {})
-{
-    return vantor::test::AgentCommand(command, configFile);
-}
-
 // A running daemon installs audit rules and loads the magic database; the
 // start-up failures are tested anywhere.
 #define SKIP_WITHOUT_CAPTURE()                                                                               \
-    if (const std::string problem = vantor::test::DaemonHarness::CaptureProblem(); !problem.empty())        \
+    if (const std::string problem = vantor::test::DaemonHarness::CaptureProblem(); !problem.empty())         \
     GTEST_SKIP() << problem
 
 class DaemonProcessTest : public testing::Test
@@ -89,7 +84,6 @@ protected:
     {
         m_harness.WriteConfiguration(change);
         m_configFile = m_harness.ConfigFile();
-        m_logFile = m_harness.LogFile();
         m_logConfig = m_harness.LogConfig();
     }
 
@@ -153,9 +147,10 @@ protected:
         Listen();
         StartDaemon();
         AcceptDaemon();
-        Send(Command("config", m_configFile));
-        ASSERT_TRUE(Eventually([&] { return LogContains("Setting the proxy environment variables"); }, 5s))
-            << ReadText(m_logFile) << Syslog();
+        Send(AgentCommand("config", m_configFile));
+        ASSERT_TRUE(
+            Eventually([&] { return m_harness.LogContains("Setting the proxy environment variables"); }, 5s))
+            << m_harness.Log() << m_harness.Syslog();
     }
 
     // The exit status of the daemon, or -1 if it is still running after timeout.
@@ -174,17 +169,9 @@ protected:
 
     bool IsRunning() const { return m_daemonPid > 0 && ::waitpid(m_daemonPid, nullptr, WNOHANG) == 0; }
 
-    std::string Syslog() { return m_harness.Syslog(); }
-    bool SyslogContains(const std::string& text) { return m_harness.SyslogContains(text); }
-    bool LogContains(const std::string& text) const
-    {
-        return ReadText(m_logFile).find(text) != std::string::npos;
-    }
-
     DaemonHarness m_harness;
     std::string m_dir;
     std::string m_configFile;
-    std::string m_logFile;
     std::string m_logConfig;
     int m_listenFd = -1;
     int m_agentFd = -1;
@@ -197,15 +184,16 @@ TEST_F(DaemonProcessTest, RunsOnValidConfigurationAndStopsOnExitCommand)
     StartRunningDaemon();
     std::this_thread::sleep_for(1500ms);
     EXPECT_TRUE(IsRunning());
-    EXPECT_TRUE(SyslogContains("Waiting for configuration from the Corvid Agent process."));
-    EXPECT_TRUE(LogContains("M_MMAP_THRESHOLD: 4MB"));
+    EXPECT_TRUE(m_harness.SyslogContains("Waiting for configuration from the Corvid Agent process."));
+    EXPECT_TRUE(m_harness.LogContains("M_MMAP_THRESHOLD: 4MB"));
 
-    Send(Command("fim_status"));
-    ASSERT_TRUE(Eventually([&] { return LogContains("Command 'fim_status' received from agent"); }, 3s));
-    Send(Command("exit"));
+    Send(AgentCommand("fim_status"));
+    ASSERT_TRUE(
+        Eventually([&] { return m_harness.LogContains("Command 'fim_status' received from agent"); }, 3s));
+    Send(AgentCommand("exit"));
     EXPECT_EQ(WaitForExit(3s), 0);
-    EXPECT_TRUE(LogContains("Command 'exit' received from agent."));
-    EXPECT_TRUE(LogContains("UnixClientStreamSockIOChannel: Stopped."));
+    EXPECT_TRUE(m_harness.LogContains("Command 'exit' received from agent."));
+    EXPECT_TRUE(m_harness.LogContains("UnixClientStreamSockIOChannel: Stopped."));
 }
 
 TEST_F(DaemonProcessTest, BadCommandsAreLoggedAndTheDaemonKeepsRunning)
@@ -213,15 +201,17 @@ TEST_F(DaemonProcessTest, BadCommandsAreLoggedAndTheDaemonKeepsRunning)
     SKIP_WITHOUT_CAPTURE();
     StartRunningDaemon();
     Send("{\"command\": \"exit\"");
-    ASSERT_TRUE(Eventually([&] { return LogContains("Invalid json received from the agent."); }, 3s));
-    Send(Command("reboot"));
+    ASSERT_TRUE(
+        Eventually([&] { return m_harness.LogContains("Invalid json received from the agent."); }, 3s));
+    Send(AgentCommand("reboot"));
     ASSERT_TRUE(Eventually(
-        [&] { return LogContains("Invalid command found in json received from agent: reboot"); }, 3s));
-    Send(Command("config", m_dir + "/missing.json"));
+        [&] { return m_harness.LogContains("Invalid command found in json received from agent: reboot"); },
+        3s));
+    Send(AgentCommand("config", m_dir + "/missing.json"));
     ASSERT_TRUE(Eventually(
-        [&] { return LogContains("Failed to read config file: " + m_dir + "/missing.json"); }, 3s));
-    Send(Command("config", m_configFile));
-    ASSERT_TRUE(Eventually([&] { return LogContains("Updating log level to debug"); }, 3s));
+        [&] { return m_harness.LogContains("Failed to read config file: " + m_dir + "/missing.json"); }, 3s));
+    Send(AgentCommand("config", m_configFile));
+    ASSERT_TRUE(Eventually([&] { return m_harness.LogContains("Updating log level to debug"); }, 3s));
     EXPECT_TRUE(IsRunning());
     ::kill(m_daemonPid, SIGTERM);
     EXPECT_EQ(WaitForExit(3s), 0);
@@ -250,8 +240,8 @@ TEST_F(DaemonProcessTest, MissingAgentSocketFailsStartUp)
 {
     StartDaemon();
     EXPECT_EQ(WaitForExit(5s), 4);
-    EXPECT_TRUE(SyslogContains("IOChannel: Invalid data")) << Syslog();
-    EXPECT_TRUE(SyslogContains("Error: The corvid-edr binary could not Initialize."));
+    EXPECT_TRUE(m_harness.SyslogContains("IOChannel: Invalid data")) << m_harness.Syslog();
+    EXPECT_TRUE(m_harness.SyslogContains("Error: The corvid-edr binary could not Initialize."));
 }
 
 TEST_F(DaemonProcessTest, FirstMessageMustBeConfig)
@@ -259,10 +249,10 @@ TEST_F(DaemonProcessTest, FirstMessageMustBeConfig)
     Listen();
     StartDaemon();
     AcceptDaemon();
-    Send(Command("exit"));
+    Send(AgentCommand("exit"));
     EXPECT_EQ(WaitForExit(5s), 4);
-    EXPECT_TRUE(SyslogContains("Invalid json received from the agent.")) << Syslog();
-    EXPECT_TRUE(SyslogContains("Error: The corvid-edr binary could not Initialize."));
+    EXPECT_TRUE(m_harness.SyslogContains("Invalid json received from the agent.")) << m_harness.Syslog();
+    EXPECT_TRUE(m_harness.SyslogContains("Error: The corvid-edr binary could not Initialize."));
 }
 
 TEST_F(DaemonProcessTest, InvalidEdrConfigFailsStartUp)
@@ -272,9 +262,9 @@ TEST_F(DaemonProcessTest, InvalidEdrConfigFailsStartUp)
     Listen();
     StartDaemon();
     AcceptDaemon();
-    Send(Command("config", m_configFile));
+    Send(AgentCommand("config", m_configFile));
     EXPECT_EQ(WaitForExit(5s), 4);
-    EXPECT_TRUE(SyslogContains("EDR::Config: Invalid json")) << Syslog();
+    EXPECT_TRUE(m_harness.SyslogContains("EDR::Config: Invalid json")) << m_harness.Syslog();
 }
 
 TEST_F(DaemonProcessTest, InvalidLoggingConfigFailsStartUp)
@@ -283,9 +273,9 @@ TEST_F(DaemonProcessTest, InvalidLoggingConfigFailsStartUp)
     std::ofstream(m_logConfig, std::ios::app) << "logging.channels.c2.class = NoSuchChannel\n";
     StartDaemon();
     AcceptDaemon();
-    Send(Command("config", m_configFile));
+    Send(AgentCommand("config", m_configFile));
     EXPECT_EQ(WaitForExit(5s), 5);
-    EXPECT_TRUE(SyslogContains("Error:corvid-edr:log config is invalid.")) << Syslog();
+    EXPECT_TRUE(m_harness.SyslogContains("Error:corvid-edr:log config is invalid.")) << m_harness.Syslog();
 }
 
 TEST_F(DaemonProcessTest, AgentGoingAwayEndsTheDaemonAfterReconnectTimeout)
@@ -297,15 +287,15 @@ TEST_F(DaemonProcessTest, AgentGoingAwayEndsTheDaemonAfterReconnectTimeout)
     ::close(m_listenFd);
     m_listenFd = -1;
     ::unlink(kAgentSocket);
-    ASSERT_TRUE(Eventually([&] { return LogContains("Trying to reconnect... 2"); }, 4s));
+    ASSERT_TRUE(Eventually([&] { return m_harness.LogContains("Trying to reconnect... 2"); }, 4s));
     EXPECT_TRUE(IsRunning());
     EXPECT_EQ(WaitForExit(40s), 0);
     const auto elapsed = std::chrono::steady_clock::now() - closed;
     EXPECT_GT(elapsed, 28s);
     EXPECT_LT(elapsed, 36s);
-    EXPECT_TRUE(LogContains("Trying to reconnect... 30"));
-    EXPECT_FALSE(LogContains("Trying to reconnect... 31"));
-    EXPECT_TRUE(LogContains("Failed to establish communication with the Corvid Agent process."));
+    EXPECT_TRUE(m_harness.LogContains("Trying to reconnect... 30"));
+    EXPECT_FALSE(m_harness.LogContains("Trying to reconnect... 31"));
+    EXPECT_TRUE(m_harness.LogContains("Failed to establish communication with the Corvid Agent process."));
 }
 
 TEST_F(DaemonProcessTest, StandInAgentStartsAndStopsTheDaemon)
@@ -348,8 +338,8 @@ TEST_F(DaemonProcessTest, StandInAgentStartsAndStopsTheDaemon)
     EXPECT_NE(output.find("corvid-outpost: daemon disconnected"), std::string::npos) << output;
     EXPECT_NE(output.find("corvid-outpost: process " + pid + " exited with status 0"), std::string::npos)
         << output;
-    EXPECT_TRUE(LogContains("Command 'ioc_status' received from agent"));
-    EXPECT_TRUE(LogContains("Command 'exit' received from agent."));
+    EXPECT_TRUE(m_harness.LogContains("Command 'ioc_status' received from agent"));
+    EXPECT_TRUE(m_harness.LogContains("Command 'exit' received from agent."));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "edr/MemoryWatchdog.h"
 #include "edr/ResourceMonitor.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -149,24 +150,12 @@ TEST(ResourceMonitorTest, ThresholdsAndTotalMemory)
 {
     FakeProc proc;
     EXPECT_NO_THROW(ResourceMonitor(100, 100, proc.Sources()));
-    try
-    {
-        ResourceMonitor(101, 10, proc.Sources());
-        FAIL();
-    }
-    catch (const std::invalid_argument& e)
-    {
-        EXPECT_STREQ(e.what(), "CPU usage threshold percentage cannot be greater than 100%");
-    }
-    try
-    {
-        ResourceMonitor(10, 101, proc.Sources());
-        FAIL();
-    }
-    catch (const std::invalid_argument& e)
-    {
-        EXPECT_STREQ(e.what(), "Memory usage threshold percentage cannot be greater than 100%");
-    }
+    EXPECT_THAT([&] { ResourceMonitor(101, 10, proc.Sources()); },
+                testing::ThrowsMessage<std::invalid_argument>(
+                    testing::StrEq("CPU usage threshold percentage cannot be greater than 100%")));
+    EXPECT_THAT([&] { ResourceMonitor(10, 101, proc.Sources()); },
+                testing::ThrowsMessage<std::invalid_argument>(
+                    testing::StrEq("Memory usage threshold percentage cannot be greater than 100%")));
     EXPECT_EQ(ResourceMonitor(1, 1, proc.Sources()).TotalMemoryKb(), 16'000'000u);
     proc.files["/p/meminfo"] = "MemTotal: lots\n";
     try

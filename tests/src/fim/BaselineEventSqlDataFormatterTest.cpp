@@ -3,6 +3,7 @@
 #include "Serializer.h"
 #include "SqlDataFormatterException.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 using vantor::common::SqlDataFormatterException;
@@ -41,27 +42,15 @@ TEST(BaselineEventSqlDataFormatterTest, QuotesStayInsideTheLiteral)
 TEST(BaselineEventSqlDataFormatterTest, MisuseIsRefused)
 {
     BaselineEventSqlDataFormatter formatter;
-    try
-    {
-        formatter.Clear("BaselineEvents");
-        ADD_FAILURE() << "Clear accepted";
-    }
-    catch (const SqlDataFormatterException& e)
-    {
-        EXPECT_STREQ(e.what(), "Clear(tablename) is not implemented for BaselineEventSqlDataFormatter.");
-    }
+    EXPECT_THAT([&] { formatter.Clear("BaselineEvents"); },
+                testing::ThrowsMessage<SqlDataFormatterException>(testing::StrEq(
+                    "Clear(tablename) is not implemented for BaselineEventSqlDataFormatter.")));
 
     formatter.Start();
     formatter.AppendString("/half/built");
-    try
-    {
-        formatter.Start();
-        ADD_FAILURE() << "Start accepted with a pending record";
-    }
-    catch (const SqlDataFormatterException& e)
-    {
-        EXPECT_STREQ(e.what(), "SqlDataFormatter::Start: A transaction is already in progress");
-    }
+    EXPECT_THAT([&] { formatter.Start(); },
+                testing::ThrowsMessage<SqlDataFormatterException>(
+                    testing::StrEq("SqlDataFormatter::Start: A transaction is already in progress")));
     EXPECT_FALSE(formatter.TakeBuffer().empty());
     EXPECT_TRUE(formatter.TakeBuffer().empty());
     formatter.Start();

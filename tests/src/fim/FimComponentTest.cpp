@@ -10,6 +10,7 @@
 #include "Scheduler.h"
 #include "SpoolStorage.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -87,48 +88,22 @@ TEST(FimConfigTest, ReadsTheTenKeysAndWritesThemBack)
                                         "upload_interval", "manifests", "manifest_path", "manifest_type"}));
     EXPECT_EQ(out["manifests"][0].GetInt(), 1);
 
-    try
-    {
-        fim::Config bad(Json("[]"));
-        ADD_FAILURE();
-    }
-    catch (const std::invalid_argument& e)
-    {
-        EXPECT_STREQ(e.what(), "Fim::Config: Invalid json");
-    }
-    try
-    {
-        config.Update(Json("3"));
-        ADD_FAILURE();
-    }
-    catch (const std::invalid_argument& e)
-    {
-        EXPECT_STREQ(e.what(), "Fim::Config::Update: Invalid json");
-    }
+    EXPECT_THAT([&] { fim::Config bad(Json("[]")); },
+                testing::ThrowsMessage<std::invalid_argument>(testing::StrEq("Fim::Config: Invalid json")));
+    EXPECT_THAT([&] { config.Update(Json("3")); }, testing::ThrowsMessage<std::invalid_argument>(
+                                                       testing::StrEq("Fim::Config::Update: Invalid json")));
     EXPECT_EQ(config.ServiceUrl(), "u");
 }
 
 TEST_F(FimComponentTest, RefusesMissingParts)
 {
     auto config = std::make_unique<fim::Config>(Json(ConfigText("m.json")));
-    try
-    {
-        fim::Component(nullptr, m_uploader, m_scheduler, m_registry, m_dir.Path());
-        ADD_FAILURE();
-    }
-    catch (const std::runtime_error& e)
-    {
-        EXPECT_STREQ(e.what(), "FimComponent: 'config' cannot be null");
-    }
-    try
-    {
-        fim::Component(std::move(config), nullptr, m_scheduler, m_registry, m_dir.Path());
-        ADD_FAILURE();
-    }
-    catch (const std::runtime_error& e)
-    {
-        EXPECT_STREQ(e.what(), "FimComponent: 'uploader' cannot be null");
-    }
+    EXPECT_THAT(
+        [&] { fim::Component(nullptr, m_uploader, m_scheduler, m_registry, m_dir.Path()); },
+        testing::ThrowsMessage<std::runtime_error>(testing::StrEq("FimComponent: 'config' cannot be null")));
+    EXPECT_THAT([&] { fim::Component(std::move(config), nullptr, m_scheduler, m_registry, m_dir.Path()); },
+                testing::ThrowsMessage<std::runtime_error>(
+                    testing::StrEq("FimComponent: 'uploader' cannot be null")));
 }
 
 TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
