@@ -50,41 +50,13 @@ const Corpus& TheCorpus()
     return corpus;
 }
 
-double ProcessCpuSeconds()
-{
-    timespec ts{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
 // CPU ns per corpus event of the last run of each benchmark.
 double g_floorNsPerEvent = 0;
 double g_intakeNsPerEvent = 0;
 
 void BM_AuparseFloor(benchmark::State& state)
 {
-    const std::string& text = TheCorpus().text;
-    AuparseFloor::Result result;
-    double cpu = 0;
-    for (auto _ : state)
-    {
-        const double before = ProcessCpuSeconds();
-        result = AuparseFloor::Run(text);
-        benchmark::DoNotOptimize(result);
-        cpu += ProcessCpuSeconds() - before;
-    }
-    // Every event of the corpus must have come through whole.
-    if (result.events != kEvents)
-    {
-        state.SkipWithError("libauparse did not report every event of the corpus");
-        return;
-    }
-    const auto events = static_cast<double>(result.events) * static_cast<double>(state.iterations());
-    g_floorNsPerEvent = cpu * 1e9 / events;
-    state.SetItemsProcessed(static_cast<int64_t>(events));
-    state.counters["cpu_ns_per_event"] = g_floorNsPerEvent;
-    state.counters["events"] = static_cast<double>(result.events);
-    state.counters["records"] = static_cast<double>(result.records);
+    g_floorNsPerEvent = vantor::bench::AuparseFloor::Measure(state, TheCorpus().text, kEvents);
 }
 
 void BM_AuparseFeedBuilder(benchmark::State& state)
@@ -97,7 +69,7 @@ void BM_AuparseFeedBuilder(benchmark::State& state)
     double cpu = 0;
     for (auto _ : state)
     {
-        const double before = ProcessCpuSeconds();
+        const double before = vantor::bench::ResourceUsage::ProcessCpuSeconds();
         built = 0;
         vantor::audit::AuparseFeed feed(builder);
         for (size_t at = 0; at < text.size(); at += AuparseFloor::kChunkSize)
@@ -105,7 +77,7 @@ void BM_AuparseFeedBuilder(benchmark::State& state)
             built += feed.Feed(data + at, std::min(AuparseFloor::kChunkSize, text.size() - at)).size();
         }
         built += feed.Flush().size();
-        cpu += ProcessCpuSeconds() - before;
+        cpu += vantor::bench::ResourceUsage::ProcessCpuSeconds() - before;
     }
     const auto events = static_cast<double>(kEvents) * static_cast<double>(state.iterations());
     g_intakeNsPerEvent = cpu * 1e9 / events;

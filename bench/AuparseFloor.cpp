@@ -1,5 +1,9 @@
 #include "AuparseFloor.h"
 
+#include "ResourceUsage.h"
+
+#include <benchmark/benchmark.h>
+
 #include <auparse.h>
 
 #include <algorithm>
@@ -69,6 +73,32 @@ AuparseFloor::Result AuparseFloor::Run(std::string_view text, size_t chunkSize)
     }
     ::auparse_flush_feed(state.get());
     return result;
+}
+
+double AuparseFloor::Measure(benchmark::State& state, std::string_view text, uint64_t expectedEvents)
+{
+    Result result;
+    double cpu = 0;
+    for (auto _ : state)
+    {
+        const double before = ResourceUsage::ProcessCpuSeconds();
+        result = Run(text);
+        benchmark::DoNotOptimize(result);
+        cpu += ResourceUsage::ProcessCpuSeconds() - before;
+    }
+    // Every event of the corpus must have come through whole.
+    if (result.events != expectedEvents)
+    {
+        state.SkipWithError("libauparse did not report every event of the corpus");
+        return 0;
+    }
+    const double events = static_cast<double>(result.events) * static_cast<double>(state.iterations());
+    const double nsPerEvent = cpu * 1e9 / events;
+    state.SetItemsProcessed(static_cast<int64_t>(events));
+    state.counters["cpu_ns_per_event"] = nsPerEvent;
+    state.counters["events"] = static_cast<double>(result.events);
+    state.counters["records"] = static_cast<double>(result.records);
+    return nsPerEvent;
 }
 
 } // namespace vantor::bench

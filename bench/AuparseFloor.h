@@ -4,6 +4,11 @@
 #include <cstdint>
 #include <string_view>
 
+namespace benchmark
+{
+class State;
+}
+
 namespace vantor::bench
 {
 
@@ -25,6 +30,12 @@ public:
 
     // Throws std::runtime_error when libauparse cannot be set up or fails.
     static Result Run(std::string_view text, size_t chunkSize = kChunkSize);
+
+    // The body of a Google Benchmark of the floor: runs the text once per
+    // iteration, checks that libauparse reported expectedEvents, sets the
+    // items processed and the "cpu_ns_per_event" counter, and answers the
+    // CPU ns per event (0 when the run was refused).
+    static double Measure(benchmark::State& state, std::string_view text, uint64_t expectedEvents);
 };
 
 } // namespace vantor::bench

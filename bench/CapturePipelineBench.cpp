@@ -249,35 +249,9 @@ void BM_CapturePipeline(benchmark::State& state)
     state.counters["peak_rss_MB"] = static_cast<double>(ResourceUsage::PeakRssKb()) / 1024.0;
 }
 
-double ProcessCpuSeconds()
-{
-    timespec ts{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
 void BM_AuparseFloor(benchmark::State& state)
 {
-    const std::string& text = TheCorpus().text;
-    AuparseFloor::Result result;
-    double cpu = 0;
-    for (auto _ : state)
-    {
-        const double before = ProcessCpuSeconds();
-        result = AuparseFloor::Run(text);
-        benchmark::DoNotOptimize(result);
-        cpu += ProcessCpuSeconds() - before;
-    }
-    // Every event of the corpus must have come through whole.
-    if (result.events != kEvents + 1)
-    {
-        state.SkipWithError("libauparse did not report every event of the corpus");
-        return;
-    }
-    const double events = static_cast<double>(result.events) * static_cast<double>(state.iterations());
-    g_floorNsPerEvent = cpu * 1e9 / events;
-    state.SetItemsProcessed(static_cast<int64_t>(events));
-    state.counters["cpu_s_per_100k"] = cpu * 100000.0 / events;
+    g_floorNsPerEvent = vantor::bench::AuparseFloor::Measure(state, TheCorpus().text, kEvents + 1);
 }
 
 BENCHMARK(BM_AuparseFloor)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);

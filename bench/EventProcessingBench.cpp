@@ -1,3 +1,4 @@
+#include "ResourceUsage.h"
 // Throughput of the event path: EventProcessingThread -> routing by path tag
 // -> a handler that does nothing, with synthetic events and no process tree.
 
@@ -48,13 +49,6 @@ public:
     }
 };
 
-double ProcessCpuSeconds()
-{
-    timespec ts{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
 void BM_EventProcessing(benchmark::State& state)
 {
     const auto batchSize = static_cast<uint32_t>(state.range(0));
@@ -71,7 +65,7 @@ void BM_EventProcessing(benchmark::State& state)
     double cpu = 0;
     for (auto _ : state)
     {
-        const double cpuBefore = ProcessCpuSeconds();
+        const double cpuBefore = vantor::bench::ResourceUsage::ProcessCpuSeconds();
         const uint64_t target = handled.load() + kEventsPerIteration;
         for (uint32_t sent = 0; sent < kEventsPerIteration; sent += batchSize)
         {
@@ -90,7 +84,7 @@ void BM_EventProcessing(benchmark::State& state)
         {
             std::this_thread::yield();
         }
-        cpu += ProcessCpuSeconds() - cpuBefore;
+        cpu += vantor::bench::ResourceUsage::ProcessCpuSeconds() - cpuBefore;
     }
     thread.Stop();
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kEventsPerIteration);
