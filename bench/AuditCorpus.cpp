@@ -1,4 +1,4 @@
-#include "AuditCorpus.h"
+#include "bench/AuditCorpus.h"
 
 #include <sys/stat.h>
 #include <sys/sysmacros.h>

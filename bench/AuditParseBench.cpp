@@ -10,9 +10,9 @@
 // After the runs the ratio of their CPU per event and the peak RSS are
 // printed.
 
-#include "AuditCorpus.h"
-#include "AuparseFloor.h"
-#include "ResourceUsage.h"
+#include "bench/AuditCorpus.h"
+#include "bench/AuparseFloor.h"
+#include "bench/ResourceUsage.h"
 
 #include "audit/AuditEventBuilder.h"
 #include "audit/AuparseFeed.h"

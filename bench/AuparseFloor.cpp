@@ -1,6 +1,6 @@
-#include "AuparseFloor.h"
+#include "bench/AuparseFloor.h"
 
-#include "ResourceUsage.h"
+#include "bench/ResourceUsage.h"
 
 #include <benchmark/benchmark.h>
 

@@ -2,8 +2,8 @@
 // transaction, as the baseline pass writes them) against many records in one
 // write (one transaction). Rates are per wall-clock second: the disk sync
 // at each commit is the cost that matters.
-#include "Logging.h"
-#include "SqlStorage.h"
+#include "common/Logging.h"
+#include "common/SqlStorage.h"
 #include "fim/BaselineEventSqlDataFormatter.h"
 
 #include <benchmark/benchmark.h>

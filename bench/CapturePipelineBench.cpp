@@ -15,9 +15,9 @@
 // Arg 0: no process tree (clone events then go nowhere); arg 1: with the
 // process tree over /proc.
 
-#include "AuditCorpus.h"
-#include "AuparseFloor.h"
-#include "ResourceUsage.h"
+#include "bench/AuditCorpus.h"
+#include "bench/AuparseFloor.h"
+#include "bench/ResourceUsage.h"
 
 #include "audit/AuditEventBuilder.h"
 #include "audit/DispatcherIOChannel.h"

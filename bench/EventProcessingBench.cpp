@@ -1,4 +1,4 @@
-#include "ResourceUsage.h"
+#include "bench/ResourceUsage.h"
 // Throughput of the event path: EventProcessingThread -> routing by path tag
 // -> a handler that does nothing, with synthetic events and no process tree.
 

@@ -15,26 +15,26 @@
 // all threads; the receiver shares the process during the upload) and the
 // peak RSS.
 
-#include "AuditCorpus.h"
-#include "ResourceUsage.h"
+#include "bench/AuditCorpus.h"
+#include "bench/ResourceUsage.h"
 
-#include "HmacRequestSigner.h"
-#include "HttpService.h"
-#include "HttpUploader.h"
-#include "Logging.h"
-#include "LzmaHttpInterceptor.h"
-#include "Scheduler.h"
-#include "SpoolStorage.h"
-#include "TestReceiver.h"
 #include "audit/AuditEventBuilder.h"
 #include "audit/AuparseFeed.h"
 #include "audit/EventRouter.h"
 #include "audit/ProcessTree.h"
+#include "common/HmacRequestSigner.h"
+#include "common/HttpService.h"
+#include "common/HttpUploader.h"
+#include "common/Logging.h"
+#include "common/LzmaHttpInterceptor.h"
+#include "common/Scheduler.h"
+#include "common/SpoolStorage.h"
 #include "edr/LibMagicWrapper.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
 #include "fim/RuleRegistry.h"
 #include "fim/UploadSchedule.h"
+#include "tools/TestReceiver.h"
 
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>

@@ -3,11 +3,11 @@
 // Reports uploads per second and the process CPU time spent per MB of
 // payload (client and receiver share the process, so the CPU figure is an
 // upper bound for the client side).
-#include "HmacRequestSigner.h"
-#include "HttpService.h"
-#include "HttpUploader.h"
-#include "LzmaHttpInterceptor.h"
-#include "TestReceiver.h"
+#include "common/HmacRequestSigner.h"
+#include "common/HttpService.h"
+#include "common/HttpUploader.h"
+#include "common/LzmaHttpInterceptor.h"
+#include "tools/TestReceiver.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,8 +1,8 @@
 // Spool append throughput: records/s and MB/s from the writer's side through
 // to files on disk (the last write of each run waits for the queue).
-#include "Scheduler.h"
-#include "SpoolRawDataFormatter.h"
-#include "SpoolStorage.h"
+#include "common/Scheduler.h"
+#include "common/SpoolRawDataFormatter.h"
+#include "common/SpoolStorage.h"
 
 #include <Poco/Logger.h>
 #include <benchmark/benchmark.h>

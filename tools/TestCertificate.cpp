@@ -1,4 +1,4 @@
-#include "TestCertificate.h"
+#include "tools/TestCertificate.h"
 
 #include <openssl/evp.h>
 #include <openssl/pem.h>

@@ -1,9 +1,9 @@
-#include "TestReceiver.h"
+#include "tools/TestReceiver.h"
 
-#include "HmacRequestSigner.h"
-#include "util/Base64.h"
-#include "util/Lzma.h"
-#include "util/Sha256.h"
+#include "common/HmacRequestSigner.h"
+#include "common/util/Base64.h"
+#include "common/util/Lzma.h"
+#include "common/util/Sha256.h"
 
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPRequestHandler.h>

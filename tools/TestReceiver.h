@@ -1,7 +1,7 @@
 #pragma once
 
-#include "HttpHeaders.h"
-#include "TestCertificate.h"
+#include "common/HttpHeaders.h"
+#include "tools/TestCertificate.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -1,7 +1,7 @@
 // corvid-test-receiver: a local HTTPS upload receiver for manual runs and
 // demos. Prints its URL and the CA file that clients must trust, then serves
 // until SIGINT or SIGTERM.
-#include "TestReceiver.h"
+#include "tools/TestReceiver.h"
 
 #include <Poco/TemporaryFile.h>
 

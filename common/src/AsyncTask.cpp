@@ -1,6 +1,6 @@
-#include "AsyncTask.h"
+#include "common/AsyncTask.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 namespace vantor::common
 {

@@ -1,4 +1,4 @@
-#include "ContentHasher.h"
+#include "common/ContentHasher.h"
 
 #include <fcntl.h>
 #include <openssl/evp.h>

@@ -1,4 +1,4 @@
-#include "FileStorage.h"
+#include "common/FileStorage.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

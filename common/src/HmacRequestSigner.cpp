@@ -1,8 +1,7 @@
-#include "HmacRequestSigner.h"
+#include "common/HmacRequestSigner.h"
 
-#include "edr/CommonConfig.h"
-#include "util/Base64.h"
-#include "util/Sha256.h"
+#include "common/util/Base64.h"
+#include "common/util/Sha256.h"
 
 #include <curl/curl.h>
 #include <openssl/crypto.h>
@@ -48,11 +47,6 @@ HmacRequestSigner::HmacRequestSigner(const std::string& keyFilePath)
     {
         throw std::runtime_error("HmacRequestSigner: key file " + keyFilePath + " is empty");
     }
-}
-
-HmacRequestSigner HmacRequestSigner::FromCommonConfig(const edr::CommonConfig& config)
-{
-    return HmacRequestSigner((std::filesystem::path(config.AgentInstallPath()) / kDefaultKeyFile).string());
 }
 
 std::string HmacRequestSigner::CanonicalText(std::string_view method, std::string_view pathAndQuery,

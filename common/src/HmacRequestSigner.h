@@ -1,16 +1,11 @@
 #pragma once
 
-#include "HttpHeaders.h"
-#include "MutableHttpRequest.h"
+#include "common/HttpHeaders.h"
+#include "common/MutableHttpRequest.h"
 
 #include <chrono>
 #include <string>
 #include <string_view>
-
-namespace vantor::edr
-{
-class CommonConfig;
-}
 
 namespace vantor::common
 {
@@ -42,9 +37,6 @@ public:
     // Throws std::runtime_error "HmacRequestSigner: cannot read key file <path>"
     // or "HmacRequestSigner: key file <path> is empty".
     explicit HmacRequestSigner(const std::string& keyFilePath);
-
-    // The signer over <agent_install_path>/keys/edr_hmac.key.
-    static HmacRequestSigner FromCommonConfig(const edr::CommonConfig& config);
 
     // Adds (replacing) the two signature headers. Reads C-CUSTID and C-CLNTID
     // from the request, so it runs after they are set.

@@ -1,9 +1,9 @@
-#include "HttpDownloadManager.h"
+#include "common/HttpDownloadManager.h"
 
-#include "Logging.h"
-#include "MutableHttpRequest.h"
-#include "OnDiskHttpResponse.h"
-#include "util/HttpClient.h"
+#include "common/Logging.h"
+#include "common/MutableHttpRequest.h"
+#include "common/OnDiskHttpResponse.h"
+#include "common/util/HttpClient.h"
 
 #include <charconv>
 #include <filesystem>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HttpService.h"
+#include "common/HttpService.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "HttpHeaders.h"
+#include "common/HttpHeaders.h"
 
 #include <algorithm>
 #include <stdexcept>

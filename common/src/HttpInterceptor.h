@@ -1,7 +1,7 @@
 #pragma once
 
-#include "MutableHttpRequest.h"
-#include "MutableHttpResponse.h"
+#include "common/MutableHttpRequest.h"
+#include "common/MutableHttpResponse.h"
 
 #include <stdexcept>
 

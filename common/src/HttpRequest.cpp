@@ -1,4 +1,4 @@
-#include "HttpRequest.h"
+#include "common/HttpRequest.h"
 
 namespace vantor::common
 {

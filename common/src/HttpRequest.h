@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HttpHeaders.h"
+#include "common/HttpHeaders.h"
 
 #include <string>
 

@@ -1,9 +1,9 @@
-#include "HttpService.h"
+#include "common/HttpService.h"
 
-#include "InMemoryHttpResponse.h"
-#include "Logging.h"
-#include "OnDiskHttpResponse.h"
-#include "util/Sha256.h"
+#include "common/InMemoryHttpResponse.h"
+#include "common/Logging.h"
+#include "common/OnDiskHttpResponse.h"
+#include "common/util/Sha256.h"
 
 #include <Poco/UUIDGenerator.h>
 

@@ -1,15 +1,15 @@
 #pragma once
 
-#include "CurlHandle.h"
-#include "HmacRequestSigner.h"
-#include "HttpInterceptor.h"
-#include "HttpRequest.h"
-#include "HttpResponse.h"
-#include "HttpServiceSettings.h"
-#include "MutableHttpRequest.h"
-#include "MutableHttpResponse.h"
-#include "SystemProxyResolver.h"
-#include "ThreadedClass.h"
+#include "common/CurlHandle.h"
+#include "common/HmacRequestSigner.h"
+#include "common/HttpInterceptor.h"
+#include "common/HttpRequest.h"
+#include "common/HttpResponse.h"
+#include "common/HttpServiceSettings.h"
+#include "common/MutableHttpRequest.h"
+#include "common/MutableHttpResponse.h"
+#include "common/SystemProxyResolver.h"
+#include "common/ThreadedClass.h"
 
 #include <atomic>
 #include <chrono>

@@ -4,11 +4,6 @@
 #include <string>
 #include <vector>
 
-namespace vantor::edr
-{
-class CommonConfig;
-}
-
 namespace vantor::common
 {
 
@@ -43,10 +38,6 @@ struct HttpServiceSettings
     // The exported proxy variables, in the order they are exported.
     static constexpr const char* kProxyVariables[] = {"corvid_https_tls_proxy", "corvid_https_proxy",
                                                       "https_proxy", "http_proxy"};
-
-    // Time-outs, CA path, proxy mode, fail-open and ids from the common
-    // settings; the proxies are those of kProxyVariables it holds.
-    static HttpServiceSettings FromCommonConfig(const edr::CommonConfig& config);
 };
 
 } // namespace vantor::common

@@ -1,7 +1,7 @@
-#include "HttpUploader.h"
+#include "common/HttpUploader.h"
 
-#include "Logging.h"
-#include "MutableHttpRequest.h"
+#include "common/Logging.h"
+#include "common/MutableHttpRequest.h"
 
 #include <stdexcept>
 

@@ -1,6 +1,6 @@
-#include "IOChannel.h"
+#include "common/IOChannel.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <cerrno>
 #include <cstring>

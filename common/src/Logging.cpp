@@ -1,4 +1,4 @@
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>

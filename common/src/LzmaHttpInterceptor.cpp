@@ -1,8 +1,8 @@
-#include "LzmaHttpInterceptor.h"
+#include "common/LzmaHttpInterceptor.h"
 
-#include "InMemoryHttpResponse.h"
-#include "Logging.h"
-#include "util/Lzma.h"
+#include "common/InMemoryHttpResponse.h"
+#include "common/Logging.h"
+#include "common/util/Lzma.h"
 
 #include <strings.h>
 

@@ -1,4 +1,4 @@
-#include "MutableHttpRequest.h"
+#include "common/MutableHttpRequest.h"
 
 #include <stdexcept>
 

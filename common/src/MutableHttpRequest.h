@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HttpRequest.h"
+#include "common/HttpRequest.h"
 
 #include <cstddef>
 #include <string>

@@ -1,4 +1,4 @@
-#include "MutableHttpResponse.h"
+#include "common/MutableHttpResponse.h"
 
 namespace vantor::common
 {

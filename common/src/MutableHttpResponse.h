@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HttpResponse.h"
+#include "common/HttpResponse.h"
 
 #include <cstddef>
 #include <stdexcept>

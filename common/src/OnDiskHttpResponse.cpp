@@ -1,4 +1,4 @@
-#include "OnDiskHttpResponse.h"
+#include "common/OnDiskHttpResponse.h"
 
 #include <filesystem>
 #include <iterator>

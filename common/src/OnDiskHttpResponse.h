@@ -1,6 +1,6 @@
 #pragma once
 
-#include "MutableHttpResponse.h"
+#include "common/MutableHttpResponse.h"
 
 #include <cstdint>
 #include <fstream>

@@ -1,7 +1,7 @@
-#include "PeriodicSchedule.h"
+#include "common/PeriodicSchedule.h"
 
-#include "Logging.h"
-#include "util/TimeFormat.h"
+#include "common/Logging.h"
+#include "common/util/TimeFormat.h"
 
 namespace vantor::common
 {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Schedule.h"
+#include "common/Schedule.h"
 
 #include <functional>
 #include <mutex>

@@ -1,6 +1,6 @@
-#include "Scheduler.h"
+#include "common/Scheduler.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-#include "Serializer.h"
+#include "common/Serializer.h"
 
 #include <stdexcept>
 

@@ -1,7 +1,7 @@
-#include "SigValidationHttpInterceptor.h"
+#include "common/SigValidationHttpInterceptor.h"
 
-#include "Logging.h"
-#include "util/Base64.h"
+#include "common/Logging.h"
+#include "common/util/Base64.h"
 
 #include <openssl/evp.h>
 #include <openssl/pem.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HttpInterceptor.h"
+#include "common/HttpInterceptor.h"
 
 #include <memory>
 #include <string>

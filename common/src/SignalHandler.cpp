@@ -1,4 +1,4 @@
-#include "SignalHandler.h"
+#include "common/SignalHandler.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "SpoolRawDataFormatter.h"
+#include "common/SpoolRawDataFormatter.h"
 
 namespace vantor::common
 {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SpoolDataFormatter.h"
+#include "common/SpoolDataFormatter.h"
 
 namespace vantor::common
 {

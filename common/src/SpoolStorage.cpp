@@ -1,8 +1,8 @@
-#include "SpoolStorage.h"
+#include "common/SpoolStorage.h"
 
-#include "FileStorage.h"
-#include "Logging.h"
-#include "Scheduler.h"
+#include "common/FileStorage.h"
+#include "common/Logging.h"
+#include "common/Scheduler.h"
 
 #include <fcntl.h>
 #include <stdio.h>

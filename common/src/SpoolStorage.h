@@ -1,17 +1,17 @@
 #pragma once
 
-#include "SpoolDataFormatter.h"
-#include "SpoolStorageSchedule.h"
+#include "common/SpoolDataFormatter.h"
+#include "common/SpoolStorageSchedule.h"
 
 #include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <stdexcept>

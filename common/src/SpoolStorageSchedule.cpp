@@ -1,7 +1,7 @@
-#include "SpoolStorageSchedule.h"
+#include "common/SpoolStorageSchedule.h"
 
-#include "Logging.h"
-#include "util/TimeFormat.h"
+#include "common/Logging.h"
+#include "common/util/TimeFormat.h"
 
 #include <stdexcept>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Schedule.h"
-#include "ThreadedClass.h"
+#include "common/Schedule.h"
+#include "common/ThreadedClass.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -1,7 +1,7 @@
-#include "SqlDataFormatter.h"
+#include "common/SqlDataFormatter.h"
 
-#include "Serializer.h"
-#include "SqlDataFormatterException.h"
+#include "common/Serializer.h"
+#include "common/SqlDataFormatterException.h"
 
 #include <sqlite3.h>
 

@@ -1,7 +1,7 @@
-#include "SqlRowIterator.h"
+#include "common/SqlRowIterator.h"
 
-#include "Serializer.h"
-#include "StorageException.h"
+#include "common/Serializer.h"
+#include "common/StorageException.h"
 
 #include <stdexcept>
 

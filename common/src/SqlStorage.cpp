@@ -1,9 +1,9 @@
-#include "SqlStorage.h"
+#include "common/SqlStorage.h"
 
-#include "Logging.h"
-#include "Serializer.h"
-#include "StorageException.h"
-#include "ThreadedClass.h"
+#include "common/Logging.h"
+#include "common/Serializer.h"
+#include "common/StorageException.h"
+#include "common/ThreadedClass.h"
 
 #include <climits>
 #include <condition_variable>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "SqlDataFormatter.h"
-#include "StorageResult.h"
+#include "common/SqlDataFormatter.h"
+#include "common/StorageResult.h"
 
 #include <sqlite3.h>
 

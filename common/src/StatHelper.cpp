@@ -1,4 +1,4 @@
-#include "StatHelper.h"
+#include "common/StatHelper.h"
 
 #include <fcntl.h>
 #include <unistd.h>

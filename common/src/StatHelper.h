@@ -1,6 +1,6 @@
 #pragma once
 
-#include "StatHelperException.h"
+#include "common/StatHelperException.h"
 
 #include <sys/stat.h>
 

@@ -1,6 +1,6 @@
-#include "SystemProxyResolver.h"
+#include "common/SystemProxyResolver.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <proxy.h>
 

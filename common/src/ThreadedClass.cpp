@@ -1,6 +1,6 @@
-#include "ThreadedClass.h"
+#include "common/ThreadedClass.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <exception>
 

@@ -1,7 +1,7 @@
-#include "UnixClientStreamSockIOChannel.h"
+#include "common/UnixClientStreamSockIOChannel.h"
 
-#include "Logging.h"
-#include "UnixSocket.h"
+#include "common/Logging.h"
+#include "common/UnixSocket.h"
 
 #include <cerrno>
 #include <chrono>

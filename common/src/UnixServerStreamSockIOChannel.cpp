@@ -1,7 +1,7 @@
-#include "UnixServerStreamSockIOChannel.h"
+#include "common/UnixServerStreamSockIOChannel.h"
 
-#include "Logging.h"
-#include "UnixSocket.h"
+#include "common/Logging.h"
+#include "common/UnixSocket.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "IOChannel.h"
+#include "common/IOChannel.h"
 
 #include <mutex>
 #include <string>

@@ -1,6 +1,6 @@
-#include "UnixSocket.h"
+#include "common/UnixSocket.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
-#include "AbendEvent.h"
+#include "audit/AbendEvent.h"
 
-#include "AuparseField.h"
+#include "audit/AuparseField.h"
 
 #include <libaudit.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Event.h"
+#include "audit/Event.h"
 
 #include <string>
 

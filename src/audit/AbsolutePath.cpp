@@ -1,4 +1,4 @@
-#include "AbsolutePath.h"
+#include "audit/AbsolutePath.h"
 
 namespace vantor::audit::internal
 {

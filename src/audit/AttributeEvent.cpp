@@ -1,4 +1,4 @@
-#include "AttributeEvent.h"
+#include "audit/AttributeEvent.h"
 
 #include <fcntl.h>
 #include <sys/syscall.h>

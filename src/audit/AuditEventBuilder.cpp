@@ -1,16 +1,16 @@
-#include "AuditEventBuilder.h"
+#include "audit/AuditEventBuilder.h"
 
-#include "AbendEvent.h"
-#include "AttributeEvent.h"
-#include "CloneEvent.h"
-#include "CreateEvent.h"
-#include "DeleteEvent.h"
-#include "ExitEvent.h"
-#include "Logging.h"
-#include "NetworkEvent.h"
-#include "ReadWriteEvent.h"
-#include "RenameEvent.h"
-#include "RunningEvent.h"
+#include "audit/AbendEvent.h"
+#include "audit/AttributeEvent.h"
+#include "audit/CloneEvent.h"
+#include "audit/CreateEvent.h"
+#include "audit/DeleteEvent.h"
+#include "audit/ExitEvent.h"
+#include "audit/NetworkEvent.h"
+#include "audit/ReadWriteEvent.h"
+#include "audit/RenameEvent.h"
+#include "audit/RunningEvent.h"
+#include "common/Logging.h"
 
 namespace vantor::audit
 {

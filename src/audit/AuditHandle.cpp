@@ -1,4 +1,4 @@
-#include "AuditHandle.h"
+#include "audit/AuditHandle.h"
 
 #include <libaudit.h>
 

@@ -1,7 +1,7 @@
-#include "AuditRecords.h"
+#include "audit/AuditRecords.h"
 
-#include "AuparseField.h"
-#include "Logging.h"
+#include "audit/AuparseField.h"
+#include "common/Logging.h"
 #include "edr/EventException.h"
 
 #include <libaudit.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "PathRecord.h"
-#include "SyscallRecord.h"
+#include "audit/PathRecord.h"
+#include "audit/SyscallRecord.h"
 
 #include <auparse.h>
 

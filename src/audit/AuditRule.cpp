@@ -1,4 +1,4 @@
-#include "AuditRule.h"
+#include "audit/AuditRule.h"
 
 #include <libaudit.h>
 

@@ -1,8 +1,8 @@
-#include "AuditRuleBuilder.h"
+#include "audit/AuditRuleBuilder.h"
 
-#include "AuditTables.h"
-#include "Logging.h"
-#include "RuleEngineException.h"
+#include "audit/AuditTables.h"
+#include "audit/RuleEngineException.h"
+#include "common/Logging.h"
 #include "edr/Event.h"
 
 #include <libaudit.h>

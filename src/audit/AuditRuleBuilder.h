@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AuditRule.h"
+#include "audit/AuditRule.h"
 #include "edr/EventRule.h"
 
 #include <string>

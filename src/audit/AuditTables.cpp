@@ -1,4 +1,4 @@
-#include "AuditTables.h"
+#include "audit/AuditTables.h"
 
 #include "edr/Event.h"
 

@@ -1,6 +1,6 @@
-#include "AuparseFeed.h"
+#include "audit/AuparseFeed.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <libaudit.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "AuditEventClass.h"
-#include "EventBuilder.h"
+#include "audit/AuditEventClass.h"
+#include "audit/EventBuilder.h"
 
 #include <auparse.h>
 

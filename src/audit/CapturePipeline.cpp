@@ -1,7 +1,7 @@
-#include "CapturePipeline.h"
+#include "audit/CapturePipeline.h"
 
-#include "EventRouter.h"
-#include "Logging.h"
+#include "audit/EventRouter.h"
+#include "common/Logging.h"
 
 namespace vantor::audit
 {

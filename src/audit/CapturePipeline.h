@@ -1,9 +1,9 @@
 #pragma once
 
-#include "AuditEventBuilder.h"
-#include "EventProcessingThread.h"
-#include "IOChannel.h"
-#include "ParserThread.h"
+#include "audit/AuditEventBuilder.h"
+#include "audit/EventProcessingThread.h"
+#include "audit/ParserThread.h"
+#include "common/IOChannel.h"
 
 #include <functional>
 #include <memory>

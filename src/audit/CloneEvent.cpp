@@ -1,4 +1,4 @@
-#include "CloneEvent.h"
+#include "audit/CloneEvent.h"
 
 #include <sys/syscall.h>
 

@@ -1,4 +1,4 @@
-#include "CreateEvent.h"
+#include "audit/CreateEvent.h"
 
 #include <fcntl.h>
 #include <sys/syscall.h>

@@ -1,6 +1,6 @@
-#include "DeleteEvent.h"
+#include "audit/DeleteEvent.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <sys/syscall.h>
 

@@ -1,6 +1,6 @@
-#include "DispatcherIOChannel.h"
+#include "audit/DispatcherIOChannel.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <string_view>
 

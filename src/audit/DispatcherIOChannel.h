@@ -1,6 +1,6 @@
 #pragma once
 
-#include "UnixClientStreamSockIOChannel.h"
+#include "common/UnixClientStreamSockIOChannel.h"
 
 #include <atomic>
 #include <string>

@@ -1,7 +1,7 @@
-#include "Event.h"
+#include "audit/Event.h"
 
-#include "Logging.h"
-#include "UserNameCache.h"
+#include "audit/UserNameCache.h"
+#include "common/Logging.h"
 
 namespace vantor::audit::internal
 {

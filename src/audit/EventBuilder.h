@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AuditEventClass.h"
+#include "audit/AuditEventClass.h"
 #include "edr/Event.h"
 
 #include <auparse.h>

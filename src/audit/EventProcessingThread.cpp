@@ -1,6 +1,6 @@
-#include "EventProcessingThread.h"
+#include "audit/EventProcessingThread.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "AsyncTask.h"
-#include "EventRouter.h"
+#include "audit/EventRouter.h"
+#include "common/AsyncTask.h"
 #include "edr/Event.h"
 
 #include <condition_variable>

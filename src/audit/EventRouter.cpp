@@ -1,7 +1,7 @@
-#include "EventRouter.h"
+#include "audit/EventRouter.h"
 
-#include "AuditTables.h"
-#include "Logging.h"
+#include "audit/AuditTables.h"
+#include "common/Logging.h"
 
 #include <stdexcept>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ProcessTree.h"
+#include "audit/ProcessTree.h"
 #include "edr/Event.h"
 #include "edr/EventRule.h"
 #include "edr/EventRuleEngine.h"

@@ -1,4 +1,4 @@
-#include "ExitEvent.h"
+#include "audit/ExitEvent.h"
 
 #include <sys/syscall.h>
 

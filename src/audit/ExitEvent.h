@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SyscallEvent.h"
+#include "audit/SyscallEvent.h"
 
 namespace vantor::audit::internal
 {

@@ -1,9 +1,9 @@
-#include "FileEvent.h"
+#include "audit/FileEvent.h"
 
-#include "AbsolutePath.h"
-#include "ContentHasher.h"
-#include "Logging.h"
-#include "StatHelper.h"
+#include "audit/AbsolutePath.h"
+#include "common/ContentHasher.h"
+#include "common/Logging.h"
+#include "common/StatHelper.h"
 
 namespace vantor::audit::internal
 {

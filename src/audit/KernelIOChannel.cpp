@@ -1,7 +1,7 @@
-#include "KernelIOChannel.h"
+#include "audit/KernelIOChannel.h"
 
-#include "AuditHandle.h"
-#include "Logging.h"
+#include "audit/AuditHandle.h"
+#include "common/Logging.h"
 
 #include <libaudit.h>
 

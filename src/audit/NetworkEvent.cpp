@@ -1,6 +1,6 @@
-#include "NetworkEvent.h"
+#include "audit/NetworkEvent.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <sys/syscall.h>
 

@@ -1,7 +1,7 @@
-#include "ParserThread.h"
+#include "audit/ParserThread.h"
 
-#include "AuparseFeed.h"
-#include "Logging.h"
+#include "audit/AuparseFeed.h"
+#include "common/Logging.h"
 
 #include <chrono>
 #include <exception>

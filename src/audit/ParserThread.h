@@ -1,6 +1,6 @@
 #pragma once
 
-#include "EventBuilder.h"
+#include "audit/EventBuilder.h"
 
 #include <atomic>
 #include <condition_variable>

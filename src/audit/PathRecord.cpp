@@ -1,7 +1,7 @@
-#include "PathRecord.h"
+#include "audit/PathRecord.h"
 
-#include "AuparseField.h"
-#include "Logging.h"
+#include "audit/AuparseField.h"
+#include "common/Logging.h"
 #include "edr/EventException.h"
 
 #include <sys/sysmacros.h>

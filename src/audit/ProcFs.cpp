@@ -1,6 +1,6 @@
-#include "ProcFs.h"
+#include "audit/ProcFs.h"
 
-#include "ProcessInfo.h"
+#include "audit/ProcessInfo.h"
 
 #include <cerrno>
 #include <charconv>

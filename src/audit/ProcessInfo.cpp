@@ -1,4 +1,4 @@
-#include "ProcessInfo.h"
+#include "audit/ProcessInfo.h"
 
 #include "edr/Event.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ProcFs.h"
+#include "audit/ProcFs.h"
 
 #include <chrono>
 #include <cstdint>

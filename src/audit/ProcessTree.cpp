@@ -1,7 +1,7 @@
-#include "ProcessTree.h"
+#include "audit/ProcessTree.h"
 
-#include "AuditTables.h"
-#include "Logging.h"
+#include "audit/AuditTables.h"
+#include "common/Logging.h"
 
 #include <unordered_set>
 

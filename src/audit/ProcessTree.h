@@ -1,7 +1,7 @@
 #pragma once
 
-#include "ProcFs.h"
-#include "ProcessInfo.h"
+#include "audit/ProcFs.h"
+#include "audit/ProcessInfo.h"
 #include "edr/Event.h"
 
 #include <deque>

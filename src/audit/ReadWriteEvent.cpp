@@ -1,4 +1,4 @@
-#include "ReadWriteEvent.h"
+#include "audit/ReadWriteEvent.h"
 
 #include <fcntl.h>
 #include <sys/syscall.h>

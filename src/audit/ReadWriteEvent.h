@@ -1,6 +1,6 @@
 #pragma once
 
-#include "FileEvent.h"
+#include "audit/FileEvent.h"
 
 namespace vantor::audit::internal
 {

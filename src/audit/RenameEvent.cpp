@@ -1,4 +1,4 @@
-#include "RenameEvent.h"
+#include "audit/RenameEvent.h"
 
 #include <sys/syscall.h>
 

@@ -1,8 +1,8 @@
-#include "RuleEngine.h"
+#include "audit/RuleEngine.h"
 
-#include "AuditTables.h"
-#include "Logging.h"
-#include "RuleEngineException.h"
+#include "audit/AuditTables.h"
+#include "audit/RuleEngineException.h"
+#include "common/Logging.h"
 
 #include <libaudit.h>
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "AuditHandle.h"
-#include "AuditRule.h"
-#include "AuditRuleBuilder.h"
-#include "EventRouter.h"
-#include "ProcessTree.h"
+#include "audit/AuditHandle.h"
+#include "audit/AuditRule.h"
+#include "audit/AuditRuleBuilder.h"
+#include "audit/EventRouter.h"
+#include "audit/ProcessTree.h"
 #include "edr/EventRule.h"
 
 #include <cstdint>

@@ -1,8 +1,8 @@
-#include "RunningEvent.h"
+#include "audit/RunningEvent.h"
 
-#include "AbsolutePath.h"
-#include "Logging.h"
-#include "StatHelper.h"
+#include "audit/AbsolutePath.h"
+#include "common/Logging.h"
+#include "common/StatHelper.h"
 
 #include <sys/syscall.h>
 

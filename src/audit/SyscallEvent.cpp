@@ -1,4 +1,4 @@
-#include "SyscallEvent.h"
+#include "audit/SyscallEvent.h"
 
 namespace vantor::audit::internal
 {

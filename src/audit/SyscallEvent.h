@@ -1,7 +1,7 @@
 #pragma once
 
-#include "AuditRecords.h"
-#include "Event.h"
+#include "audit/AuditRecords.h"
+#include "audit/Event.h"
 
 namespace vantor::audit::internal
 {

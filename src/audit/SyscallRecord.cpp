@@ -1,7 +1,7 @@
-#include "SyscallRecord.h"
+#include "audit/SyscallRecord.h"
 
-#include "AuparseField.h"
-#include "SyscallRecordException.h"
+#include "audit/AuparseField.h"
+#include "audit/SyscallRecordException.h"
 
 namespace vantor::audit::internal
 {

@@ -1,7 +1,7 @@
-#include "UserNameCache.h"
+#include "audit/UserNameCache.h"
 
-#include "Logging.h"
-#include "SyscallRecord.h"
+#include "audit/SyscallRecord.h"
+#include "common/Logging.h"
 
 #include <pwd.h>
 #include <unistd.h>

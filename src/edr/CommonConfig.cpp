@@ -1,6 +1,11 @@
-#include "CommonConfig.h"
+#include "edr/CommonConfig.h"
 
 #include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
 #include <rapidjson/writer.h>
 
 #include <stdexcept>
@@ -241,6 +246,34 @@ std::string CommonConfig::ToJson() const
     }
     w.EndObject();
     return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+common::HttpServiceSettings CommonConfig::HttpSettings() const
+{
+    common::HttpServiceSettings settings;
+    settings.connectionTimeout = std::chrono::seconds(ConnectionTimeout());
+    settings.requestTimeout = std::chrono::seconds(RequestTimeout());
+    settings.caCertPath = CaCertPath();
+    settings.useProxyOrder = UseProxyOrder();
+    settings.proxyFailOpen = ProxyFailOpen();
+    settings.customerId = CustomerId();
+    settings.agentId = AgentId();
+    const auto environment = EnvironmentVariables();
+    for (const char* name : common::HttpServiceSettings::kProxyVariables)
+    {
+        const auto it = environment.find(name);
+        if (it != environment.end() && !it->second.empty() &&
+            std::find(settings.proxies.begin(), settings.proxies.end(), it->second) == settings.proxies.end())
+        {
+            settings.proxies.push_back(it->second);
+        }
+    }
+    return settings;
+}
+
+std::string CommonConfig::HmacKeyPath() const
+{
+    return (std::filesystem::path(AgentInstallPath()) / "keys/edr_hmac.key").string();
 }
 
 } // namespace vantor::edr

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/HttpServiceSettings.h"
+
 #include <rapidjson/document.h>
 
 #include <cstdint>
@@ -46,6 +48,13 @@ public:
     bool HasBlackoutEvents() const;
     // The "Blackout_Events" value as JSON text ("" when absent).
     std::string BlackoutEvents() const;
+
+    // What the HTTP service needs: time-outs, CA path, proxy mode, fail-open
+    // and ids; the proxies are the exported proxy variables it holds, in
+    // their export order, each once.
+    common::HttpServiceSettings HttpSettings() const;
+    // <agent_install_path>/keys/edr_hmac.key, the request signer's key.
+    std::string HmacKeyPath() const;
 
     // The settings as a JSON object, members in their fixed order.
     std::string ToJson() const;

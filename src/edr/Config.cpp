@@ -1,4 +1,4 @@
-#include "Config.h"
+#include "edr/Config.h"
 
 #include <stdexcept>
 

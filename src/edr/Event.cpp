@@ -1,4 +1,4 @@
-#include "Event.h"
+#include "edr/Event.h"
 
 namespace vantor::edr
 {

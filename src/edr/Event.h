@@ -1,6 +1,6 @@
 #pragma once
 
-#include "EventException.h"
+#include "edr/EventException.h"
 
 #include <chrono>
 #include <cstdint>

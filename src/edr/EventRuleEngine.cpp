@@ -1,6 +1,6 @@
-#include "EventRuleEngine.h"
+#include "edr/EventRuleEngine.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <exception>
 #include <stdexcept>

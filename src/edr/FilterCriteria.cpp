@@ -1,7 +1,7 @@
-#include "FilterCriteria.h"
+#include "edr/FilterCriteria.h"
 
-#include "FilterCriteriaException.h"
-#include "Logging.h"
+#include "common/Logging.h"
+#include "edr/FilterCriteriaException.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Glob.h>

@@ -1,4 +1,4 @@
-#include "LibMagicWrapper.h"
+#include "edr/LibMagicWrapper.h"
 
 namespace vantor::edr
 {

@@ -1,4 +1,4 @@
-#include "PseudoRunningEvent.h"
+#include "edr/PseudoRunningEvent.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "PseudoTerminateEvent.h"
+#include "edr/PseudoTerminateEvent.h"
 
 #include <utility>
 

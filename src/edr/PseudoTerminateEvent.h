@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Event.h"
+#include "edr/Event.h"
 
 #include <string>
 

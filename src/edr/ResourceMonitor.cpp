@@ -1,6 +1,6 @@
-#include "ResourceMonitor.h"
+#include "edr/ResourceMonitor.h"
 
-#include "util/Json.h"
+#include "common/util/Json.h"
 
 #include <cerrno>
 #include <cstdlib>

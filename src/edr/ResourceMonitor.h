@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CircularBuffer.h"
+#include "common/CircularBuffer.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,7 +1,7 @@
-#include "TimeCriteria.h"
+#include "edr/TimeCriteria.h"
 
-#include "FilterCriteriaException.h"
-#include "Logging.h"
+#include "common/Logging.h"
+#include "edr/FilterCriteriaException.h"
 
 #include <ctime>
 #include <optional>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "FilterCriteria.h"
+#include "edr/FilterCriteria.h"
 
 #include <cstdint>
 #include <string>

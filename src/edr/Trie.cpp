@@ -1,6 +1,6 @@
-#include "Trie.h"
+#include "edr/Trie.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <stdexcept>
 #include <utility>

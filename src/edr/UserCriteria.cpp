@@ -1,7 +1,7 @@
-#include "UserCriteria.h"
+#include "edr/UserCriteria.h"
 
-#include "FilterCriteriaException.h"
-#include "Logging.h"
+#include "common/Logging.h"
+#include "edr/FilterCriteriaException.h"
 
 #include <algorithm>
 

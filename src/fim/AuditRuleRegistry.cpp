@@ -1,4 +1,4 @@
-#include "AuditRuleRegistry.h"
+#include "fim/AuditRuleRegistry.h"
 
 #include "audit/RuleEngine.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "RuleRegistry.h"
+#include "fim/RuleRegistry.h"
 
 namespace vantor::audit
 {

@@ -1,6 +1,6 @@
-#include "BaselineEvent.h"
+#include "fim/BaselineEvent.h"
 
-#include "EventProcessor.h"
+#include "fim/EventProcessor.h"
 
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
-#include "BaselineEventSqlDataFormatter.h"
+#include "fim/BaselineEventSqlDataFormatter.h"
 
-#include "Serializer.h"
-#include "SqlDataFormatterException.h"
+#include "common/Serializer.h"
+#include "common/SqlDataFormatterException.h"
 
 namespace vantor::fim
 {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SqlDataFormatter.h"
+#include "common/SqlDataFormatter.h"
 
 #include <string>
 #include <string_view>

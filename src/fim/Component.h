@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Config.h"
-#include "RuleRegistry.h"
+#include "fim/Config.h"
+#include "fim/RuleRegistry.h"
 
 #include <rapidjson/document.h>
 

@@ -1,4 +1,4 @@
-#include "Config.h"
+#include "fim/Config.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>

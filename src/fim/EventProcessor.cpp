@@ -1,9 +1,9 @@
-#include "EventProcessor.h"
+#include "fim/EventProcessor.h"
 
-#include "Logging.h"
-#include "SpoolStorage.h"
-#include "SqlStorage.h"
-#include "util/TimeFormat.h"
+#include "common/Logging.h"
+#include "common/SpoolStorage.h"
+#include "common/SqlStorage.h"
+#include "common/util/TimeFormat.h"
 
 #include <openssl/evp.h>
 #include <rapidjson/encodings.h>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "BaselineEventSqlDataFormatter.h"
-#include "EventRuleManager.h"
 #include "edr/Event.h"
+#include "fim/BaselineEventSqlDataFormatter.h"
+#include "fim/EventRuleManager.h"
 
 #include <cstdint>
 #include <string>

@@ -1,8 +1,8 @@
-#include "EventRule.h"
+#include "fim/EventRule.h"
 
-#include "EventRuleException.h"
-#include "FilterException.h"
-#include "Logging.h"
+#include "common/Logging.h"
+#include "fim/EventRuleException.h"
+#include "fim/FilterException.h"
 
 #include <Poco/NumberParser.h>
 #include <Poco/String.h>

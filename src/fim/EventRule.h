@@ -1,7 +1,7 @@
 #pragma once
 
-#include "RuleFilter.h"
 #include "edr/EventRule.h"
+#include "fim/RuleFilter.h"
 
 #include <rapidjson/document.h>
 

@@ -1,9 +1,9 @@
-#include "EventRuleManager.h"
+#include "fim/EventRuleManager.h"
 
-#include "EventRuleException.h"
-#include "Logging.h"
-#include "ManifestException.h"
-#include "util/Json.h"
+#include "common/Logging.h"
+#include "common/util/Json.h"
+#include "fim/EventRuleException.h"
+#include "fim/ManifestException.h"
 
 #include <rapidjson/error/en.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "EventRule.h"
-#include "RuleRegistry.h"
+#include "fim/EventRule.h"
+#include "fim/RuleRegistry.h"
 
 #include <rapidjson/document.h>
 

@@ -1,6 +1,6 @@
-#include "JsonDataFormatter.h"
+#include "fim/JsonDataFormatter.h"
 
-#include "util/Json.h"
+#include "common/util/Json.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>

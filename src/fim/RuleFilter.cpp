@@ -1,7 +1,7 @@
-#include "RuleFilter.h"
+#include "fim/RuleFilter.h"
 
-#include "FilterException.h"
 #include "edr/FilterCriteriaException.h"
+#include "fim/FilterException.h"
 
 #include <sys/stat.h>
 

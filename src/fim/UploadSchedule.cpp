@@ -1,10 +1,10 @@
-#include "UploadSchedule.h"
+#include "fim/UploadSchedule.h"
 
-#include "HttpUploader.h"
-#include "Logging.h"
-#include "SpoolStorage.h"
-#include "util/Json.h"
-#include "util/TimeFormat.h"
+#include "common/HttpUploader.h"
+#include "common/Logging.h"
+#include "common/SpoolStorage.h"
+#include "common/util/Json.h"
+#include "common/util/TimeFormat.h"
 
 #include <rapidjson/error/en.h>
 #include <rapidjson/stringbuffer.h>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "AsyncTask.h"
-#include "Config.h"
-#include "PeriodicSchedule.h"
+#include "common/AsyncTask.h"
+#include "common/PeriodicSchedule.h"
+#include "fim/Config.h"
 
 #include <condition_variable>
 #include <functional>

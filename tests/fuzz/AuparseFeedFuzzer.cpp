@@ -4,9 +4,9 @@
 // consumers call first; a hostile event may refuse them with an exception,
 // never with a crash.
 
-#include "Logging.h"
 #include "audit/AuditEventBuilder.h"
 #include "audit/AuparseFeed.h"
+#include "common/Logging.h"
 #include "edr/LibMagicWrapper.h"
 
 #include <Poco/Logger.h>

@@ -1,8 +1,8 @@
-#include "DaemonHarness.h"
+#include "tests/support/DaemonHarness.h"
 
-#include "src/audit/AuditKernelState.h"
+#include "tests/src/audit/AuditKernelState.h"
 
-#include "util/Json.h"
+#include "common/util/Json.h"
 
 #include <gtest/gtest.h>
 

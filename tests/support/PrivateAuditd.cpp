@@ -1,4 +1,4 @@
-#include "PrivateAuditd.h"
+#include "tests/support/PrivateAuditd.h"
 
 #include <chrono>
 #include <csignal>

@@ -1,4 +1,4 @@
-#include "StandInAgent.h"
+#include "tools/outpost/StandInAgent.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>

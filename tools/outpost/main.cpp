@@ -1,4 +1,4 @@
-#include "StandInAgent.h"
+#include "tools/outpost/StandInAgent.h"
 
 #include <cstdlib>
 #include <iostream>

@@ -1,4 +1,4 @@
-#include "util/Base64.h"
+#include "common/util/Base64.h"
 
 #include <Poco/Base64Decoder.h>
 #include <Poco/Base64Encoder.h>

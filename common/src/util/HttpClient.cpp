@@ -1,7 +1,7 @@
-#include "util/HttpClient.h"
+#include "common/util/HttpClient.h"
 
-#include "InMemoryHttpResponse.h"
-#include "Logging.h"
+#include "common/InMemoryHttpResponse.h"
+#include "common/Logging.h"
 
 #include <future>
 #include <stdexcept>

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "HttpRequest.h"
-#include "HttpResponse.h"
-#include "HttpService.h"
-#include "MutableHttpResponse.h"
+#include "common/HttpRequest.h"
+#include "common/HttpResponse.h"
+#include "common/HttpService.h"
+#include "common/MutableHttpResponse.h"
 
 #include <memory>
 

@@ -1,4 +1,4 @@
-#include "Json.h"
+#include "common/util/Json.h"
 
 #include <fstream>
 #include <sstream>

@@ -1,4 +1,4 @@
-#include "util/Lzma.h"
+#include "common/util/Lzma.h"
 
 #include <lzma.h>
 

@@ -1,4 +1,4 @@
-#include "util/Sha256.h"
+#include "common/util/Sha256.h"
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>

@@ -1,4 +1,4 @@
-#include "TimeFormat.h"
+#include "common/util/TimeFormat.h"
 
 #include <ctime>
 

@@ -1,5 +1,5 @@
-#include "FileStorage.h"
-#include "support/TempDir.h"
+#include "common/FileStorage.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
-#include "HttpDownloadManager.h"
-#include "InMemoryHttpResponse.h"
-#include "MutableHttpRequest.h"
-#include "util/Base64.h"
-#include "util/Lzma.h"
+#include "common/HttpDownloadManager.h"
+#include "common/InMemoryHttpResponse.h"
+#include "common/MutableHttpRequest.h"
+#include "common/util/Base64.h"
+#include "common/util/Lzma.h"
 
 #include <gtest/gtest.h>
 

@@ -1,14 +1,13 @@
-#include "HttpService.h"
-#include "HmacRequestSigner.h"
-#include "HttpDownloadManager.h"
-#include "HttpUploader.h"
-#include "InMemoryHttpResponse.h"
-#include "LzmaHttpInterceptor.h"
-#include "OnDiskHttpResponse.h"
-#include "SigValidationHttpInterceptor.h"
-#include "TestReceiver.h"
-#include "edr/CommonConfig.h"
-#include "support/TempDir.h"
+#include "common/HttpService.h"
+#include "common/HmacRequestSigner.h"
+#include "common/HttpDownloadManager.h"
+#include "common/HttpUploader.h"
+#include "common/InMemoryHttpResponse.h"
+#include "common/LzmaHttpInterceptor.h"
+#include "common/OnDiskHttpResponse.h"
+#include "common/SigValidationHttpInterceptor.h"
+#include "tests/support/TempDir.h"
+#include "tools/TestReceiver.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -496,28 +495,6 @@ TEST_F(HttpServiceTest, SystemProxyFoundByLibproxyIsUsed)
     unsetenv("https_proxy");
     EXPECT_TRUE(ok);
     EXPECT_EQ(proxy.Connects(), 1);
-}
-
-TEST(HttpServiceSettingsTest, TakenFromCommonConfigWithExportedProxiesInOrder)
-{
-    rapidjson::Document json;
-    json.Parse(R"({"agent_id":"a1","agent_version":"1","ca_cert_path":"/ca.pem","connection_timeout":7,
-        "customer_id":"c1","log_config_file":"/l","proxy_order":1,"proxy_fail_open":true,"request_timeout":9,
-        "service_url":"https://x","activation_id":"x","agent_effective_uid":0,"agent_effective_gid":0,
-        "ipv4":"","ipv6":"","osname":"","platform":"","agent_install_path":"/opt/a","sudo_command":"",
-        "use_sudo":false,"environment_variables":{"http_proxy":"http://p3:1","corvid_https_proxy":"http://p2:1",
-        "corvid_https_tls_proxy":"http://p1:1","https_proxy":"http://p2:1","PATH":"/bin"}})");
-    const vantor::edr::CommonConfig config(json);
-    const auto settings = HttpServiceSettings::FromCommonConfig(config);
-    EXPECT_EQ(settings.connectionTimeout, 7s);
-    EXPECT_EQ(settings.requestTimeout, 9s);
-    EXPECT_EQ(settings.caCertPath, "/ca.pem");
-    EXPECT_TRUE(settings.useProxyOrder);
-    EXPECT_TRUE(settings.proxyFailOpen);
-    EXPECT_EQ(settings.customerId, "c1");
-    EXPECT_EQ(settings.agentId, "a1");
-    EXPECT_EQ(settings.proxies, (std::vector<std::string>{"http://p1:1", "http://p2:1", "http://p3:1"}));
-    EXPECT_THROW(HmacRequestSigner::FromCommonConfig(config), std::runtime_error); // no key under /opt/a
 }
 
 } // namespace

@@ -1,7 +1,7 @@
-#include "Logging.h"
+#include "common/Logging.h"
 
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>

@@ -1,9 +1,9 @@
-#include "Scheduler.h"
-#include "AsyncTask.h"
-#include "CircularBuffer.h"
-#include "PeriodicSchedule.h"
-#include "SynchronizedQueue.h"
-#include "ThreadedClass.h"
+#include "common/Scheduler.h"
+#include "common/AsyncTask.h"
+#include "common/CircularBuffer.h"
+#include "common/PeriodicSchedule.h"
+#include "common/SynchronizedQueue.h"
+#include "common/ThreadedClass.h"
 
 #include <gtest/gtest.h>
 

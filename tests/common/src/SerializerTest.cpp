@@ -1,6 +1,6 @@
-#include "Serializer.h"
-#include "SqlRowIterator.h"
-#include "StorageException.h"
+#include "common/Serializer.h"
+#include "common/SqlRowIterator.h"
+#include "common/StorageException.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

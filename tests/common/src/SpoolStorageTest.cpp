@@ -1,7 +1,7 @@
-#include "SpoolStorage.h"
-#include "Scheduler.h"
-#include "SpoolRawDataFormatter.h"
-#include "support/TempDir.h"
+#include "common/SpoolStorage.h"
+#include "common/Scheduler.h"
+#include "common/SpoolRawDataFormatter.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,14 +1,14 @@
-#include "SqlStorage.h"
+#include "common/SqlStorage.h"
 
-#include "Serializer.h"
-#include "SqlRowIterator.h"
-#include "StorageException.h"
+#include "common/Serializer.h"
+#include "common/SqlRowIterator.h"
+#include "common/StorageException.h"
 #include "fim/BaselineEventSqlDataFormatter.h"
 
-#include "Logging.h"
-#include "support/ExpectThrowText.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
+#include "common/Logging.h"
+#include "tests/support/ExpectThrowText.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include "StatHelper.h"
-#include "ContentHasher.h"
-#include "support/TempDir.h"
+#include "common/StatHelper.h"
+#include "common/ContentHasher.h"
+#include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

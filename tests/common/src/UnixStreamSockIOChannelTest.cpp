@@ -1,9 +1,9 @@
-#include "Logging.h"
-#include "UnixClientStreamSockIOChannel.h"
-#include "UnixServerStreamSockIOChannel.h"
-#include "support/DaemonHarness.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
+#include "common/Logging.h"
+#include "common/UnixClientStreamSockIOChannel.h"
+#include "common/UnixServerStreamSockIOChannel.h"
+#include "tests/support/DaemonHarness.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 #include "audit/AuditEventBuilder.h"
 #include "audit/CloneEvent.h"
 #include "audit/RenameEvent.h"
-#include "support/ExpectThrowText.h"
-#include "support/TempDir.h"
+#include "tests/support/ExpectThrowText.h"
+#include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 #include <libaudit.h>

@@ -1,12 +1,12 @@
-#include "Logging.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
+#include "common/Logging.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
-#include "TestRule.h"
 #include "audit/AuditRule.h"
 #include "audit/AuditRuleBuilder.h"
 #include "audit/AuditTables.h"
 #include "audit/RuleEngineException.h"
+#include "tests/src/audit/TestRule.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

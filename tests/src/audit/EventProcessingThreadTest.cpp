@@ -1,8 +1,8 @@
-#include "TestEvent.h"
-#include "support/LogCapture.h"
+#include "tests/src/audit/TestEvent.h"
+#include "tests/support/LogCapture.h"
 
-#include "Logging.h"
 #include "audit/EventProcessingThread.h"
+#include "common/Logging.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
-#include "FakeProc.h"
-#include "TestEvent.h"
-#include "support/LogCapture.h"
+#include "tests/src/audit/FakeProc.h"
+#include "tests/src/audit/TestEvent.h"
+#include "tests/support/LogCapture.h"
 
-#include "Logging.h"
 #include "audit/EventRouter.h"
+#include "common/Logging.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

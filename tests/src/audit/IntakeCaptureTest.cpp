@@ -1,7 +1,7 @@
-#include "AuditKernelState.h"
-#include "RecordingEventBuilder.h"
-#include "support/PrivateAuditd.h"
-#include "support/TempDir.h"
+#include "tests/src/audit/AuditKernelState.h"
+#include "tests/src/audit/RecordingEventBuilder.h"
+#include "tests/support/PrivateAuditd.h"
+#include "tests/support/TempDir.h"
 
 #include "audit/AuditEventBuilder.h"
 #include "audit/DispatcherIOChannel.h"

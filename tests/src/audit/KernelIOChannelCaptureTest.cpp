@@ -1,10 +1,10 @@
-#include "AuditKernelState.h"
-#include "support/TempDir.h"
+#include "tests/src/audit/AuditKernelState.h"
+#include "tests/support/TempDir.h"
 
-#include "TestRule.h"
 #include "audit/AuditRule.h"
 #include "audit/AuditRuleBuilder.h"
 #include "audit/KernelIOChannel.h"
+#include "tests/src/audit/TestRule.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
-#include "Logging.h"
-#include "RecordingEventBuilder.h"
-#include "support/LogCapture.h"
+#include "common/Logging.h"
+#include "tests/src/audit/RecordingEventBuilder.h"
+#include "tests/support/LogCapture.h"
 
 #include "audit/ParserThread.h"
 

@@ -1,8 +1,8 @@
-#include "AuditKernelState.h"
-#include "Logging.h"
-#include "TestRule.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
+#include "common/Logging.h"
+#include "tests/src/audit/AuditKernelState.h"
+#include "tests/src/audit/TestRule.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include "audit/CapturePipeline.h"
 #include "audit/KernelIOChannel.h"

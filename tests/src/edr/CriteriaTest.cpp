@@ -2,10 +2,10 @@
 #include "edr/TimeCriteria.h"
 #include "edr/UserCriteria.h"
 
-#include "Logging.h"
-#include "support/ExpectThrowText.h"
-#include "support/LogCapture.h"
-#include "util/Json.h"
+#include "common/Logging.h"
+#include "common/util/Json.h"
+#include "tests/support/ExpectThrowText.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 // agent socket path) and its own /dev/log, so that the daemon's syslog lines
 // can be read back exactly.
 
-#include "support/DaemonHarness.h"
+#include "tests/support/DaemonHarness.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 #include "edr/EventRuleEngine.h"
 
-#include "Logging.h"
-#include "support/ExpectThrowText.h"
-#include "support/LogCapture.h"
+#include "common/Logging.h"
+#include "tests/support/ExpectThrowText.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 

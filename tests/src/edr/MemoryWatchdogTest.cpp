@@ -1,4 +1,4 @@
-#include "edr/MemoryWatchdog.h"
+#include "edr/daemon/MemoryWatchdog.h"
 #include "edr/ResourceMonitor.h"
 
 #include <gmock/gmock.h>

@@ -1,8 +1,8 @@
 #include "edr/LibMagicWrapper.h"
 #include "edr/PseudoRunningEvent.h"
 #include "edr/PseudoTerminateEvent.h"
-#include "support/ExpectThrowText.h"
-#include "support/TempDir.h"
+#include "tests/support/ExpectThrowText.h"
+#include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 

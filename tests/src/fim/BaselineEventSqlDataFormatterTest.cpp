@@ -1,7 +1,7 @@
 #include "fim/BaselineEventSqlDataFormatter.h"
 
-#include "Serializer.h"
-#include "SqlDataFormatterException.h"
+#include "common/Serializer.h"
+#include "common/SqlDataFormatterException.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

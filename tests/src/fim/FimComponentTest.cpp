@@ -1,14 +1,14 @@
-#include "TestEvent.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
+#include "tests/src/fim/TestEvent.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
-#include "HttpService.h"
-#include "HttpUploader.h"
-#include "Logging.h"
-#include "Scheduler.h"
-#include "SpoolStorage.h"
+#include "common/HttpService.h"
+#include "common/HttpUploader.h"
+#include "common/Logging.h"
+#include "common/Scheduler.h"
+#include "common/SpoolStorage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

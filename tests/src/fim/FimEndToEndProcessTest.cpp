@@ -2,11 +2,11 @@
 // stand-in agent, on the real kernel audit stream (or a private auditd's
 // dispatcher socket), uploading to the local HTTPS receiver.
 
-#include "TestReceiver.h"
-#include "src/audit/AuditKernelState.h"
-#include "support/DaemonHarness.h"
-#include "support/PrivateAuditd.h"
-#include "util/Json.h"
+#include "common/util/Json.h"
+#include "tests/src/audit/AuditKernelState.h"
+#include "tests/support/DaemonHarness.h"
+#include "tests/support/PrivateAuditd.h"
+#include "tools/TestReceiver.h"
 
 #include <gtest/gtest.h>
 

@@ -1,14 +1,14 @@
-#include "TestEvent.h"
 #include "fim/EventProcessor.h"
 #include "fim/EventRuleManager.h"
 #include "fim/JsonDataFormatter.h"
-#include "support/TempDir.h"
+#include "tests/src/fim/TestEvent.h"
+#include "tests/support/TempDir.h"
 
-#include "Scheduler.h"
-#include "SpoolStorage.h"
-#include "SqlStorage.h"
-#include "util/Json.h"
-#include "util/Sha256.h"
+#include "common/Scheduler.h"
+#include "common/SpoolStorage.h"
+#include "common/SqlStorage.h"
+#include "common/util/Json.h"
+#include "common/util/Sha256.h"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,10 @@
-#include "TestEvent.h"
 #include "fim/EventRuleManager.h"
 #include "fim/ManifestException.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
+#include "tests/src/fim/TestEvent.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>

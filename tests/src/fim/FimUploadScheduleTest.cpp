@@ -1,17 +1,17 @@
 #include "fim/Config.h"
 #include "fim/JsonDataFormatter.h"
 #include "fim/UploadSchedule.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
-#include "HmacRequestSigner.h"
-#include "HttpService.h"
-#include "HttpUploader.h"
-#include "Logging.h"
-#include "Scheduler.h"
-#include "SpoolStorage.h"
-#include "TestReceiver.h"
-#include "util/Json.h"
+#include "common/HmacRequestSigner.h"
+#include "common/HttpService.h"
+#include "common/HttpUploader.h"
+#include "common/Logging.h"
+#include "common/Scheduler.h"
+#include "common/SpoolStorage.h"
+#include "common/util/Json.h"
+#include "tools/TestReceiver.h"
 
 #include <gtest/gtest.h>
 

@@ -1,19 +1,19 @@
-#include "Daemon.h"
+#include "edr/daemon/Daemon.h"
 
-#include "HttpServiceSettings.h"
-#include "Logging.h"
-#include "PseudoRunningEvent.h"
-#include "PseudoTerminateEvent.h"
-#include "SignalHandler.h"
-#include "UnixClientStreamSockIOChannel.h"
 #include "audit/CapturePipeline.h"
 #include "audit/DispatcherIOChannel.h"
 #include "audit/KernelIOChannel.h"
 #include "audit/ProcessTree.h"
 #include "audit/RuleEngine.h"
+#include "common/HttpServiceSettings.h"
+#include "common/Logging.h"
+#include "common/SignalHandler.h"
+#include "common/UnixClientStreamSockIOChannel.h"
+#include "common/util/Json.h"
+#include "edr/PseudoRunningEvent.h"
+#include "edr/PseudoTerminateEvent.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
-#include "util/Json.h"
 
 #include <Poco/Exception.h>
 
@@ -269,8 +269,8 @@ bool Daemon::Initialize()
         }
         try
         {
-            m_requestSigner = std::make_shared<const common::HmacRequestSigner>(
-                common::HmacRequestSigner::FromCommonConfig(*m_commonConfig));
+            m_requestSigner =
+                std::make_shared<const common::HmacRequestSigner>(m_commonConfig->HmacKeyPath());
         }
         catch (const std::runtime_error& e)
         {
@@ -332,8 +332,7 @@ void Daemon::BuildAuditCore()
 void Daemon::BuildUploadersAndComponents()
 {
     // One HTTP thread serves every uploader.
-    m_httpService = std::make_shared<common::HttpService>(
-        common::HttpServiceSettings::FromCommonConfig(*m_commonConfig), m_requestSigner);
+    m_httpService = std::make_shared<common::HttpService>(m_commonConfig->HttpSettings(), m_requestSigner);
     m_httpService->Start();
     m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
     m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler,

@@ -1,4 +1,4 @@
-#include "Daemon.h"
+#include "edr/daemon/Daemon.h"
 
 int main()
 {

@@ -1,6 +1,6 @@
-#include "MemoryWatchdog.h"
+#include "edr/daemon/MemoryWatchdog.h"
 
-#include "Logging.h"
+#include "common/Logging.h"
 
 #include <malloc.h>
 

@@ -1,15 +1,15 @@
 #pragma once
 
-#include "CommonConfig.h"
-#include "Config.h"
-#include "HmacRequestSigner.h"
-#include "HttpService.h"
-#include "HttpUploader.h"
-#include "IOChannel.h"
-#include "LibMagicWrapper.h"
-#include "MemoryWatchdog.h"
-#include "ResourceMonitor.h"
-#include "Scheduler.h"
+#include "common/HmacRequestSigner.h"
+#include "common/HttpService.h"
+#include "common/HttpUploader.h"
+#include "common/IOChannel.h"
+#include "common/Scheduler.h"
+#include "edr/CommonConfig.h"
+#include "edr/Config.h"
+#include "edr/LibMagicWrapper.h"
+#include "edr/ResourceMonitor.h"
+#include "edr/daemon/MemoryWatchdog.h"
 
 #include <rapidjson/document.h>
 
