@@ -82,6 +82,8 @@ public:
         AddRoute(kTag, EventRule::ProcessRule, {9, 10, 11}, {});
         AddRoute(kTag, EventRule::NetworkRule, {12, 13}, {});
     }
+    void AddRules(const Rules&, const std::string&) override {}
+    void DeleteRules(const std::string&) override {}
 };
 
 // The dispatcher's end: a listening Unix stream socket in a temporary

@@ -55,13 +55,13 @@ public:
     // Builds and installs the kernel rules of each rule under the tag. A rule
     // that fails is logged and skipped. Throws RuleEngineException for an
     // empty tag or when no audit socket can be opened.
-    void AddRules(const Rules& rules, const std::string& tag);
+    void AddRules(const Rules& rules, const std::string& tag) override;
 
     // Removes the kernel rules installed for the rule id; answers whether the
     // id was installed.
     bool DeleteRuleFromAudit(const std::string& ruleId);
     // Removes every rule installed under the tag.
-    void DeleteRules(const std::string& tag);
+    void DeleteRules(const std::string& tag) override;
 
     // Removes all detection rules, then calls the invalidated handlers so that
     // their owners submit their rules again.

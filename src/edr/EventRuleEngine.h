@@ -1,14 +1,17 @@
 #pragma once
 
 #include "edr/Event.h"
+#include "edr/EventRule.h"
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 namespace vantor::edr
 {
@@ -39,6 +42,7 @@ public:
     using RuleMatchedEventHandler = std::function<void(Event&)>;
     using InvalidatedEventHandler = std::function<void()>;
     using Tags = std::unordered_set<std::string>;
+    using Rules = std::vector<std::shared_ptr<EventRule>>;
 
     EventRuleEngine();
     virtual ~EventRuleEngine();
@@ -55,6 +59,15 @@ public:
     void UnregisterEventHandlers(const std::string& tag);
 
     bool HasEventHandlers(const std::string& tag) const;
+
+    // Installs what the rules need to see their events (kernel audit rules,
+    // path entries) under the tag, so that matching events reach the tag's
+    // handlers. A rule that cannot be installed is logged and skipped; an
+    // empty tag throws.
+    virtual void AddRules(const Rules& rules, const std::string& tag) = 0;
+
+    // Removes everything AddRules installed under the tag.
+    virtual void DeleteRules(const std::string& tag) = 0;
 
 protected:
     // Calls the rule-matched handler of every tag in the set that has one.

@@ -28,6 +28,8 @@ public:
     {
         AddRoute("tag", EventRule::FilePathRule, {5}, {"/watched/file"});
     }
+    void AddRules(const Rules&, const std::string&) override {}
+    void DeleteRules(const std::string&) override {}
 };
 
 std::unique_ptr<edr::Event> Event(uint64_t timestamp, uint32_t serial)

@@ -23,6 +23,8 @@ public:
     using EventRouter::AddRoute;
     using EventRouter::EventRouter;
     using EventRouter::RemoveRoute;
+    void AddRules(const Rules&, const std::string&) override {}
+    void DeleteRules(const std::string&) override {}
 };
 
 class EventRouterTest : public testing::Test

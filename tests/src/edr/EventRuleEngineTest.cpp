@@ -41,6 +41,8 @@ class TestEngine : public EventRuleEngine
 public:
     using EventRuleEngine::DispatchEvent;
     using EventRuleEngine::InvalidateEventHandlers;
+    void AddRules(const Rules&, const std::string&) override {}
+    void DeleteRules(const std::string&) override {}
 };
 
 const auto kNoInvalidate = [] {};
