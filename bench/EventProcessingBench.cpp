@@ -47,6 +47,8 @@ public:
     {
         AddRoute("bench", vantor::edr::EventRule::DirectoryPathRule, {5}, {"/var/lib/app"});
     }
+    void AddRules(const Rules&, const std::string&) override {}
+    void DeleteRules(const std::string&) override {}
 };
 
 void BM_EventProcessing(benchmark::State& state)
