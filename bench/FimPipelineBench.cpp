@@ -72,7 +72,7 @@ public:
     {
     }
 
-    void AddRules(const Rules& rules, const std::string& tag) override
+    void AddRules(const edr::EventRuleEngine::Rules& rules, const std::string& tag) override
     {
         for (const auto& rule : rules)
         {
@@ -100,7 +100,7 @@ public:
     }
 
 private:
-    Rules m_rules;
+    edr::EventRuleEngine::Rules m_rules;
 };
 
 rapidjson::Document Json(const std::string& text)
