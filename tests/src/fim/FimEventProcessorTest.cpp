@@ -18,7 +18,7 @@
 
 using namespace vantor::fim::internal;
 using vantor::edr::EventType;
-using vantor::fim::test::RecordingRegistry;
+using vantor::fim::test::RecordingRuleEngine;
 using vantor::fim::test::TestEvent;
 using namespace std::chrono_literals;
 
@@ -84,8 +84,8 @@ protected:
 
     vantor::test::TempDir m_dir;
     vantor::common::Scheduler m_scheduler;
-    RecordingRegistry m_registry;
-    EventRuleManager m_manager{m_registry, "FIM"};
+    RecordingRuleEngine m_engine;
+    EventRuleManager m_manager{m_engine, "FIM"};
     std::unique_ptr<vantor::common::SpoolStorage> m_spool;
     std::unique_ptr<vantor::common::SqlStorage> m_baseline;
     std::unique_ptr<EventProcessor> m_processor;
