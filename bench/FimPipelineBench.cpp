@@ -6,8 +6,8 @@
 //     content and SHA-256 reads are real;
 //  2. the spool files -> the FIM upload schedule -> HttpUploader (LZMA,
 //     HMAC-signed) -> the local test receiver over loopback TLS.
-// The FIM component is wired to the router through a RuleRegistry that
-// installs the rules' routes instead of kernel rules.
+// The FIM component adds its rules to a router that installs their routes
+// instead of kernel rules.
 //
 // Usage: FimPipelineBench [events] [--show] (default 100000 events; --show
 // prints one document). Prints documents per
@@ -32,7 +32,6 @@
 #include "edr/LibMagicWrapper.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
-#include "fim/RuleRegistry.h"
 #include "fim/UploadSchedule.h"
 #include "tools/TestReceiver.h"
 
@@ -64,7 +63,7 @@ constexpr const char* kMagicDatabase = "/usr/share/misc/magic.mgc";
 
 // An event router whose routes are those of the FIM rules, as the audit rule
 // engine would install them, without the kernel.
-class FimRouter : public audit::EventRouter, public fim::RuleRegistry
+class FimRouter : public audit::EventRouter
 {
 public:
     explicit FimRouter(std::shared_ptr<audit::ProcessTree> tree)
@@ -87,16 +86,6 @@ public:
             RemoveRoute(tag, rule->GetType(), rule->GetActions(), rule->GetPaths());
         }
         m_rules.clear();
-    }
-    void RegisterEventHandlers(const std::string& tag,
-                               edr::EventRuleEngine::RuleMatchedEventHandler ruleMatched,
-                               edr::EventRuleEngine::InvalidatedEventHandler invalidated) override
-    {
-        EventRouter::RegisterEventHandlers(tag, std::move(ruleMatched), std::move(invalidated));
-    }
-    void UnregisterEventHandlers(const std::string& tag) override
-    {
-        EventRouter::UnregisterEventHandlers(tag);
     }
 
 private:

@@ -5,7 +5,6 @@
 #include "common/Scheduler.h"
 #include "common/SpoolStorage.h"
 #include "common/SqlStorage.h"
-#include "fim/AuditRuleRegistry.h"
 #include "fim/BaselineEvent.h"
 #include "fim/BaselineEventSqlDataFormatter.h"
 #include "fim/EventProcessor.h"
@@ -54,30 +53,22 @@ std::unique_ptr<Config> CheckConfig(std::unique_ptr<Config> config)
 } // namespace
 
 Component::Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
-                     common::Scheduler& scheduler, audit::RuleEngine& ruleEngine,
-                     const std::string& installPath, BlackoutCheck blackout)
-    : Component(std::move(config), std::move(uploader), scheduler,
-                std::make_shared<AuditRuleRegistry>(ruleEngine), installPath, std::move(blackout))
-{
-}
-
-Component::Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
-                     common::Scheduler& scheduler, std::shared_ptr<RuleRegistry> registry,
+                     common::Scheduler& scheduler, std::shared_ptr<edr::EventRuleEngine> ruleEngine,
                      const std::string& installPath, BlackoutCheck blackout)
     : m_config(CheckConfig(std::move(config)))
     , m_uploader(std::move(uploader))
-    , m_registry(std::move(registry))
+    , m_ruleEngine(std::move(ruleEngine))
     , m_scheduler(scheduler)
 {
     if (!m_uploader)
     {
         throw std::runtime_error("FimComponent: 'uploader' cannot be null");
     }
-    if (!m_registry)
+    if (!m_ruleEngine)
     {
-        throw std::runtime_error("FimComponent: 'registry' cannot be null");
+        throw std::runtime_error("FimComponent: 'ruleEngine' cannot be null");
     }
-    m_ruleManager = std::make_unique<internal::EventRuleManager>(*m_registry, kTag);
+    m_ruleManager = std::make_unique<internal::EventRuleManager>(*m_ruleEngine, kTag);
 
     const std::string directory = SpoolDirectory(*m_config);
     std::error_code ec;
@@ -129,7 +120,7 @@ void Component::Enable()
     {
         internal::EventProcessor* processor = m_processor.get();
         internal::EventRuleManager* manager = m_ruleManager.get();
-        m_registry->RegisterEventHandlers(
+        m_ruleEngine->RegisterEventHandlers(
             kTag, [processor](edr::Event& event) { processor->HandleEvent(event); },
             [manager] { manager->OnInvalidated(); });
         m_scheduler.RegisterSchedule(m_uploadSchedule);
@@ -144,7 +135,7 @@ void Component::UnregisterLocked()
     {
         try
         {
-            m_registry->UnregisterEventHandlers(kTag);
+            m_ruleEngine->UnregisterEventHandlers(kTag);
         }
         catch (const std::exception& e)
         {

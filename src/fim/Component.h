@@ -1,7 +1,7 @@
 #pragma once
 
+#include "edr/EventRuleEngine.h"
 #include "fim/Config.h"
-#include "fim/RuleRegistry.h"
 
 #include <rapidjson/document.h>
 
@@ -9,11 +9,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-
-namespace vantor::audit
-{
-class RuleEngine;
-}
 
 namespace vantor::common
 {
@@ -52,18 +47,17 @@ public:
     using UpdateCallback = std::function<void(bool success)>;
 
     // Throws std::runtime_error "FimComponent: 'config' cannot be null" /
-    // "FimComponent: 'uploader' cannot be null", and the storages'
-    // exceptions when the spool or the baseline store cannot be set up.
-    // scheduler and registry must outlive the component. The spool lives in
-    // event_file_path + "fim/" (created when missing), the baseline store in
-    // installPath. blackout answers whether uploads must wait; empty: never.
+    // "FimComponent: 'uploader' cannot be null" / "FimComponent: 'ruleEngine'
+    // cannot be null", and the storages' exceptions when the spool or the
+    // baseline store cannot be set up. The scheduler must outlive the
+    // component. ruleEngine is the daemon's engine (whichever capture
+    // backs it): the component adds its rules and handlers there under kTag.
+    // The spool lives in event_file_path + "fim/" (created when missing), the
+    // baseline store in installPath. blackout answers whether uploads must
+    // wait; empty: never.
     Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
-              common::Scheduler& scheduler, std::shared_ptr<RuleRegistry> registry,
+              common::Scheduler& scheduler, std::shared_ptr<edr::EventRuleEngine> ruleEngine,
               const std::string& installPath, BlackoutCheck blackout = {});
-    // The same over the daemon's audit rule engine.
-    Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
-              common::Scheduler& scheduler, audit::RuleEngine& ruleEngine, const std::string& installPath,
-              BlackoutCheck blackout = {});
     ~Component();
 
     Component(const Component&) = delete;
@@ -93,7 +87,7 @@ private:
     // In construction order; destroyed in reverse.
     std::unique_ptr<Config> m_config;
     std::shared_ptr<common::HttpUploader> m_uploader;
-    std::shared_ptr<RuleRegistry> m_registry;
+    std::shared_ptr<edr::EventRuleEngine> m_ruleEngine;
     common::Scheduler& m_scheduler;
     std::unique_ptr<internal::EventRuleManager> m_ruleManager;
     std::unique_ptr<common::SpoolStorage> m_spool;

@@ -37,8 +37,8 @@ const rapidjson::Value& Mandatory(const rapidjson::Value& object, const char* na
 
 } // namespace
 
-EventRuleManager::EventRuleManager(RuleRegistry& registry, std::string tag)
-    : m_registry(registry)
+EventRuleManager::EventRuleManager(edr::EventRuleEngine& ruleEngine, std::string tag)
+    : m_ruleEngine(ruleEngine)
     , m_tag(std::move(tag))
     , m_rules(std::make_shared<RuleSet>())
 {
@@ -216,13 +216,13 @@ void EventRuleManager::Register(const std::shared_ptr<const RuleSet>& rules)
     }
     try
     {
-        m_registry.DeleteRules(m_tag);
+        m_ruleEngine.DeleteRules(m_tag);
         if (rules->rules.empty())
         {
             EDR_LOG_WARNING("EventRuleManager: No rules to be added.");
             return;
         }
-        m_registry.AddRules(RuleRegistry::Rules(rules->rules.begin(), rules->rules.end()), m_tag);
+        m_ruleEngine.AddRules(edr::EventRuleEngine::Rules(rules->rules.begin(), rules->rules.end()), m_tag);
     }
     catch (const std::exception& e)
     {
@@ -244,7 +244,7 @@ void EventRuleManager::Clear()
     }
     try
     {
-        m_registry.DeleteRules(m_tag);
+        m_ruleEngine.DeleteRules(m_tag);
     }
     catch (const std::exception& e)
     {
@@ -262,7 +262,7 @@ void EventRuleManager::OnInvalidated()
     }
     try
     {
-        m_registry.AddRules(RuleRegistry::Rules(rules->rules.begin(), rules->rules.end()), m_tag);
+        m_ruleEngine.AddRules(edr::EventRuleEngine::Rules(rules->rules.begin(), rules->rules.end()), m_tag);
     }
     catch (const std::exception& e)
     {

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "edr/EventRuleEngine.h"
 #include "fim/EventRule.h"
-#include "fim/RuleRegistry.h"
 
 #include <rapidjson/document.h>
 
@@ -29,8 +29,8 @@ public:
         bool collectHashes = false;
     };
 
-    // The registry must outlive the manager.
-    EventRuleManager(RuleRegistry& registry, std::string tag);
+    // The engine must outlive the manager.
+    EventRuleManager(edr::EventRuleEngine& ruleEngine, std::string tag);
     ~EventRuleManager();
 
     EventRuleManager(const EventRuleManager&) = delete;
@@ -61,7 +61,7 @@ public:
 private:
     void Register(const std::shared_ptr<const RuleSet>& rules);
 
-    RuleRegistry& m_registry;
+    edr::EventRuleEngine& m_ruleEngine;
     const std::string m_tag;
     mutable std::mutex m_mutex;
     std::shared_ptr<const RuleSet> m_rules;

@@ -336,7 +336,7 @@ void Daemon::BuildUploadersAndComponents()
     m_httpService->Start();
     m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
     m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler,
-                                             *m_ruleEngine, m_commonConfig->AgentInstallPath());
+                                             m_ruleEngine, m_commonConfig->AgentInstallPath());
 }
 
 void Daemon::StartAuditCapture()

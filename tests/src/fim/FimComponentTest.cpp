@@ -18,7 +18,7 @@
 
 using namespace vantor;
 using namespace std::chrono_literals;
-using fim::test::RecordingRegistry;
+using fim::test::RecordingRuleEngine;
 
 namespace
 {
@@ -44,7 +44,7 @@ protected:
     std::unique_ptr<fim::Component> Make(const std::string& manifest)
     {
         auto config = std::make_unique<fim::Config>(Json(ConfigText(manifest)));
-        return std::make_unique<fim::Component>(std::move(config), m_uploader, m_scheduler, m_registry,
+        return std::make_unique<fim::Component>(std::move(config), m_uploader, m_scheduler, m_engine,
                                                 m_dir.Path());
     }
 
@@ -58,7 +58,7 @@ protected:
 
     test::TempDir m_dir;
     common::Scheduler m_scheduler;
-    std::shared_ptr<RecordingRegistry> m_registry = std::make_shared<RecordingRegistry>();
+    std::shared_ptr<RecordingRuleEngine> m_engine = std::make_shared<RecordingRuleEngine>();
     std::shared_ptr<common::HttpUploader> m_uploader = std::make_shared<common::HttpUploader>(
         std::make_shared<common::HttpService>(common::HttpServiceSettings{}), 1);
 };
@@ -99,11 +99,15 @@ TEST_F(FimComponentTest, RefusesMissingParts)
 {
     auto config = std::make_unique<fim::Config>(Json(ConfigText("m.json")));
     EXPECT_THAT(
-        [&] { fim::Component(nullptr, m_uploader, m_scheduler, m_registry, m_dir.Path()); },
+        [&] { fim::Component(nullptr, m_uploader, m_scheduler, m_engine, m_dir.Path()); },
         testing::ThrowsMessage<std::runtime_error>(testing::StrEq("FimComponent: 'config' cannot be null")));
-    EXPECT_THAT([&] { fim::Component(std::move(config), nullptr, m_scheduler, m_registry, m_dir.Path()); },
+    EXPECT_THAT([&] { fim::Component(std::move(config), nullptr, m_scheduler, m_engine, m_dir.Path()); },
                 testing::ThrowsMessage<std::runtime_error>(
                     testing::StrEq("FimComponent: 'uploader' cannot be null")));
+    config = std::make_unique<fim::Config>(Json(ConfigText("m.json")));
+    EXPECT_THAT([&] { fim::Component(std::move(config), m_uploader, m_scheduler, nullptr, m_dir.Path()); },
+                testing::ThrowsMessage<std::runtime_error>(
+                    testing::StrEq("FimComponent: 'ruleEngine' cannot be null")));
 }
 
 TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
@@ -116,7 +120,7 @@ TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
     EXPECT_TRUE(log.Contains("Disabling FIM"));
     EXPECT_TRUE(log.Contains("Successfully cleared spool storage"));
     EXPECT_TRUE(log.Contains("Component initialized."));
-    EXPECT_FALSE(m_registry->handler);
+    EXPECT_FALSE(m_engine->HasEventHandlers("FIM"));
     EXPECT_TRUE(std::filesystem::is_directory(m_dir.File("fim")));
     EXPECT_TRUE(std::filesystem::exists(m_dir.File("BaselineEvents.db")));
 
@@ -130,13 +134,17 @@ TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
     EXPECT_TRUE(reported);
     EXPECT_TRUE(log.Contains("Component::UpdateConfig: Configuration updated"));
     EXPECT_TRUE(component->IsEnabled());
-    EXPECT_EQ(m_registry->registeredTag, "FIM");
-    EXPECT_EQ(m_registry->added, std::vector<std::string>{"FIM:w"});
-    ASSERT_TRUE(m_registry->handler);
+    EXPECT_EQ(m_engine->added, std::vector<std::string>{"FIM:w"});
+    ASSERT_TRUE(m_engine->HasEventHandlers("FIM"));
+
+    // Lost kernel rules are added again.
+    m_engine->added.clear();
+    m_engine->Invalidate();
+    EXPECT_EQ(m_engine->added, std::vector<std::string>{"FIM:w"});
 
     // Events routed to the tag land in the spool.
     fim::test::TestEvent event(edr::EventType::Create, m_dir.File("w/new"));
-    m_registry->handler(event);
+    m_engine->Deliver("FIM", event);
     for (int i = 0; i < 200 && component->GetSpool().CacheSize() == 0; ++i)
     {
         std::this_thread::sleep_for(10ms);
@@ -145,9 +153,9 @@ TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
 
     component->Disable();
     EXPECT_FALSE(component->IsEnabled());
-    EXPECT_FALSE(m_registry->handler);
+    EXPECT_FALSE(m_engine->HasEventHandlers("FIM"));
     EXPECT_EQ(component->GetSpool().CacheSize(), 0u);
-    EXPECT_EQ(m_registry->deleted.back(), "FIM");
+    EXPECT_EQ(m_engine->deleted.back(), "FIM");
 
     component.reset();
     EXPECT_TRUE(log.Contains("Component destroyed."));

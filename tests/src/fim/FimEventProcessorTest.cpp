@@ -1,6 +1,7 @@
 #include "fim/EventProcessor.h"
 #include "fim/EventRuleManager.h"
 #include "fim/JsonDataFormatter.h"
+#include "fim/PostProcessor.h"
 #include "tests/src/fim/TestEvent.h"
 #include "tests/support/TempDir.h"
 
@@ -18,7 +19,7 @@
 
 using namespace vantor::fim::internal;
 using vantor::edr::EventType;
-using vantor::fim::test::RecordingRegistry;
+using vantor::fim::test::RecordingRuleEngine;
 using vantor::fim::test::TestEvent;
 using namespace std::chrono_literals;
 
@@ -84,8 +85,8 @@ protected:
 
     vantor::test::TempDir m_dir;
     vantor::common::Scheduler m_scheduler;
-    RecordingRegistry m_registry;
-    EventRuleManager m_manager{m_registry, "FIM"};
+    RecordingRuleEngine m_engine;
+    EventRuleManager m_manager{m_engine, "FIM"};
     std::unique_ptr<vantor::common::SpoolStorage> m_spool;
     std::unique_ptr<vantor::common::SqlStorage> m_baseline;
     std::unique_ptr<EventProcessor> m_processor;
@@ -93,33 +94,13 @@ protected:
 
 } // namespace
 
-TEST(FimEventProcessorDepthTest, DepthCountsDirectoriesBelowTheRule)
+TEST(FimPostProcessorTest, DepthCountsDirectoriesBelowTheRule)
 {
-    EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/b"), -1);
-    EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/bc/d"), -1);
-    EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/b/f"), 0);
-    EXPECT_EQ(EventProcessor::PathDepth("/a/b", "/a/b/c//d/f"), 2);
-    EXPECT_EQ(EventProcessor::PathDepth("/", "/etc/hosts"), 1);
-}
-
-TEST(FimEventProcessorContentTest, LimitIsInclusive)
-{
-    vantor::test::TempDir dir;
-    const std::string exact = dir.Write("exact", std::string(51200, 'a'));
-    const std::string over = dir.Write("over", std::string(51201, 'a'));
-    auto content = EventProcessor::ReadContent(exact, true, true);
-    EXPECT_EQ(content.status, EventProcessor::ContentStatus::ReadSuccessful);
-    EXPECT_EQ(content.data.size(), 51200u);
-    EXPECT_EQ(content.sha256, vantor::util::Sha256Hex(std::string(51200, 'a')));
-    content = EventProcessor::ReadContent(over, true, true);
-    EXPECT_EQ(content.status, EventProcessor::ContentStatus::MaxSizeLimitReached);
-    EXPECT_TRUE(content.data.empty());
-    EXPECT_EQ(content.sha256, vantor::util::Sha256Hex(std::string(51201, 'a')));
-    EXPECT_EQ(EventProcessor::ReadContent(dir.File("missing"), true, false).status,
-              EventProcessor::ContentStatus::ReadFailure);
-    std::filesystem::create_symlink(exact, dir.File("link"));
-    EXPECT_EQ(EventProcessor::ReadContent(dir.File("link"), true, false).status,
-              EventProcessor::ContentStatus::ReadFailure);
+    EXPECT_EQ(PostProcessor::PathDepth("/a/b", "/a/b"), -1);
+    EXPECT_EQ(PostProcessor::PathDepth("/a/b", "/a/bc/d"), -1);
+    EXPECT_EQ(PostProcessor::PathDepth("/a/b", "/a/b/f"), 0);
+    EXPECT_EQ(PostProcessor::PathDepth("/a/b", "/a/b/c//d/f"), 2);
+    EXPECT_EQ(PostProcessor::PathDepth("/", "/etc/hosts"), 1);
 }
 
 TEST_F(FimEventProcessorTest, DocumentMembersInOrderWithContentAndHash)

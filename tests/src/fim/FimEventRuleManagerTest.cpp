@@ -12,7 +12,7 @@
 #include <filesystem>
 
 using namespace vantor::fim::internal;
-using vantor::fim::test::RecordingRegistry;
+using vantor::fim::test::RecordingRuleEngine;
 
 namespace
 {
@@ -161,22 +161,22 @@ TEST(FimEventRuleManagerTest, EnvelopeErrors)
 TEST(FimEventRuleManagerTest, LoadRegistersUnderTheTagOrReportsWhyFimStops)
 {
     vantor::test::TempDir dir;
-    RecordingRegistry registry;
-    EventRuleManager manager(registry, "FIM");
+    RecordingRuleEngine engine;
+    EventRuleManager manager(engine, "FIM");
     vantor::test::LogCapture log(vantor::common::Logging::Edr());
 
     EXPECT_EQ(manager.LoadManifest(dir.Write("m.json", Manifest(Rule("a", "") + "," + Rule("b", "")))),
               std::nullopt);
-    EXPECT_EQ(registry.added, (std::vector<std::string>{"FIM:a", "FIM:b"}));
+    EXPECT_EQ(engine.added, (std::vector<std::string>{"FIM:a", "FIM:b"}));
     EXPECT_EQ(manager.GetRules()->rules.size(), 2u);
 
-    registry.added.clear();
+    engine.added.clear();
     manager.OnInvalidated();
-    EXPECT_EQ(registry.added, (std::vector<std::string>{"FIM:a", "FIM:b"}));
+    EXPECT_EQ(engine.added, (std::vector<std::string>{"FIM:a", "FIM:b"}));
 
-    registry.added.clear();
+    engine.added.clear();
     EXPECT_EQ(manager.LoadManifest(dir.Write("empty.json", Manifest(""))), std::nullopt);
-    EXPECT_TRUE(registry.added.empty());
+    EXPECT_TRUE(engine.added.empty());
     EXPECT_TRUE(log.Contains("EventRuleManager: No rules to be added."));
 
     const auto broken = manager.LoadManifest(dir.Write("broken.json", R"({"data":{"fim":)"));
@@ -197,8 +197,8 @@ TEST(FimEventRuleManagerTest, SymlinkRulesWatchTheirTargets)
     std::filesystem::create_directories(dir.File("real"));
     std::filesystem::create_symlink(dir.File("real"), dir.File("links/to-real"));
     std::filesystem::create_symlink(dir.File("gone"), dir.File("links/dangling"));
-    RecordingRegistry registry;
-    EventRuleManager manager(registry, "FIM");
+    RecordingRuleEngine engine;
+    EventRuleManager manager(engine, "FIM");
     const std::string manifest = Manifest(R"({"ruleId":"s","ruleType":"symlink","imagePath":")" +
                                           dir.File("links") + R"(","notify":["create"]})");
     ASSERT_EQ(manager.LoadManifest(dir.Write("m.json", manifest)), std::nullopt);

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "edr/Event.h"
-#include "fim/RuleRegistry.h"
+#include "edr/EventRuleEngine.h"
 
 #include <sys/stat.h>
 
@@ -48,8 +48,9 @@ public:
     bool directory = false;
 };
 
-// Records what FIM asks of the rule engine.
-class RecordingRegistry : public RuleRegistry
+// A rule engine without capture: records the rules FIM adds and deletes, and
+// delivers events to the handlers FIM registered as a real engine would.
+class RecordingRuleEngine : public edr::EventRuleEngine
 {
 public:
     void AddRules(const Rules& rules, const std::string& tag) override
@@ -60,26 +61,14 @@ public:
         }
     }
     void DeleteRules(const std::string& tag) override { deleted.push_back(tag); }
-    void RegisterEventHandlers(const std::string& tag, edr::EventRuleEngine::RuleMatchedEventHandler matched,
-                               edr::EventRuleEngine::InvalidatedEventHandler invalidated) override
-    {
-        registeredTag = tag;
-        handler = std::move(matched);
-        invalidatedHandler = std::move(invalidated);
-    }
-    void UnregisterEventHandlers(const std::string& tag) override
-    {
-        unregistered.push_back(tag);
-        handler = nullptr;
-        invalidatedHandler = nullptr;
-    }
 
-    std::vector<std::string> added;
-    std::vector<std::string> deleted;
-    std::vector<std::string> unregistered;
-    std::string registeredTag;
-    edr::EventRuleEngine::RuleMatchedEventHandler handler;
-    edr::EventRuleEngine::InvalidatedEventHandler invalidatedHandler;
+    // The event as matched by a rule of the tag.
+    void Deliver(const std::string& tag, edr::Event& event) { DispatchEvent({tag}, event); }
+    // As when the kernel rules were lost.
+    void Invalidate() { InvalidateEventHandlers(); }
+
+    std::vector<std::string> added;   // "tag:rule id" per added rule
+    std::vector<std::string> deleted; // tags
 };
 
 } // namespace vantor::fim::test

@@ -1,0 +1,143 @@
+#include "fim/AccountNames.h"
+#include "fim/DocumentWriter.h"
+#include "fim/EventDocument.h"
+#include "tests/src/fim/TestEvent.h"
+#include "tests/support/TempDir.h"
+
+#include "common/util/Json.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+using namespace vantor::fim::internal;
+using vantor::edr::EventType;
+using vantor::fim::test::TestEvent;
+
+namespace
+{
+
+rapidjson::Document Parse(const std::string& text)
+{
+    rapidjson::Document document;
+    EXPECT_TRUE(vantor::util::ParseJson(document, text)) << text;
+    return document;
+}
+
+EventRule Rule(const std::string& notify, bool trackContent = false)
+{
+    rapidjson::Document json;
+    json.Parse((R"({"ruleId":"r","ruleType":"file","imagePath":"/x","notify":[)" + notify +
+                R"(],"trackContentChange":)" + (trackContent ? "true" : "false") + "}")
+                   .c_str());
+    return EventRule(json);
+}
+
+std::string Valid(std::string_view text)
+{
+    std::string scratch;
+    return DocumentWriter::ValidUtf8(text, scratch);
+}
+
+TEST(FimDocumentWriterTest, InvalidBytesBecomeReplacementCharacters)
+{
+    const std::string fffd = "\xEF\xBF\xBD";
+    EXPECT_EQ(Valid("plain/path"), "plain/path");
+    EXPECT_EQ(Valid(std::string_view("a\0b", 3)), std::string("a\0b", 3));
+    EXPECT_EQ(Valid("\xc3\xa9\xf0\x9f\x98\x80"), "\xc3\xa9\xf0\x9f\x98\x80");
+    EXPECT_EQ(Valid("end\xc3"), "end" + fffd);
+    EXPECT_EQ(Valid("\xf0\x9f\x98x"), fffd + fffd + fffd + "x"); // cut four-byte sequence
+    EXPECT_EQ(Valid("\xc0\xaf"), fffd + fffd);                   // overlong '/'
+    EXPECT_EQ(Valid("\xed\xa0\x80"), fffd + fffd + fffd);        // surrogate
+}
+
+TEST(FimDocumentWriterTest, ValuesTheEventCannotTellAreUnknown)
+{
+    DocumentWriter w;
+    w.StartObject();
+    w.NumberOrUnknown("signed", [] { return -1; });
+    w.NumberOrUnknown("unsigned", [] { return 4294967295u; });
+    w.NumberOrUnknown("lost", []() -> int { throw std::runtime_error("no"); });
+    w.StringOrUnknown("name", [] { return std::string("bad\xff"); });
+    w.StringOrUnknown("gone", []() -> std::string { throw std::runtime_error("no"); });
+    w.EndObject();
+    const auto doc = Parse(w.Text());
+    EXPECT_EQ(doc["signed"].GetInt64(), -1);
+    EXPECT_EQ(doc["unsigned"].GetUint64(), 4294967295u);
+    EXPECT_STREQ(doc["lost"].GetString(), "Unknown");
+    EXPECT_STREQ(doc["name"].GetString(), "bad\xEF\xBF\xBD");
+    EXPECT_STREQ(doc["gone"].GetString(), "Unknown");
+}
+
+TEST(FimAccountNamesTest, NamesOrTheNumber)
+{
+    EXPECT_EQ(AccountNames::UserName(0), "root");
+    EXPECT_EQ(AccountNames::GroupName(0), "root");
+    EXPECT_EQ(AccountNames::UserName(3999999999u), "3999999999");
+    EXPECT_EQ(AccountNames::GroupName(3999999999u), "3999999999");
+}
+
+TEST(FimEventDocumentTest, ActionWordFollowsTheRulesForAttributes)
+{
+    const auto metadata = Rule(R"("modifyMetadata")");
+    const auto security = Rule(R"("modifySecuritySettings")");
+    EXPECT_EQ(EventDocument::ActionWord(EventType::Attribute, {&metadata}), "modifyMetadata");
+    EXPECT_EQ(EventDocument::ActionWord(EventType::Attribute, {&metadata, &security}),
+              "modifySecuritySettings");
+    EXPECT_EQ(EventDocument::ActionWord(EventType::Write, {&metadata}), "modifyContent");
+    EXPECT_EQ(EventDocument::ActionWord(EventType::Exit, {&metadata}), "Unknown");
+}
+
+TEST(FimEventDocumentTest, UnreadableFieldsAndFilesAreUnknown)
+{
+    class Partial : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        std::string GetActorUserName() const override { throw std::runtime_error("no user"); }
+    } event(EventType::Delete, "/nowhere/gone");
+    const auto rule = Rule(R"("delete")", true);
+    EventDocument::Input input{event.file, false, {&rule}, true, "delete"};
+    const auto doc = Parse(EventDocument::Build(event, input));
+    EXPECT_STREQ(doc["fileContentHash"].GetString(), "Unknown");
+    EXPECT_STREQ(doc["fileContent"].GetString(), "");
+    EXPECT_STREQ(doc["contentStatus"].GetString(), "READ_FAILURE");
+    EXPECT_STREQ(doc["operation"]["old"]["size"].GetString(), "Unknown");
+    EXPECT_STREQ(doc["operation"]["new"]["size"].GetString(), "Unknown");
+    EXPECT_FALSE(doc.HasMember("securitySettings"));
+    EXPECT_STREQ(doc["actor"]["userName"].GetString(), "Unknown");
+    EXPECT_EQ(doc["actor"]["processID"].GetInt(), 4242);
+}
+
+TEST(FimEventDocumentTest, MandatoryFieldFailureDropsTheDocument)
+{
+    class NoId : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        uint32_t GetEventId() const override { throw std::runtime_error("no id"); }
+    } event(EventType::Create, "/x");
+    const auto rule = Rule(R"("create")");
+    EXPECT_THROW(EventDocument::Build(event, {"/x", false, {&rule}, false, "create"}), std::runtime_error);
+}
+
+TEST(FimEventDocumentTest, GivenContentIsUsedAndDirectoriesAreNotRead)
+{
+    vantor::test::TempDir dir;
+    const auto rule = Rule(R"("create")", true);
+    TestEvent event(EventType::Create, dir.Write("f", "on disk"));
+    ContentReader::Content given{ContentReader::ContentStatus::ReadSuccessful, 5, "given", "ab12"};
+    auto doc = Parse(EventDocument::Build(event, {event.file, false, {&rule}, true, "create"}, &given));
+    EXPECT_STREQ(doc["fileContent"].GetString(), "given");
+    EXPECT_STREQ(doc["fileContentHash"].GetString(), "ab12");
+    EXPECT_EQ(doc["operation"]["new"]["size"].GetUint(), 5u);
+
+    TestEvent folder(EventType::Create, dir.Path());
+    folder.directory = true;
+    doc = Parse(EventDocument::Build(folder, {folder.file, true, {&rule}, false, "create"}));
+    EXPECT_STREQ(doc["eventType"].GetString(), "Directory");
+    EXPECT_STREQ(doc["contentStatus"].GetString(), "READ_FAILURE");
+    EXPECT_EQ(doc["operation"]["new"]["size"].GetUint(), 7u); // the event's own size
+}
+
+} // namespace
