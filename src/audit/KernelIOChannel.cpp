@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <linux/netlink.h>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -196,6 +197,10 @@ common::IOChannel::Error KernelIOChannel::Send(const std::vector<uint8_t>& data)
     {
         EDR_LOG_ERROR("KernelIOChannel: " << e.what());
         return InvalidData;
+    }
+    catch (const std::bad_alloc&)
+    {
+        return Unknown;
     }
     // libaudit waits for the kernel's acknowledgement on the sending socket;
     // on the channel's own socket the reader thread would take it away. A

@@ -123,6 +123,7 @@ TEST_F(AuditEventProcessorTest, CloneAloneReachesNoHandlerAndNullIsRefused)
     EXPECT_THAT([&] { m_processor.ProcessEvent(nullptr); },
                 testing::ThrowsMessage<std::invalid_argument>(
                     testing::StrEq("RuleEngine::ProcessEvent: 'event' is nullptr")));
+    EXPECT_THROW(AuditEventProcessor(m_tree, kOwnPid, m_router, {}), std::invalid_argument);
 
     // Without a tree a clone has no use either; other events go on.
     AuditEventProcessor treeless(nullptr, kOwnPid, m_router, Recorder());
@@ -170,60 +171,72 @@ TEST_F(AuditEventProcessorTest, AHandlerFailureIsLoggedAndTheNextEventGoesOn)
     EXPECT_TRUE(m_log.Contains("Failed to process event with ID 61: handler broke"));
 }
 
-TEST(AuditEventProcessorTreeTest, AContainerRuntimeIsAnnouncedBeforeItsEvent)
+// Processes and their pseudo events as the handlers of one process rule see
+// them.
+class AuditEventProcessorTreeTest : public testing::Test
 {
-    test::FakeProc proc;
-    auto tree = std::make_shared<ProcessTree>(proc.Root(),
-                                              [](const ProcessInfo& p)
-                                              {
-                                                  auto event = MakeEvent(EventType::Running, p.GetPid(), 0);
-                                                  return std::unique_ptr<edr::Event>(std::move(event));
-                                              });
-    EventRouter router;
-    router.AddRoute("p", {"ioc", EventRule::ProcessRule, {9}, {}});
-    std::vector<std::pair<EventType, pid_t>> seen;
-    AuditEventProcessor processor(tree, kOwnPid, router,
-                                  [&](const AuditEventProcessor::Tags&, edr::Event& event)
-                                  { seen.emplace_back(event.GetType(), event.GetActorProcessId()); });
-    proc.AddProcess(600, 1, "/usr/bin/conmon", 10);
+protected:
+    using Seen = std::vector<std::pair<EventType, pid_t>>;
+
+    // A tree whose pseudo running or terminate events are test events.
+    static std::shared_ptr<ProcessTree> MakeTree(const test::FakeProc& proc, EventType pseudoType)
+    {
+        const auto pseudo = [pseudoType](const ProcessInfo& p)
+        { return std::unique_ptr<edr::Event>(MakeEvent(pseudoType, p.GetPid(), 0)); };
+        return pseudoType == EventType::Running ? std::make_shared<ProcessTree>(proc.Root(), pseudo)
+                                                : std::make_shared<ProcessTree>(proc.Root(), nullptr, pseudo);
+    }
+
+    AuditEventProcessor MakeProcessor(EventType pseudoType, edr::EventRule::Action routed,
+                                      std::chrono::seconds cleanInterval = ProcessTreeUpdater::kCleanInterval)
+    {
+        m_router.AddRoute("p", {"ioc", EventRule::ProcessRule, {routed}, {}});
+        return AuditEventProcessor(
+            MakeTree(m_proc, pseudoType), kOwnPid, m_router,
+            [this](const AuditEventProcessor::Tags&, edr::Event& event)
+            { m_seen.emplace_back(event.GetType(), event.GetActorProcessId()); },
+            cleanInterval);
+    }
+
+    test::FakeProc m_proc;
+    EventRouter m_router;
+    Seen m_seen;
+};
+
+TEST_F(AuditEventProcessorTreeTest, AContainerRuntimeIsAnnouncedBeforeItsEvent)
+{
+    auto processor = MakeProcessor(EventType::Running, 9);
+    m_proc.AddProcess(600, 1, "/usr/bin/conmon", 10);
     auto exec = MakeEvent(EventType::Running, 601, 61);
     exec->ppid = 600;
     exec->category = 3;
     processor.ProcessEvent(std::move(exec));
-    EXPECT_EQ(seen, (std::vector<std::pair<EventType, pid_t>>{{EventType::Running, 600},
-                                                              {EventType::Running, 601}}));
+    EXPECT_EQ(m_seen, (Seen{{EventType::Running, 600}, {EventType::Running, 601}}));
 }
 
-TEST(AuditEventProcessorTreeTest, ProcessesThatEndedUnseenAreAnnouncedWhenTheTreeIsCleaned)
+TEST_F(AuditEventProcessorTreeTest, ProcessesThatEndedUnseenAreAnnouncedWhenTheTreeIsCleaned)
 {
-    test::FakeProc proc;
-    auto tree = std::make_shared<ProcessTree>(proc.Root(), nullptr,
-                                              [](const ProcessInfo& p)
-                                              {
-                                                  auto event = MakeEvent(EventType::Exit, p.GetPid(), 0);
-                                                  return std::unique_ptr<edr::Event>(std::move(event));
-                                              });
-    EventRouter router;
-    router.AddRoute("p", {"ioc", EventRule::ProcessRule, {11}, {}});
-    std::vector<std::pair<EventType, pid_t>> seen;
-    const auto record = [&](const AuditEventProcessor::Tags&, edr::Event& event)
-    { seen.emplace_back(event.GetType(), event.GetActorProcessId()); };
     test::LogCapture log(common::Logging::Edr(), Poco::Message::PRIO_DEBUG);
-
-    // Never cleaned within a test's time: the process stays unannounced.
-    AuditEventProcessor rarely(tree, kOwnPid, router, record);
-    proc.AddProcess(700, 1, "/usr/bin/worker", 10);
-    rarely.ProcessEvent(MakeEvent(EventType::Write, 700, 71));
-    proc.RemoveProcess(700);
-    rarely.ProcessEvent(MakeEvent(EventType::Write, 0, 72));
-    EXPECT_TRUE(seen.empty());
-    EXPECT_FALSE(log.Contains("FileEventCache size:"));
-
-    // Cleaned after every event.
-    AuditEventProcessor always(tree, kOwnPid, router, record, std::chrono::seconds(0));
-    always.ProcessEvent(MakeEvent(EventType::Write, 0, 73));
-    EXPECT_EQ(seen, (std::vector<std::pair<EventType, pid_t>>{{EventType::Exit, 700}}));
-    EXPECT_TRUE(log.Contains("FileEventCache size:0 events, ProcessTree size:"));
+    {
+        // Not cleaned within a test's time: the process stays unannounced.
+        auto rarely = MakeProcessor(EventType::Exit, 11);
+        m_proc.AddProcess(700, 1, "/usr/bin/worker", 10);
+        rarely.ProcessEvent(MakeEvent(EventType::Write, 700, 71));
+        m_proc.RemoveProcess(700);
+        rarely.ProcessEvent(MakeEvent(EventType::Write, 0, 72));
+        EXPECT_TRUE(m_seen.empty());
+        EXPECT_FALSE(log.Contains("FileEventCache size:"));
+    }
+    {
+        // Cleaned after every event.
+        auto always = MakeProcessor(EventType::Exit, 11, std::chrono::seconds(0));
+        m_proc.AddProcess(700, 1, "/usr/bin/worker", 10);
+        always.ProcessEvent(MakeEvent(EventType::Write, 700, 73));
+        m_proc.RemoveProcess(700);
+        always.ProcessEvent(MakeEvent(EventType::Write, 0, 74));
+        EXPECT_EQ(m_seen, (Seen{{EventType::Exit, 700}}));
+        EXPECT_TRUE(log.Contains("FileEventCache size:0 events, ProcessTree size:"));
+    }
 }
 
 } // namespace
