@@ -1,9 +1,9 @@
 // Sustained throughput of the whole capture path, as the daemon runs it:
 // a Unix stream socket (the bench plays the audit dispatcher and writes the
 // corpus) -> DispatcherIOChannel -> ParserThread (AuparseFeed +
-// AuditEventBuilder) -> EventProcessingThread -> EventRouter (no kernel)
-// -> a handler that does nothing, registered for the corpus's paths,
-// process actions and network actions.
+// AuditEventBuilder) -> EventProcessingThread -> the rule engine's event
+// processor and router (no kernel) -> a handler that does nothing, with routes
+// for the corpus's paths, process actions and network actions.
 //
 // The corpus is 100,000 events replicated from the records captured on this
 // kernel. Each pass writes it once, followed by an end marker event; the pass
@@ -20,6 +20,7 @@
 #include "bench/ResourceUsage.h"
 
 #include "audit/AuditEventBuilder.h"
+#include "audit/AuditEventProcessor.h"
 #include "audit/DispatcherIOChannel.h"
 #include "audit/EventProcessingThread.h"
 #include "audit/EventRouter.h"
@@ -45,6 +46,7 @@
 namespace
 {
 
+using vantor::audit::AuditEventProcessor;
 using vantor::audit::EventRouter;
 using vantor::bench::AuditCorpus;
 using vantor::bench::AuparseFloor;
@@ -71,20 +73,13 @@ const Corpus& TheCorpus()
 
 // Routes for everything the corpus holds: files below the workload's data
 // directory, process starts, clones and exits, connects and binds.
-class BenchRouter : public EventRouter
+void AddRoutes(EventRouter& router, const std::string& dataDir)
 {
-public:
-    BenchRouter(std::shared_ptr<vantor::audit::ProcessTree> tree, const std::string& dataDir)
-        : EventRouter(std::move(tree), ::getpid())
-    {
-        using vantor::edr::EventRule;
-        AddRoute(kTag, EventRule::DirectoryPathRule, {2, 3, 5, 7, 8}, {dataDir});
-        AddRoute(kTag, EventRule::ProcessRule, {9, 10, 11}, {});
-        AddRoute(kTag, EventRule::NetworkRule, {12, 13}, {});
-    }
-    void AddRules(const Rules&, const std::string&) override {}
-    void DeleteRules(const std::string&) override {}
-};
+    using vantor::edr::EventRule;
+    router.AddRoute("files", {kTag, EventRule::DirectoryPathRule, {}, {dataDir}});
+    router.AddRoute("processes", {kTag, EventRule::ProcessRule, {9, 10, 11}, {}});
+    router.AddRoute("network", {kTag, EventRule::NetworkRule, {12, 13}, {}});
+}
 
 // The dispatcher's end: a listening Unix stream socket in a temporary
 // directory, one accepted client.
@@ -201,14 +196,21 @@ void BM_CapturePipeline(benchmark::State& state)
     const bool withTree = state.range(0) != 0;
     const Corpus& corpus = TheCorpus();
     auto tree = withTree ? std::make_shared<vantor::audit::ProcessTree>() : nullptr;
-    BenchRouter router(tree, corpus.corpus.DataDir());
+    EventRouter router;
+    AddRoutes(router, corpus.corpus.DataDir());
     EndWatch watch(corpus.endSerial);
-    router.RegisterEventHandlers(
-        kTag, [&](vantor::edr::Event& event) { watch.OnEvent(event); }, [] {});
+    AuditEventProcessor processor(tree, ::getpid(), router,
+                                  [&](const AuditEventProcessor::Tags& tags, vantor::edr::Event& event)
+                                  {
+                                      if (tags.count(kTag) != 0)
+                                      {
+                                          watch.OnEvent(event);
+                                      }
+                                  });
 
     vantor::audit::AuditEventBuilder builder(
         std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase));
-    vantor::audit::EventProcessingThread processing(router, 100, {});
+    vantor::audit::EventProcessingThread processing(processor, 100, {});
     vantor::audit::ParserThread parser(
         builder, [&](vantor::audit::ParserThread::Events events) { processing.Enqueue(std::move(events)); },
         [] { return 0.0; }, 100);

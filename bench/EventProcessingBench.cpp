@@ -1,7 +1,9 @@
 #include "bench/ResourceUsage.h"
-// Throughput of the event path: EventProcessingThread -> routing by path tag
-// -> a handler that does nothing, with synthetic events and no process tree.
+// Throughput of the event path: EventProcessingThread -> the rule engine's
+// event processor, routing by path tag -> a handler that does nothing, with
+// synthetic events and no process tree.
 
+#include "audit/AuditEventProcessor.h"
 #include "audit/EventProcessingThread.h"
 #include "audit/EventRouter.h"
 
@@ -15,6 +17,7 @@
 namespace
 {
 
+using vantor::audit::AuditEventProcessor;
 using vantor::audit::EventProcessingThread;
 using vantor::audit::EventRouter;
 
@@ -39,27 +42,17 @@ private:
     uint64_t m_timestamp;
 };
 
-class BenchRouter : public EventRouter
-{
-public:
-    BenchRouter()
-        : EventRouter(nullptr, 1)
-    {
-        AddRoute("bench", vantor::edr::EventRule::DirectoryPathRule, {5}, {"/var/lib/app"});
-    }
-    void AddRules(const Rules&, const std::string&) override {}
-    void DeleteRules(const std::string&) override {}
-};
-
 void BM_EventProcessing(benchmark::State& state)
 {
     const auto batchSize = static_cast<uint32_t>(state.range(0));
     constexpr uint32_t kEventsPerIteration = 100000;
-    BenchRouter router;
+    EventRouter router;
+    router.AddRoute("bench", {"bench", vantor::edr::EventRule::DirectoryPathRule, {}, {"/var/lib/app"}});
     std::atomic<uint64_t> handled{0};
-    router.RegisterEventHandlers(
-        "bench", [&](vantor::edr::Event&) { handled.fetch_add(1, std::memory_order_relaxed); }, [] {});
-    EventProcessingThread thread(router, 100, {});
+    AuditEventProcessor processor(nullptr, 1, router,
+                                  [&](const AuditEventProcessor::Tags&, vantor::edr::Event&)
+                                  { handled.fetch_add(1, std::memory_order_relaxed); });
+    EventProcessingThread thread(processor, 100, {});
     thread.SetQueueSize(1000000);
     thread.Start();
 

@@ -1,5 +1,5 @@
 // File integrity monitoring from raw audit text to the receiver:
-//  1. raw text -> AuparseFeed + AuditEventBuilder -> EventRouter (with the
+//  1. raw text -> AuparseFeed + AuditEventBuilder -> AuditEventProcessor (with the
 //     process tree) -> the FIM component's event processor -> FIM spool files
 //     on a temporary directory, on one thread as the processing thread runs
 //     it; the files the events name exist (made by the corpus) so stat,
@@ -19,6 +19,7 @@
 #include "bench/ResourceUsage.h"
 
 #include "audit/AuditEventBuilder.h"
+#include "audit/AuditEventProcessor.h"
 #include "audit/AuparseFeed.h"
 #include "audit/EventRouter.h"
 #include "audit/ProcessTree.h"
@@ -61,13 +62,14 @@ constexpr uint32_t kFirstSerial = 1000;
 constexpr size_t kChunkSize = 64 * 1024;
 constexpr const char* kMagicDatabase = "/usr/share/misc/magic.mgc";
 
-// An event router whose routes are those of the FIM rules, as the audit rule
-// engine would install them, without the kernel.
-class FimRouter : public audit::EventRouter
+// An event rule engine whose routes are those of the FIM rules, as the audit
+// rule engine would install them, without the kernel.
+class FimRouter : public edr::EventRuleEngine
 {
 public:
     explicit FimRouter(std::shared_ptr<audit::ProcessTree> tree)
-        : EventRouter(std::move(tree), ::getpid())
+        : m_events(std::move(tree), ::getpid(), m_router,
+                   [this](const Tags& tags, edr::Event& event) { DispatchEvent(tags, event); })
     {
     }
 
@@ -75,20 +77,23 @@ public:
     {
         for (const auto& rule : rules)
         {
-            AddRoute(tag, rule->GetType(), rule->GetActions(), rule->GetPaths());
+            m_router.AddRoute(rule->GetId(), {tag, rule->GetType(), rule->GetActions(), rule->GetPaths()});
             m_rules.push_back(rule);
         }
     }
-    void DeleteRules(const std::string& tag) override
+    void DeleteRules(const std::string&) override
     {
         for (const auto& rule : m_rules)
         {
-            RemoveRoute(tag, rule->GetType(), rule->GetActions(), rule->GetPaths());
+            m_router.RemoveRoute(rule->GetId());
         }
         m_rules.clear();
     }
+    void ProcessEvent(std::unique_ptr<edr::Event> event) { m_events.ProcessEvent(std::move(event)); }
 
 private:
+    audit::EventRouter m_router;
+    audit::AuditEventProcessor m_events;
     edr::EventRuleEngine::Rules m_rules;
 };
 

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -67,6 +68,30 @@ AuditRule::AuditRule(const audit_rule_data* rule, size_t size)
     std::memcpy(m_rule, rule, total);
     m_flags = static_cast<int>(rule->flags);
     m_action = static_cast<int>(rule->action);
+}
+
+AuditRule AuditRule::Deserialize(const std::vector<uint8_t>& bytes)
+{
+    // The bytes need not be aligned for the record: its fields are read from
+    // aligned copies.
+    audit_rule_data header{};
+    if (bytes.size() < sizeof header)
+    {
+        throw std::runtime_error("AuditRule: 'rule' is null or invalid");
+    }
+    std::memcpy(&header, bytes.data(), sizeof header);
+    if (header.buflen != bytes.size() - sizeof header)
+    {
+        throw std::runtime_error("AuditRule: 'rule' is null or invalid");
+    }
+    std::unique_ptr<audit_rule_data, decltype(&std::free)> record(
+        static_cast<audit_rule_data*>(std::calloc(1, bytes.size())), &std::free);
+    if (!record)
+    {
+        throw std::bad_alloc();
+    }
+    std::memcpy(record.get(), bytes.data(), bytes.size());
+    return AuditRule(record.get(), bytes.size());
 }
 
 AuditRule::~AuditRule()
@@ -162,6 +187,16 @@ bool AuditRule::HasKey(const std::string& key) const
         }
     }
     return false;
+}
+
+std::string AuditRule::KeyText() const
+{
+    std::string text;
+    for (const auto& key : GetKeys())
+    {
+        text += text.empty() ? key : "," + key;
+    }
+    return text;
 }
 
 std::string AuditRule::GetWatchPath() const

@@ -23,6 +23,10 @@ public:
     // std::runtime_error "AuditRule: 'rule' is null or invalid" for a null
     // record or one whose string buffer does not fit in size bytes.
     AuditRule(const audit_rule_data* rule, size_t size);
+    // A record as Serialize() wrote it, with its flags and action. Throws
+    // std::runtime_error "AuditRule: 'rule' is null or invalid" for bytes that
+    // are not exactly one record.
+    static AuditRule Deserialize(const std::vector<uint8_t>& bytes);
     ~AuditRule();
 
     AuditRule(AuditRule&& other) noexcept;
@@ -45,6 +49,8 @@ public:
     // separator; empty when it has none.
     std::vector<std::string> GetKeys() const;
     bool HasKey(const std::string& key) const;
+    // The keys joined with commas, for log lines.
+    std::string KeyText() const;
     // Path of a watch or directory watch; empty for other rules.
     std::string GetWatchPath() const;
     // Record size including its string buffer.

@@ -1,6 +1,6 @@
 #include "audit/CapturePipeline.h"
 
-#include "audit/EventRouter.h"
+#include "audit/AuditEventProcessor.h"
 #include "common/Logging.h"
 
 namespace vantor::audit
@@ -24,11 +24,12 @@ ParserThread::CpuUsageSource ParserSampler(CapturePipeline::CpuUsage usage)
 } // namespace
 
 CapturePipeline::CapturePipeline(std::unique_ptr<common::IOChannel> channel,
-                                 std::shared_ptr<const edr::LibMagicWrapper> magic, EventRouter& router,
-                                 Limits limits, const std::function<CpuUsage()>& makeCpuUsage)
+                                 std::shared_ptr<const edr::LibMagicWrapper> magic,
+                                 AuditEventProcessor& processor, Limits limits,
+                                 const std::function<CpuUsage()>& makeCpuUsage)
     : m_channel(std::move(channel))
     , m_builder(std::move(magic))
-    , m_processing(router, limits.cpuPercent, Sampler(makeCpuUsage))
+    , m_processing(processor, limits.cpuPercent, Sampler(makeCpuUsage))
     , m_parser(
           m_builder, [this](ParserThread::Events events) { m_processing.Enqueue(std::move(events)); },
           ParserSampler(Sampler(makeCpuUsage)), limits.cpuPercent)

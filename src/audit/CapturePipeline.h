@@ -11,11 +11,11 @@
 namespace vantor::audit
 {
 
-class EventRouter;
+class AuditEventProcessor;
 
 // The capture path from an audit channel to the rule engine: the channel's
 // raw text goes to the parser thread, whose typed events go to the
-// processing thread, which routes them to the handlers. Start() starts the
+// processing thread, whose event processor routes them to the handlers. Start() starts the
 // consumers before the channel; Stop() stops the channel first, then the
 // parser, then the processing thread, so that nothing is fed to a stopped
 // stage.
@@ -34,8 +34,8 @@ public:
     // cpuUsage makes one sampler per thread (a sampler is not shared between
     // threads); empty: no throttling.
     CapturePipeline(std::unique_ptr<common::IOChannel> channel,
-                    std::shared_ptr<const edr::LibMagicWrapper> magic, EventRouter& router, Limits limits,
-                    const std::function<CpuUsage()>& makeCpuUsage = {});
+                    std::shared_ptr<const edr::LibMagicWrapper> magic, AuditEventProcessor& processor,
+                    Limits limits, const std::function<CpuUsage()>& makeCpuUsage = {});
     ~CapturePipeline();
 
     CapturePipeline(const CapturePipeline&) = delete;

@@ -61,8 +61,9 @@ uint32_t SerialOf(const edr::Event& event)
 
 } // namespace
 
-EventProcessingThread::EventProcessingThread(EventRouter& router, uint64_t cpuThreshold, CpuUsage cpuUsage)
-    : m_router(router)
+EventProcessingThread::EventProcessingThread(AuditEventProcessor& processor, uint64_t cpuThreshold,
+                                             CpuUsage cpuUsage)
+    : m_processor(processor)
     , m_cpuThreshold(cpuThreshold)
     , m_cpuUsage(std::move(cpuUsage))
 {
@@ -182,7 +183,7 @@ void EventProcessingThread::Run()
         {
             try
             {
-                m_router.ProcessCachedFileEvents();
+                m_processor.ProcessCachedFileEvents();
             }
             catch (const std::exception& e)
             {
@@ -198,7 +199,7 @@ void EventProcessingThread::Run()
             PauseWhileBusy();
             try
             {
-                m_router.ProcessEvent(std::move(event));
+                m_processor.ProcessEvent(std::move(event));
             }
             catch (const std::exception& e)
             {

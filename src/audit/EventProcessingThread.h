@@ -1,6 +1,6 @@
 #pragma once
 
-#include "audit/EventRouter.h"
+#include "audit/AuditEventProcessor.h"
 #include "common/AsyncTask.h"
 #include "edr/Event.h"
 
@@ -15,7 +15,7 @@ namespace vantor::audit
 {
 
 // Takes finished events from the parser thread and hands them, ordered, to
-// the audit rule engine on a thread of its own.
+// the audit rule engine's event processor on a thread of its own.
 //
 // Two vectors are swapped under the lock (double buffering): the producer
 // appends to the buffer queue, the worker takes the whole buffer as its
@@ -37,7 +37,7 @@ public:
     static constexpr uint32_t kSerialWrapWindow = 200000;
 
     // cpuUsage may be empty: no throttling.
-    EventProcessingThread(EventRouter& router, uint64_t cpuThreshold, CpuUsage cpuUsage);
+    EventProcessingThread(AuditEventProcessor& processor, uint64_t cpuThreshold, CpuUsage cpuUsage);
     ~EventProcessingThread() override;
 
     void Start();
@@ -63,7 +63,7 @@ private:
     void Run();
     void PauseWhileBusy();
 
-    EventRouter& m_router;
+    AuditEventProcessor& m_processor;
     const uint64_t m_cpuThreshold;
     const CpuUsage m_cpuUsage;
 

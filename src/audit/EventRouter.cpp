@@ -1,8 +1,6 @@
 #include "audit/EventRouter.h"
 
-#include "audit/AuditTables.h"
-#include "common/Logging.h"
-
+#include <algorithm>
 #include <stdexcept>
 
 namespace vantor::audit
@@ -11,63 +9,7 @@ namespace vantor::audit
 namespace
 {
 
-constexpr auto kAbnormalEnd = static_cast<uint8_t>(edr::EventType::AbnormalEnd);
-
-// Unsuccessful calls still matter for these event categories.
-bool KeepsUnsuccessful(uint32_t category)
-{
-    return category == 1 || category == 2;
-}
-
-// Pseudo events carry no SYSCALL record and do not answer every question;
-// what they cannot answer takes these defaults.
-bool IsSuccessful(const edr::Event& event)
-{
-    try
-    {
-        return event.IsSuccessful();
-    }
-    catch (const edr::EventException&)
-    {
-        return true;
-    }
-}
-
-uint32_t CategoryOf(const edr::Event& event)
-{
-    try
-    {
-        return event.GetCategory();
-    }
-    catch (const edr::EventException&)
-    {
-        return 0;
-    }
-}
-
-uint32_t EventIdOf(const edr::Event& event)
-{
-    try
-    {
-        return event.GetEventId();
-    }
-    catch (const std::exception&)
-    {
-        return 0;
-    }
-}
-
-std::string ActionNameOf(const edr::Event& event)
-{
-    try
-    {
-        return event.GetActionName();
-    }
-    catch (const std::exception&)
-    {
-        return {};
-    }
-}
+constexpr auto kAbnormalEnd = static_cast<edr::EventRule::Action>(edr::EventType::AbnormalEnd);
 
 bool IsFileEvent(edr::EventType type)
 {
@@ -85,291 +27,178 @@ bool IsFileEvent(edr::EventType type)
     }
 }
 
+bool IsAbsolute(const std::string& path)
+{
+    return !path.empty() && path.front() == '/';
+}
+
 } // namespace
 
-EventRouter::EventRouter(std::shared_ptr<ProcessTree> processTree, pid_t ownPid)
-    : m_processTree(std::move(processTree))
-    , m_ownPid(ownPid)
-    , m_lastClean(std::chrono::steady_clock::now())
-{
-}
+EventRouter::EventRouter() = default;
 
 EventRouter::~EventRouter() = default;
 
-void EventRouter::ProcessEvent(EventPtr event)
+std::vector<edr::EventRule::Action> EventRouter::RoutedActions(const Route& route)
 {
-    if (!event)
+    if (edr::EventRule::IsPathRule(route.ruleType))
     {
-        throw std::invalid_argument("RuleEngine::ProcessEvent: 'event' is nullptr");
+        return {};
     }
-    EDR_LOG_TRACE("RuleEngine::ProcessEvent: Procesing event with ID " << EventIdOf(*event));
-    ProcessCachedFileEvents();
-
-    if (!IsSuccessful(*event) && !KeepsUnsuccessful(CategoryOf(*event)))
+    std::vector<edr::EventRule::Action> actions(route.actions.begin(), route.actions.end());
+    if (route.ruleType == edr::EventRule::ProcessRule)
     {
-        EDR_LOG_TRACE("RuleEngine::ProcessEvent: Dropping unsuccessful "
-                      << ActionNameOf(*event) << " event with ID " << EventIdOf(*event));
-        return;
+        // A process that ends abnormally matters to whoever follows processes.
+        actions.push_back(kAbnormalEnd);
     }
-
-    const edr::EventType type = event->GetType();
-    const uint32_t id = EventIdOf(*event);
-    try
-    {
-        if (type == edr::EventType::Clone && !m_processTree)
-        {
-            return; // only the process tree has a use for a clone
-        }
-        if (m_processTree)
-        {
-            m_pseudoEvents.clear();
-            const bool goesOn = m_processTree->UpdateFromEvent(event, m_pseudoEvents);
-            for (auto& pseudo : m_pseudoEvents)
-            {
-                Handle(*pseudo);
-            }
-            m_pseudoEvents.clear();
-            if (!goesOn)
-            {
-                CleanProcessTree();
-                return;
-            }
-        }
-        Handle(*event);
-    }
-    catch (const std::exception& e)
-    {
-        if (type == edr::EventType::Exit)
-        {
-            EDR_LOG_ERROR("Failed to process exit event: " << e.what());
-        }
-        else
-        {
-            EDR_LOG_ERROR("Failed to process event with ID " << id << ": " << e.what());
-        }
-    }
-    CleanProcessTree();
+    return actions;
 }
 
-void EventRouter::Handle(edr::Event& event)
+void EventRouter::AddRoute(const std::string& ruleId, Route route)
 {
-    if (!ShouldProcessEvent(event))
+    if (route.tag.empty())
     {
-        return;
+        throw std::invalid_argument("EventRouter::AddRoute: 'tag' is empty for rule " + ruleId);
     }
-    Dispatch(event);
+    if (edr::EventRule::IsPathRule(route.ruleType))
+    {
+        for (const auto& path : route.paths)
+        {
+            if (!IsAbsolute(path))
+            {
+                throw std::invalid_argument("EventRouter::AddRoute: path '" + path + "' of rule " + ruleId +
+                                            " is not absolute");
+            }
+        }
+    }
+    std::lock_guard lock(m_mutex);
+    auto touched = RoutedActions(route);
+    const auto it = m_routes.find(ruleId);
+    if (it != m_routes.end())
+    {
+        const auto old = RoutedActions(it->second);
+        touched.insert(touched.end(), old.begin(), old.end());
+        const Route replaced = std::move(it->second);
+        m_routes.erase(it);
+        RemoveFromTrie(ruleId, replaced);
+    }
+    AddToTrie(route);
+    m_routes.emplace(ruleId, std::move(route));
+    RebuildActionRoutes(touched);
 }
 
-bool EventRouter::ShouldProcessEvent(const edr::Event& event)
+bool EventRouter::RemoveRoute(const std::string& ruleId)
 {
-    const edr::EventType type = event.GetType();
-    if (type == edr::EventType::AbnormalEnd)
+    std::lock_guard lock(m_mutex);
+    const auto it = m_routes.find(ruleId);
+    if (it == m_routes.end())
     {
-        return true;
-    }
-    pid_t pid = 0;
-    try
-    {
-        pid = event.GetActorProcessId();
-    }
-    catch (const edr::EventException&)
-    {
-        return true;
-    }
-    const auto& tools = AuditTables::OutpostToolNames();
-    const auto isOurs = [&](const ProcessInfo& process)
-    { return process.GetPid() == m_ownPid || tools.count(std::string(process.GetName())) != 0; };
-    const bool ours = pid == m_ownPid || (m_processTree && m_processTree->AnyInLineage(pid, isOurs));
-    if (ours)
-    {
-        EDR_LOG_DEBUG("AuditRuleEngine::ShouldProcessEvent: Dropping Corvid generated event with ID: "
-                      << EventIdOf(event));
         return false;
     }
+    const Route removed = std::move(it->second);
+    m_routes.erase(it);
+    RemoveFromTrie(ruleId, removed);
+    RebuildActionRoutes(RoutedActions(removed));
     return true;
 }
 
-void EventRouter::Dispatch(edr::Event& event)
+void EventRouter::AddToTrie(const Route& route)
+{
+    if (!edr::EventRule::IsPathRule(route.ruleType))
+    {
+        return;
+    }
+    for (const auto& path : route.paths)
+    {
+        m_trie.Insert(path, route.tag);
+    }
+}
+
+void EventRouter::RemoveFromTrie(const std::string& ruleId, const Route& route)
+{
+    if (!edr::EventRule::IsPathRule(route.ruleType))
+    {
+        return;
+    }
+    for (const auto& path : route.paths)
+    {
+        const bool stillRouted = std::any_of(m_routes.begin(), m_routes.end(),
+                                             [&](const auto& entry)
+                                             {
+                                                 const Route& other = entry.second;
+                                                 return entry.first != ruleId && other.tag == route.tag &&
+                                                        edr::EventRule::IsPathRule(other.ruleType) &&
+                                                        std::find(other.paths.begin(), other.paths.end(),
+                                                                  path) != other.paths.end();
+                                             });
+        if (!stillRouted)
+        {
+            m_trie.Delete(path, route.tag);
+        }
+    }
+}
+
+void EventRouter::RebuildActionRoutes(const std::vector<edr::EventRule::Action>& actions)
+{
+    for (const auto action : actions)
+    {
+        auto tags = std::make_shared<Tags>();
+        for (const auto& [id, route] : m_routes)
+        {
+            const auto routed = RoutedActions(route);
+            if (std::find(routed.begin(), routed.end(), action) != routed.end())
+            {
+                tags->insert(route.tag);
+            }
+        }
+        m_actionRoutes[action] = tags->empty() ? nullptr : std::move(tags);
+    }
+}
+
+EventRouter::TagsPtr EventRouter::GetTags(const edr::Event& event) const
 {
     const edr::EventType type = event.GetType();
     if (IsFileEvent(type))
     {
-        Tags tags;
-        {
-            std::lock_guard lock(m_routeMutex);
-            const std::string file = event.GetFile();
-            if (!file.empty() && file.front() == '/')
-            {
-                tags = m_trie.GetValues(file);
-            }
-            if (type == edr::EventType::Rename)
-            {
-                const std::string newFile = event.GetNewFile();
-                if (!newFile.empty() && newFile.front() == '/')
-                {
-                    const auto more = m_trie.GetValues(newFile);
-                    tags.insert(more.begin(), more.end());
-                }
-            }
-        }
-        if (!tags.empty())
-        {
-            DispatchEvent(tags, event);
-        }
-        return;
+        return GetFileTags(event);
     }
     const auto action = static_cast<uint32_t>(type);
     if (action >= kActionSlots)
     {
-        return;
+        return nullptr;
     }
-    TagsPtr tags;
-    {
-        std::lock_guard lock(m_routeMutex);
-        tags = m_actionRoutes[action];
-    }
-    if (tags && !tags->empty())
-    {
-        DispatchEvent(*tags, event);
-    }
+    std::lock_guard lock(m_mutex);
+    return m_actionRoutes[action];
 }
 
-void EventRouter::CacheFileEvent(EventPtr event)
+EventRouter::TagsPtr EventRouter::GetFileTags(const edr::Event& event) const
 {
-    if (event)
+    const std::string file = event.GetFile();
+    const std::string newFile =
+        event.GetType() == edr::EventType::Rename ? event.GetNewFile() : std::string();
+    Tags tags;
     {
-        m_cachedFileEvents.push_back(std::move(event));
-    }
-}
-
-void EventRouter::ProcessCachedFileEvents()
-{
-    if (m_cachedFileEvents.empty())
-    {
-        return;
-    }
-    // Handlers may hold back events again; those wait for the next round.
-    std::vector<EventPtr> events;
-    events.swap(m_cachedFileEvents);
-    for (auto& event : events)
-    {
-        try
+        std::lock_guard lock(m_mutex);
+        if (IsAbsolute(file))
         {
-            event->Refresh();
-            Handle(*event);
+            tags = m_trie.GetValues(file);
         }
-        catch (const std::exception& e)
+        if (IsAbsolute(newFile))
         {
-            EDR_LOG_ERROR("Failed to process cached file event with ID " << EventIdOf(*event) << ": "
-                                                                         << e.what());
+            const auto more = m_trie.GetValues(newFile);
+            tags.insert(more.begin(), more.end());
         }
     }
-}
-
-void EventRouter::CleanProcessTree()
-{
-    if (!m_processTree)
+    if (tags.empty())
     {
-        return;
+        return nullptr;
     }
-    const auto now = std::chrono::steady_clock::now();
-    if (now - m_lastClean < kCleanInterval)
-    {
-        return;
-    }
-    m_lastClean = now;
-    auto terminated = m_processTree->Clean();
-    for (auto& event : terminated)
-    {
-        try
-        {
-            Dispatch(*event);
-        }
-        catch (const std::exception& e)
-        {
-            EDR_LOG_ERROR("Failed to process exit event: " << e.what());
-        }
-    }
-    EDR_LOG_DEBUG("FileEventCache size:"
-                  << m_cachedFileEvents.size() << " events, ProcessTree size:" << m_processTree->Size()
-                  << " processes, CloneCache size:" << m_processTree->CloneCacheSize() << " events");
+    return std::make_shared<const Tags>(std::move(tags));
 }
 
 edr::Trie::Values EventRouter::GetPathTags(std::string_view path) const
 {
-    std::lock_guard lock(m_routeMutex);
+    std::lock_guard lock(m_mutex);
     return m_trie.GetValues(path);
-}
-
-void EventRouter::AddRoute(const std::string& tag, uint32_t ruleType,
-                           const edr::EventRule::ActionSet& actions, const std::vector<std::string>& paths)
-{
-    std::lock_guard lock(m_routeMutex);
-    if (edr::EventRule::IsPathRule(ruleType))
-    {
-        for (const auto& path : paths)
-        {
-            m_trie.Insert(path, tag);
-        }
-        return;
-    }
-    for (const auto action : actions)
-    {
-        ChangeActionRoute(tag, action, +1);
-    }
-    if (ruleType == edr::EventRule::ProcessRule)
-    {
-        ChangeActionRoute(tag, kAbnormalEnd, +1);
-    }
-}
-
-void EventRouter::RemoveRoute(const std::string& tag, uint32_t ruleType,
-                              const edr::EventRule::ActionSet& actions, const std::vector<std::string>& paths)
-{
-    std::lock_guard lock(m_routeMutex);
-    if (edr::EventRule::IsPathRule(ruleType))
-    {
-        for (const auto& path : paths)
-        {
-            m_trie.Delete(path, tag);
-        }
-        return;
-    }
-    for (const auto action : actions)
-    {
-        ChangeActionRoute(tag, action, -1);
-    }
-    if (ruleType == edr::EventRule::ProcessRule)
-    {
-        ChangeActionRoute(tag, kAbnormalEnd, -1);
-    }
-}
-
-void EventRouter::ChangeActionRoute(const std::string& tag, uint8_t action, int delta)
-{
-    int& count = m_actionRouteCounts[{action, tag}];
-    const bool had = count > 0;
-    count += delta;
-    const bool has = count > 0;
-    if (count <= 0)
-    {
-        m_actionRouteCounts.erase({action, tag});
-    }
-    if (had == has)
-    {
-        return;
-    }
-    auto tags =
-        m_actionRoutes[action] ? std::make_shared<Tags>(*m_actionRoutes[action]) : std::make_shared<Tags>();
-    if (has)
-    {
-        tags->insert(tag);
-    }
-    else
-    {
-        tags->erase(tag);
-    }
-    m_actionRoutes[action] = std::move(tags);
 }
 
 } // namespace vantor::audit

@@ -1,104 +1,88 @@
 #pragma once
 
-#include "audit/ProcessTree.h"
 #include "edr/Event.h"
 #include "edr/EventRule.h"
 #include "edr/EventRuleEngine.h"
 #include "edr/Trie.h"
 
 #include <array>
-#include <chrono>
-#include <map>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
-#include <utility>
+#include <unordered_map>
 #include <vector>
 
 namespace vantor::audit
 {
 
-// The event side of the audit rule engine: takes each assembled event, keeps
-// the process tree up to date with it, drops what must not be reported and
-// hands the rest to the handlers of the tags that asked for it.
+// Which tags an event goes to, following the rules the audit rule engine has
+// installed.
 //
-// Routing: file events go to the tags whose path rules cover the event's path
-// (and, for a rename, its destination); process events (running, clone,
-// exit) to the tags whose process rule holds the event's action, abnormal
-// ends to every tag with a process rule; network events (accept, connect,
-// bind) to the tags whose network rule holds the action. The routes follow
-// the rules that the derived RuleEngine installs in the kernel.
+// File events (create, delete, read, write, attribute, rename) go to the tags
+// whose path rules cover the event's path, and for a rename its destination,
+// looked up in a path trie. Process events (running, clone, exit) go to the
+// tags whose process rule holds the event's action, abnormal ends to every
+// tag with a process rule; network events (accept, connect, bind) to the tags
+// whose network rule holds the action.
 //
-// Kept apart from the kernel side so that event handling can run (and be
-// exercised) without an audit socket. ProcessEvent is called by one thread,
-// the event processing thread.
-class EventRouter : public edr::EventRuleEngine
+// Routes are kept per rule id, so that two rules of one tag that share a path
+// or an action keep it until the last of them is gone.
+//
+// Thread-safe: routes change on the threads that add rules while the
+// processing thread looks events up. One lock, held only inside these calls;
+// an action lookup copies one pointer.
+class EventRouter
 {
 public:
-    using EventPtr = std::unique_ptr<edr::Event>;
+    using Tags = edr::EventRuleEngine::Tags;
+    using TagsPtr = std::shared_ptr<const Tags>;
 
-    // Interval between two cleanings of the process tree.
-    static constexpr std::chrono::seconds kCleanInterval{60};
+    // What one installed rule routes: a path rule its paths (the actions do
+    // not matter), a process or network rule its actions.
+    struct Route
+    {
+        std::string tag;
+        uint32_t ruleType = 0;
+        edr::EventRule::ActionSet actions;
+        std::vector<std::string> paths;
+    };
 
-    // processTree may be null: events then carry only their own data.
-    explicit EventRouter(std::shared_ptr<ProcessTree> processTree, pid_t ownPid);
-    ~EventRouter() override;
+    EventRouter();
+    ~EventRouter();
 
-    // Processes one event and destroys it. Throws std::invalid_argument
-    // "RuleEngine::ProcessEvent: 'event' is nullptr"; failures while handling
-    // the event are logged.
-    void ProcessEvent(EventPtr event);
+    EventRouter(const EventRouter&) = delete;
+    EventRouter& operator=(const EventRouter&) = delete;
 
-    // False for events of the host agent's tools (or their descendants) and
-    // of this daemon, which must not be reported.
-    bool ShouldProcessEvent(const edr::Event& event);
+    // Adds the route of a rule, replacing the one the rule id had. Throws
+    // std::invalid_argument, changing nothing, for an empty tag or a path
+    // that is not absolute.
+    void AddRoute(const std::string& ruleId, Route route);
 
-    // A file event that cannot be examined yet; it is refreshed and processed
-    // before the next event.
-    void CacheFileEvent(EventPtr event);
-    void ProcessCachedFileEvents();
-    size_t CachedFileEventCount() const { return m_cachedFileEvents.size(); }
+    // Removes the route of the rule id; answers whether it had one.
+    bool RemoveRoute(const std::string& ruleId);
+
+    // The tags the event goes to; null when none.
+    TagsPtr GetTags(const edr::Event& event) const;
 
     // Tags whose path rules cover the path.
     edr::Trie::Values GetPathTags(std::string_view path) const;
 
-    const std::shared_ptr<ProcessTree>& GetProcessTree() const { return m_processTree; }
-
-protected:
-    // Adds/removes the routes of one installed rule under its tag.
-    void AddRoute(const std::string& tag, uint32_t ruleType, const edr::EventRule::ActionSet& actions,
-                  const std::vector<std::string>& paths);
-    void RemoveRoute(const std::string& tag, uint32_t ruleType, const edr::EventRule::ActionSet& actions,
-                     const std::vector<std::string>& paths);
-
 private:
-    using TagsPtr = std::shared_ptr<const Tags>;
     // Action values are one byte; the table is indexed by them.
     static constexpr size_t kActionSlots = 256;
 
-    void Handle(edr::Event& event);
-    void Dispatch(edr::Event& event);
-    void CleanProcessTree();
-    void ChangeActionRoute(const std::string& tag, uint8_t action, int delta);
+    static std::vector<edr::EventRule::Action> RoutedActions(const Route& route);
+    TagsPtr GetFileTags(const edr::Event& event) const;
+    void AddToTrie(const Route& route);
+    void RemoveFromTrie(const std::string& ruleId, const Route& route);
+    void RebuildActionRoutes(const std::vector<edr::EventRule::Action>& actions);
 
-    const std::shared_ptr<ProcessTree> m_processTree;
-    const pid_t m_ownPid;
-
-    // Touched by the processing thread only.
-    std::vector<EventPtr> m_cachedFileEvents;
-    std::chrono::steady_clock::time_point m_lastClean;
-    ProcessTree::Events m_pseudoEvents;
-
-    // Routes change on the threads that add rules; lookups come from the
-    // processing thread.
-    mutable std::mutex m_routeMutex;
+    mutable std::mutex m_mutex;
+    std::unordered_map<std::string, Route> m_routes;
     edr::Trie m_trie;
-    // (action, tag) -> number of installed rules giving that route.
-    std::map<std::pair<uint8_t, std::string>, int> m_actionRouteCounts;
-    // Tags per action, replaced whole on change so that a lookup only copies
-    // a pointer.
+    // Tags per action, replaced whole on change.
     std::array<TagsPtr, kActionSlots> m_actionRoutes;
 };
 

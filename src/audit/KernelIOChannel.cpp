@@ -1,17 +1,15 @@
 #include "audit/KernelIOChannel.h"
 
-#include "audit/AuditHandle.h"
 #include "common/Logging.h"
 
 #include <libaudit.h>
 
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <linux/netlink.h>
-#include <memory>
+#include <new>
 #include <optional>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,32 +23,11 @@ namespace vantor::audit
 namespace
 {
 
-// The kernel's audit status (enabled flag, daemon pid, ...).
+// The kernel's audit status (enabled flag, daemon pid, ...), asked on a socket
+// of its own so that the reply cannot meet the channel's reader.
 std::optional<audit_status> GetAuditStatus()
 {
-    AuditHandle handle;
-    if (!handle.IsOpen() || ::audit_request_status(handle.Fd()) < 0)
-    {
-        return std::nullopt;
-    }
-    for (int attempt = 0; attempt < 5; ++attempt)
-    {
-        audit_reply reply{};
-        const int rc = handle.GetReply(reply, std::chrono::milliseconds(1000));
-        if (rc == -EAGAIN || rc == -EINTR)
-        {
-            continue;
-        }
-        if (rc <= 0)
-        {
-            return std::nullopt;
-        }
-        if (reply.type == AUDIT_GET && reply.status != nullptr)
-        {
-            return *reply.status;
-        }
-    }
-    return std::nullopt;
+    return AuditNetlink().GetStatus("KernelIOChannel::GetAuditStatus");
 }
 
 } // namespace
@@ -130,8 +107,9 @@ void KernelIOChannel::EnableAudit()
 
 common::IOChannel::Error KernelIOChannel::CreateSocket()
 {
-    const int fd = ::audit_open();
-    if (fd < 0)
+    AuditNetlink socket;
+    const int fd = socket.Fd();
+    if (!socket.IsOpen())
     {
         EDR_LOG_ERROR("KernelIOChannel::CreateSocket: " << std::strerror(errno));
         return errno == EPERM || errno == EACCES ? AccessDenied : Unknown;
@@ -162,15 +140,17 @@ common::IOChannel::Error KernelIOChannel::CreateSocket()
             m_registered = true;
         }
     }
+    m_socket = std::move(socket);
     m_fd = fd;
     return Success;
 }
 
 void KernelIOChannel::CloseSocket()
 {
-    const int fd = m_fd.exchange(-1);
-    if (fd >= 0)
+    m_fd = -1;
+    if (m_socket.IsOpen())
     {
+        const int fd = m_socket.Fd();
         if (m_enabledAudit)
         {
             // Only undone while nobody has locked or changed it since.
@@ -186,7 +166,7 @@ void KernelIOChannel::CloseSocket()
             ::audit_set_pid(fd, 0, WAIT_YES);
             m_registered = false;
         }
-        ::audit_close(fd);
+        m_socket.Close();
     }
 }
 
@@ -208,33 +188,30 @@ common::IOChannel::Error KernelIOChannel::Send(const std::vector<uint8_t>& data)
     {
         return InvalidState;
     }
-    if (data.size() < sizeof(audit_rule_data))
+    std::optional<AuditRule> rule;
+    try
     {
+        rule = AuditRule::Deserialize(data);
+    }
+    catch (const std::runtime_error& e)
+    {
+        EDR_LOG_ERROR("KernelIOChannel: " << e.what());
         return InvalidData;
     }
-    // Copy into an aligned record before looking at its fields.
-    std::unique_ptr<audit_rule_data, decltype(&std::free)> rule(
-        static_cast<audit_rule_data*>(std::calloc(1, data.size())), &std::free);
-    if (!rule)
+    catch (const std::bad_alloc&)
     {
         return Unknown;
-    }
-    std::memcpy(rule.get(), data.data(), data.size());
-    if (rule->field_count > AUDIT_MAX_FIELDS || rule->buflen != data.size() - sizeof(audit_rule_data))
-    {
-        return InvalidData;
     }
     // libaudit waits for the kernel's acknowledgement on the sending socket;
     // on the channel's own socket the reader thread would take it away. A
     // socket of its own per rule keeps the two apart.
-    AuditHandle handle;
-    if (!handle.IsOpen())
+    AuditNetlink socket;
+    if (!socket.IsOpen())
     {
         EDR_LOG_ERROR("KernelIOChannel: Failed to open an audit socket: " << std::strerror(errno));
         return errno == EPERM || errno == EACCES ? AccessDenied : Unknown;
     }
-    const int rc = ::audit_add_rule_data(handle.Fd(), rule.get(), static_cast<int>(rule->flags),
-                                         static_cast<int>(rule->action));
+    const int rc = socket.AddRule(*rule);
     if (rc < 0)
     {
         EDR_LOG_ERROR("KernelIOChannel: Failed to send audit rule data (errno = " << -rc << ")");
@@ -246,13 +223,12 @@ common::IOChannel::Error KernelIOChannel::Send(const std::vector<uint8_t>& data)
 
 common::IOChannel::Error KernelIOChannel::Read(std::vector<uint8_t>& data)
 {
-    const int fd = m_fd.load();
     // Everything that is waiting goes out as one chunk (up to a bound), so
     // that a burst costs one hand-over instead of one per record.
     while (data.size() < kMaxChunkSize)
     {
         audit_reply reply{};
-        const int rc = ::audit_get_reply(fd, &reply, GET_REPLY_NONBLOCKING, 0);
+        const int rc = m_socket.TryGetReply(reply);
         if (rc == -EAGAIN)
         {
             break;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "audit/AuditNetlink.h"
 #include "common/IOChannel.h"
 
 #include <mutex>
@@ -52,6 +53,8 @@ private:
     void AppendRecord(int type, const char* message, size_t length, std::vector<uint8_t>& data) const;
 
     std::mutex m_writeMutex;
+    // The socket the records come in on; m_fd names it to the event loop.
+    AuditNetlink m_socket;
     bool m_started = false;
     // Whether this channel registered itself as the audit daemon.
     bool m_registered = false;

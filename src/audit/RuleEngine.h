@@ -1,11 +1,12 @@
 #pragma once
 
-#include "audit/AuditHandle.h"
+#include "audit/AuditEventProcessor.h"
 #include "audit/AuditRule.h"
-#include "audit/AuditRuleBuilder.h"
 #include "audit/EventRouter.h"
+#include "audit/KernelRuleInstaller.h"
 #include "audit/ProcessTree.h"
-#include "edr/EventRule.h"
+#include "edr/EventRuleEngine.h"
+#include "edr/Trie.h"
 
 #include <cstdint>
 #include <memory>
@@ -14,33 +15,34 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
-#include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 namespace vantor::audit
 {
 
-// Turns the daemon's detection rules into kernel audit rules and keeps the
-// kernel's rule list clean of what it installed.
+// The audit rule engine: the daemon's event rule engine for the audit
+// capture. It is composed of three stages:
+//  - the kernel rule installer turns the detection rules that components add
+//    into kernel audit rules (and installs the engine's fixed rules);
+//  - the router keeps, per installed rule, the route by which matching
+//    events reach the rule's tag;
+//  - the event processor takes each assembled event through the process
+//    tree, drops what must not be reported and dispatches the rest to the
+//    handlers of the tags the router names.
 //
-// On construction it raises the kernel's backlog limit (never lowers it),
-// deletes rules left by an earlier run under its own keys, and installs its
-// fixed rules: the EOE record exclusion, the thread-creation exclusion, and
-// for its own pid and the host agent's pid an exclusion rule with, in front of
-// it, an exit rule (keys "corvid_ignore_rule_" / "corvid_exit_rule_" plus
-// "self" or "outpost"). Detection rules are keyed with their tag; path rules
-// also enter their paths into the trie under the tag. Invalidate() removes the
-// detection rules and asks the tags' owners to submit them again; the
-// destructor removes everything the engine installed.
+// Invalidate() removes the detection rules and asks the tags' owners to
+// submit them again; the destructor removes everything the engine installed.
 //
-// Every operation opens its own audit socket, so operations may run on
-// different threads; one lock serialises them. Events are handled by the
-// EventRouter base (ProcessEvent), routed by the rules installed here.
-class RuleEngine : public EventRouter
+// Threads: rules are added and deleted on the components' threads; one lock
+// serialises those changes, so that a rule's kernel records and its route
+// come and go together. The router locks itself for the processing thread,
+// which alone calls ProcessEvent (through GetEventProcessor()). No lock of
+// the engine is held while handlers run: Invalidate() calls the invalidated
+// handlers after letting go of its lock, since they add rules again.
+class RuleEngine : public edr::EventRuleEngine
 {
 public:
-    using Rules = std::vector<std::shared_ptr<edr::EventRule>>;
+    using EventPtr = std::unique_ptr<edr::Event>;
 
     // Throws RuleEngineException "RuleEngine: Failed to open audit socket"
     // when no audit socket can be opened. Failures of the fixed rules are
@@ -52,16 +54,16 @@ public:
                std::string agentInstallPath);
     ~RuleEngine() override;
 
-    // Builds and installs the kernel rules of each rule under the tag. A rule
-    // that fails is logged and skipped. Throws RuleEngineException for an
-    // empty tag or when no audit socket can be opened.
+    // Builds and installs the kernel rules of each rule under the tag and
+    // routes their events to it. A rule that fails is logged and skipped.
+    // Throws RuleEngineException for an empty tag or when no audit socket can
+    // be opened.
     void AddRules(const Rules& rules, const std::string& tag) override;
-
-    // Removes the kernel rules installed for the rule id; answers whether the
-    // id was installed.
-    bool DeleteRuleFromAudit(const std::string& ruleId);
     // Removes every rule installed under the tag.
     void DeleteRules(const std::string& tag) override;
+    // Removes the kernel rules and the route of the rule id; answers whether
+    // the id was installed.
+    bool DeleteRuleFromAudit(const std::string& ruleId);
 
     // Removes all detection rules, then calls the invalidated handlers so that
     // their owners submit their rules again.
@@ -80,62 +82,26 @@ public:
     std::string GetOutpostPath() const;
     const std::string& GetAgentInstallPath() const { return m_agentInstallPath; }
 
+    // Tags whose path rules cover the path.
+    edr::Trie::Values GetPathTags(std::string_view path) const;
+
+    // The event stage, for the event processing thread (its one caller).
+    AuditEventProcessor& GetEventProcessor() { return m_events; }
+    // Processes one event and destroys it; see AuditEventProcessor.
+    void ProcessEvent(EventPtr event);
+
+    const std::shared_ptr<ProcessTree>& GetProcessTree() const { return m_events.GetProcessTree(); }
+
 private:
-    struct InstalledRule
-    {
-        std::string tag;
-        uint32_t type = 0;
-        edr::EventRule::ActionSet actions;
-        std::vector<AuditRule> records;
-        std::vector<std::string> paths;
-    };
+    void RemoveRoutes(const std::vector<std::string>& ruleIds);
 
-    // The exclusion rule of one process and the exit rule standing in front
-    // of it.
-    struct ProcessExclusion
-    {
-        pid_t pid = 0;
-        std::string suffix;
-        std::optional<AuditRule> exclusion;
-        std::optional<AuditRule> exit;
-    };
-
-    struct MessageTypeRule
-    {
-        std::string name;
-        AuditRule rule;
-    };
-
-    static std::optional<std::vector<AuditRule>> GetRulesFromAudit(const AuditHandle& handle);
-    static std::optional<uint32_t> GetAuditBacklogLimit(const AuditHandle& handle);
-    void SetAuditBacklogLimit(const AuditHandle& handle) const;
-    static void DeleteDuplicateRules(const AuditHandle& handle, const std::unordered_set<std::string>& keys);
-    void AddExclusionMessageTypeRules(const AuditHandle& handle);
-    void DeleteExclusionMessageTypeRulesFromAudit(const AuditHandle& handle);
-    void AddThreadExclusionRule(const AuditHandle& handle);
-    static ProcessExclusion AddProcessExclusionRules(const AuditHandle& handle, pid_t pid,
-                                                     const std::string& suffix);
-    // old: the rules of a previous agent pid are being replaced, not shut down.
-    static void DeleteExclusionRules(const AuditHandle& handle, ProcessExclusion& exclusion, bool old);
-    bool AddRuleToAudit(const AuditHandle& handle, const edr::EventRule& rule, const std::string& tag,
-                        AuditRuleBuilder::BuiltRule built);
-    bool DeleteRuleFromAudit(const AuditHandle& handle, const std::string& ruleId);
-    void DeleteAllRules(const AuditHandle& handle);
-
-    const uint64_t m_auditBacklogLimit;
     const std::string m_agentInstallPath;
 
-    mutable std::mutex m_mutex;
-    pid_t m_outpostPid;
-    std::string m_outpostPath;
-    std::unordered_map<std::string, InstalledRule> m_installedRules;
-    std::unordered_set<std::string> m_processRuleTags;
-    // Tags whose rules from an earlier run have been looked for and removed.
-    std::unordered_set<std::string> m_cleanedTags;
-    std::vector<MessageTypeRule> m_messageTypeRules;
-    std::optional<AuditRule> m_threadExclusionRule;
-    ProcessExclusion m_selfExclusion;
-    ProcessExclusion m_outpostExclusion;
+    // Serialises rule changes: the installer and the router's updates.
+    mutable std::mutex m_rulesMutex;
+    KernelRuleInstaller m_installer;
+    EventRouter m_router;
+    AuditEventProcessor m_events;
 };
 
 } // namespace vantor::audit

@@ -345,7 +345,7 @@ void Daemon::StartAuditCapture()
     const uint64_t memoryLimit = m_edrConfig->MemoryLimit();
     const uint64_t totalKb = ResourceMonitor(cpuLimit, memoryLimit).TotalMemoryKb();
     m_capture = std::make_unique<audit::CapturePipeline>(
-        std::move(m_auditChannel), m_magic, *m_ruleEngine,
+        std::move(m_auditChannel), m_magic, m_ruleEngine->GetEventProcessor(),
         audit::CapturePipeline::Limits{cpuLimit, memoryLimit, totalKb},
         [cpuLimit, memoryLimit]() -> audit::CapturePipeline::CpuUsage
         {

@@ -140,6 +140,22 @@ TEST(AuditRuleBuilderTest, PathRulesGetOneRecordPerPermissionKindAndSkipMissingP
                  std::runtime_error);
     EXPECT_THROW(AuditRule(nullptr, 0), std::runtime_error);
 
+    // Bytes sent through a channel come back with their flags and action,
+    // and only whole records do.
+    const auto sent = AuditRule::Deserialize(bytes);
+    EXPECT_EQ(sent.GetFlags(), AUDIT_FILTER_EXIT);
+    EXPECT_EQ(sent.GetAction(), AUDIT_ALWAYS);
+    EXPECT_EQ(sent.Serialize(), bytes);
+    for (const size_t size : {size_t{0}, sizeof(audit_rule_data) - 1, bytes.size() - 1})
+    {
+        EXPECT_THROW(AuditRule::Deserialize(std::vector<uint8_t>(bytes.begin(), bytes.begin() + size)),
+                     std::runtime_error)
+            << size;
+    }
+    auto longer = bytes;
+    longer.push_back(0);
+    EXPECT_THROW(AuditRule::Deserialize(longer), std::runtime_error);
+
     EXPECT_TRUE(
         AuditRuleBuilder::CreateRules(TestRule("m", Rule::FilePathRule, {dir.File("missing")}, {5}), "tag")
             .records.empty());
@@ -160,6 +176,8 @@ TEST(AuditRuleBuilderTest, FixedRulesCarryTheirKeysListsAndActions)
     const auto eoe = AuditRuleBuilder::CreateMessageTypeRule(1320);
     EXPECT_EQ(eoe.GetFlags(), AUDIT_FILTER_PREPEND | AUDIT_FILTER_EXCLUDE);
     EXPECT_TRUE(eoe.GetKeys().empty());
+    EXPECT_EQ(eoe.KeyText(), "");
+    EXPECT_EQ(thread.KeyText(), "corvid_ignore_thread_events_rule");
 }
 
 } // namespace

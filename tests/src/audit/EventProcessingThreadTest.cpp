@@ -20,16 +20,28 @@ using edr::EventType;
 using test::MakeEvent;
 using Events = EventProcessingThread::Events;
 
-class TestRouter : public EventRouter
+// The event processor of a rule engine with one file rule, handing what
+// matches to one handler.
+class TestProcessor
 {
 public:
-    TestRouter()
-        : EventRouter(nullptr, 99)
-    {
-        AddRoute("tag", EventRule::FilePathRule, {5}, {"/watched/file"});
-    }
-    void AddRules(const Rules&, const std::string&) override {}
-    void DeleteRules(const std::string&) override {}
+    TestProcessor() { m_router.AddRoute("rule", {"tag", EventRule::FilePathRule, {}, {"/watched/file"}}); }
+
+    AuditEventProcessor& Get() { return m_processor; }
+    // Set before the thread starts.
+    void SetHandler(std::function<void(edr::Event&)> handler) { m_handler = std::move(handler); }
+
+private:
+    EventRouter m_router;
+    std::function<void(edr::Event&)> m_handler;
+    AuditEventProcessor m_processor{nullptr, 99, m_router,
+                                    [this](const AuditEventProcessor::Tags&, edr::Event& event)
+                                    {
+                                        if (m_handler)
+                                        {
+                                            m_handler(event);
+                                        }
+                                    }};
 };
 
 std::unique_ptr<edr::Event> Event(uint64_t timestamp, uint32_t serial)
@@ -81,8 +93,8 @@ TEST(EventProcessingThreadSortTest, BatchIsOrderedByTimestampThenSerialAcrossThe
 
 TEST(EventProcessingThreadTest, QueueSizeFollowsTheMemoryBudget)
 {
-    TestRouter router;
-    EventProcessingThread thread(router, 100, {});
+    TestProcessor processor;
+    EventProcessingThread thread(processor.Get(), 100, {});
     test::LogCapture log(common::Logging::Edr());
     const std::vector<std::pair<uint64_t, size_t>> cases{
         {0, 10000}, {33333, 10000}, {40000, 12000}, {333333, 99999}, {333334, 100000}, {10000000, 100000}};
@@ -97,12 +109,9 @@ TEST(EventProcessingThreadTest, QueueSizeFollowsTheMemoryBudget)
 class EventProcessingThreadFlowTest : public testing::Test
 {
 protected:
-    void Register(std::function<void(edr::Event&)> handler)
-    {
-        m_router.RegisterEventHandlers("tag", std::move(handler), [] {});
-    }
+    void Register(std::function<void(edr::Event&)> handler) { m_processor.SetHandler(std::move(handler)); }
 
-    TestRouter m_router;
+    TestProcessor m_processor;
     test::LogCapture m_log{common::Logging::Edr()};
 };
 
@@ -121,7 +130,7 @@ TEST_F(EventProcessingThreadFlowTest, ABatchIsHandledInOrderAndStartStopAreLogge
                 all.set_value();
             }
         });
-    EventProcessingThread thread(m_router, 100, {});
+    EventProcessingThread thread(m_processor.Get(), 100, {});
     Events batch;
     batch.push_back(Event(1000, 5));
     batch.push_back(Event(1000, 4294967295U));
@@ -154,7 +163,7 @@ TEST_F(EventProcessingThreadFlowTest, AFullQueueBlocksTheProducerAndLosesNothing
             }
             ++handled;
         });
-    EventProcessingThread thread(m_router, 100, {});
+    EventProcessingThread thread(m_processor.Get(), 100, {});
     thread.SetQueueSize(0); // 10,000 events
     thread.Start();
     Events first;
@@ -199,7 +208,7 @@ TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
     std::atomic<bool> busy{true};
     std::atomic<int> handled{0};
     Register([&](edr::Event&) { ++handled; });
-    EventProcessingThread thread(m_router, 50,
+    EventProcessingThread thread(m_processor.Get(), 50,
                                  [&]
                                  {
                                      ++samples;

@@ -180,7 +180,7 @@ protected:
         channel->SetEnableAudit(true);
         m_capture = std::make_unique<CapturePipeline>(
             std::move(channel), std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"),
-            *m_engine, CapturePipeline::Limits{});
+            m_engine->GetEventProcessor(), CapturePipeline::Limits{});
         m_capture->Start();
     }
 

@@ -1,0 +1,235 @@
+#include "audit/AuditEventProcessor.h"
+
+#include "audit/AuditTables.h"
+#include "common/Logging.h"
+
+#include <stdexcept>
+
+namespace vantor::audit
+{
+
+namespace
+{
+
+// Unsuccessful calls still matter for these event categories.
+bool KeepsUnsuccessful(uint32_t category)
+{
+    return category == 1 || category == 2;
+}
+
+// Pseudo events carry no SYSCALL record and do not answer every question;
+// what they cannot answer takes these defaults.
+bool IsSuccessful(const edr::Event& event)
+{
+    try
+    {
+        return event.IsSuccessful();
+    }
+    catch (const edr::EventException&)
+    {
+        return true;
+    }
+}
+
+uint32_t CategoryOf(const edr::Event& event)
+{
+    try
+    {
+        return event.GetCategory();
+    }
+    catch (const edr::EventException&)
+    {
+        return 0;
+    }
+}
+
+uint32_t EventIdOf(const edr::Event& event)
+{
+    try
+    {
+        return event.GetEventId();
+    }
+    catch (const std::exception&)
+    {
+        return 0;
+    }
+}
+
+std::string ActionNameOf(const edr::Event& event)
+{
+    try
+    {
+        return event.GetActionName();
+    }
+    catch (const std::exception&)
+    {
+        return {};
+    }
+}
+
+} // namespace
+
+AuditEventProcessor::AuditEventProcessor(std::shared_ptr<ProcessTree> processTree, pid_t ownPid,
+                                         const EventRouter& router, Dispatch dispatch,
+                                         std::chrono::steady_clock::duration cleanInterval)
+    : m_treeUpdater(std::move(processTree), cleanInterval)
+    , m_ownPid(ownPid)
+    , m_router(router)
+    , m_dispatch(std::move(dispatch))
+{
+    if (!m_dispatch)
+    {
+        throw std::invalid_argument("AuditEventProcessor: 'dispatch' is invalid");
+    }
+}
+
+void AuditEventProcessor::ProcessEvent(EventPtr event)
+{
+    if (!event)
+    {
+        throw std::invalid_argument("RuleEngine::ProcessEvent: 'event' is nullptr");
+    }
+    EDR_LOG_TRACE("RuleEngine::ProcessEvent: Procesing event with ID " << EventIdOf(*event));
+    ProcessCachedFileEvents();
+
+    if (!IsSuccessful(*event) && !KeepsUnsuccessful(CategoryOf(*event)))
+    {
+        EDR_LOG_TRACE("RuleEngine::ProcessEvent: Dropping unsuccessful "
+                      << ActionNameOf(*event) << " event with ID " << EventIdOf(*event));
+        return;
+    }
+
+    const edr::EventType type = event->GetType();
+    const uint32_t id = EventIdOf(*event);
+    try
+    {
+        m_pseudoEvents.clear();
+        const bool goesOn = m_treeUpdater.Update(event, m_pseudoEvents);
+        for (auto& pseudo : m_pseudoEvents)
+        {
+            Handle(*pseudo);
+        }
+        m_pseudoEvents.clear();
+        if (goesOn)
+        {
+            Handle(*event);
+        }
+    }
+    catch (const std::exception& e)
+    {
+        m_pseudoEvents.clear();
+        if (type == edr::EventType::Exit)
+        {
+            EDR_LOG_ERROR("Failed to process exit event: " << e.what());
+        }
+        else
+        {
+            EDR_LOG_ERROR("Failed to process event with ID " << id << ": " << e.what());
+        }
+    }
+    CleanProcessTree();
+}
+
+void AuditEventProcessor::Handle(edr::Event& event)
+{
+    if (ShouldProcessEvent(event))
+    {
+        Route(event);
+    }
+}
+
+bool AuditEventProcessor::ShouldProcessEvent(const edr::Event& event)
+{
+    if (event.GetType() == edr::EventType::AbnormalEnd)
+    {
+        return true;
+    }
+    pid_t pid = 0;
+    try
+    {
+        pid = event.GetActorProcessId();
+    }
+    catch (const edr::EventException&)
+    {
+        return true;
+    }
+    const auto& tools = AuditTables::OutpostToolNames();
+    const auto isOurs = [&](const ProcessInfo& process)
+    { return process.GetPid() == m_ownPid || tools.count(std::string(process.GetName())) != 0; };
+    const auto& tree = GetProcessTree();
+    if (pid == m_ownPid || (tree && tree->AnyInLineage(pid, isOurs)))
+    {
+        EDR_LOG_DEBUG("AuditRuleEngine::ShouldProcessEvent: Dropping Corvid generated event with ID: "
+                      << EventIdOf(event));
+        return false;
+    }
+    return true;
+}
+
+void AuditEventProcessor::Route(edr::Event& event)
+{
+    const auto tags = m_router.GetTags(event);
+    if (tags && !tags->empty())
+    {
+        m_dispatch(*tags, event);
+    }
+}
+
+void AuditEventProcessor::CacheFileEvent(EventPtr event)
+{
+    if (event)
+    {
+        m_cachedFileEvents.push_back(std::move(event));
+    }
+}
+
+void AuditEventProcessor::ProcessCachedFileEvents()
+{
+    if (m_cachedFileEvents.empty())
+    {
+        return;
+    }
+    // Handlers may hold back events again; those wait for the next round.
+    std::vector<EventPtr> events;
+    events.swap(m_cachedFileEvents);
+    for (auto& event : events)
+    {
+        try
+        {
+            event->Refresh();
+            Handle(*event);
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("Failed to process cached file event with ID " << EventIdOf(*event) << ": "
+                                                                         << e.what());
+        }
+    }
+}
+
+void AuditEventProcessor::CleanProcessTree()
+{
+    ProcessTree::Events terminated;
+    if (!m_treeUpdater.CleanIfDue(terminated))
+    {
+        return;
+    }
+    // Processes that ended unseen are announced to whoever follows exits.
+    for (auto& event : terminated)
+    {
+        try
+        {
+            Route(*event);
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("Failed to process exit event: " << e.what());
+        }
+    }
+    const auto& tree = GetProcessTree();
+    EDR_LOG_DEBUG("FileEventCache size:"
+                  << m_cachedFileEvents.size() << " events, ProcessTree size:" << tree->Size()
+                  << " processes, CloneCache size:" << tree->CloneCacheSize() << " events");
+}
+
+} // namespace vantor::audit

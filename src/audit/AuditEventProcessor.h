@@ -1,0 +1,74 @@
+#pragma once
+
+#include "audit/EventRouter.h"
+#include "audit/ProcessTree.h"
+#include "audit/ProcessTreeUpdater.h"
+#include "edr/Event.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <sys/types.h>
+#include <vector>
+
+namespace vantor::audit
+{
+
+// The event side of the audit rule engine: takes each assembled event, drops
+// unsuccessful calls, brings the process tree up to date with it, drops what
+// the daemon and the host agent's tools did, asks the router for the tags
+// that want it and hands it to their handlers (the dispatch function).
+//
+// Runs without an audit socket, so that event handling can be used and
+// exercised on its own.
+//
+// Not thread-safe: the event processing thread is its one caller. The router
+// and the tree lock themselves; nothing here holds a lock while the dispatch
+// function runs.
+class AuditEventProcessor
+{
+public:
+    using EventPtr = std::unique_ptr<edr::Event>;
+    using Tags = EventRouter::Tags;
+    // Calls the handlers of the tags with the event.
+    using Dispatch = std::function<void(const Tags& tags, edr::Event& event)>;
+
+    // processTree may be null: events then carry only their own data. The
+    // router must outlive the processor.
+    AuditEventProcessor(
+        std::shared_ptr<ProcessTree> processTree, pid_t ownPid, const EventRouter& router, Dispatch dispatch,
+        std::chrono::steady_clock::duration cleanInterval = ProcessTreeUpdater::kCleanInterval);
+
+    // Processes one event and destroys it. Throws std::invalid_argument
+    // "RuleEngine::ProcessEvent: 'event' is nullptr"; failures while handling
+    // the event are logged.
+    void ProcessEvent(EventPtr event);
+
+    // False for events of the host agent's tools (or their descendants) and
+    // of this daemon, which must not be reported.
+    bool ShouldProcessEvent(const edr::Event& event);
+
+    // A file event that cannot be examined yet; it is refreshed and processed
+    // before the next event.
+    void CacheFileEvent(EventPtr event);
+    void ProcessCachedFileEvents();
+    size_t CachedFileEventCount() const { return m_cachedFileEvents.size(); }
+
+    const std::shared_ptr<ProcessTree>& GetProcessTree() const { return m_treeUpdater.GetProcessTree(); }
+
+private:
+    // Filters, then routes.
+    void Handle(edr::Event& event);
+    void Route(edr::Event& event);
+    void CleanProcessTree();
+
+    ProcessTreeUpdater m_treeUpdater;
+    const pid_t m_ownPid;
+    const EventRouter& m_router;
+    const Dispatch m_dispatch;
+
+    std::vector<EventPtr> m_cachedFileEvents;
+    ProcessTree::Events m_pseudoEvents;
+};
+
+} // namespace vantor::audit

@@ -1,0 +1,234 @@
+#include "audit/ExclusionRules.h"
+
+#include "audit/AuditRuleBuilder.h"
+#include "audit/AuditTables.h"
+#include "common/Logging.h"
+
+#include <libaudit.h>
+
+#include <algorithm>
+#include <unistd.h>
+
+namespace vantor::audit
+{
+
+namespace
+{
+
+bool IsMessageTypeExclusion(const AuditRule& rule, int messageType)
+{
+    const audit_rule_data* data = rule.Get();
+    return (rule.GetFlags() & ~AUDIT_FILTER_PREPEND) == AUDIT_FILTER_EXCLUDE && data->field_count == 1 &&
+           data->fields[0] == AUDIT_MSGTYPE && data->fieldflags[0] == AUDIT_EQUAL &&
+           data->values[0] == static_cast<uint32_t>(messageType);
+}
+
+} // namespace
+
+ExclusionRules::ExclusionRules(pid_t outpostPid, std::string outpostPath)
+    : m_outpostPath(std::move(outpostPath))
+{
+    m_self.pid = ::getpid();
+    m_self.suffix = AuditRuleBuilder::kSelfSuffix;
+    m_outpost.pid = outpostPid;
+    m_outpost.suffix = AuditRuleBuilder::kOutpostSuffix;
+}
+
+std::unordered_set<std::string> ExclusionRules::Keys()
+{
+    using B = AuditRuleBuilder;
+    return {B::kThreadExclusionKey, B::IgnoreRuleKey(B::kSelfSuffix), B::ExitRuleKey(B::kSelfSuffix),
+            B::IgnoreRuleKey(B::kOutpostSuffix), B::ExitRuleKey(B::kOutpostSuffix)};
+}
+
+void ExclusionRules::Install(const AuditNetlink& netlink)
+{
+    AddMessageTypeRules(netlink);
+    AddThreadRule(netlink);
+    AddProcessRules(netlink, m_self);
+    AddProcessRules(netlink, m_outpost);
+}
+
+void ExclusionRules::Remove(const AuditNetlink& netlink)
+{
+    RemoveProcessRules(netlink, m_outpost, false);
+    RemoveProcessRules(netlink, m_self, false);
+    RemoveThreadRule(netlink);
+    RemoveMessageTypeRules(netlink);
+}
+
+bool ExclusionRules::RefreshOutpost(const AuditNetlink& netlink, pid_t pid, const std::string& path)
+{
+    m_outpostPath = path;
+    if (pid == m_outpost.pid && m_outpost.exclusion && m_outpost.exit)
+    {
+        return true;
+    }
+    RemoveProcessRules(netlink, m_outpost, true);
+    m_outpost.pid = pid;
+    AddProcessRules(netlink, m_outpost);
+    return m_outpost.exclusion.has_value();
+}
+
+void ExclusionRules::AddMessageTypeRules(const AuditNetlink& netlink)
+{
+    EDR_LOG_DEBUG("Adding exclusion message type rules");
+    // The kernel takes a prepended copy of a rule it already holds, so an
+    // existing one (the administrator's, or ours from a run that crashed) is
+    // left as it is instead of piling up copies.
+    const auto existing = netlink.GetRules();
+    for (const auto& type : AuditTables::ExclusionMessageTypes())
+    {
+        if (existing &&
+            std::any_of(existing->begin(), existing->end(),
+                        [&](const AuditRule& rule) { return IsMessageTypeExclusion(rule, type.type); }))
+        {
+            EDR_LOG_INFO("Exclusion rule for message type: " << type.name << " already in audit");
+            continue;
+        }
+        try
+        {
+            AuditRule rule = AuditRuleBuilder::CreateMessageTypeRule(type.type);
+            const int rc = netlink.AddRule(rule);
+            if (rc < 0)
+            {
+                EDR_LOG_ERROR("Failed to add exclusion rule for message type: " << type.name << " (errno = "
+                                                                                << -rc << ")");
+                continue;
+            }
+            EDR_LOG_INFO("Exclusion rule for message type: " << type.name << " added in audit");
+            m_messageTypeRules.push_back({type.name, std::move(rule)});
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR(e.what());
+        }
+    }
+}
+
+void ExclusionRules::RemoveMessageTypeRules(const AuditNetlink& netlink)
+{
+    EDR_LOG_DEBUG("RuleEngine::DeleteExclusionMessageTypeRulesFromAudit");
+    for (auto& entry : m_messageTypeRules)
+    {
+        if (netlink.DeleteRule(entry.rule) < 0)
+        {
+            EDR_LOG_ERROR("Failed to delete exclusion rule for message type: " << entry.name);
+        }
+        else
+        {
+            EDR_LOG_DEBUG(" Deleted rule for message type: " << entry.name);
+        }
+    }
+    m_messageTypeRules.clear();
+}
+
+void ExclusionRules::AddThreadRule(const AuditNetlink& netlink)
+{
+    try
+    {
+        AuditRule rule = AuditRuleBuilder::CreateThreadExclusionRule();
+        const int rc = netlink.AddRule(rule);
+        if (rc < 0)
+        {
+            EDR_LOG_ERROR("Failed to add thread exclusion rule to audit: " << -rc);
+            return;
+        }
+        EDR_LOG_INFO("Added thread exclusion rule to audit");
+        m_threadRule = std::move(rule);
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR(e.what());
+    }
+}
+
+void ExclusionRules::RemoveThreadRule(const AuditNetlink& netlink)
+{
+    if (!m_threadRule)
+    {
+        return;
+    }
+    if (netlink.DeleteRule(*m_threadRule) < 0)
+    {
+        EDR_LOG_ERROR("Failed to delete exclusion rule " << AuditRuleBuilder::kThreadExclusionKey);
+    }
+    else
+    {
+        EDR_LOG_DEBUG("Deleted exclusion rule " << AuditRuleBuilder::kThreadExclusionKey);
+    }
+    m_threadRule.reset();
+}
+
+void ExclusionRules::AddProcessRules(const AuditNetlink& netlink, ProcessExclusion& exclusion)
+{
+    const pid_t pid = exclusion.pid;
+    EDR_LOG_INFO("Adding exclusion rule for pid " << pid);
+    const std::string key = AuditRuleBuilder::IgnoreRuleKey(exclusion.suffix);
+    if (const auto rules = netlink.GetRules())
+    {
+        if (std::any_of(rules->begin(), rules->end(),
+                        [&](const AuditRule& rule) { return rule.HasKey(key); }))
+        {
+            EDR_LOG_WARNING("Rule with key " << key << " already exist");
+            return;
+        }
+    }
+    try
+    {
+        AuditRule ignore = AuditRuleBuilder::CreateProcessExclusionRule(pid, exclusion.suffix);
+        AuditRule exit = AuditRuleBuilder::CreateProcessExitRule(pid, exclusion.suffix);
+        // Both are prepended, so the exit rule ends up in front of the
+        // exclusion: the process's exit is still audited, nothing else is.
+        int rc = netlink.AddRule(ignore);
+        if (rc < 0)
+        {
+            EDR_LOG_ERROR("Failed to add exclusion rule for pid " << pid << " (errno = " << -rc << ")");
+            return;
+        }
+        rc = netlink.AddRule(exit);
+        if (rc < 0)
+        {
+            EDR_LOG_ERROR("Failed to add exclusion rule for pid " << pid << " (errno = " << -rc << ")");
+            if (netlink.DeleteRule(ignore) < 0)
+            {
+                EDR_LOG_ERROR("Failed to clean up exclusion rule for pid " << pid);
+            }
+            return;
+        }
+        EDR_LOG_INFO("Exclusion rule added for pid " << pid);
+        exclusion.exclusion = std::move(ignore);
+        exclusion.exit = std::move(exit);
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR(e.what());
+    }
+}
+
+void ExclusionRules::RemoveProcessRules(const AuditNetlink& netlink, ProcessExclusion& exclusion, bool old)
+{
+    for (auto* rule : {&exclusion.exit, &exclusion.exclusion})
+    {
+        if (!*rule)
+        {
+            continue;
+        }
+        const std::string keys = (*rule)->KeyText();
+        if (netlink.DeleteRule(**rule) < 0)
+        {
+            EDR_LOG_ERROR("Failed to delete exclusion rule " << keys);
+        }
+        else if (old)
+        {
+            EDR_LOG_INFO("RuleEngine::DeleteExclusionRules: Deleted old rule " << keys);
+        }
+        else
+        {
+            EDR_LOG_DEBUG("Deleted exclusion rule " << keys);
+        }
+        rule->reset();
+    }
+}
+
+} // namespace vantor::audit

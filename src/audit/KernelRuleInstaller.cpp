@@ -1,0 +1,308 @@
+#include "audit/KernelRuleInstaller.h"
+
+#include "audit/AuditRuleBuilder.h"
+#include "audit/RuleEngineException.h"
+#include "common/Logging.h"
+
+#include <libaudit.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace vantor::audit
+{
+
+KernelRuleInstaller::KernelRuleInstaller(pid_t outpostPid, std::string outpostPath,
+                                         uint64_t auditBacklogLimit)
+    : m_auditBacklogLimit(auditBacklogLimit)
+    , m_exclusions(outpostPid, std::move(outpostPath))
+{
+    // libaudit would otherwise print its own errors on stderr.
+    ::set_aumessage_mode(MSG_QUIET, DBG_NO);
+    const AuditNetlink netlink;
+    if (!netlink.IsOpen())
+    {
+        throw RuleEngineException("RuleEngine: Failed to open audit socket");
+    }
+    SetAuditBacklogLimit(netlink);
+    DeleteDuplicateRules(netlink, ExclusionRules::Keys());
+    m_exclusions.Install(netlink);
+}
+
+KernelRuleInstaller::~KernelRuleInstaller()
+{
+    const AuditNetlink netlink = OpenSocket("RuleEngine::~RuleEngine");
+    if (!netlink.IsOpen())
+    {
+        // Left in the kernel; the next start removes them by their keys.
+        return;
+    }
+    DeleteRulesWhere(netlink, nullptr);
+    m_exclusions.Remove(netlink);
+}
+
+AuditNetlink KernelRuleInstaller::OpenSocket(std::string_view operation)
+{
+    AuditNetlink netlink;
+    if (!netlink.IsOpen())
+    {
+        EDR_LOG_ERROR(operation << ": Failed to open audit socket");
+    }
+    return netlink;
+}
+
+std::vector<KernelRuleInstaller::Installed> KernelRuleInstaller::AddRules(const Rules& rules,
+                                                                          const std::string& tag)
+{
+    if (tag.empty())
+    {
+        throw RuleEngineException("RuleEngine::AddRules: 'tag' is empty");
+    }
+    const AuditNetlink netlink = OpenSocket("RuleEngine::AddRules");
+    if (!netlink.IsOpen())
+    {
+        throw RuleEngineException("RuleEngine::AddRules: Failed to open audit socket");
+    }
+    if (m_cleanedTags.insert(tag).second)
+    {
+        // Rules of this tag left by a run that did not shut down cleanly
+        // would make identical new ones fail.
+        DeleteDuplicateRules(netlink, {tag});
+    }
+    std::vector<Installed> installed;
+    for (const auto& rule : rules)
+    {
+        if (!rule)
+        {
+            EDR_LOG_ERROR("RuleEngine::AddRules: 'rule' is nullptr");
+            continue;
+        }
+        try
+        {
+            if (rule->GetType() == edr::EventRule::ProcessRule && HasOtherProcessRule(tag, rule->GetId()))
+            {
+                throw RuleEngineException("Cannot add more than 1 process rule for '" + tag + "'");
+            }
+            auto built = AuditRuleBuilder::CreateRules(*rule, tag);
+            if (built.records.empty())
+            {
+                continue;
+            }
+            if (AddRuleToAudit(netlink, *rule, tag, std::move(built.records)))
+            {
+                EDR_LOG_INFO("RuleEngine::AddRules: Added rule with ID " << rule->GetId());
+                installed.push_back({rule, std::move(built.paths)});
+            }
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR(e.what());
+        }
+    }
+    return installed;
+}
+
+bool KernelRuleInstaller::HasOtherProcessRule(const std::string& tag, const std::string& ruleId) const
+{
+    // The rule itself is refused further on as one that already exists.
+    if (m_installed.count(ruleId) != 0)
+    {
+        return false;
+    }
+    return std::any_of(m_installed.begin(), m_installed.end(),
+                       [&](const auto& entry) {
+                           return entry.second.tag == tag && entry.second.type == edr::EventRule::ProcessRule;
+                       });
+}
+
+bool KernelRuleInstaller::AddRuleToAudit(const AuditNetlink& netlink, const edr::EventRule& rule,
+                                         const std::string& tag, std::vector<AuditRule> records)
+{
+    const std::string& id = rule.GetId();
+    EDR_LOG_DEBUG("RuleEngine::AddRuleToAudit: Adding rule with ID " << id);
+    if (m_installed.count(id) != 0)
+    {
+        EDR_LOG_WARNING("Rule " << id << " already exists");
+        return false;
+    }
+    for (size_t i = 0; i < records.size(); ++i)
+    {
+        const int rc = netlink.AddRule(records[i]);
+        if (rc < 0)
+        {
+            EDR_LOG_ERROR(
+                "RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem (errno = " << -rc << ")");
+            // A rule is installed whole or not at all.
+            for (size_t j = 0; j < i; ++j)
+            {
+                netlink.DeleteRule(records[j]);
+            }
+            throw RuleEngineException("Failed to add rule to audit subsystem");
+        }
+    }
+    EDR_LOG_INFO("Added rule " << id << " to the audit subsytem");
+    m_installed.emplace(id, InstalledRecords{tag, rule.GetType(), std::move(records)});
+    return true;
+}
+
+bool KernelRuleInstaller::DeleteRule(const std::string& ruleId)
+{
+    const AuditNetlink netlink = OpenSocket("RuleEngine::DeleteRuleFromAudit");
+    return netlink.IsOpen() && DeleteRuleFromAudit(netlink, ruleId);
+}
+
+bool KernelRuleInstaller::DeleteRuleFromAudit(const AuditNetlink& netlink, const std::string& ruleId)
+{
+    EDR_LOG_DEBUG("RuleEngine::DeleteRuleFromAudit: Deleting rule with ID " << ruleId);
+    const auto it = m_installed.find(ruleId);
+    if (it == m_installed.end())
+    {
+        return false;
+    }
+    bool failed = false;
+    for (const auto& record : it->second.records)
+    {
+        failed = netlink.DeleteRule(record) < 0 || failed;
+    }
+    if (failed)
+    {
+        EDR_LOG_ERROR("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << ruleId);
+    }
+    else
+    {
+        EDR_LOG_INFO("RuleEngine::DeleteRuleFromAudit: Deleted rule with ID " << ruleId);
+    }
+    // Forgotten even when the kernel refused: it no longer holds a rule
+    // identical to the record (it was flushed), and keeping it would block the
+    // rule from being added again.
+    m_installed.erase(it);
+    return true;
+}
+
+std::vector<std::string> KernelRuleInstaller::DeleteRules(const std::string& tag)
+{
+    const AuditNetlink netlink = OpenSocket("RuleEngine::DeleteRules");
+    if (!netlink.IsOpen())
+    {
+        return {};
+    }
+    return DeleteRulesWhere(netlink, &tag);
+}
+
+std::optional<std::vector<std::string>> KernelRuleInstaller::DeleteAllRules()
+{
+    const AuditNetlink netlink = OpenSocket("RuleEngine::Invalidate");
+    if (!netlink.IsOpen())
+    {
+        return std::nullopt;
+    }
+    return DeleteRulesWhere(netlink, nullptr);
+}
+
+std::vector<std::string> KernelRuleInstaller::DeleteRulesWhere(const AuditNetlink& netlink,
+                                                               const std::string* tag)
+{
+    std::vector<std::string> ids;
+    for (const auto& [id, installed] : m_installed)
+    {
+        if (tag == nullptr || installed.tag == *tag)
+        {
+            ids.push_back(id);
+        }
+    }
+    for (const auto& id : ids)
+    {
+        DeleteRuleFromAudit(netlink, id);
+    }
+    return ids;
+}
+
+bool KernelRuleInstaller::RefreshOutpostExclusionRules(pid_t pid, const std::string& path)
+{
+    const AuditNetlink netlink;
+    if (!netlink.IsOpen() || !m_exclusions.RefreshOutpost(netlink, pid, path))
+    {
+        EDR_LOG_ERROR("RuleEngine: Failed to refresh exclusion rules in audit with new outpost pid");
+        return false;
+    }
+    return true;
+}
+
+std::vector<AuditRule> KernelRuleInstaller::GetRulesFromAudit()
+{
+    const AuditNetlink netlink = OpenSocket("GetRulesFromAudit");
+    if (!netlink.IsOpen())
+    {
+        return {};
+    }
+    auto rules = netlink.GetRules();
+    return rules ? std::move(*rules) : std::vector<AuditRule>{};
+}
+
+std::optional<uint32_t> KernelRuleInstaller::GetAuditBacklogLimit()
+{
+    const AuditNetlink netlink = OpenSocket("GetAuditBacklogLimit");
+    if (!netlink.IsOpen())
+    {
+        return std::nullopt;
+    }
+    return GetAuditBacklogLimit(netlink);
+}
+
+std::optional<uint32_t> KernelRuleInstaller::GetAuditBacklogLimit(const AuditNetlink& netlink)
+{
+    const auto status = netlink.GetStatus("GetAuditBacklogLimit");
+    if (!status)
+    {
+        return std::nullopt;
+    }
+    EDR_LOG_INFO("Audit backlog limit is set to " << status->backlog_limit);
+    return status->backlog_limit;
+}
+
+void KernelRuleInstaller::SetAuditBacklogLimit(const AuditNetlink& netlink) const
+{
+    const auto current = GetAuditBacklogLimit(netlink);
+    if (!current || m_auditBacklogLimit <= *current)
+    {
+        return;
+    }
+    const auto limit =
+        static_cast<uint32_t>(std::min<uint64_t>(m_auditBacklogLimit, std::numeric_limits<uint32_t>::max()));
+    if (::audit_set_backlog_limit(netlink.Fd(), limit) < 0)
+    {
+        EDR_LOG_WARNING("Failed to set audit backlog limit to " << limit << ". Continuing with " << *current);
+    }
+}
+
+void KernelRuleInstaller::DeleteDuplicateRules(const AuditNetlink& netlink,
+                                               const std::unordered_set<std::string>& keys)
+{
+    EDR_LOG_DEBUG("RuleEngine::DeleteDuplicateRules: Deleting duplicate rules");
+    const auto rules = netlink.GetRules();
+    if (!rules)
+    {
+        return;
+    }
+    for (const auto& rule : *rules)
+    {
+        const auto ruleKeys = rule.GetKeys();
+        const bool ours = std::any_of(ruleKeys.begin(), ruleKeys.end(),
+                                      [&](const std::string& key) { return keys.count(key) != 0; });
+        if (!ours)
+        {
+            continue;
+        }
+        // The kernel's own record carries its list, prepend flag and action.
+        if (netlink.DeleteRule(rule) < 0)
+        {
+            EDR_LOG_ERROR("RuleEngine::DeleteDuplicateRules: Failed to delete old rule " << rule.KeyText());
+        }
+        else
+        {
+            EDR_LOG_INFO("RuleEngine::DeleteDuplicateRules: Deleted old rule " << rule.KeyText());
+        }
+    }
+}
+
+} // namespace vantor::audit

@@ -1,0 +1,43 @@
+#include "audit/ProcessTreeUpdater.h"
+
+#include <iterator>
+
+namespace vantor::audit
+{
+
+ProcessTreeUpdater::ProcessTreeUpdater(std::shared_ptr<ProcessTree> tree,
+                                       std::chrono::steady_clock::duration cleanInterval)
+    : m_tree(std::move(tree))
+    , m_cleanInterval(cleanInterval)
+    , m_lastClean(std::chrono::steady_clock::now())
+{
+}
+
+bool ProcessTreeUpdater::Update(EventPtr& event, Events& pseudoEvents)
+{
+    if (!m_tree)
+    {
+        return event->GetType() != edr::EventType::Clone;
+    }
+    return m_tree->UpdateFromEvent(event, pseudoEvents);
+}
+
+bool ProcessTreeUpdater::CleanIfDue(Events& terminated)
+{
+    if (!m_tree)
+    {
+        return false;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_lastClean < m_cleanInterval)
+    {
+        return false;
+    }
+    m_lastClean = now;
+    auto ended = m_tree->Clean();
+    terminated.insert(terminated.end(), std::make_move_iterator(ended.begin()),
+                      std::make_move_iterator(ended.end()));
+    return true;
+}
+
+} // namespace vantor::audit
