@@ -24,11 +24,11 @@ namespace vantor::edr
 //    example the kernel rules were flushed), so that its owner re-submits them.
 //
 // Design:
-//  - The audit rule engine derives from this class. It keeps its own path
-//    trie under its own lock, asks the trie for the tags of an event's path
-//    and hands them to DispatchEvent(); when its rules become invalid it calls
-//    InvalidateEventHandlers(). It must not hold its own lock while doing so,
-//    because invalidated handlers re-submit rules to it.
+//  - The audit rule engine derives from this class. Its router keeps the
+//    path trie under the router's own lock and answers the tags of an event's
+//    path, which the engine hands to DispatchEvent(); when its rules become
+//    invalid it calls InvalidateEventHandlers(). It must not hold a lock of
+//    its own while doing so, because invalidated handlers re-submit rules.
 //  - Handlers are called while this engine's mutex is held. That is what
 //    makes unregistering safe: once UnregisterEventHandlers() returns, no
 //    handler of the tag runs any more, so its owner may be destroyed. The

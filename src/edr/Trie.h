@@ -16,7 +16,7 @@ namespace vantor::edr
 // components are dropped, so "/var//log" and "/var/log" are the same node.
 // Nothing is matched by pattern here; watchers filter further themselves.
 //
-// Not thread-safe: the owner (the audit rule engine) locks around it.
+// Not thread-safe: the owner (the audit event router) locks around it.
 class Trie
 {
 public:
