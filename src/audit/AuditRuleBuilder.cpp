@@ -420,7 +420,8 @@ AuditRule AuditRuleBuilder::CreateMessageTypeRule(int messageType)
 {
     LibauditState state;
     AuditRule record;
-    if (!AddField(record, "msgtype=" + std::to_string(messageType), AUDIT_FILTER_EXCLUDE))
+    if (!AddField(record, "msgtype=" + std::to_string(messageType), AUDIT_FILTER_EXCLUDE) ||
+        !AddField(record, "pid!=" + std::to_string(kMessageTypeRuleMark), AUDIT_FILTER_EXCLUDE))
     {
         throw RuleEngineException("Failed to add exclusion rule for message type: " +
                                   std::to_string(messageType));
@@ -428,6 +429,19 @@ AuditRule AuditRuleBuilder::CreateMessageTypeRule(int messageType)
     record.SetFlags(AUDIT_FILTER_PREPEND | AUDIT_FILTER_EXCLUDE);
     record.SetAction(AUDIT_ALWAYS);
     return record;
+}
+
+bool AuditRuleBuilder::IsOwnMessageTypeRule(const AuditRule& rule)
+{
+    const audit_rule_data* data = rule.Get();
+    if (data == nullptr || (rule.GetFlags() & ~AUDIT_FILTER_PREPEND) != AUDIT_FILTER_EXCLUDE ||
+        data->field_count != 2)
+    {
+        return false;
+    }
+    return data->fields[0] == AUDIT_MSGTYPE && data->fieldflags[0] == AUDIT_EQUAL &&
+           data->fields[1] == AUDIT_PID && data->fieldflags[1] == AUDIT_NOT_EQUAL &&
+           data->values[1] == kMessageTypeRuleMark;
 }
 
 } // namespace vantor::audit

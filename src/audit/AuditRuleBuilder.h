@@ -3,6 +3,7 @@
 #include "audit/AuditRule.h"
 #include "edr/EventRule.h"
 
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -27,6 +28,11 @@ public:
     // The unsigned form of the unset login user id.
     static constexpr unsigned long kUnsetAuid = 4294967295UL;
     static constexpr int kCloneThreadFlag = 0x10000;
+    // The exclude filter takes no key, so the message-type exclusions carry
+    // "pid!=" this instead: no process has it (the kernel's pids end at
+    // 2^22), so the condition always holds, and it tells the daemon's rule
+    // from an identical one of somebody else, also after a crash.
+    static constexpr uint32_t kMessageTypeRuleMark = 0x636f7276;
 
     // The kernel records of one detection rule, and the paths that got a watch.
     struct BuiltRule
@@ -55,7 +61,11 @@ public:
     static AuditRule CreateThreadExclusionRule();
     static AuditRule CreateProcessExclusionRule(pid_t pid, const std::string& suffix);
     static AuditRule CreateProcessExitRule(pid_t pid, const std::string& suffix);
+    // An exclude-list rule for the message type, marked as the daemon's.
     static AuditRule CreateMessageTypeRule(int messageType);
+    // Whether a rule (from the kernel's list) is a message-type exclusion
+    // that CreateMessageTypeRule made.
+    static bool IsOwnMessageTypeRule(const AuditRule& rule);
 
     static std::string IgnoreRuleKey(const std::string& suffix) { return kIgnoreRuleKeyPrefix + suffix; }
     static std::string ExitRuleKey(const std::string& suffix) { return kExitRuleKeyPrefix + suffix; }

@@ -187,6 +187,12 @@ AuparseFeed::Events AuparseFeed::Flush()
     return TakeCompleted();
 }
 
+AuparseFeed::Events AuparseFeed::Age()
+{
+    ::auparse_feed_age_events(m_state);
+    return TakeCompleted();
+}
+
 void AuparseFeed::OnEventReady(auparse_state_t* state, auparse_cb_event_t type, void* self)
 {
     if (type != AUPARSE_CB_EVENT_READY)

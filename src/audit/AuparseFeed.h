@@ -45,6 +45,16 @@ public:
     // Completes whatever libauparse still holds and answers those events.
     Events Flush();
 
+    // Completes the events that libauparse has held for more than about two
+    // seconds of wall-clock time and answers them with what they let through.
+    // libauparse hands events on in order and completes a lone record that
+    // is not known to stand alone only on its end-of-event record, which the
+    // kernel does not send for every event (nor for the daemon's own excluded
+    // calls, and the daemon excludes them all), or when a record at least
+    // three seconds newer arrives: on a quiet host one such record would hold
+    // back every event behind it. Call when no text has come for a while.
+    Events Age();
+
     // The event class of an x86-64 system call, or nothing when the call is
     // not one the intake builds events for.
     static std::optional<AuditEventClass> ClassOfSyscall(long long number);

@@ -66,8 +66,10 @@ void CapturePipeline::Stop()
     }
     m_started = false;
     m_channel->Stop();
-    m_parser.Stop();
+    // The processing thread first: a parser blocked on its full queue is let
+    // go by the stop instead of waiting for a whole batch to be processed.
     m_processing.Stop();
+    m_parser.Stop();
 }
 
 } // namespace vantor::audit

@@ -15,10 +15,11 @@ class AuditEventProcessor;
 
 // The capture path from an audit channel to the rule engine: the channel's
 // raw text goes to the parser thread, whose typed events go to the
-// processing thread, whose event processor routes them to the handlers. Start() starts the
-// consumers before the channel; Stop() stops the channel first, then the
-// parser, then the processing thread, so that nothing is fed to a stopped
-// stage.
+// processing thread, whose event processor routes them to the handlers.
+// Start() starts the consumers before the channel. Stop() stops the channel
+// first, then the processing thread, then the parser; it does not wait for a
+// backlog to be worked off: text and events still queued are dropped (a
+// parser blocked on the full processing queue is released by the stop).
 class CapturePipeline
 {
 public:

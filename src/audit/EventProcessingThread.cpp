@@ -196,6 +196,12 @@ void EventProcessingThread::Run()
         EDR_LOG_DEBUG("Audit active event processing queue size: " << m_activeQueue.size() << " events");
         for (auto& event : m_activeQueue)
         {
+            // A stop does not wait for the rest of a large batch: what is
+            // still queued at shutdown is dropped, as the parser's text is.
+            if (IsCancelling())
+            {
+                break;
+            }
             PauseWhileBusy();
             try
             {

@@ -23,7 +23,8 @@ namespace vantor::audit
 // the lock. The buffer is bounded by a count of events; a producer that finds
 // it full blocks until the worker has drained it, so nothing is dropped here
 // and back-pressure reaches the parser's own byte-bounded queue. The worker
-// pauses while the process's CPU use is above the threshold.
+// pauses while the process's CPU use is above the threshold. Stop() returns
+// after the event in hand; the rest of the batch is dropped.
 class EventProcessingThread : private common::AsyncTask
 {
 public:

@@ -12,19 +12,6 @@
 namespace vantor::audit
 {
 
-namespace
-{
-
-bool IsMessageTypeExclusion(const AuditRule& rule, int messageType)
-{
-    const audit_rule_data* data = rule.Get();
-    return (rule.GetFlags() & ~AUDIT_FILTER_PREPEND) == AUDIT_FILTER_EXCLUDE && data->field_count == 1 &&
-           data->fields[0] == AUDIT_MSGTYPE && data->fieldflags[0] == AUDIT_EQUAL &&
-           data->values[0] == static_cast<uint32_t>(messageType);
-}
-
-} // namespace
-
 ExclusionRules::ExclusionRules(pid_t outpostPid, std::string outpostPath)
     : m_outpostPath(std::move(outpostPath))
 {
@@ -34,11 +21,15 @@ ExclusionRules::ExclusionRules(pid_t outpostPid, std::string outpostPath)
     m_outpost.suffix = AuditRuleBuilder::kOutpostSuffix;
 }
 
-std::unordered_set<std::string> ExclusionRules::Keys()
+bool ExclusionRules::IsFixedRule(const AuditRule& rule)
 {
     using B = AuditRuleBuilder;
-    return {B::kThreadExclusionKey, B::IgnoreRuleKey(B::kSelfSuffix), B::ExitRuleKey(B::kSelfSuffix),
-            B::IgnoreRuleKey(B::kOutpostSuffix), B::ExitRuleKey(B::kOutpostSuffix)};
+    static const std::string keys[] = {B::kThreadExclusionKey, B::IgnoreRuleKey(B::kSelfSuffix),
+                                       B::ExitRuleKey(B::kSelfSuffix), B::IgnoreRuleKey(B::kOutpostSuffix),
+                                       B::ExitRuleKey(B::kOutpostSuffix)};
+    return B::IsOwnMessageTypeRule(rule) ||
+           std::any_of(std::begin(keys), std::end(keys),
+                       [&](const std::string& key) { return rule.HasKey(key); });
 }
 
 void ExclusionRules::Install(const AuditNetlink& netlink)
@@ -73,19 +64,10 @@ bool ExclusionRules::RefreshOutpost(const AuditNetlink& netlink, pid_t pid, cons
 void ExclusionRules::AddMessageTypeRules(const AuditNetlink& netlink)
 {
     EDR_LOG_DEBUG("Adding exclusion message type rules");
-    // The kernel takes a prepended copy of a rule it already holds, so an
-    // existing one (the administrator's, or ours from a run that crashed) is
-    // left as it is instead of piling up copies.
-    const auto existing = netlink.GetRules();
+    // An identical rule of somebody else's stays theirs: ours is told apart
+    // by its mark and added beside it.
     for (const auto& type : AuditTables::ExclusionMessageTypes())
     {
-        if (existing &&
-            std::any_of(existing->begin(), existing->end(),
-                        [&](const AuditRule& rule) { return IsMessageTypeExclusion(rule, type.type); }))
-        {
-            EDR_LOG_INFO("Exclusion rule for message type: " << type.name << " already in audit");
-            continue;
-        }
         try
         {
             AuditRule rule = AuditRuleBuilder::CreateMessageTypeRule(type.type);

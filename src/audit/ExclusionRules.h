@@ -6,18 +6,16 @@
 #include <optional>
 #include <string>
 #include <sys/types.h>
-#include <unordered_set>
 #include <vector>
 
 namespace vantor::audit
 {
 
 // The audit rule engine's fixed rules, which keep activity out of the audit
-// stream: the message-type exclusions (EOE records), the thread-creation
-// exclusion, and for the daemon's own pid and the host agent's pid an
-// exclusion rule with, in front of it, an exit rule (keys
-// "corvid_ignore_rule_" / "corvid_exit_rule_" plus "self" or "outpost"), so
-// that the process's exit is still audited and nothing else it does is.
+// stream: the message-type exclusions (EOE records; marked as the daemon's,
+// see AuditRuleBuilder), the thread-creation exclusion, and for the daemon's own pid and the host agent's pid
+// an exclusion rule with, in front of it, an exit rule (keys "corvid_ignore_rule_" / "corvid_exit_rule_" plus
+// "self" or "outpost"), so that the process's exit is still audited and nothing else it does is.
 //
 // A rule that cannot be installed is logged and the others go on.
 //
@@ -30,9 +28,10 @@ public:
     ExclusionRules(const ExclusionRules&) = delete;
     ExclusionRules& operator=(const ExclusionRules&) = delete;
 
-    // The keys of the fixed rules, under which an earlier run may have left
-    // rules behind.
-    static std::unordered_set<std::string> Keys();
+    // Whether a rule from the kernel's list is one of the fixed rules (by its
+    // key, or by the mark of the message-type exclusions), such as a run
+    // that did not end cleanly may have left behind.
+    static bool IsFixedRule(const AuditRule& rule);
 
     // Installs every fixed rule.
     void Install(const AuditNetlink& netlink);

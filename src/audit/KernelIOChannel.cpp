@@ -5,6 +5,7 @@
 #include <libaudit.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <linux/netlink.h>
 #include <new>
@@ -32,8 +33,10 @@ std::optional<audit_status> GetAuditStatus()
 
 } // namespace
 
-KernelIOChannel::KernelIOChannel(uint64_t readBufSize)
+KernelIOChannel::KernelIOChannel(uint64_t readBufSize, int receiveBufferBytes)
     : IOChannel(readBufSize, 0)
+    , m_requestedReceiveBuffer(receiveBufferBytes)
+    , m_decoder(readBufSize)
 {
 }
 
@@ -65,6 +68,7 @@ void KernelIOChannel::Start()
     {
         EnableAudit();
     }
+    StartDecoding();
     StartEventLoop();
     m_started = true;
     EDR_LOG_INFO("KernelIOChannel: Started.");
@@ -80,6 +84,7 @@ void KernelIOChannel::Stop()
     EDR_LOG_INFO("KernelIOChannel: Stopping...");
     StopEventLoop();
     CloseSocket();
+    StopDecoding();
     m_started = false;
     EDR_LOG_INFO("KernelIOChannel: Stopped.");
 }
@@ -140,14 +145,36 @@ common::IOChannel::Error KernelIOChannel::CreateSocket()
             m_registered = true;
         }
     }
+    SizeReceiveBuffer(fd);
     m_socket = std::move(socket);
     m_fd = fd;
     return Success;
 }
 
+void KernelIOChannel::SizeReceiveBuffer(int fd)
+{
+    // Root may go beyond the system's limit (net.core.rmem_max); otherwise
+    // the kernel caps the size at that limit.
+    const int size = m_requestedReceiveBuffer;
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0 &&
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0)
+    {
+        EDR_LOG_WARNING(
+            "KernelIOChannel::CreateSocket: Cannot size the receive buffer: " << std::strerror(errno));
+    }
+    int granted = 0;
+    socklen_t length = sizeof granted;
+    if (::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &granted, &length) == 0)
+    {
+        m_receiveBufferSize = granted;
+        EDR_LOG_INFO("KernelIOChannel: Receive buffer of " << (granted / 1024) << " KB");
+    }
+}
+
 void KernelIOChannel::CloseSocket()
 {
     m_fd = -1;
+    m_receiveBufferSize = 0;
     if (m_socket.IsOpen())
     {
         const int fd = m_socket.Fd();
@@ -223,77 +250,137 @@ common::IOChannel::Error KernelIOChannel::Send(const std::vector<uint8_t>& data)
 
 common::IOChannel::Error KernelIOChannel::Read(std::vector<uint8_t>& data)
 {
-    // Everything that is waiting goes out as one chunk (up to a bound), so
-    // that a burst costs one hand-over instead of one per record.
+    // Only receiving here: every datagram waiting goes out as it came (up to
+    // a bound), so that the socket is emptied as fast as the kernel fills it.
+    data.reserve(kMaxChunkSize + KernelRecordDecoder::kFrameHeader + KernelRecordDecoder::kMaxDatagram);
+    const int fd = m_fd.load();
     while (data.size() < kMaxChunkSize)
     {
-        audit_reply reply{};
-        const int rc = m_socket.TryGetReply(reply);
-        if (rc == -EAGAIN)
+        sockaddr_nl sender{};
+        iovec buffer{m_datagram.data(), m_datagram.size()};
+        msghdr message{};
+        message.msg_name = &sender;
+        message.msg_namelen = sizeof sender;
+        message.msg_iov = &buffer;
+        message.msg_iovlen = 1;
+        const ssize_t received = ::recvmsg(fd, &message, MSG_DONTWAIT);
+        if (received < 0)
         {
-            break;
-        }
-        if (rc == -EINTR)
-        {
-            continue;
-        }
-        if (rc == -ENOBUFS)
-        {
-            // The kernel dropped records we were too slow for; the socket
-            // stays usable.
-            EDR_LOG_WARNING("KernelIOChannel::Read: Audit records were lost.");
-            continue;
-        }
-        if (rc == -EINVAL || rc == -EPROTO || rc == -EBADE || rc == -EFBIG)
-        {
-            // Not from the kernel, or malformed: skip the message.
-            EDR_LOG_WARNING("KernelIOChannel::Read: Ignoring an invalid netlink message (errno = " << -rc
-                                                                                                   << ")");
-            continue;
-        }
-        if (rc <= 0)
-        {
-            EDR_LOG_ERROR("KernelIOChannel::Read: Failed to read audit reply.");
+            if (errno == EINTR)
+            {
+                continue;
+            }
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+            {
+                break;
+            }
+            if (errno == ENOBUFS)
+            {
+                // The kernel dropped records we were too slow for; the
+                // socket stays usable.
+                CountOverflow();
+                continue;
+            }
+            EDR_LOG_ERROR("KernelIOChannel::Read: Failed to read audit reply. (" << std::strerror(errno)
+                                                                                 << ")");
             return RemoteFailure;
         }
-        if (reply.type == NLMSG_ERROR || reply.type == NLMSG_DONE || reply.type == NLMSG_NOOP ||
-            reply.type < AUDIT_FIRST_USER_MSG)
+        if (sender.nl_pid != 0)
         {
-            // Acknowledgements and binary control replies are not audit text.
+            // Not from the kernel.
+            EDR_LOG_WARNING("KernelIOChannel::Read: Ignoring a message from port " << sender.nl_pid);
             continue;
         }
-        AppendRecord(reply.type, reply.message,
-                     reply.len > static_cast<int>(NLMSG_HDRLEN) ? reply.len - NLMSG_HDRLEN : 0, data);
+        KernelRecordDecoder::AppendFrame(data, m_datagram.data(), static_cast<uint32_t>(received));
     }
     return Success;
 }
 
-void KernelIOChannel::AppendRecord(int type, const char* message, size_t length,
-                                   std::vector<uint8_t>& data) const
+void KernelIOChannel::CountOverflow()
 {
-    length = std::min<size_t>(length, m_readBufSize);
-    while (length > 0 && (message[length - 1] == '\0' || message[length - 1] == '\n'))
+    const uint64_t count = m_overflows.fetch_add(1, std::memory_order_relaxed) + 1;
+    const auto now = std::chrono::steady_clock::now();
+    if (count == 1 || now - m_lastOverflowLog >= std::chrono::seconds(1))
     {
-        --length;
+        EDR_LOG_WARNING("KernelIOChannel::Read: Audit records were lost. (receive buffer overflows: "
+                        << count << ", " << (count - m_overflowsLogged) << " since the last report)");
+        m_overflowsLogged = count;
+        m_lastOverflowLog = now;
     }
-    // The text form of the audit dispatcher: "type=<NAME> msg=<text>\n".
-    const size_t start = data.size();
-    const auto append = [&data](std::string_view text) { data.insert(data.end(), text.begin(), text.end()); };
-    append("type=");
-    if (const char* name = ::audit_msg_type_to_name(type); name != nullptr)
+}
+
+void KernelIOChannel::OnData(std::vector<uint8_t> data)
+{
     {
-        append(name);
+        std::lock_guard lock(m_pendingMutex);
+        if (m_pendingBytes + data.size() > kMaxPendingBytes)
+        {
+            const uint64_t dropped = m_droppedBytes.fetch_add(data.size(), std::memory_order_relaxed);
+            if (dropped == 0)
+            {
+                EDR_LOG_WARNING("KernelIOChannel: Decoding falls behind; dropping received audit records.");
+            }
+            return;
+        }
+        m_pendingBytes += data.size();
+        m_pending.push_back(std::move(data));
     }
-    else
+    m_pendingChanged.notify_one();
+}
+
+void KernelIOChannel::StartDecoding()
+{
     {
-        append("UNKNOWN[" + std::to_string(type) + "]");
+        std::lock_guard lock(m_pendingMutex);
+        m_stopDecoding = false;
     }
-    append(" msg=");
-    append(std::string_view(message, length));
-    const std::string_view line(reinterpret_cast<const char*>(data.data()) + start, data.size() - start);
-    EDR_LOG_TRACE("KernelIOChannel: received " << line);
-    EDR_LOG_EVENT_TRACE("Audit event:" << line);
-    data.push_back('\n');
+    m_decoding = std::thread([this] { DecodeLoop(); });
+}
+
+void KernelIOChannel::StopDecoding()
+{
+    {
+        std::lock_guard lock(m_pendingMutex);
+        m_stopDecoding = true;
+    }
+    m_pendingChanged.notify_one();
+    if (m_decoding.joinable())
+    {
+        m_decoding.join();
+    }
+}
+
+void KernelIOChannel::DecodeLoop()
+{
+    for (;;)
+    {
+        std::vector<uint8_t> raw;
+        {
+            std::unique_lock lock(m_pendingMutex);
+            m_pendingChanged.wait(lock, [this] { return m_stopDecoding || !m_pending.empty(); });
+            if (m_pending.empty())
+            {
+                // Stopping, and everything read has been handed on.
+                return;
+            }
+            raw = std::move(m_pending.front());
+            m_pending.pop_front();
+            m_pendingBytes -= raw.size();
+        }
+        try
+        {
+            auto text = m_decoder.Decode(raw);
+            raw = std::vector<uint8_t>();
+            if (!text.empty())
+            {
+                IOChannel::OnData(std::move(text));
+            }
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("KernelIOChannel: Failed to hand on audit records: " << e.what());
+        }
+    }
 }
 
 void KernelIOChannel::OnEOF() {}

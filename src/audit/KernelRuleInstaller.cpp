@@ -12,6 +12,18 @@
 namespace vantor::audit
 {
 
+namespace
+{
+
+// A rule in log lines: its keys, or what a rule without one is.
+std::string Describe(const AuditRule& rule)
+{
+    const std::string keys = rule.KeyText();
+    return keys.empty() ? "(message type exclusion)" : keys;
+}
+
+} // namespace
+
 KernelRuleInstaller::KernelRuleInstaller(pid_t outpostPid, std::string outpostPath,
                                          uint64_t auditBacklogLimit)
     : m_auditBacklogLimit(auditBacklogLimit)
@@ -25,20 +37,30 @@ KernelRuleInstaller::KernelRuleInstaller(pid_t outpostPid, std::string outpostPa
         throw RuleEngineException("RuleEngine: Failed to open audit socket");
     }
     SetAuditBacklogLimit(netlink);
-    DeleteDuplicateRules(netlink, ExclusionRules::Keys());
+    DeleteDuplicateRules(netlink, &ExclusionRules::IsFixedRule);
     m_exclusions.Install(netlink);
 }
 
 KernelRuleInstaller::~KernelRuleInstaller()
 {
+    if (!m_closed)
+    {
+        RemoveAll();
+    }
+}
+
+std::optional<std::vector<std::string>> KernelRuleInstaller::RemoveAll()
+{
+    m_closed = true;
     const AuditNetlink netlink = OpenSocket("RuleEngine::~RuleEngine");
     if (!netlink.IsOpen())
     {
         // Left in the kernel; the next start removes them by their keys.
-        return;
+        return std::nullopt;
     }
-    DeleteRulesWhere(netlink, nullptr);
+    auto removed = DeleteRulesWhere(netlink, nullptr);
     m_exclusions.Remove(netlink);
+    return removed;
 }
 
 AuditNetlink KernelRuleInstaller::OpenSocket(std::string_view operation)
@@ -58,6 +80,12 @@ std::vector<KernelRuleInstaller::Installed> KernelRuleInstaller::AddRules(const 
     {
         throw RuleEngineException("RuleEngine::AddRules: 'tag' is empty");
     }
+    if (m_closed)
+    {
+        EDR_LOG_WARNING("RuleEngine::AddRules: The audit rules are removed for shutdown; nothing added for '"
+                        << tag << "'");
+        return {};
+    }
     const AuditNetlink netlink = OpenSocket("RuleEngine::AddRules");
     if (!netlink.IsOpen())
     {
@@ -67,7 +95,7 @@ std::vector<KernelRuleInstaller::Installed> KernelRuleInstaller::AddRules(const 
     {
         // Rules of this tag left by a run that did not shut down cleanly
         // would make identical new ones fail.
-        DeleteDuplicateRules(netlink, {tag});
+        DeleteDuplicateRules(netlink, [&tag](const AuditRule& rule) { return rule.HasKey(tag); });
     }
     std::vector<Installed> installed;
     for (const auto& rule : rules)
@@ -219,6 +247,10 @@ std::vector<std::string> KernelRuleInstaller::DeleteRulesWhere(const AuditNetlin
 
 bool KernelRuleInstaller::RefreshOutpostExclusionRules(pid_t pid, const std::string& path)
 {
+    if (m_closed)
+    {
+        return false;
+    }
     const AuditNetlink netlink;
     if (!netlink.IsOpen() || !m_exclusions.RefreshOutpost(netlink, pid, path))
     {
@@ -276,7 +308,7 @@ void KernelRuleInstaller::SetAuditBacklogLimit(const AuditNetlink& netlink) cons
 }
 
 void KernelRuleInstaller::DeleteDuplicateRules(const AuditNetlink& netlink,
-                                               const std::unordered_set<std::string>& keys)
+                                               const std::function<bool(const AuditRule&)>& ours)
 {
     EDR_LOG_DEBUG("RuleEngine::DeleteDuplicateRules: Deleting duplicate rules");
     const auto rules = netlink.GetRules();
@@ -286,21 +318,18 @@ void KernelRuleInstaller::DeleteDuplicateRules(const AuditNetlink& netlink,
     }
     for (const auto& rule : *rules)
     {
-        const auto ruleKeys = rule.GetKeys();
-        const bool ours = std::any_of(ruleKeys.begin(), ruleKeys.end(),
-                                      [&](const std::string& key) { return keys.count(key) != 0; });
-        if (!ours)
+        if (!ours(rule))
         {
             continue;
         }
         // The kernel's own record carries its list, prepend flag and action.
         if (netlink.DeleteRule(rule) < 0)
         {
-            EDR_LOG_ERROR("RuleEngine::DeleteDuplicateRules: Failed to delete old rule " << rule.KeyText());
+            EDR_LOG_ERROR("RuleEngine::DeleteDuplicateRules: Failed to delete old rule " << Describe(rule));
         }
         else
         {
-            EDR_LOG_INFO("RuleEngine::DeleteDuplicateRules: Deleted old rule " << rule.KeyText());
+            EDR_LOG_INFO("RuleEngine::DeleteDuplicateRules: Deleted old rule " << Describe(rule));
         }
     }
 }

@@ -6,6 +6,7 @@
 #include "edr/EventRule.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,7 +27,8 @@ namespace vantor::audit
 // deletes rules left by an earlier run under its fixed keys and installs the
 // fixed exclusion rules. Detection rules are keyed with their tag; the rules
 // of a tag that an earlier run left are deleted before the tag's first rule
-// is installed. The destructor removes everything it installed.
+// is installed. RemoveAll() or the destructor removes everything it
+// installed.
 //
 // Every operation opens its own audit socket. Not thread-safe: the owner
 // serialises the calls (the static queries excepted).
@@ -70,6 +72,14 @@ public:
     // the new rules are in place.
     bool RefreshOutpostExclusionRules(pid_t pid, const std::string& path);
 
+    // Removes every kernel rule installed, detection rules first, then the
+    // fixed ones; from then on no rule is installed (AddRules and refreshes
+    // install nothing). The destructor does the same. Answers the ids of the
+    // detection rules that were installed; nullopt when no audit socket
+    // could be opened (the rules stay until the next start removes them).
+    std::optional<std::vector<std::string>> RemoveAll();
+    bool IsClosed() const { return m_closed; }
+
     bool IsRuleInstalled(const std::string& ruleId) const { return m_installed.count(ruleId) != 0; }
     pid_t GetOutpostPid() const { return m_exclusions.GetOutpostPid(); }
     const std::string& GetOutpostPath() const { return m_exclusions.GetOutpostPath(); }
@@ -91,8 +101,9 @@ private:
     static AuditNetlink OpenSocket(std::string_view operation);
     static std::optional<uint32_t> GetAuditBacklogLimit(const AuditNetlink& netlink);
     void SetAuditBacklogLimit(const AuditNetlink& netlink) const;
+    // Deletes the rules of the kernel's list that ours picks.
     static void DeleteDuplicateRules(const AuditNetlink& netlink,
-                                     const std::unordered_set<std::string>& keys);
+                                     const std::function<bool(const AuditRule&)>& ours);
     bool HasOtherProcessRule(const std::string& tag, const std::string& ruleId) const;
     bool AddRuleToAudit(const AuditNetlink& netlink, const edr::EventRule& rule, const std::string& tag,
                         std::vector<AuditRule> records);
@@ -104,6 +115,7 @@ private:
     // Tags whose rules from an earlier run have been looked for and removed.
     std::unordered_set<std::string> m_cleanedTags;
     ExclusionRules m_exclusions;
+    bool m_closed = false;
 };
 
 } // namespace vantor::audit

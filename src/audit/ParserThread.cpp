@@ -17,6 +17,8 @@ namespace
 constexpr uint64_t kSmallBudgetKb = 20'480'000;
 constexpr uint64_t kLargeBudgetKb = 209'715'400;
 constexpr uint64_t kSmallestQueueBytes = 100ull * 1024 * 1024;
+// How long the queue stays empty before held-back events are aged out.
+constexpr std::chrono::seconds kAgeAfter{1};
 
 } // namespace
 
@@ -170,7 +172,13 @@ void ParserThread::ProcessLoop(AuparseFeed& feed)
         std::vector<uint8_t> buffer;
         {
             std::unique_lock lock(m_mutex);
-            m_changed.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+            if (!m_changed.wait_for(lock, kAgeAfter, [this] { return m_stop || !m_queue.empty(); }))
+            {
+                // Quiet: events held back by a lone record go on now.
+                lock.unlock();
+                Deliver(feed.Age());
+                continue;
+            }
             if (m_stop)
             {
                 return;

@@ -19,7 +19,9 @@ namespace vantor::audit
 // maximum, queueing is switched off and incoming text is dropped until the
 // queue has drained below the resume threshold (half the maximum). After each
 // buffer the thread pauses, a second at a time, while the process's CPU usage
-// is above the configured threshold.
+// is above the configured threshold. After a second without text it ages the
+// events libauparse holds back (AuparseFeed::Age), so that a quiet stream
+// delivers what it carried.
 class ParserThread
 {
 public:

@@ -99,6 +99,19 @@ bool RuleEngine::RefreshOutpostExclusionRules(pid_t pid, const std::string& path
     return m_installer.RefreshOutpostExclusionRules(pid, path);
 }
 
+void RuleEngine::RemoveKernelRules()
+{
+    std::lock_guard lock(m_rulesMutex);
+    if (!m_installer.IsClosed())
+    {
+        EDR_LOG_INFO("RuleEngine: Removing the audit rules");
+        if (const auto removed = m_installer.RemoveAll())
+        {
+            RemoveRoutes(*removed);
+        }
+    }
+}
+
 std::vector<AuditRule> RuleEngine::GetRulesFromAudit() const
 {
     return KernelRuleInstaller::GetRulesFromAudit();

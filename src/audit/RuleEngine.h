@@ -31,7 +31,8 @@ namespace vantor::audit
 //    handlers of the tags the router names.
 //
 // Invalidate() removes the detection rules and asks the tags' owners to
-// submit them again; the destructor removes everything the engine installed.
+// submit them again; RemoveKernelRules() or the destructor removes everything
+// the engine installed.
 //
 // Threads: rules are added and deleted on the components' threads; one lock
 // serialises those changes, so that a rule's kernel records and its route
@@ -72,6 +73,13 @@ public:
     // The host agent restarted: replaces its exclusion rules. Answers whether
     // the new rules are in place.
     bool RefreshOutpostExclusionRules(pid_t pid, const std::string& path);
+
+    // Removes every kernel rule the engine installed; from then on none is
+    // installed. The daemon calls it first when it shuts down, so that
+    // nothing later in the shutdown (a slow stop, a kill) can leave rules
+    // behind. Their routes go with them; handlers stay, for their owners to
+    // unregister as usual.
+    void RemoveKernelRules();
 
     // The kernel's rule list; empty when it cannot be read.
     std::vector<AuditRule> GetRulesFromAudit() const;

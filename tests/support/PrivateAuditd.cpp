@@ -20,12 +20,14 @@ PrivateAuditd::PrivateAuditd(const std::string& dir)
     , m_socket(dir + "/events.sock")
 {
     ::mkdir((dir + "/plugins.d").c_str(), 0700);
+    // The largest dispatcher queue auditd takes, so that a burst waits for a
+    // slow reader instead of being dropped on the way.
     std::ofstream(dir + "/auditd.conf") << "local_events = yes\nwrite_logs = no\nlog_file = " << dir
                                         << "/audit.log\nlog_format = ENRICHED\nflush = NONE\n"
                                            "space_left = 2\nspace_left_action = IGNORE\n"
                                            "admin_space_left = 1\nadmin_space_left_action = IGNORE\n"
                                            "disk_full_action = IGNORE\ndisk_error_action = IGNORE\n"
-                                           "priority_boost = 0\nq_depth = 2000\nplugin_dir = "
+                                           "priority_boost = 0\nq_depth = 99999\nplugin_dir = "
                                         << dir << "/plugins.d\n";
     std::ofstream(dir + "/plugins.d/af_unix.conf")
         << "active = yes\ndirection = out\npath = builtin_af_unix\ntype = builtin\nargs = 0600 " << m_socket

@@ -485,6 +485,13 @@ void Daemon::ShutDown()
         std::fclose(m_memtest);
         m_memtest = nullptr;
     }
+    // The kernel rules go first: the audit state is the host's, and nothing
+    // later in the shutdown (a slow stop, a kill by an impatient agent) may
+    // leave rules of ours in it.
+    if (m_ruleEngine)
+    {
+        m_ruleEngine->RemoveKernelRules();
+    }
     if (m_capture)
     {
         m_capture->Stop();

@@ -4,6 +4,8 @@
 // rule list (only rules of ours are ever removed), the enabled flag and the
 // backlog limit.
 
+#include "audit/AuditRuleBuilder.h"
+
 #include <gtest/gtest.h>
 #include <libaudit.h>
 #include <linux/netlink.h>
@@ -159,11 +161,19 @@ void DeleteRules(Pick pick)
     ::audit_close(fd);
 }
 
-// Rules that only these tests and the engine under test create.
+// The daemon's message-type exclusion as `auditctl -l` prints it.
+inline std::string OwnEoeRuleLine()
+{
+    return "-a always,exclude -F msgtype=EOE -F pid!=" +
+           std::to_string(audit::AuditRuleBuilder::kMessageTypeRuleMark);
+}
+
+// Rules that only these tests and the engine under test create. An EOE
+// exclusion without the daemon's mark is somebody else's.
 inline bool IsOurRule(const std::string& line)
 {
     return line.find("key=corvid_") != std::string::npos || line.find("-k corvid_") != std::string::npos ||
-           line == "-a always,exclude -F msgtype=EOE";
+           line == OwnEoeRuleLine();
 }
 
 inline std::string UsabilityProblem()

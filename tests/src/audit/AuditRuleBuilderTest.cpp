@@ -8,6 +8,8 @@
 #include "audit/RuleEngineException.h"
 #include "tests/src/audit/TestRule.h"
 
+#include <libaudit.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libaudit.h>
@@ -176,6 +178,15 @@ TEST(AuditRuleBuilderTest, FixedRulesCarryTheirKeysListsAndActions)
     const auto eoe = AuditRuleBuilder::CreateMessageTypeRule(1320);
     EXPECT_EQ(eoe.GetFlags(), AUDIT_FILTER_PREPEND | AUDIT_FILTER_EXCLUDE);
     EXPECT_TRUE(eoe.GetKeys().empty());
+    // No key on the exclude list: the mark tells it apart.
+    EXPECT_TRUE(AuditRuleBuilder::IsOwnMessageTypeRule(eoe));
+    EXPECT_FALSE(AuditRuleBuilder::IsOwnMessageTypeRule(thread));
+    EXPECT_FALSE(AuditRuleBuilder::IsOwnMessageTypeRule(exclusion));
+    AuditRule plain;
+    char field[] = "msgtype=1320";
+    ASSERT_EQ(::audit_rule_fieldpair_data(plain.Ptr(), field, AUDIT_FILTER_EXCLUDE), 0);
+    plain.SetFlags(AUDIT_FILTER_EXCLUDE);
+    EXPECT_FALSE(AuditRuleBuilder::IsOwnMessageTypeRule(plain)) << "somebody else's";
     EXPECT_EQ(eoe.KeyText(), "");
     EXPECT_EQ(thread.KeyText(), "corvid_ignore_thread_events_rule");
 }

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <libaudit.h>
 
+#include <ctime>
 #include <map>
 #include <random>
 
@@ -198,6 +199,38 @@ TEST(AuparseFeedTest, EventsCompleteAtEndOfEventOrAtTheNextEventOrFlush)
     const auto rest = feed.Flush();
     ASSERT_EQ(rest.size(), 1u);
     EXPECT_EQ(rest[0]->GetEventId(), 22u);
+}
+
+TEST(AuparseFeedTest, ALoneRecordHoldsBackLaterEventsUntilAged)
+{
+    // What joining the multicast group while audit is on, or a rule change
+    // by an excluded process, sends: one record of the syscall range with
+    // neither PROCTITLE nor EOE behind it.
+    const std::string lone = "type=EVENT_LISTENER msg=" + Stamp(60) +
+                             "pid=7 uid=0 auid=4294967295 tty=(none) ses=4294967295 comm=\"corvid-edr\" "
+                             "exe=\"/usr/bin/corvid-edr\" nl-mcgrp=1 op=connect res=1\n";
+    std::string event = SyscallEvent(61, 83);
+    event.erase(event.find("type=EOE"));
+    test::RecordingEventBuilder builder;
+    AuparseFeed feed(builder);
+    const auto text = lone + event;
+    EXPECT_TRUE(feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size()).empty())
+        << "libauparse hands events on in order";
+    // The records are from 2023: long past the age at which libauparse
+    // gives up waiting.
+    const auto aged = feed.Age();
+    ASSERT_EQ(aged.size(), 1u);
+    EXPECT_EQ(aged[0]->GetEventId(), 61u);
+    EXPECT_TRUE(feed.Flush().empty());
+
+    // Records of now are not aged before their time.
+    test::RecordingEventBuilder fresh;
+    AuparseFeed now(fresh);
+    const auto seconds = static_cast<int>(std::time(nullptr) - 1700000000);
+    const std::string recent =
+        "type=CONFIG_CHANGE msg=" + Stamp(70, seconds) + "op=add_rule key=\"k\" res=1\n";
+    now.Feed(reinterpret_cast<const uint8_t*>(recent.data()), recent.size());
+    EXPECT_TRUE(now.Age().empty());
 }
 
 TEST(AuparseFeedTest, HostileInputNeverCrashesAndParsingRecovers)

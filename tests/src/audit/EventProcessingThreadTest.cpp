@@ -202,6 +202,50 @@ TEST_F(EventProcessingThreadFlowTest, AFullQueueBlocksTheProducerAndLosesNothing
     EXPECT_EQ(m_log.Count("Enabling the processing queue"), 1U);
 }
 
+TEST_F(EventProcessingThreadFlowTest, StopLeavesTheRestOfABatchAndReleasesABlockedProducer)
+{
+    std::atomic<size_t> handled{0};
+    Register(
+        [&](edr::Event&)
+        {
+            ++handled;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        });
+    EventProcessingThread thread(m_processor.Get(), 100, {});
+    thread.SetQueueSize(0); // 10,000 events
+    Events batch;
+    for (uint32_t i = 0; i < 5000; ++i)
+    {
+        batch.push_back(Event(1, 1 + i));
+    }
+    thread.Enqueue(std::move(batch)); // one batch of about five seconds
+    thread.Start();
+    for (int i = 0; i < 500 && handled.load() == 0; ++i)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    Events fill;
+    for (uint32_t i = 0; i < 10000; ++i)
+    {
+        fill.push_back(Event(2, 10000 + i));
+    }
+    thread.Enqueue(std::move(fill));
+    auto producer = std::async(std::launch::async,
+                               [&]
+                               {
+                                   Events more;
+                                   more.push_back(Event(3, 30000));
+                                   thread.Enqueue(std::move(more));
+                               });
+    EXPECT_EQ(producer.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+
+    const auto started = std::chrono::steady_clock::now();
+    thread.Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
+    EXPECT_LT(handled.load(), 5000U);
+    EXPECT_EQ(producer.wait_for(std::chrono::seconds(1)), std::future_status::ready);
+}
+
 TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
 {
     std::atomic<int> samples{0};

@@ -69,7 +69,7 @@ TEST_F(RuleEngineCaptureTest, FixedRulesAreInstalledInOrderAndRemovedByTheDestru
 {
     const std::string self = std::to_string(::getpid());
     const std::string outpost = std::to_string(::getppid());
-    const bool eoeBefore = !RulesContaining("msgtype=EOE").empty();
+    const auto eoeBefore = RulesContaining("msgtype=EOE");
     {
         auto engine = MakeEngine();
         const auto lines = test::ListRules();
@@ -92,8 +92,9 @@ TEST_F(RuleEngineCaptureTest, FixedRulesAreInstalledInOrderAndRemovedByTheDestru
         EXPECT_THAT(lines[outpostIgnore], HasSubstr("-F pid=" + outpost + " "));
         EXPECT_EQ(lines[thread], "-a never,exit -F arch=b64 -S clone -F a0&0x10000 -F "
                                  "key=corvid_ignore_thread_events_rule");
-        EXPECT_EQ(RulesContaining("msgtype=EOE"),
-                  std::vector<std::string>{"-a always,exclude -F msgtype=EOE"});
+        // Beside any of somebody else's, told apart by its mark.
+        EXPECT_EQ(RulesContaining(test::OwnEoeRuleLine()).size(), 1u);
+        EXPECT_EQ(RulesContaining("msgtype=EOE").size(), eoeBefore.size() + 1);
 
         engine->AddRules(
             {MakeRule("p1", Rule::ProcessRule, {}, {9}), MakeRule("f1", Rule::FilePathRule, {m_file}, {5})},
@@ -102,7 +103,7 @@ TEST_F(RuleEngineCaptureTest, FixedRulesAreInstalledInOrderAndRemovedByTheDestru
     }
     EXPECT_TRUE(RulesContaining("key=corvid_").empty());
     EXPECT_TRUE(RulesContaining(kTag).empty());
-    EXPECT_EQ(RulesContaining("msgtype=EOE").empty(), !eoeBefore);
+    EXPECT_EQ(RulesContaining("msgtype=EOE"), eoeBefore);
 }
 
 TEST_F(RuleEngineCaptureTest, PathRulesWatchWithThePermissionsOfBothActionSets)
@@ -187,19 +188,60 @@ TEST_F(RuleEngineCaptureTest, RulesLeftByACrashedRunAreDeletedFirst)
     test::Auditctl("-a",
                    "never,exit -F arch=b64 -S clone -F a0&0x10000 -F key=corvid_ignore_thread_events_rule");
     test::Auditctl("-w", m_file + " -p wa -k " + kTag);
+    // Its marked EOE exclusion, which has no key; one of somebody else's
+    // without the mark must survive.
+    test::Auditctl("-a", test::OwnEoeRuleLine().substr(3));
+    test::Auditctl("-a", "always,exclude -F msgtype=EOE");
+    const auto foreign = RulesContaining("msgtype=EOE").size() - 1;
     ASSERT_EQ(RulesContaining("pid=1 ").size(), 2u);
     ASSERT_EQ(RulesContaining(kTag).size(), 1u);
+    ASSERT_EQ(RulesContaining(test::OwnEoeRuleLine()).size(), 1u);
 
     auto engine = MakeEngine();
     EXPECT_TRUE(RulesContaining("pid=1 ").empty());
     EXPECT_EQ(RulesContaining("key=corvid_ignore_thread_events_rule").size(), 1u);
     EXPECT_EQ(RulesContaining("key=corvid_ignore_rule_self").size(), 1u);
+    EXPECT_EQ(RulesContaining(test::OwnEoeRuleLine()).size(), 1u) << "the old one replaced, not doubled";
 
     engine->AddRules({MakeRule("f1", Rule::FilePathRule, {m_file}, {5})}, kTag);
     EXPECT_TRUE(engine->IsRuleInstalled("f1"));
     EXPECT_EQ(RulesContaining(kTag).size(), 1u);
     engine.reset();
     EXPECT_TRUE(RulesContaining("key=corvid_").empty());
+    EXPECT_EQ(RulesContaining("msgtype=EOE").size(), foreign);
+    EXPECT_TRUE(RulesContaining(test::OwnEoeRuleLine()).empty());
+    test::Auditctl("-d", "always,exclude -F msgtype=EOE");
+}
+
+TEST_F(RuleEngineCaptureTest, RemovingTheKernelRulesLeavesOnlyForeignOnesAndInstallsNoMore)
+{
+    const std::string foreignKey = "foreign_engine_test_" + std::to_string(::getpid());
+    test::Auditctl("-w", m_directory + " -p wa -k " + foreignKey);
+    const auto before = test::ListRules();
+    auto engine = MakeEngine();
+    engine->RegisterEventHandlers(
+        kTag, [](edr::Event&) {}, [] {});
+    engine->AddRules(
+        {MakeRule("f1", Rule::FilePathRule, {m_file}, {5}), MakeRule("p1", Rule::ProcessRule, {}, {9})},
+        kTag);
+    ASSERT_EQ(RulesContaining(kTag).size(), 2u);
+
+    engine->RemoveKernelRules();
+    EXPECT_EQ(test::ListRules(), before);
+    EXPECT_FALSE(engine->IsRuleInstalled("f1"));
+    EXPECT_TRUE(engine->GetPathTags(m_file).empty());
+
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
+    engine->AddRules({MakeRule("f2", Rule::FilePathRule, {m_file}, {5})}, kTag);
+    EXPECT_FALSE(engine->IsRuleInstalled("f2"));
+    EXPECT_FALSE(engine->RefreshOutpostExclusionRules(::getpid(), "/usr/sbin/outpost"));
+    EXPECT_TRUE(log.Contains("The audit rules are removed for shutdown"));
+    // Owners unregister as usual; the destructor has nothing left to remove.
+    engine->DeleteRules(kTag);
+    engine->UnregisterEventHandlers(kTag);
+    engine.reset();
+    EXPECT_EQ(test::ListRules(), before);
+    test::Auditctl("-W", m_directory + " -p wa -k " + foreignKey);
 }
 
 TEST_F(RuleEngineCaptureTest, BacklogLimitIsRaisedAndNeverLowered)
