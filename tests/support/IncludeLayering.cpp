@@ -79,7 +79,8 @@ std::vector<std::string> CheckIncludeLayering(const std::string& root)
             const auto slash = target.find('/');
             if (slash == std::string::npos)
             {
-                problems.push_back(where + (basenames[target] > 1 ? "is an ambiguous bare name" : "is not rooted"));
+                problems.push_back(where +
+                                   (basenames[target] > 1 ? "is an ambiguous bare name" : "is not rooted"));
                 continue;
             }
             const std::string layer = target.substr(0, slash);

@@ -1,9 +1,11 @@
 #include "tests/src/audit/AuditKernelState.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
 #include "audit/AuditRule.h"
 #include "audit/AuditRuleBuilder.h"
 #include "audit/KernelIOChannel.h"
+#include "common/Logging.h"
 #include "tests/src/audit/TestRule.h"
 
 #include <gmock/gmock.h>
@@ -12,6 +14,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <string>
+#include <thread>
 
 namespace vantor::audit
 {
@@ -94,6 +98,88 @@ TEST_F(KernelIOChannelCaptureTest, DeliversAuditRecordsAsRawText)
     // kernel does not queue records for a reader that is gone.
     test::RunCommand("auditctl -e " + std::to_string(*m_state->enabled));
     channel.Stop();
+}
+
+// Counts the marker messages a channel delivers.
+class MarkerCounter
+{
+public:
+    explicit MarkerCounter(std::string marker)
+        : m_marker(std::move(marker))
+    {
+    }
+
+    common::IOChannel::DataCallback Callback()
+    {
+        return [this](std::vector<uint8_t> data)
+        {
+            const std::string text(data.begin(), data.end());
+            std::lock_guard lock(m_mutex);
+            for (size_t at = text.find(m_marker); at != std::string::npos; at = text.find(m_marker, at + 1))
+            {
+                ++m_count;
+            }
+        };
+    }
+
+    size_t Count()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_count;
+    }
+
+private:
+    std::string m_marker;
+    std::mutex m_mutex;
+    size_t m_count = 0;
+};
+
+TEST_F(KernelIOChannelCaptureTest, ABurstFitsTheReceiveBufferAndOverflowsAreCounted)
+{
+    if (m_state->enabled == 2)
+    {
+        GTEST_SKIP() << "audit configuration is locked";
+    }
+    const std::string marker = "corvid-burst-" + std::to_string(::getpid()) + "-";
+    MarkerCounter large(marker);
+    MarkerCounter tiny(marker);
+    KernelIOChannel channel;
+    // The kernel raises a size this small to its minimum of a few records.
+    KernelIOChannel small(KernelIOChannel::kDefaultReadBufSize, 1);
+    channel.SetDataCallback(large.Callback());
+    small.SetDataCallback(tiny.Callback());
+    test::LogCapture log(common::Logging::Edr());
+    channel.Start();
+    small.Start();
+    EXPECT_GE(channel.GetReceiveBufferSize(), KernelIOChannel::kDefaultReceiveBufferBytes);
+    EXPECT_LT(small.GetReceiveBufferSize(), 64 * 1024);
+    test::RunCommand("auditctl -e 1");
+
+    constexpr size_t kMessages = 3000;
+    const int fd = ::audit_open();
+    ASSERT_GE(fd, 0);
+    for (size_t i = 0; i < kMessages; ++i)
+    {
+        ::audit_log_user_message(fd, AUDIT_USER_CMD, ("op=" + marker + std::to_string(i)).c_str(), nullptr,
+                                 nullptr, nullptr, 1);
+    }
+    ::audit_close(fd);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (large.Count() < kMessages && std::chrono::steady_clock::now() < deadline)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    test::RunCommand("auditctl -e " + std::to_string(*m_state->enabled));
+    channel.Stop();
+    small.Stop();
+
+    EXPECT_EQ(large.Count(), kMessages);
+    EXPECT_EQ(channel.GetOverflowCount(), 0u);
+    // The small buffer could not hold the burst: what it lost is counted
+    // and reported, not dropped silently.
+    EXPECT_LT(tiny.Count(), kMessages);
+    EXPECT_GT(small.GetOverflowCount(), 0u);
+    EXPECT_TRUE(log.Contains("KernelIOChannel::Read: Audit records were lost."));
 }
 
 } // namespace

@@ -16,6 +16,7 @@
 #include <chrono>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <map>
@@ -189,7 +190,9 @@ protected:
         return tally;
     }
 
-    void RunBurst()
+    // Starts the daemon in the mode of the test, through a private auditd
+    // in dispatcher mode, and waits until records reach it.
+    void StartCapture(const std::function<void(rapidjson::Document&)>& change)
     {
         std::string socket;
         if (GetParam() == Channel::Dispatcher)
@@ -201,11 +204,16 @@ protected:
             ASSERT_TRUE(problem.empty()) << problem;
             socket = m_auditd->Socket();
         }
-        ASSERT_NO_FATAL_FAILURE(StartDaemon(socket, RoomForTheBurst));
+        ASSERT_NO_FATAL_FAILURE(StartDaemon(socket, change));
         if (GetParam() == Channel::Dispatcher)
         {
             ASSERT_NO_FATAL_FAILURE(AwaitDispatcherDelivery());
         }
+    }
+
+    void RunBurst()
+    {
+        ASSERT_NO_FATAL_FAILURE(StartCapture(RoomForTheBurst));
 
         const auto started = std::chrono::steady_clock::now();
         const pid_t actor = Burst();
