@@ -13,9 +13,11 @@ namespace vantor::audit
 
 // The audit rule engine's fixed rules, which keep activity out of the audit
 // stream: the message-type exclusions (EOE records; marked as the daemon's,
-// see AuditRuleBuilder), the thread-creation exclusion, and for the daemon's own pid and the host agent's pid
-// an exclusion rule with, in front of it, an exit rule (keys "corvid_ignore_rule_" / "corvid_exit_rule_" plus
-// "self" or "outpost"), so that the process's exit is still audited and nothing else it does is.
+// see AuditRuleBuilder), the thread-creation exclusion, and for the daemon's
+// own pid and the host agent's pid an exclusion rule with, in front of it, an
+// exit rule (keys "corvid_ignore_rule_" / "corvid_exit_rule_" plus "self" or
+// "outpost"), so that the process's exit is still audited and nothing else it
+// does is.
 //
 // A rule that cannot be installed is logged and the others go on.
 //

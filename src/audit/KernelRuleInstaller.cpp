@@ -43,16 +43,14 @@ KernelRuleInstaller::KernelRuleInstaller(pid_t outpostPid, std::string outpostPa
 
 KernelRuleInstaller::~KernelRuleInstaller()
 {
-    if (!m_closed)
-    {
-        RemoveAll();
-    }
+    // Also after RemoveAll(): what it could not remove is tried again.
+    RemoveAll("RuleEngine::~RuleEngine");
 }
 
-std::optional<std::vector<std::string>> KernelRuleInstaller::RemoveAll()
+std::optional<std::vector<std::string>> KernelRuleInstaller::RemoveAll(std::string_view operation)
 {
     m_closed = true;
-    const AuditNetlink netlink = OpenSocket("RuleEngine::~RuleEngine");
+    const AuditNetlink netlink = OpenSocket(operation);
     if (!netlink.IsOpen())
     {
         // Left in the kernel; the next start removes them by their keys.

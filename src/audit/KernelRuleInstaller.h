@@ -74,10 +74,11 @@ public:
 
     // Removes every kernel rule installed, detection rules first, then the
     // fixed ones; from then on no rule is installed (AddRules and refreshes
-    // install nothing). The destructor does the same. Answers the ids of the
-    // detection rules that were installed; nullopt when no audit socket
-    // could be opened (the rules stay until the next start removes them).
-    std::optional<std::vector<std::string>> RemoveAll();
+    // install nothing). The destructor does the same. operation names the
+    // caller when no audit socket opens. Answers the ids of the detection
+    // rules that were installed; nullopt when no socket opened (the rules
+    // stay until the next start removes them).
+    std::optional<std::vector<std::string>> RemoveAll(std::string_view operation);
     bool IsClosed() const { return m_closed; }
 
     bool IsRuleInstalled(const std::string& ruleId) const { return m_installed.count(ruleId) != 0; }

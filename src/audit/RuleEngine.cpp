@@ -105,7 +105,7 @@ void RuleEngine::RemoveKernelRules()
     if (!m_installer.IsClosed())
     {
         EDR_LOG_INFO("RuleEngine: Removing the audit rules");
-        if (const auto removed = m_installer.RemoveAll())
+        if (const auto removed = m_installer.RemoveAll("RuleEngine::RemoveKernelRules"))
         {
             RemoveRoutes(*removed);
         }
