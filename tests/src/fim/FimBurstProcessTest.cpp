@@ -20,6 +20,7 @@
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <ostream>
 #include <thread>
 #include <unistd.h>
 
@@ -47,6 +48,11 @@ enum class Channel
 std::string ChannelName(const testing::TestParamInfo<Channel>& info)
 {
     return info.param == Channel::Kernel ? "Kernel" : "Dispatcher";
+}
+
+void PrintTo(Channel channel, std::ostream* out)
+{
+    *out << (channel == Channel::Kernel ? "the kernel channel" : "the audit dispatcher");
 }
 
 // What arrived for the burst's files: per path, the actions in arrival order.
