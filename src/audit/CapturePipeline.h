@@ -46,6 +46,9 @@ public:
     void Start();
     void Stop();
 
+    // The channel, for what it counts (KernelIOChannel::GetOverflowCount).
+    const common::IOChannel& GetChannel() const { return *m_channel; }
+
 private:
     std::unique_ptr<common::IOChannel> m_channel;
     AuditEventBuilder m_builder;
