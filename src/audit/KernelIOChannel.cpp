@@ -86,6 +86,12 @@ void KernelIOChannel::Stop()
     CloseSocket();
     StopDecoding();
     m_started = false;
+    if (GetOverflowCount() != 0 || GetDroppedBytes() != 0)
+    {
+        EDR_LOG_WARNING("KernelIOChannel: Records were lost while it ran: "
+                        << GetOverflowCount() << " receive buffer overflows, " << GetDroppedBytes()
+                        << " bytes dropped before decoding");
+    }
     EDR_LOG_INFO("KernelIOChannel: Stopped.");
 }
 
