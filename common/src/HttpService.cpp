@@ -3,7 +3,7 @@
 #include "common/InMemoryHttpResponse.h"
 #include "common/Logging.h"
 #include "common/OnDiskHttpResponse.h"
-#include "common/util/Sha256.h"
+#include "common/util/Digest.h"
 
 #include <Poco/UUIDGenerator.h>
 
@@ -200,7 +200,7 @@ void HttpService::Queue(const HttpRequest& request, std::shared_ptr<MutableHttpR
             interceptor->InterceptRequest(r);
         }
     }
-    r.AddHeader("C-PAYLOADHASH", util::Sha256Hex(r.Payload()));
+    r.AddHeader("C-PAYLOADHASH", util::Digest::HexOf(util::Digest::Algorithm::Sha256, r.Payload()));
 
     transfer->response = std::move(response);
     transfer->callback = std::move(callback);
@@ -224,7 +224,6 @@ void HttpService::OnStop()
 
 void HttpService::Run()
 {
-    m_threadId = std::this_thread::get_id();
     while (!IsStopping())
     {
         TakeIncoming();
@@ -248,7 +247,6 @@ void HttpService::Run()
         }
     }
     CancelAll();
-    m_threadId = std::thread::id();
 }
 
 std::chrono::milliseconds HttpService::PollTimeout() const

@@ -61,7 +61,7 @@ public:
     // Cancels what is still queued or in flight; idempotent.
     void Stop();
     State GetState() const;
-    bool IsServiceThread() const { return std::this_thread::get_id() == m_threadId; }
+    bool IsServiceThread() const { return IsWorkerThread(); }
 
     // Adds the fixed headers, runs the request interceptors and queues the
     // request. Throws HttpServiceException "HttpService is not running",
@@ -106,7 +106,6 @@ private:
     std::vector<std::unique_ptr<Transfer>> m_waiting;
     std::unordered_map<CURL*, std::unique_ptr<Transfer>> m_active;
     SystemProxyResolver m_proxyResolver;
-    std::atomic<std::thread::id> m_threadId{};
 };
 
 } // namespace vantor::common
