@@ -115,7 +115,7 @@ std::uint64_t FileReader::ReadUpTo(std::string& out, std::uint64_t maxBytes)
     return got;
 }
 
-std::uint64_t FileReader::ForEachChunk(const std::function<void(std::string_view)>& sink,
+std::uint64_t FileReader::ForEachChunk(const std::function<bool(std::string_view)>& sink,
                                        std::uint64_t maxTotal)
 {
     // On the heap: readers run on threads with small stacks too.
@@ -133,7 +133,10 @@ std::uint64_t FileReader::ForEachChunk(const std::function<void(std::string_view
         {
             throw FileReadException(FileReadException::Stage::TooLarge, m_path, EFBIG);
         }
-        sink(std::string_view(buffer.get(), n));
+        if (!sink(std::string_view(buffer.get(), n)))
+        {
+            return total;
+        }
     }
 }
 

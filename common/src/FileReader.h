@@ -74,9 +74,10 @@ public:
     std::uint64_t ReadUpTo(std::string& out, std::uint64_t maxBytes);
 
     // Hands every piece of the rest of the file to sink, in order, until
-    // the end; throws TooLarge once more than maxTotal bytes were seen (a
-    // file that grew while read). Answers the number of bytes read.
-    std::uint64_t ForEachChunk(const std::function<void(std::string_view)>& sink,
+    // the end or until sink answers false (it has seen enough); throws
+    // TooLarge once more than maxTotal bytes were seen (a file that grew
+    // while read). Answers the number of bytes read.
+    std::uint64_t ForEachChunk(const std::function<bool(std::string_view)>& sink,
                                std::uint64_t maxTotal = UINT64_MAX);
 
 private:

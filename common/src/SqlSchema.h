@@ -15,6 +15,8 @@ namespace vantor::common::internal
 // since a file without its schema would pass as set up at the next open. A
 // versioned schema is then brought up to date by the formatter's upgrade
 // statements, and the file is vacuumed.
+//
+// Stateless; one file is set up by one caller at a time.
 class SqlSchema
 {
 public:

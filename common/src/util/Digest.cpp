@@ -109,7 +109,13 @@ std::string Digest::HexOfFile(Algorithm algorithm, const std::string& path, std:
     common::FileReader reader(path, common::FileReader::Links::Follow);
     reader.RequireAtMost(maxSize);
     Digest digest(algorithm);
-    reader.ForEachChunk([&digest](std::string_view chunk) { digest.Update(chunk); }, maxSize);
+    reader.ForEachChunk(
+        [&digest](std::string_view chunk)
+        {
+            digest.Update(chunk);
+            return true;
+        },
+        maxSize);
     return digest.FinishHex();
 }
 

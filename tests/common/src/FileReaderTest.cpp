@@ -65,10 +65,26 @@ TEST(FileReaderTest, ChunksCoverALargeFileInOrderWithinTheChunkSize)
             EXPECT_FALSE(chunk.empty());
             joined.append(chunk);
             ++chunks;
+            return true;
         });
     EXPECT_EQ(total, content.size());
     EXPECT_EQ(joined, content);
     EXPECT_GE(chunks, 4u);
+}
+
+TEST(FileReaderTest, SinkThatHasSeenEnoughStopsTheReading)
+{
+    test::TempDir dir;
+    const std::string content = Pattern(5 * FileReader::kChunkSize);
+    FileReader reader(dir.Write("big", content), FileReader::Links::Follow);
+    std::size_t calls = 0;
+    const auto total = reader.ForEachChunk([&](std::string_view) { return ++calls < 2; });
+    EXPECT_EQ(calls, 2u);
+    EXPECT_LE(total, 2 * FileReader::kChunkSize);
+    std::string rest;
+    EXPECT_EQ(reader.ReadUpTo(rest, content.size()), content.size() - total)
+        << "reading goes on where it stopped";
+    EXPECT_EQ(rest, content.substr(total));
 }
 
 TEST(FileReaderTest, ReadUpToStopsAtTheBoundOrTheEndAndReusesTheString)
@@ -126,8 +142,17 @@ TEST(FileReaderTest, SizeLimitsRefuseAtOpenAndWhileReading)
 
     // A file that grew past the limit after it was opened.
     std::size_t seen = 0;
-    const auto grown =
-        Failure([&] { reader.ForEachChunk([&](std::string_view chunk) { seen += chunk.size(); }, 999); });
+    const auto grown = Failure(
+        [&]
+        {
+            reader.ForEachChunk(
+                [&](std::string_view chunk)
+                {
+                    seen += chunk.size();
+                    return true;
+                },
+                999);
+        });
     EXPECT_EQ(grown.GetStage(), Stage::TooLarge);
     EXPECT_EQ(seen, 0u) << "nothing past the limit reaches the sink";
 }

@@ -2,6 +2,7 @@
 #include "common/AsyncTask.h"
 #include "common/Logging.h"
 #include "common/ThreadedClass.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -18,20 +19,7 @@ namespace
 
 using namespace std::chrono_literals;
 
-template <typename Pred>
-bool WaitFor(Pred pred, std::chrono::milliseconds limit = 3000ms)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!pred())
-    {
-        if (std::chrono::steady_clock::now() > end)
-        {
-            return false;
-        }
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
-}
+constexpr auto kPatience = 3000ms;
 
 TEST(WorkerThreadTest, RunsTheBodyOnItsOwnThreadAndJoinWaitsForIt)
 {
@@ -124,7 +112,7 @@ TEST(WorkerThreadTest, OwnerDestroyedByItsOwnThreadLetsItFinish)
             delete worker;
             finished = true;
         });
-    EXPECT_TRUE(WaitFor([&] { return finished.load(); }));
+    EXPECT_TRUE(test::Eventually([&] { return finished.load(); }, kPatience));
 }
 
 class SelfStoppingWorker : public ThreadedClass
@@ -154,7 +142,7 @@ TEST(ThreadedClassTest, StopFromItsOwnWorkerIsLoggedAndEndsTheWorker)
     test::LogCapture capture(Logging::Edr());
     SelfStoppingWorker worker;
     worker.Start();
-    EXPECT_TRUE(WaitFor([&] { return worker.ended.load(); }));
+    EXPECT_TRUE(test::Eventually([&] { return worker.ended.load(); }, kPatience));
     worker.Stop();
     EXPECT_FALSE(worker.IsRunning());
     EXPECT_TRUE(capture.Contains("Uncaught exception when stopping SelfStopping."));
@@ -173,7 +161,7 @@ TEST(AsyncTaskTest, AnyExceptionFromTheWorkLeavesTheTaskIdle)
 {
     OddlyFailingTask task;
     ASSERT_TRUE(task.Launch());
-    EXPECT_TRUE(WaitFor([&] { return task.GetState() == AsyncTask::State::Idle; }));
+    EXPECT_TRUE(test::Eventually([&] { return task.GetState() == AsyncTask::State::Idle; }, kPatience));
     EXPECT_TRUE(task.Launch()) << "a failed execution must not block the next one";
     task.Stop();
     EXPECT_EQ(task.GetState(), AsyncTask::State::Idle);
