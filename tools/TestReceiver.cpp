@@ -2,8 +2,8 @@
 
 #include "common/HmacRequestSigner.h"
 #include "common/util/Base64.h"
+#include "common/util/Digest.h"
 #include "common/util/Lzma.h"
-#include "common/util/Sha256.h"
 
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPRequestHandler.h>
@@ -51,9 +51,9 @@ std::string Sign(const std::string& keyPath, const std::string& body)
     }
     std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
         PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);
-    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> ctx(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+    const util::Digest::Context ctx = util::Digest::NewContext();
     size_t length = 0;
-    if (!key || !ctx || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1 ||
+    if (!key || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1 ||
         EVP_DigestSign(ctx.get(), nullptr, &length, reinterpret_cast<const unsigned char*>(body.data()),
                        body.size()) != 1)
     {
@@ -241,7 +241,7 @@ std::string TestReceiver::Check(const Received& received, const std::string& bod
     {
         return "unexpected C-CLNTID";
     }
-    if (received.headers.Get("C-PAYLOADHASH") != util::Sha256Hex(body))
+    if (received.headers.Get("C-PAYLOADHASH") != util::Digest::HexOf(util::Digest::Algorithm::Sha256, body))
     {
         return "payload hash mismatch";
     }

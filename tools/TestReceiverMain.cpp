@@ -1,6 +1,7 @@
 // corvid-test-receiver: a local HTTPS upload receiver for manual runs and
 // demos. Prints its URL and the CA file that clients must trust, then serves
 // until SIGINT or SIGTERM.
+#include "common/HmacRequestSigner.h"
 #include "tools/TestReceiver.h"
 
 #include <Poco/TemporaryFile.h>
@@ -8,9 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <string>
 
 namespace
@@ -52,18 +51,7 @@ int main(int argc, char** argv)
             else if (arg == "--cert-dir")
                 options.certDir = value;
             else if (arg == "--hmac-key-file")
-            {
-                std::ifstream in(value, std::ios::binary);
-                options.hmacKey.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-                while (!options.hmacKey.empty() &&
-                       std::isspace(static_cast<unsigned char>(options.hmacKey.back())))
-                    options.hmacKey.pop_back();
-                if (options.hmacKey.empty())
-                {
-                    std::cerr << "corvid-test-receiver: empty or unreadable key file " << value << "\n";
-                    return 2;
-                }
-            }
+                options.hmacKey = vantor::common::HmacRequestSigner::ReadKeyFile(value);
             else if (arg == "--customer-id")
                 options.customerId = value;
             else if (arg == "--agent-id")
@@ -84,9 +72,9 @@ int main(int argc, char** argv)
                 return 2;
             }
         }
-        catch (const std::exception&)
+        catch (const std::exception& e)
         {
-            std::cerr << "corvid-test-receiver: invalid value for " << arg << "\n";
+            std::cerr << "corvid-test-receiver: invalid value for " << arg << ": " << e.what() << "\n";
             return 2;
         }
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/util/Digest.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -7,16 +9,12 @@
 namespace vantor::common
 {
 
-// Lower-case hexadecimal digests through OpenSSL's EVP interface.
+// Lower-case hexadecimal digests of data and files: the older spelling of
+// util::Digest's one-shot forms, kept for the capture code that names it.
 class ContentHasher
 {
 public:
-    enum class Algorithm
-    {
-        Md5,
-        Sha1,
-        Sha256
-    };
+    using Algorithm = util::Digest::Algorithm;
 
     static std::string HashData(std::string_view data, Algorithm algorithm);
 

@@ -1,20 +1,17 @@
 #pragma once
 
 #include "common/SpoolDataFormatter.h"
+#include "common/SpoolStorageException.h"
 #include "common/SpoolStorageSchedule.h"
 
 #include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -23,11 +20,13 @@ namespace vantor::common
 
 class Scheduler;
 
-class SpoolStorageException : public std::runtime_error
+namespace internal
 {
-public:
-    using std::runtime_error::runtime_error;
-};
+class SpoolCache;
+class SpoolFileIndex;
+class SpoolReader;
+class SpoolWriteQueue;
+} // namespace internal
 
 // A bounded queue of data files in one directory, for a component that
 // produces records faster than it can upload them. Writers add records to an
@@ -38,7 +37,11 @@ public:
 //
 // Records, flushes, clean-ups and renames run one at a time (under one
 // mutex); writes are queued to the spool's own task so that writers never
-// wait for the disk.
+// wait for the disk. The parts: a write queue (internal::SpoolWriteQueue),
+// the cache and its sync (internal::SpoolCache), the file index
+// (internal::SpoolFileIndex) and the reader (internal::SpoolReader).
+//
+// All operations may be called from any thread.
 class SpoolStorage
 {
 public:
@@ -136,50 +139,20 @@ public:
     const std::string& Directory() const { return m_directory; }
 
 private:
-    using SteadyClock = std::chrono::steady_clock;
-
-    struct Entry
-    {
-        std::uint32_t index;
-        ino_t inode;
-        std::uint64_t size;
-        std::uint64_t id;
-    };
-
-    struct Waiter;
-
     // At least 1 MiB, or eight records of the largest size.
     std::size_t PendingLimit() const;
-
-    struct PendingWrite
-    {
-        std::string data;
-        WriteCallback callback;
-        Waiter* waiter = nullptr;
-    };
-
-    void Enqueue(PendingWrite write);
     void DrainPending();
-    void FailPending();
-    static void Complete(PendingWrite& write, const WriteResult& result);
-
     WriteResult AddRecordLocked(const std::string& data);
     void FlushDataCacheLocked();
-    void ResetCacheLocked();
-    void ArmSyncLocked(SteadyClock::time_point deadline);
-    void OnSyncTimer(SteadyClock::time_point deadline);
-    void SyncCache();
-    std::uint32_t NextFileIndexLocked();
-    void CleanupLocked(bool freeOneName);
-    void RefreshFileIndicesLocked();
-    void DefragFileIndicesLocked();
-    std::optional<std::uint32_t> ParseIndex(std::string_view name) const;
+    // Flushes, logging a failure: the caller goes on either way.
+    void TryFlushDataCacheLocked();
+    void CleanupIfOverQuotaLocked();
+    void OnSyncTimer(std::chrono::steady_clock::time_point deadline);
+    std::chrono::seconds MaxFileAge() const;
 
     Scheduler& m_scheduler;
     const std::string m_directory;
-    const std::string m_prefix;
     const std::uint32_t m_maxFileCount;
-    const std::unique_ptr<SpoolDataFormatter> m_formatter;
 
     // Read without the mutex by writers, which must never wait for a flush.
     std::atomic<std::uint64_t> m_maxDiskSize;
@@ -187,25 +160,13 @@ private:
     std::atomic<std::int64_t> m_maxFileAgeSec;
 
     mutable std::mutex m_mutex;
-    std::deque<Entry> m_files; // oldest first, indices ascending
-    std::uint64_t m_diskUsage = 0;
-    std::uint64_t m_nextId = 1;
-    std::size_t m_cacheSize = 0;
-    std::size_t m_cacheRecords = 0;
-    SteadyClock::time_point m_cacheStart{};
-    std::optional<SteadyClock::time_point> m_syncDeadline;
-    std::string m_flushBuffer;
+    // Under m_mutex.
+    std::unique_ptr<internal::SpoolCache> m_cache;
+    std::unique_ptr<internal::SpoolFileIndex> m_files;
+    std::unique_ptr<internal::SpoolReader> m_reader;
 
-    std::mutex m_pendingMutex;
-    // Writers wait here while the records not yet moved into the cache hold
-    // more than PendingLimit() bytes, so a slow disk holds back the
-    // producers instead of growing memory without bound.
-    std::condition_variable m_pendingCv;
-    std::size_t m_pendingBytes = 0;
-    std::vector<PendingWrite> m_pending;
-    bool m_drainQueued = false;
-    std::vector<PendingWrite> m_draining;    // the task's batch
-    std::vector<WriteResult> m_drainResults; // the task's results
+    std::unique_ptr<internal::SpoolWriteQueue> m_writes;
+    std::vector<WriteResult> m_drainResults; // the drain task's results
 
     std::shared_ptr<SpoolStorageSchedule> m_schedule;
 };
