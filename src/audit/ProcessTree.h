@@ -54,10 +54,12 @@ public:
     const ProcFs& GetProcFs() const { return m_procFs; }
 
     // Brings the tree up to date with one event before any handler sees it;
-    // may rewrite a thread id in the event to its process id. Answers false
-    // when the event goes no further (a clone, kept for its child). Pseudo
-    // events that must be processed ahead of the event are appended. A clone
-    // event is moved into the clone cache (the pointer is left empty).
+    // may rewrite a thread id in the event to its process id, and attaches
+    // the acting process's entry to an audit event. Answers false when the
+    // event goes no further (a clone, kept for its child). Pseudo events that
+    // must be processed ahead of the event are appended. A clone event is
+    // moved into the clone cache under the new process, the call's result
+    // (the pointer is left empty); the caller's entry goes with it.
     bool UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents);
 
     // The live entry of a pid, or null.
@@ -71,7 +73,9 @@ public:
     std::vector<ProcessPtr> GetAncestors(pid_t pid);
 
     // Whether the process or one of its ancestors satisfies the predicate;
-    // same walk as GetAncestors, without building the list.
+    // same walk as GetAncestors, without building the list, but starting
+    // also from a process marked terminated (the one whose exit is being
+    // processed).
     bool AnyInLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& match);
 
     // Marks vanished and pid-reused entries terminated, then removes the
@@ -101,6 +105,7 @@ private:
     Entry* CreateFromCloneCache(pid_t pid);
     Entry* Insert(ProcessPtr info);
     Entry* FindLive(pid_t pid);
+    void AttachActor(edr::Event& event, pid_t pid);
     const ProcessInfo* ParentInLineage(const ProcessInfo& child);
     void AddRunning(const edr::Event& event);
     void CacheClone(std::unique_ptr<edr::Event> clone, pid_t child);
