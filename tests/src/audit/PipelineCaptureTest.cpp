@@ -1,5 +1,6 @@
 #include "common/Logging.h"
 #include "tests/src/audit/AuditKernelState.h"
+#include "tests/src/audit/DetachedCommand.h"
 #include "tests/src/audit/TestRule.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -35,6 +36,9 @@ using Rule = edr::EventRule;
 
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
 
+using test::DetachedCommand;
+using test::RunDetached;
+
 constexpr const char* kTag = "corvid_pipeline_test";
 
 // What a handler saw of one event.
@@ -48,91 +52,6 @@ struct Seen
     uint32_t uid = 0;
     std::string userName;
 };
-
-// A process that waits on a pipe and then runs a command. It is detached
-// (double fork): the daemon drops the activity of its own descendants, and a
-// real host agent or workload is not the daemon's child either.
-class DetachedCommand
-{
-public:
-    explicit DetachedCommand(std::vector<std::string> argv)
-    {
-        int go[2];
-        int report[2];
-        if (::pipe(go) != 0 || ::pipe(report) != 0)
-        {
-            throw std::runtime_error("pipe failed");
-        }
-        const pid_t middle = ::fork();
-        if (middle == 0)
-        {
-            const pid_t worker = ::fork();
-            if (worker == 0)
-            {
-                ::close(go[1]);
-                // Wait until the middle process is gone and this one belongs to init.
-                while (::getppid() == middle)
-                {
-                    ::usleep(1000);
-                }
-                char byte = 0;
-                if (::read(go[0], &byte, 1) == 1)
-                {
-                    std::vector<char*> args;
-                    for (auto& a : argv)
-                    {
-                        args.push_back(a.data());
-                    }
-                    args.push_back(nullptr);
-                    ::execv(args[0], args.data());
-                }
-                ::_exit(127);
-            }
-            [[maybe_unused]] const auto n = ::write(report[1], &worker, sizeof worker);
-            ::_exit(0);
-        }
-        ::close(go[0]);
-        ::close(report[1]);
-        if (::read(report[0], &m_pid, sizeof m_pid) != sizeof m_pid)
-        {
-            m_pid = -1;
-        }
-        ::close(report[0]);
-        ::waitpid(middle, nullptr, 0);
-        m_go = go[1];
-    }
-    ~DetachedCommand()
-    {
-        if (m_go >= 0)
-        {
-            ::close(m_go); // a command never started ends here
-        }
-    }
-    pid_t Pid() const { return m_pid; }
-    // Starts the command and waits until the process is gone.
-    void Run()
-    {
-        const char byte = 1;
-        [[maybe_unused]] const auto n = ::write(m_go, &byte, 1);
-        ::close(m_go);
-        m_go = -1;
-        for (int i = 0; i < 500 && ::kill(m_pid, 0) == 0; ++i)
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    }
-
-private:
-    pid_t m_pid = -1;
-    int m_go = -1;
-};
-
-pid_t RunCommand(const std::vector<std::string>& argv)
-{
-    DetachedCommand command(argv);
-    command.Run();
-    return command.Pid();
-}
 
 class PipelineCaptureTest : public test::AuditCaptureFixture
 {
@@ -260,7 +179,7 @@ TEST_F(PipelineCaptureTest, ProcessAndFileEventsReachTheHandlerWithTheirActor)
     StartPipeline(agent.Pid());
 
     const std::string created = m_watched + "/by-child.txt";
-    const pid_t child = RunCommand({"/usr/bin/touch", created});
+    const pid_t child = RunDetached({"/usr/bin/touch", created});
     ASSERT_TRUE(WaitFor(
         [&]
         {
@@ -283,8 +202,8 @@ TEST_F(PipelineCaptureTest, ProcessAndFileEventsReachTheHandlerWithTheirActor)
         EXPECT_EQ(s.userName, "root");
     }
     const std::string changed = m_watched + "/by-child.txt";
-    const pid_t chmodder = RunCommand({"/usr/bin/chmod", "600", changed});
-    const pid_t remover = RunCommand({"/usr/bin/rm", changed});
+    const pid_t chmodder = RunDetached({"/usr/bin/chmod", "600", changed});
+    const pid_t remover = RunDetached({"/usr/bin/rm", changed});
     EXPECT_TRUE(WaitFor([&] { return Has(SeenBy(chmodder), edr::EventType::Attribute, changed); }));
     EXPECT_TRUE(WaitFor([&] { return Has(SeenBy(remover), edr::EventType::Delete, changed); }));
 }
@@ -300,7 +219,7 @@ TEST_F(PipelineCaptureTest, OwnAndAgentActivityNeverArrives)
     agent.Run();
     // A marker afterwards: once its event is in, the earlier ones would be too.
     const std::string marker = m_watched + "/marker.txt";
-    const pid_t markerPid = RunCommand({"/usr/bin/touch", marker});
+    const pid_t markerPid = RunDetached({"/usr/bin/touch", marker});
     ASSERT_TRUE(WaitFor([&] { return Has(SeenBy(markerPid), edr::EventType::Create, marker); }));
     std::this_thread::sleep_for(300ms);
 
