@@ -1,26 +1,15 @@
-#include "common/Logging.h"
-#include "tests/src/audit/AuditKernelState.h"
 #include "tests/src/audit/DetachedCommand.h"
+#include "tests/src/audit/PipelineCaptureFixture.h"
 #include "tests/src/audit/TestRule.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TempDir.h"
 
 #include "audit/AuditRuleBuilder.h"
-#include "audit/CapturePipeline.h"
-#include "audit/KernelIOChannel.h"
 #include "audit/ProcessInfo.h"
-#include "audit/ProcessTree.h"
-#include "audit/RuleEngine.h"
-#include "edr/LibMagicWrapper.h"
 
 #include <gtest/gtest.h>
+#include <libaudit.h>
 
 #include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <iostream>
-#include <mutex>
-#include <thread>
+#include <optional>
 
 // The acting process of events captured on the real kernel: what handlers
 // learn of it, and the host agent's exclusion rules following its process.
@@ -30,7 +19,6 @@ namespace vantor::audit
 namespace
 {
 
-using namespace std::chrono_literals;
 using Rule = edr::EventRule;
 using test::DetachedCommand;
 
@@ -38,123 +26,37 @@ const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::Au
 
 constexpr const char* kTag = "corvid_actor_test";
 
-struct Seen
-{
-    edr::EventType type = edr::EventType::Accept;
-    pid_t pid = 0;
-    bool hasProcess = false;
-    std::vector<std::string> arguments;
-    std::string title;
-    std::string file;
-};
+using Seen = test::SeenEvent;
 
-class ActorCaptureTest : public test::AuditCaptureFixture
+class ActorCaptureTest : public test::PipelineCaptureFixture
 {
 protected:
-    void SetUp() override
-    {
-        AuditCaptureFixture::SetUp();
-        if (IsSkipped())
-        {
-            return;
-        }
-        m_watched = m_dir.Path() + "/watched";
-        std::filesystem::create_directories(m_watched);
-    }
-
-    void TearDown() override
-    {
-        m_capture.reset();
-        m_engine.reset();
-        if (HasFailure())
-        {
-            for (const auto& line : m_log.Lines())
-            {
-                std::cerr << line << "\n";
-            }
-        }
-        AuditCaptureFixture::TearDown();
-    }
-
     void StartPipeline(pid_t agentPid)
     {
-        m_engine = std::make_unique<RuleEngine>(agentPid, "/usr/sbin/outpost",
-                                                std::make_shared<ProcessTree>(), 0, m_dir.Path());
-        m_engine->RegisterEventHandlers(
-            kTag,
-            [this](edr::Event& event)
-            {
-                Seen seen;
-                seen.type = event.GetType();
-                seen.pid = event.GetActorProcessId();
-                seen.hasProcess = event.HasProcess();
-                if (seen.hasProcess)
-                {
-                    seen.arguments = event.GetActorProcessArguments();
-                    seen.title = event.GetCommandLine();
-                }
-                if (event.GetCategory() == static_cast<uint32_t>(edr::EventCategory::File))
-                {
-                    seen.file = event.GetFile();
-                }
-                std::lock_guard lock(m_mutex);
-                m_seen.push_back(std::move(seen));
-            },
-            [] {});
-        m_engine->AddRules({test::MakeRule("actor-files", Rule::DirectoryPathRule, {m_watched}, {2, 5}, {2}),
-                            test::MakeRule("actor-processes", Rule::ProcessRule, {}, {9, 10, 11})},
-                           kTag);
-        auto channel = std::make_unique<KernelIOChannel>();
-        channel->SetEnableAudit(true);
-        m_capture = std::make_unique<CapturePipeline>(
-            std::move(channel), std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"),
-            m_engine->GetEventProcessor(), CapturePipeline::Limits{});
-        m_capture->Start();
+        PipelineCaptureFixture::StartPipeline(
+            agentPid, kTag,
+            {test::MakeRule("actor-files", Rule::DirectoryPathRule, {m_watched}, {2, 5}, {2}),
+             test::MakeRule("actor-processes", Rule::ProcessRule, {}, {9, 10, 11})});
     }
 
-    std::optional<Seen> SeenFile(edr::EventType type, const std::string& file)
+    // Whether the kernel holds an agent exclusion rule for the pid (other
+    // engines on this host may hold rules under the same key).
+    bool KernelExcludes(pid_t pid) const
     {
-        std::lock_guard lock(m_mutex);
-        for (const auto& seen : m_seen)
-        {
-            if (seen.type == type && seen.file == file)
-            {
-                return seen;
-            }
-        }
-        return std::nullopt;
-    }
-
-    bool OutpostRulesInKernel() const
-    {
-        const auto rules = m_engine->GetRulesFromAudit();
         const std::string key = AuditRuleBuilder::IgnoreRuleKey(AuditRuleBuilder::kOutpostSuffix);
-        return std::any_of(rules.begin(), rules.end(),
-                           [&](const AuditRule& rule) { return rule.HasKey(key); });
-    }
-
-    template <typename Pred>
-    static bool WaitFor(Pred pred, std::chrono::milliseconds limit = 8000ms)
-    {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        while (!pred())
+        for (const auto& rule : m_engine->GetRulesFromAudit())
         {
-            if (std::chrono::steady_clock::now() > end)
+            const audit_rule_data* data = rule.Get();
+            for (uint32_t i = 0; rule.HasKey(key) && i < data->field_count; ++i)
             {
-                return false;
+                if (data->fields[i] == AUDIT_PID && data->values[i] == static_cast<uint32_t>(pid))
+                {
+                    return true;
+                }
             }
-            std::this_thread::sleep_for(20ms);
         }
-        return true;
+        return false;
     }
-
-    test::LogCapture m_log{common::Logging::Edr(), Poco::Message::PRIO_DEBUG};
-    test::TempDir m_dir;
-    std::string m_watched;
-    std::unique_ptr<RuleEngine> m_engine;
-    std::unique_ptr<CapturePipeline> m_capture;
-    std::mutex m_mutex;
-    std::vector<Seen> m_seen;
 };
 
 // The kernel keeps the first 128 bytes of a process title.
@@ -196,11 +98,11 @@ TEST_F(ActorCaptureTest, TheAgentsExitTakesItsExclusionRulesOffItsPid)
 {
     DetachedCommand agent({"/usr/bin/true"});
     StartPipeline(agent.Pid());
-    ASSERT_TRUE(OutpostRulesInKernel());
+    ASSERT_TRUE(KernelExcludes(agent.Pid()));
 
     agent.Run();
     EXPECT_TRUE(WaitFor([&] { return m_engine->GetOutpostPid() == 0; }));
-    EXPECT_FALSE(OutpostRulesInKernel()) << "a later process with the agent's pid would go unaudited";
+    EXPECT_FALSE(KernelExcludes(agent.Pid())) << "a later process with the agent's pid would go unaudited";
     EXPECT_TRUE(m_log.Contains("Host agent process " + std::to_string(agent.Pid()) +
                                " exited; removing its exclusion rules"));
 }

@@ -140,18 +140,21 @@ TEST(ParserThreadTest, QueueSizeFollowsTheMemoryBudget)
     EXPECT_TRUE(log.Contains("Setting parser queue size to 500000"));
 }
 
-TEST(ParserThreadTest, TheQueueCountsTheBytesOfTextQueued)
+// A parser thread that takes one buffer per permit of the gate.
+class GatedParserTest : public testing::Test
 {
+protected:
+    // Whatever fails, the thread must not stay at the gate.
+    ~GatedParserTest() override { gate.Open(); }
+
     test::RecordingEventBuilder builder;
     Sink sink;
     Gate gate;
-    ParserThread parser(
-        builder, sink.Callback(), [&gate] { return gate.Pass(); }, 50);
-    const struct OpenAtEnd
-    {
-        Gate& gate;
-        ~OpenAtEnd() { gate.Open(); }
-    } openAtEnd{gate};
+    ParserThread parser{builder, sink.Callback(), [this] { return gate.Pass(); }, 50};
+};
+
+TEST_F(GatedParserTest, TheQueueCountsTheBytesOfTextQueued)
+{
     parser.Start();
     parser.Enqueue(CompleteEvent(1));
     // The thread has taken the first buffer and waits at the gate.
@@ -172,19 +175,8 @@ TEST(ParserThreadTest, TheQueueCountsTheBytesOfTextQueued)
     parser.Stop();
 }
 
-TEST(ParserThreadTest, BurstDisablesQueueingUntilDrainedBelowHalf)
+TEST_F(GatedParserTest, BurstDisablesQueueingUntilDrainedBelowHalf)
 {
-    test::RecordingEventBuilder builder;
-    Sink sink;
-    Gate gate;
-    ParserThread parser(
-        builder, sink.Callback(), [&gate] { return gate.Pass(); }, 50);
-    // Whatever fails below, the thread must not stay at the gate.
-    const struct OpenAtEnd
-    {
-        Gate& gate;
-        ~OpenAtEnd() { gate.Open(); }
-    } openAtEnd{gate};
     parser.SetQueueSize(0); // 100 MiB
     const uint64_t maximum = parser.MaxQueueBytes();
     parser.Start();
