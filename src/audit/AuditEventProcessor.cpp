@@ -1,6 +1,7 @@
 #include "audit/AuditEventProcessor.h"
 
 #include "audit/AuditTables.h"
+#include "audit/Event.h"
 #include "common/Logging.h"
 
 #include <algorithm>
@@ -166,7 +167,12 @@ bool AuditEventProcessor::ShouldProcessEvent(const edr::Event& event)
     const auto isOurs = [&](const ProcessInfo& process)
     { return process.GetPid() == m_ownPid || IsOutpostTool(process.GetImage()); };
     const auto& tree = GetProcessTree();
-    if (pid == m_ownPid || (tree && tree->AnyInLineage(pid, isOurs)))
+    // The actor the tree named for this event; for an exit it is already
+    // marked terminated in the tree.
+    const auto* auditEvent = dynamic_cast<const internal::Event*>(&event);
+    const internal::Event::ProcessPtr actor = auditEvent != nullptr ? auditEvent->GetActorProcess() : nullptr;
+    if (pid == m_ownPid ||
+        (tree && (actor ? tree->AnyInLineage(*actor, isOurs) : tree->AnyInLineage(pid, isOurs))))
     {
         EDR_LOG_DEBUG("AuditRuleEngine::ShouldProcessEvent: Dropping Corvid generated event with ID: "
                       << EventIdOf(event));

@@ -386,13 +386,22 @@ const ProcessInfo* ProcessTree::ParentInLineage(const ProcessInfo& child)
     return parent->info.get();
 }
 
-bool ProcessTree::AnyInLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& match)
+bool ProcessTree::AnyInLineage(pid_t pid, const Match& match)
 {
     std::lock_guard lock(m_mutex);
-    // An exit event's process is already marked terminated; it is still the
-    // one that exits.
-    const auto it = m_processes.find(pid);
-    const ProcessInfo* current = it != m_processes.end() ? it->second.info.get() : nullptr;
+    const Entry* entry = FindLive(pid);
+    return entry != nullptr && WalkLineage(*entry->info, match);
+}
+
+bool ProcessTree::AnyInLineage(const ProcessInfo& process, const Match& match)
+{
+    std::lock_guard lock(m_mutex);
+    return WalkLineage(process, match);
+}
+
+bool ProcessTree::WalkLineage(const ProcessInfo& process, const Match& match)
+{
+    const ProcessInfo* current = &process;
     for (int depth = 0; current != nullptr && depth < kMaxLineageDepth; ++depth)
     {
         if (match(*current))

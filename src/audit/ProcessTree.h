@@ -73,10 +73,12 @@ public:
     std::vector<ProcessPtr> GetAncestors(pid_t pid);
 
     // Whether the process or one of its ancestors satisfies the predicate;
-    // same walk as GetAncestors, without building the list, but starting
-    // also from a process marked terminated (the one whose exit is being
-    // processed).
-    bool AnyInLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& match);
+    // same walk as GetAncestors, without building the list. The second form
+    // starts from a process record (an event's actor, which may be marked
+    // terminated already when the event is its exit).
+    using Match = std::function<bool(const ProcessInfo&)>;
+    bool AnyInLineage(pid_t pid, const Match& match);
+    bool AnyInLineage(const ProcessInfo& process, const Match& match);
 
     // Marks vanished and pid-reused entries terminated, then removes the
     // terminated entries that no live entry names as parent (the chain of a
@@ -107,6 +109,7 @@ private:
     Entry* FindLive(pid_t pid);
     void AttachActor(edr::Event& event, pid_t pid);
     const ProcessInfo* ParentInLineage(const ProcessInfo& child);
+    bool WalkLineage(const ProcessInfo& process, const Match& match);
     void AddRunning(const edr::Event& event);
     void CacheClone(std::unique_ptr<edr::Event> clone, pid_t child);
     void AnnounceContainer(Entry& entry, Events& pseudoEvents);
