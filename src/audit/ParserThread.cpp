@@ -17,6 +17,8 @@ namespace
 constexpr uint64_t kSmallBudgetKb = 20'480'000;
 constexpr uint64_t kLargeBudgetKb = 209'715'400;
 constexpr uint64_t kSmallestQueueBytes = 100ull * 1024 * 1024;
+// Spare capacity a queued buffer may keep before it is trimmed to its text.
+constexpr size_t kSlackBytes = 4096;
 
 } // namespace
 
@@ -82,7 +84,11 @@ void ParserThread::Enqueue(std::vector<uint8_t> buffer)
     {
         return;
     }
-    const uint64_t cost = Cost(buffer);
+    if (buffer.capacity() > 2 * buffer.size() + kSlackBytes)
+    {
+        buffer.shrink_to_fit();
+    }
+    const uint64_t cost = buffer.size();
     {
         std::lock_guard lock(m_mutex);
         if (m_queueingDisabled)
@@ -177,7 +183,7 @@ void ParserThread::ProcessLoop(AuparseFeed& feed)
             }
             buffer = std::move(m_queue.front());
             m_queue.pop_front();
-            m_queuedBytes.fetch_sub(Cost(buffer), std::memory_order_relaxed);
+            m_queuedBytes.fetch_sub(buffer.size(), std::memory_order_relaxed);
         }
         try
         {
