@@ -1,0 +1,146 @@
+#include "ioc/Config.h"
+
+#include "common/Logging.h"
+#include "common/util/Json.h"
+
+#include <rapidjson/document.h>
+
+#include <stdexcept>
+
+namespace vantor::ioc::Ioc
+{
+
+namespace
+{
+
+uint64_t GetUnsigned(const rapidjson::Value& json, const char* key)
+{
+    const auto it = json.FindMember(key);
+    return it != json.MemberEnd() && it->value.IsUint64() ? it->value.GetUint64() : 0;
+}
+
+std::vector<Config::Manifest> GetManifestList(const rapidjson::Value& json)
+{
+    std::vector<Config::Manifest> manifests;
+    const auto it = json.FindMember("manifests");
+    if (it == json.MemberEnd())
+    {
+        return manifests;
+    }
+    if (!it->value.IsArray())
+    {
+        EDR_LOG_ERROR("Ioc::Config: 'manifests' is not an array; no manifest is configured");
+        return manifests;
+    }
+    for (const auto& entry : it->value.GetArray())
+    {
+        const auto path = entry.IsObject() ? entry.FindMember("manifest_path") : entry.MemberEnd();
+        if (!entry.IsObject() || path == entry.MemberEnd() || !path->value.IsString())
+        {
+            EDR_LOG_ERROR("Ioc::Config: Ignoring a 'manifests' entry without a 'manifest_path' string");
+            continue;
+        }
+        manifests.push_back({std::string(path->value.GetString(), path->value.GetStringLength()),
+                             std::string(util::GetString(entry, "manifest_type"))});
+    }
+    return manifests;
+}
+
+} // namespace
+
+Config::Config(std::string_view json)
+{
+    if (!Read(json, m_values))
+    {
+        throw std::invalid_argument("Ioc::Config: Invalid json");
+    }
+}
+
+bool Config::Update(std::string_view json)
+{
+    Values values;
+    if (!Read(json, values))
+    {
+        EDR_LOG_ERROR("Ioc::Config::Update: Invalid json");
+        return false;
+    }
+    std::lock_guard lock(m_mutex);
+    m_values = std::move(values);
+    return true;
+}
+
+bool Config::Read(std::string_view text, Values& values)
+{
+    rapidjson::Document json;
+    if (!util::ParseJson(json, text) || !json.IsObject())
+    {
+        return false;
+    }
+    values.eventFileName = util::GetString(json, "event_file_name");
+    values.eventFilePath = util::GetString(json, "event_file_path");
+    values.maxDiskSizeMb = GetUnsigned(json, "max_disk_size_mb");
+    values.maxFileAgeSec = GetUnsigned(json, "max_file_age_sec");
+    values.maxFileSizeKb = GetUnsigned(json, "max_file_size_kb");
+    values.serviceUrl = util::GetString(json, "service_url");
+    values.uploadInterval = GetUnsigned(json, "upload_interval");
+    const auto quarantined = json.FindMember("host_quarantined");
+    values.hostQuarantined = quarantined != json.MemberEnd() && quarantined->value.IsTrue();
+    values.manifests = GetManifestList(json);
+    return true;
+}
+
+std::string Config::EventFileName() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.eventFileName;
+}
+
+std::string Config::EventFilePath() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.eventFilePath;
+}
+
+uint64_t Config::MaxDiskSizeMb() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.maxDiskSizeMb;
+}
+
+uint64_t Config::MaxFileAgeSec() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.maxFileAgeSec;
+}
+
+uint64_t Config::MaxFileSizeKb() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.maxFileSizeKb;
+}
+
+std::string Config::ServiceUrl() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.serviceUrl;
+}
+
+uint64_t Config::UploadInterval() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.uploadInterval;
+}
+
+bool Config::HostQuarantined() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.hostQuarantined;
+}
+
+std::vector<Config::Manifest> Config::GetManifests() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.manifests;
+}
+
+} // namespace vantor::ioc::Ioc

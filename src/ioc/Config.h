@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vantor::ioc::Ioc
+{
+
+// The IOC settings ("ioc_config"). Read by the component and its spool on
+// their own threads while a later "config" command updates them, so every
+// accessor takes the lock and answers a copy.
+//
+// A key that is missing or of another type takes its default: the texts
+// empty (the component then chooses its own spool name and place), the
+// numbers 0 (the spool then takes its own defaults), "host_quarantined"
+// false (true only for the literal true), "manifests" empty. A "manifests"
+// entry without a string "manifest_path" is logged and left out.
+class Config
+{
+public:
+    struct Manifest
+    {
+        std::string path;
+        std::string type;
+
+        bool operator==(const Manifest&) const = default;
+    };
+
+    // Throws std::invalid_argument "Ioc::Config: Invalid json" when the text
+    // is not a JSON object.
+    explicit Config(std::string_view json);
+
+    // Takes the values of a new text. Logs "Ioc::Config::Update: Invalid
+    // json" and answers false when the text is not a JSON object; the
+    // previous values then stay.
+    bool Update(std::string_view json);
+
+    std::string EventFileName() const;
+    std::string EventFilePath() const;
+    uint64_t MaxDiskSizeMb() const;
+    uint64_t MaxFileAgeSec() const;
+    uint64_t MaxFileSizeKb() const;
+    std::string ServiceUrl() const;
+    uint64_t UploadInterval() const;
+    bool HostQuarantined() const;
+    // A copy of the configured list, in its order.
+    std::vector<Manifest> GetManifests() const;
+
+private:
+    struct Values
+    {
+        std::string eventFileName;
+        std::string eventFilePath;
+        uint64_t maxDiskSizeMb = 0;
+        uint64_t maxFileAgeSec = 0;
+        uint64_t maxFileSizeKb = 0;
+        std::string serviceUrl;
+        uint64_t uploadInterval = 0;
+        bool hostQuarantined = false;
+        std::vector<Manifest> manifests;
+    };
+
+    // False when the text is not a JSON object.
+    static bool Read(std::string_view json, Values& values);
+
+    mutable std::mutex m_mutex;
+    Values m_values;
+};
+
+} // namespace vantor::ioc::Ioc
