@@ -7,6 +7,7 @@
 #include "common/SpoolStorage.h"
 #include "common/SqlStorage.h"
 #include "edr/EventRuleEngine.h"
+#include "ioc/ClientInformation.h"
 #include "ioc/ConfigUpdateTask.h"
 #include "ioc/EventFields.h"
 #include "ioc/EventRuleManager.h"
@@ -262,10 +263,8 @@ void Component::ClearSnapshotLocked()
 
 void Component::WriteBootTime()
 {
-    internal::SnapshotSqlDataFormatter formatter;
-    const std::string name = internal::SnapshotSqlDataFormatter::kBootTime;
-    const auto result = m_snapshot->Write(internal::SnapshotSqlDataFormatter::kClientInformation,
-                                          {{name, formatter.FormatRecord(name, std::to_string(m_bootTime))}});
+    const auto result = internal::ClientInformation::Write(
+        *m_snapshot, internal::SnapshotSqlDataFormatter::kBootTime, std::to_string(m_bootTime));
     if (!result.success)
     {
         EDR_LOG_ERROR("Ioc::Component: Failed to write the boot time: " << result.error);

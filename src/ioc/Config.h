@@ -38,16 +38,16 @@ public:
     // previous values then stay.
     bool Update(std::string_view json);
 
-    std::string EventFileName() const;
-    std::string EventFilePath() const;
-    uint64_t MaxDiskSizeMb() const;
-    uint64_t MaxFileAgeSec() const;
-    uint64_t MaxFileSizeKb() const;
-    std::string ServiceUrl() const;
-    uint64_t UploadInterval() const;
-    bool HostQuarantined() const;
+    std::string EventFileName() const { return Get(&Values::eventFileName); }
+    std::string EventFilePath() const { return Get(&Values::eventFilePath); }
+    uint64_t MaxDiskSizeMb() const { return Get(&Values::maxDiskSizeMb); }
+    uint64_t MaxFileAgeSec() const { return Get(&Values::maxFileAgeSec); }
+    uint64_t MaxFileSizeKb() const { return Get(&Values::maxFileSizeKb); }
+    std::string ServiceUrl() const { return Get(&Values::serviceUrl); }
+    uint64_t UploadInterval() const { return Get(&Values::uploadInterval); }
+    bool HostQuarantined() const { return Get(&Values::hostQuarantined); }
     // A copy of the configured list, in its order.
-    std::vector<Manifest> GetManifests() const;
+    std::vector<Manifest> GetManifests() const { return Get(&Values::manifests); }
 
 private:
     struct Values
@@ -65,6 +65,13 @@ private:
 
     // False when the text is not a JSON object.
     static bool Read(std::string_view json, Values& values);
+
+    template <typename T>
+    T Get(T Values::*member) const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_values.*member;
+    }
 
     mutable std::mutex m_mutex;
     Values m_values;

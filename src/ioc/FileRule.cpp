@@ -14,11 +14,6 @@ namespace
 
 using edr::EventType;
 
-constexpr auto A(EventType type)
-{
-    return static_cast<edr::EventRule::Action>(type);
-}
-
 std::string ReadPath(const rapidjson::Value& json, const std::string& id)
 {
     const auto it = json.FindMember("path");
@@ -47,13 +42,13 @@ FileRule::FileRule(const rapidjson::Value& json, uint64_t maxFileSizeToProcess)
     , m_directory(GetRuleType() == "Directory")
 {
     static const ActionWords kFileWords{
-        {"create", {A(EventType::Create)}},       {"delete", {A(EventType::Delete)}},
-        {"rename", {A(EventType::Rename)}},       {"write", {A(EventType::Write)}},
-        {"attribute", {A(EventType::Attribute)}}, {"read", {A(EventType::Read)}}};
-    static const ActionWords kDirectoryWords{{"directoryCreate", {A(EventType::Create)}},
-                                             {"directoryDelete", {A(EventType::Delete)}},
-                                             {"directoryRename", {A(EventType::Rename)}},
-                                             {"directoryAttribute", {A(EventType::Attribute)}}};
+        {"create", {ActionOf(EventType::Create)}},       {"delete", {ActionOf(EventType::Delete)}},
+        {"rename", {ActionOf(EventType::Rename)}},       {"write", {ActionOf(EventType::Write)}},
+        {"attribute", {ActionOf(EventType::Attribute)}}, {"read", {ActionOf(EventType::Read)}}};
+    static const ActionWords kDirectoryWords{{"directoryCreate", {ActionOf(EventType::Create)}},
+                                             {"directoryDelete", {ActionOf(EventType::Delete)}},
+                                             {"directoryRename", {ActionOf(EventType::Rename)}},
+                                             {"directoryAttribute", {ActionOf(EventType::Attribute)}}};
     EDR_LOG_DEBUG("Parsing File Rule");
     m_path = ReadPath(json, GetId());
     std::vector<std::pair<const ActionWords*, ActionSet*>> tables{{&kFileWords, &m_fileActions}};

@@ -11,11 +11,6 @@ namespace
 
 using edr::EventType;
 
-constexpr auto A(EventType type)
-{
-    return static_cast<edr::EventRule::Action>(type);
-}
-
 [[noreturn]] void NotDefined()
 {
     throw EventRuleException("Function not defined for network rule");
@@ -26,9 +21,10 @@ constexpr auto A(EventType type)
 NetworkRule::NetworkRule(const rapidjson::Value& json)
     : Rule(json, "Network")
 {
-    static const ActionWords kWords{{"establish", {A(EventType::Connect), A(EventType::Accept)}},
-                                    {"listen", {A(EventType::Bind)}},
-                                    {"close", {}}};
+    static const ActionWords kWords{
+        {"establish", {ActionOf(EventType::Connect), ActionOf(EventType::Accept)}},
+        {"listen", {ActionOf(EventType::Bind)}},
+        {"close", {}}};
     EDR_LOG_DEBUG("Parsing Network Rule");
     EDR_LOG_DEBUG("Reading notify actions for Network rule");
     ReadNotify(json, {{&kWords, &m_actions}}, "Invalid network action in notify");

@@ -11,11 +11,6 @@ namespace
 
 using edr::EventType;
 
-constexpr auto A(EventType type)
-{
-    return static_cast<edr::EventRule::Action>(type);
-}
-
 [[noreturn]] void NotDefined()
 {
     throw EventRuleException("Function not defined for neither process rule");
@@ -26,10 +21,10 @@ constexpr auto A(EventType type)
 ProcessRule::ProcessRule(const rapidjson::Value& json)
     : Rule(json, "Process")
 {
-    static const ActionWords kWords{{"start", {A(EventType::Running)}},
-                                    {"fork", {A(EventType::Clone)}},
-                                    {"exit", {A(EventType::Exit)}},
-                                    {"abnormalEnd", {A(EventType::AbnormalEnd)}}};
+    static const ActionWords kWords{{"start", {ActionOf(EventType::Running)}},
+                                    {"fork", {ActionOf(EventType::Clone)}},
+                                    {"exit", {ActionOf(EventType::Exit)}},
+                                    {"abnormalEnd", {ActionOf(EventType::AbnormalEnd)}}};
     EDR_LOG_DEBUG("Parsing Process rule");
     EDR_LOG_DEBUG("Reading notify actions for Process rule");
     ReadNotify(json, {{&kWords, &m_actions}}, "Invalid process action in notify");
@@ -47,7 +42,7 @@ ProcessRule::ProcessRule(const std::string& id, ActionSet actions)
 void ProcessRule::SetKernelActions()
 {
     m_kernelActions = m_actions;
-    m_kernelActions.erase(A(EventType::AbnormalEnd));
+    m_kernelActions.erase(ActionOf(EventType::AbnormalEnd));
 }
 
 std::shared_ptr<ProcessRule> ProcessRule::Merge(const std::string& id,

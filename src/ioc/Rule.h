@@ -91,9 +91,10 @@ protected:
     // The "ruleType" word of a rule object; empty when there is none.
     static std::string RuleTypeOf(const rapidjson::Value& json);
 
+    static constexpr Action ActionOf(edr::EventType type) { return static_cast<Action>(type); }
     static bool HasAction(const ActionSet& actions, edr::EventType type)
     {
-        return actions.count(static_cast<Action>(type)) != 0;
+        return actions.count(ActionOf(type)) != 0;
     }
 
 private:

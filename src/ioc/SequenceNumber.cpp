@@ -1,8 +1,8 @@
 #include "ioc/SequenceNumber.h"
 
 #include "common/Logging.h"
-#include "common/SqlRowIterator.h"
 #include "common/SqlStorage.h"
+#include "ioc/ClientInformation.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 
 #include <charconv>
@@ -17,25 +17,6 @@ namespace
 
 using Formatter = SnapshotSqlDataFormatter;
 
-// The stored text; empty when the row is missing. Throws when it cannot be
-// read.
-std::optional<std::string> ReadRow(common::SqlStorage& snapshot)
-{
-    const auto result = snapshot.Read(Formatter::kClientInformation, Formatter::kSequenceNumber);
-    if (!result.success)
-    {
-        throw std::runtime_error(result.error);
-    }
-    if (result.rows.empty())
-    {
-        return std::nullopt;
-    }
-    common::SqlRowIterator rows(
-        {common::SqlRowIterator::ColumnType::Text, common::SqlRowIterator::ColumnType::Text});
-    rows.Add(result.rows.front());
-    return std::get<std::string>(rows.Next().at(1));
-}
-
 } // namespace
 
 SequenceNumber::SequenceNumber(common::SqlStorage& snapshot)
@@ -44,7 +25,7 @@ SequenceNumber::SequenceNumber(common::SqlStorage& snapshot)
     std::optional<std::string> text;
     try
     {
-        text = ReadRow(m_snapshot);
+        text = ClientInformation::Read(m_snapshot, Formatter::kSequenceNumber);
     }
     catch (const std::exception& e)
     {

@@ -2,12 +2,14 @@
 // sequence number, enabling and disabling through configuration updates,
 // kernel rules and handlers under the IOC tag, and what bad input leaves.
 
+#include "ioc/ClientInformation.h"
 #include "ioc/Component.h"
 #include "ioc/Config.h"
 #include "ioc/EventRuleManager.h"
 #include "ioc/SequenceNumber.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "tests/src/ioc/IocTestEvent.h"
+#include "tests/src/ioc/IocTestJson.h"
 #include "tests/src/ioc/RecordingRuleEngine.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -16,7 +18,6 @@
 #include "common/HttpUploader.h"
 #include "common/Logging.h"
 #include "common/Scheduler.h"
-#include "common/SqlRowIterator.h"
 #include "common/SqlStorage.h"
 #include "common/util/Json.h"
 
@@ -30,6 +31,7 @@
 #include <thread>
 
 using namespace vantor;
+using ioc::test::Json;
 using namespace std::chrono_literals;
 using ioc::internal::SnapshotSqlDataFormatter;
 using testing::ElementsAre;
@@ -40,13 +42,6 @@ namespace
 {
 
 constexpr uint64_t kBootTime = 1700000000;
-
-rapidjson::Document Json(const std::string& text)
-{
-    rapidjson::Document document;
-    EXPECT_TRUE(util::ParseJson(document, text)) << text;
-    return document;
-}
 
 const std::string kManifest = R"({"policyVersion": "2.0.0", "policyId": "p", "productId": "q",
     "globalSettings": {"gateway_url": "https://gw"}, "rules": [
@@ -138,31 +133,21 @@ protected:
     // connection of the test's own.
     std::optional<std::string> SnapshotRow(const std::string& name)
     {
-        common::SqlStorage storage(m_snapshotDir, ioc::Component::kSnapshotDbName,
-                                   std::make_unique<SnapshotSqlDataFormatter>(), false);
-        const auto result = storage.Read(SnapshotSqlDataFormatter::kClientInformation, name);
-        EXPECT_TRUE(result.success) << result.error;
-        if (result.rows.empty())
-        {
-            return std::nullopt;
-        }
-        common::SqlRowIterator rows(
-            {common::SqlRowIterator::ColumnType::Text, common::SqlRowIterator::ColumnType::Text});
-        rows.Add(result.rows.front());
-        return std::get<std::string>(rows.Next().at(1));
+        return ioc::internal::ClientInformation::Read(*OpenSnapshot(), name);
     }
 
     void StoreSequenceNumber(const std::string& value)
     {
         std::filesystem::create_directories(m_snapshotDir);
-        common::SqlStorage storage(m_snapshotDir, ioc::Component::kSnapshotDbName,
-                                   std::make_unique<SnapshotSqlDataFormatter>(), false);
-        SnapshotSqlDataFormatter formatter;
-        const std::string name = SnapshotSqlDataFormatter::kSequenceNumber;
-        ASSERT_TRUE(storage
-                        .Write(SnapshotSqlDataFormatter::kClientInformation,
-                               {{name, formatter.FormatRecord(name, value)}})
+        ASSERT_TRUE(ioc::internal::ClientInformation::Write(*OpenSnapshot(),
+                                                            SnapshotSqlDataFormatter::kSequenceNumber, value)
                         .success);
+    }
+
+    std::unique_ptr<common::SqlStorage> OpenSnapshot() const
+    {
+        return std::make_unique<common::SqlStorage>(m_snapshotDir, ioc::Component::kSnapshotDbName,
+                                                    std::make_unique<SnapshotSqlDataFormatter>(), false);
     }
 
     test::TempDir m_dir;
@@ -203,9 +188,8 @@ TEST_F(IocComponentTest, TheSequenceNumberStartsAtZeroAndGoesOnAfterARestart)
     }
     EXPECT_EQ(SnapshotRow(SnapshotSqlDataFormatter::kSequenceNumber), "0") << "the row is written at once";
     {
-        common::SqlStorage storage(m_snapshotDir, ioc::Component::kSnapshotDbName,
-                                   std::make_unique<SnapshotSqlDataFormatter>(), false);
-        ioc::internal::SequenceNumber number(storage);
+        const auto storage = OpenSnapshot();
+        ioc::internal::SequenceNumber number(*storage);
         EXPECT_EQ(number.Next(), 1u);
         EXPECT_EQ(number.Next(), 2u);
     }

@@ -8,6 +8,7 @@
 #include "ioc/ProcessRule.h"
 #include "ioc/WhitelistGlobalRule.h"
 #include "tests/src/ioc/IocTestEvent.h"
+#include "tests/src/ioc/IocTestJson.h"
 #include "tests/support/LogCapture.h"
 
 #include "common/Logging.h"
@@ -28,18 +29,12 @@ using ioc::internal::ProcessRule;
 using ioc::internal::WhitelistGlobalRule;
 using ioc::test::FileEvent;
 using ioc::test::IocTestEvent;
+using ioc::test::Json;
 using ioc::test::NetworkEvent;
 using ioc::test::ProcessEvent;
 
 namespace
 {
-
-rapidjson::Document Json(const std::string& text)
-{
-    rapidjson::Document document;
-    EXPECT_TRUE(util::ParseJson(document, text)) << text;
-    return document;
-}
 
 FileRule Directory(const std::string& members, uint64_t maxSize = 1024)
 {

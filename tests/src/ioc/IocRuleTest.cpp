@@ -6,6 +6,7 @@
 #include "ioc/NetworkRule.h"
 #include "ioc/ProcessRule.h"
 #include "ioc/WhitelistGlobalRule.h"
+#include "tests/src/ioc/IocTestJson.h"
 #include "tests/support/ExpectThrowText.h"
 #include "tests/support/LogCapture.h"
 
@@ -25,19 +26,13 @@ using ioc::internal::NetworkRule;
 using ioc::internal::ProcessRule;
 using ioc::internal::Rule;
 using ioc::internal::WhitelistGlobalRule;
+using ioc::test::Json;
 using testing::ElementsAre;
 
 namespace
 {
 
 constexpr uint64_t kMaxSize = 1024;
-
-rapidjson::Document Json(const std::string& text)
-{
-    rapidjson::Document document;
-    EXPECT_TRUE(util::ParseJson(document, text)) << text;
-    return document;
-}
 
 // A rule object of the type with the given members after "ruleId".
 std::string RuleText(const std::string& type, const std::string& members)
