@@ -3,8 +3,6 @@
 #include "common/Logging.h"
 #include "common/util/Json.h"
 
-#include <rapidjson/document.h>
-
 #include <stdexcept>
 
 namespace vantor::ioc::Ioc
@@ -56,6 +54,14 @@ Config::Config(std::string_view json)
     }
 }
 
+Config::Config(const rapidjson::Value& json)
+{
+    if (!Read(json, m_values))
+    {
+        throw std::invalid_argument("Ioc::Config: Invalid json");
+    }
+}
+
 bool Config::Update(std::string_view json)
 {
     Values values;
@@ -72,7 +78,12 @@ bool Config::Update(std::string_view json)
 bool Config::Read(std::string_view text, Values& values)
 {
     rapidjson::Document json;
-    if (!util::ParseJson(json, text) || !json.IsObject())
+    return util::ParseJson(json, text) && Read(json, values);
+}
+
+bool Config::Read(const rapidjson::Value& json, Values& values)
+{
+    if (!json.IsObject())
     {
         return false;
     }

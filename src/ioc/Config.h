@@ -1,5 +1,7 @@
 #pragma once
 
+#include <rapidjson/document.h>
+
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -32,6 +34,8 @@ public:
     // Throws std::invalid_argument "Ioc::Config: Invalid json" when the text
     // is not a JSON object.
     explicit Config(std::string_view json);
+    // The same from a parsed value (the daemon's "ioc_config" section).
+    explicit Config(const rapidjson::Value& json);
 
     // Takes the values of a new text. Logs "Ioc::Config::Update: Invalid
     // json" and answers false when the text is not a JSON object; the
@@ -63,8 +67,9 @@ private:
         std::vector<Manifest> manifests;
     };
 
-    // False when the text is not a JSON object.
+    // False when the text or value is not a JSON object.
     static bool Read(std::string_view json, Values& values);
+    static bool Read(const rapidjson::Value& json, Values& values);
 
     template <typename T>
     T Get(T Values::*member) const

@@ -23,6 +23,9 @@ namespace vantor::ioc::internal
 //   {"objectType": "time",          "startTime": "08:00:00", "endTime": "18:00:00"} (UTC)
 //   {"objectType": "network", ...}  see NetworkCriteria
 //
+// A filter whose question the event cannot answer (an event without a user
+// name, a process event against a file filter) does not match.
+//
 // Immutable after parsing; matching is safe from any thread.
 class FilterGroup
 {

@@ -19,9 +19,6 @@
 
 #include <Poco/Exception.h>
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -73,14 +70,6 @@ bool ReadOutpost(const rapidjson::Value& root, int32_t& pid, std::string& path)
     pid = value >= INT32_MIN && value <= INT32_MAX ? static_cast<int32_t>(value) : 0;
     path.assign(pathIt->value.GetString(), pathIt->value.GetStringLength());
     return true;
-}
-
-std::string ToText(const rapidjson::Value& value)
-{
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    value.Accept(writer);
-    return {buffer.GetString(), buffer.GetSize()};
 }
 } // namespace
 
@@ -267,7 +256,7 @@ bool Daemon::Initialize()
     {
         m_commonConfig = std::make_unique<CommonConfig>(root["common_config"]);
         m_fimConfig = std::make_unique<fim::Config>(root["fim_config"]);
-        m_iocConfig = std::make_unique<ioc::Ioc::Config>(ToText(root["ioc_config"]));
+        m_iocConfig = std::make_unique<ioc::Ioc::Config>(root["ioc_config"]);
         m_edrConfig = std::make_unique<EDR::Config>(root["edr_config"]);
         if (m_edrConfig->UseDispatcher())
         {
@@ -355,11 +344,10 @@ void Daemon::BuildUploadersAndComponents()
     m_iocUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
     try
     {
-        m_ioc = std::make_unique<ioc::Component>(m_processTree->GetBootTime(), std::move(m_iocConfig), m_magic,
-                                                 *m_scheduler, m_iocUploader, *m_ruleEngine,
-                                                 m_edrConfig->CpuLimit(), m_edrConfig->MemoryLimit(),
-                                                 ioc::Component::BlackoutCheck{},
-                                                 m_commonConfig->AgentInstallPath());
+        m_ioc = std::make_unique<ioc::Component>(
+            m_processTree->GetBootTime(), std::move(m_iocConfig), m_magic, *m_scheduler, m_iocUploader,
+            *m_ruleEngine, m_edrConfig->CpuLimit(), m_edrConfig->MemoryLimit(),
+            ioc::Component::BlackoutCheck{}, m_commonConfig->AgentInstallPath());
     }
     catch (const std::exception& e)
     {

@@ -84,10 +84,13 @@ TEST(IocConfigTest, ReadsTheKeysWithDefaultsForMissingOrMistypedOnes)
 
     for (const char* bad : {"[]", "", "nonsense", "{} {}"})
     {
-        EXPECT_THAT([&] { ioc::Ioc::Config invalid(bad); },
+        EXPECT_THAT([&] { ioc::Ioc::Config invalid{std::string_view(bad)}; },
                     ThrowsMessage<std::invalid_argument>(StrEq("Ioc::Config: Invalid json")))
             << bad;
     }
+    EXPECT_THAT([&] { ioc::Ioc::Config invalid(Json("[1]")); },
+                ThrowsMessage<std::invalid_argument>(StrEq("Ioc::Config: Invalid json")));
+    EXPECT_EQ(ioc::Ioc::Config(Json(R"({"upload_interval": 7})")).UploadInterval(), 7u);
 }
 
 class IocComponentTest : public testing::Test
