@@ -32,13 +32,12 @@ std::vector<Config::Manifest> GetManifestList(const rapidjson::Value& json)
     }
     for (const auto& entry : it->value.GetArray())
     {
-        const auto path = entry.IsObject() ? entry.FindMember("manifest_path") : entry.MemberEnd();
-        if (!entry.IsObject() || path == entry.MemberEnd() || !path->value.IsString())
+        if (!entry.IsObject() || !entry.HasMember("manifest_path") || !entry["manifest_path"].IsString())
         {
             EDR_LOG_ERROR("Ioc::Config: Ignoring a 'manifests' entry without a 'manifest_path' string");
             continue;
         }
-        manifests.push_back({std::string(path->value.GetString(), path->value.GetStringLength()),
+        manifests.push_back({std::string(util::GetString(entry, "manifest_path")),
                              std::string(util::GetString(entry, "manifest_type"))});
     }
     return manifests;

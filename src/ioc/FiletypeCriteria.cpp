@@ -15,12 +15,11 @@ FiletypeCriteria::FiletypeCriteria(const rapidjson::Value& filter, uint64_t maxF
     : m_maxFileSizeToProcess(maxFileSizeToProcess)
 {
     EDR_LOG_TRACE("Setting FileType Filters");
-    const auto patterns = filter.IsObject() ? filter.FindMember("patterns") : filter.MemberEnd();
-    if (!filter.IsObject() || patterns == filter.MemberEnd() || !patterns->value.IsArray())
+    if (!filter.IsObject() || !filter.HasMember("patterns") || !filter["patterns"].IsArray())
     {
         throw EventRuleException("Failed to parse file type filters");
     }
-    for (const auto& pattern : patterns->value.GetArray())
+    for (const auto& pattern : filter["patterns"].GetArray())
     {
         if (!pattern.IsString())
         {

@@ -64,12 +64,11 @@ FilterGroup FilterGroup::Parse(const rapidjson::Value& group)
 
 std::shared_ptr<const edr::FilterCriteria> FilterGroup::ParseFilter(const rapidjson::Value& filter)
 {
-    const auto type = filter.IsObject() ? filter.FindMember("objectType") : filter.MemberEnd();
-    if (!filter.IsObject() || type == filter.MemberEnd() || !type->value.IsString())
+    if (!filter.IsObject() || !filter.HasMember("objectType") || !filter["objectType"].IsString())
     {
         throw EventRuleException("Missing or invalid object type in filterType");
     }
-    const std::string objectType(type->value.GetString(), type->value.GetStringLength());
+    const std::string objectType(util::GetString(filter, "objectType"));
     if (objectType == "file")
     {
         return std::make_shared<FileCriteria>(Patterns(filter));

@@ -200,12 +200,11 @@ void Manifest::ReadRules(const rapidjson::Value& ruleList)
     for (const auto& json : ruleList.GetArray())
     {
         EDR_LOG_DEBUG("Parsing Rule: " << ToText(json));
-        const auto typeIt = json.IsObject() ? json.FindMember("ruleType") : json.MemberEnd();
-        if (!json.IsObject() || typeIt == json.MemberEnd() || !typeIt->value.IsString())
+        if (!json.IsObject() || !json.HasMember("ruleType") || !json["ruleType"].IsString())
         {
             throw ManifestException("Parsing failed. 'rule' section does not contain ruleType as string");
         }
-        const std::string type(typeIt->value.GetString(), typeIt->value.GetStringLength());
+        const std::string type(util::GetString(json, "ruleType"));
         try
         {
             if (type == "File" || type == "Directory")

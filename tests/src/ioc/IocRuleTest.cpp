@@ -292,10 +292,10 @@ TEST(IocRuleParseTest, EveryRuleRefusesWhatItsClassDoesNotOffer)
           {fileTypes, whitelist}}}};
     for (const auto& c : cases)
     {
-        for (const auto& [call, text] : c.refusals)
+        for (const auto& refusal : c.refusals)
         {
-            SCOPED_TRACE(c.rule->GetRuleType() + ": " + text);
-            test::ExpectThrowText<EventRuleException>([&] { call(*c.rule); }, text);
+            SCOPED_TRACE(c.rule->GetRuleType() + ": " + refusal.second);
+            test::ExpectThrowText<EventRuleException>([&] { refusal.first(*c.rule); }, refusal.second);
         }
     }
 }
