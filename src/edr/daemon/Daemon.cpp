@@ -14,6 +14,8 @@
 #include "edr/PseudoTerminateEvent.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
+#include "ioc/Component.h"
+#include "ioc/Config.h"
 
 #include <Poco/Exception.h>
 
@@ -254,7 +256,7 @@ bool Daemon::Initialize()
     {
         m_commonConfig = std::make_unique<CommonConfig>(root["common_config"]);
         m_fimConfig = std::make_unique<fim::Config>(root["fim_config"]);
-        m_iocConfig.CopyFrom(root["ioc_config"], m_iocConfig.GetAllocator());
+        m_iocConfig = std::make_unique<ioc::Ioc::Config>(root["ioc_config"]);
         m_edrConfig = std::make_unique<EDR::Config>(root["edr_config"]);
         if (m_edrConfig->UseDispatcher())
         {
@@ -337,6 +339,21 @@ void Daemon::BuildUploadersAndComponents()
     m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
     m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler,
                                              m_ruleEngine, m_commonConfig->AgentInstallPath());
+
+    // IOC has no blackout schedule of its own yet, like FIM: uploads never wait.
+    m_iocUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
+    try
+    {
+        m_ioc = std::make_unique<ioc::Component>(
+            m_processTree->GetBootTime(), std::move(m_iocConfig), m_magic, *m_scheduler, m_iocUploader,
+            *m_ruleEngine, m_edrConfig->CpuLimit(), m_edrConfig->MemoryLimit(),
+            ioc::Component::BlackoutCheck{}, m_commonConfig->AgentInstallPath());
+    }
+    catch (const std::exception& e)
+    {
+        // FIM and the health status go on without IOC.
+        EDR_LOG_ERROR("Failed to create the IOC component: " << e.what());
+    }
 }
 
 void Daemon::StartAuditCapture()
@@ -463,7 +480,10 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
         {
             m_fim->UpdateConfig(root["fim_config"]);
         }
-        m_iocConfig.CopyFrom(root["ioc_config"], m_iocConfig.GetAllocator());
+        if (m_ioc)
+        {
+            m_ioc->UpdateConfig(root["ioc_config"]);
+        }
         m_outpostPid = outpostPid;
         m_outpostPath = outpostPath;
         if (m_ruleEngine && !m_ruleEngine->RefreshOutpostExclusionRules(outpostPid, outpostPath))
@@ -494,6 +514,7 @@ void Daemon::ShutDown()
         m_agentChannel->Stop();
     }
     m_fim.reset();
+    m_ioc.reset();
     if (m_scheduler)
     {
         m_scheduler->Stop();
@@ -511,6 +532,7 @@ void Daemon::ShutDown()
         m_httpService->Stop();
     }
     m_fimUploader.reset();
+    m_iocUploader.reset();
     m_httpService.reset();
 }
 

@@ -35,6 +35,15 @@ class Component;
 class Config;
 } // namespace vantor::fim
 
+namespace vantor::ioc
+{
+class Component;
+namespace Ioc
+{
+class Config;
+}
+} // namespace vantor::ioc
+
 namespace vantor::edr
 {
 
@@ -101,7 +110,7 @@ private:
     std::unique_ptr<CommonConfig> m_commonConfig;
     std::unique_ptr<EDR::Config> m_edrConfig;
     std::unique_ptr<fim::Config> m_fimConfig;
-    rapidjson::Document m_iocConfig;
+    std::unique_ptr<ioc::Ioc::Config> m_iocConfig;
     std::shared_ptr<const common::HmacRequestSigner> m_requestSigner;
 
     std::unique_ptr<common::Scheduler> m_scheduler;
@@ -112,6 +121,8 @@ private:
     std::shared_ptr<common::HttpService> m_httpService;
     std::shared_ptr<common::HttpUploader> m_fimUploader;
     std::unique_ptr<fim::Component> m_fim;
+    std::shared_ptr<common::HttpUploader> m_iocUploader;
+    std::unique_ptr<ioc::Component> m_ioc;
     // Built with the configuration, handed to the capture pipeline at start.
     std::unique_ptr<common::IOChannel> m_auditChannel;
     std::unique_ptr<audit::CapturePipeline> m_capture;
