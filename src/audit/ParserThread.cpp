@@ -39,7 +39,7 @@ ParserThread::~ParserThread()
 void ParserThread::Start()
 {
     std::lock_guard startStop(m_startStopMutex);
-    if (m_future.valid())
+    if (m_thread.Joinable())
     {
         EDR_LOG_INFO("Audit Parser thread already running");
         return;
@@ -48,14 +48,14 @@ void ParserThread::Start()
         std::lock_guard lock(m_mutex);
         m_stop = false;
     }
-    m_future = std::async(std::launch::async, [this] { Run(); });
+    m_thread.Start([this] { Run(); });
     EDR_LOG_INFO("Started Audit Parser Thread");
 }
 
 void ParserThread::Stop()
 {
     std::lock_guard startStop(m_startStopMutex);
-    if (!m_future.valid())
+    if (!m_thread.Joinable())
     {
         return;
     }
@@ -65,8 +65,7 @@ void ParserThread::Stop()
         m_stop = true;
     }
     m_changed.notify_all();
-    m_future.wait();
-    m_future = std::future<void>();
+    m_thread.Join();
 
     std::lock_guard lock(m_mutex);
     if (!m_queue.empty())
@@ -152,7 +151,7 @@ bool ParserThread::IsQueueingDisabled() const
 
 bool ParserThread::IsRunning() const
 {
-    return m_future.valid();
+    return m_thread.Joinable();
 }
 
 void ParserThread::Run()

@@ -1,13 +1,13 @@
 #pragma once
 
 #include "audit/EventBuilder.h"
+#include "common/WorkerThread.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <future>
 #include <mutex>
 #include <vector>
 
@@ -82,7 +82,7 @@ private:
     std::condition_variable m_changed;
 
     std::mutex m_startStopMutex;
-    std::future<void> m_future;
+    common::WorkerThread m_thread{"ParserThread"};
 };
 
 } // namespace vantor::audit
