@@ -20,7 +20,7 @@ void Usage()
     std::cerr
         << "usage: corvid-test-receiver --output DIR [--port N] [--cert-dir DIR] [--hmac-key-file FILE]\n"
            "         [--customer-id ID] [--agent-id ID] [--fail N] [--fail-status S]\n"
-           "         [--stall N] [--stall-ms MS] [--drop-csrv N]\n";
+           "         [--stall N] [--stall-ms MS] [--drop-csrv N] [--request-log FILE]\n";
 }
 
 } // namespace
@@ -66,6 +66,8 @@ int main(int argc, char** argv)
                 stallMs = static_cast<unsigned>(std::stoul(value));
             else if (arg == "--drop-csrv")
                 drop = static_cast<unsigned>(std::stoul(value));
+            else if (arg == "--request-log")
+                options.requestLog = value;
             else
             {
                 Usage();
