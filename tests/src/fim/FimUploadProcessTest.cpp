@@ -63,17 +63,6 @@ pid_t Spawn(const std::vector<std::string>& argv, const std::string& output, int
     return pid;
 }
 
-// The exit status of a child of ours, or -1 when it still runs after timeout.
-int WaitFor(pid_t pid, std::chrono::milliseconds timeout)
-{
-    int status = 0;
-    if (!Eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout))
-    {
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 void Kill(pid_t pid)
 {
     if (pid > 0 && ::kill(pid, SIGKILL) == 0)
@@ -215,8 +204,12 @@ protected:
     {
         const std::string word = "exit\n";
         ASSERT_EQ(::write(m_agentInput, word.data(), word.size()), static_cast<ssize_t>(word.size()));
-        EXPECT_EQ(WaitFor(m_agent, 15s), 0) << ReadText(Dir("agent.out"));
+        // The agent ends with the daemon's exit status.
+        int status = 0;
+        ASSERT_TRUE(Eventually([&] { return ::waitpid(m_agent, &status, WNOHANG) == m_agent; }, 15s))
+            << ReadText(Dir("agent.out"));
         m_agent = -1;
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ReadText(Dir("agent.out"));
     }
 
     bool SpoolIsEmpty() const { return std::filesystem::is_empty(m_spoolFiles); }
