@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs the daemon's main job on built-in defaults and shows what it detected
 # and uploaded:
-#  - a local HTTPS upload receiver (certificate made now, HMAC checked),
+#  - a local HTTPS upload receiver (certificate made now, HMAC checked,
+#    uncompressed uploads refused, answers signed),
 #  - the stand-in host agent, which starts corvid-edr and hands it the default
 #    configuration pointed at this demo's directories,
 #  - the default FIM manifest pointed at a scratch directory,
@@ -33,12 +34,15 @@ head -c 32 /dev/urandom | od -An -tx1 | tr -d ' \n' > "$work/outpost/keys/edr_hm
 
 # 1. The upload receiver.
 "$build/corvid-test-receiver" --output "$work/received" --cert-dir "$work/certs" \
-  --hmac-key-file "$work/outpost/keys/edr_hmac.key" > "$work/receiver.out" 2>&1 &
+  --hmac-key-file "$work/outpost/keys/edr_hmac.key" --request-log "$work/requests.log" \
+  > "$work/receiver.out" 2>&1 &
 receiver_pid=$!
 for _ in $(seq 50); do grep -q '^ca:' "$work/receiver.out" 2>/dev/null && break; sleep 0.1; done
 url=$(sed -n 's/^url: //p' "$work/receiver.out")
 ca=$(sed -n 's/^ca: //p' "$work/receiver.out")
 [ -n "$url" ] || { echo "demo: the receiver did not start"; cat "$work/receiver.out"; exit 1; }
+# The daemon checks the receiver's answers with its public key.
+cp "$(sed -n 's/^public_key: //p' "$work/receiver.out")" "$work/outpost/keys/edr_response.pub"
 
 # 2. Configuration, logging and manifest, from the defaults.
 # Debug level: IOC logs each event it handles there.
@@ -100,6 +104,10 @@ sed 's/^/   /' "$work/agent.out"
 kill "$receiver_pid" 2>/dev/null || true
 wait "$receiver_pid" 2>/dev/null || true
 receiver_pid=""
+
+echo
+echo "== requests the receiver got"
+sed 's/^/   /' "$work/requests.log" 2>/dev/null || echo "   none"
 
 echo
 echo "== what the receiver got"

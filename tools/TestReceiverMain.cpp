@@ -20,7 +20,8 @@ void Usage()
     std::cerr
         << "usage: corvid-test-receiver --output DIR [--port N] [--cert-dir DIR] [--hmac-key-file FILE]\n"
            "         [--customer-id ID] [--agent-id ID] [--fail N] [--fail-status S]\n"
-           "         [--stall N] [--stall-ms MS] [--drop-csrv N]\n";
+           "         [--stall N] [--stall-ms MS] [--drop-csrv N] [--bad-signature N]\n"
+           "         [--request-log FILE]\n";
 }
 
 } // namespace
@@ -33,6 +34,7 @@ int main(int argc, char** argv)
     unsigned stall = 0;
     unsigned stallMs = 0;
     unsigned drop = 0;
+    unsigned badSignature = 0;
     for (int i = 1; i < argc; ++i)
     {
         const std::string arg = argv[i];
@@ -66,6 +68,10 @@ int main(int argc, char** argv)
                 stallMs = static_cast<unsigned>(std::stoul(value));
             else if (arg == "--drop-csrv")
                 drop = static_cast<unsigned>(std::stoul(value));
+            else if (arg == "--bad-signature")
+                badSignature = static_cast<unsigned>(std::stoul(value));
+            else if (arg == "--request-log")
+                options.requestLog = value;
             else
             {
                 Usage();
@@ -101,6 +107,7 @@ int main(int argc, char** argv)
         receiver.FailNext(fail, failStatus);
         receiver.StallNext(stall, std::chrono::milliseconds(stallMs));
         receiver.DropServerHeaderNext(drop);
+        receiver.BadSignatureNext(badSignature);
         receiver.Start();
         std::cout << "url: " << receiver.Url() << "\n"
                   << "ca: " << receiver.Certificate().certPath << "\n"

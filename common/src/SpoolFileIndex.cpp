@@ -198,6 +198,8 @@ void SpoolFileIndex::Cleanup(std::uint64_t maxDiskSize, bool freeOneName)
                                                  << " bytes) not yet uploaded");
         m_files.pop_front();
         m_diskUsage -= oldest.size;
+        ++m_droppedFiles;
+        m_droppedBytes += oldest.size;
     }
     EDR_LOG_DEBUG("SpoolStorage: Cleanup completed. [Disk usage: " << m_diskUsage << " / " << maxDiskSize
                                                                    << "]");

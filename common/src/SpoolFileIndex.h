@@ -51,9 +51,9 @@ public:
     void Add(std::uint32_t index, ino_t inode, std::uint64_t size);
 
     // Deletes the oldest files while the usage is over maxDiskSize (and, with
-    // freeOneName, while every name is taken). Throws SpoolStorageException
-    // "SpoolStorage::Cleanup: Failed to clean up spool files" when a file
-    // cannot be deleted.
+    // freeOneName, while every name is taken), counting them as dropped.
+    // Throws SpoolStorageException "SpoolStorage::Cleanup: Failed to clean
+    // up spool files" when a file cannot be deleted.
     void Cleanup(std::uint64_t maxDiskSize, bool freeOneName);
 
     // The oldest entry, or null.
@@ -77,6 +77,9 @@ public:
 
     std::vector<std::uint32_t> Indices() const;
     std::uint64_t DiskUsage() const { return m_diskUsage; }
+    // The files the clean-ups deleted before they were uploaded.
+    std::uint64_t DroppedFiles() const { return m_droppedFiles; }
+    std::uint64_t DroppedBytes() const { return m_droppedBytes; }
     const std::string& Directory() const { return m_directory; }
 
 private:
@@ -89,6 +92,8 @@ private:
     std::deque<Entry> m_files; // oldest first, indices ascending
     std::uint64_t m_diskUsage = 0;
     std::uint64_t m_nextId = 1;
+    std::uint64_t m_droppedFiles = 0;
+    std::uint64_t m_droppedBytes = 0;
 };
 
 } // namespace vantor::common::internal

@@ -120,7 +120,13 @@ SpoolStorage::~SpoolStorage()
     m_writes->FailAll();
     {
         std::lock_guard lock(m_mutex);
-        TryFlushDataCacheLocked();
+        if (!FlushDataCacheLocked())
+        {
+            EDR_LOG_ERROR("SpoolStorage: Dropping " << m_heldBytes << " bytes in " << m_held.size()
+                                                    << " files that the disk did not take for "
+                                                    << m_directory);
+            CountDropped(m_held.size(), m_heldBytes);
+        }
     }
     EDR_LOG_INFO("Destroying SpoolStorage for " << m_directory);
 }
@@ -179,14 +185,8 @@ SpoolStorage::WriteResult SpoolStorage::AddRecordLocked(const std::string& data)
     const std::uint64_t maxFileSize = m_maxFileSize.load(std::memory_order_relaxed);
     if (!m_cache->Empty() && m_cache->Size() + data.size() > maxFileSize)
     {
-        TryFlushDataCacheLocked();
-        if (!m_cache->Empty())
-        {
-            // The cache could not be written; it stays bounded by one file.
-            EDR_LOG_ERROR("SpoolStorage: Dropping " << m_cache->Size() << " bytes of cached data for "
-                                                    << m_directory);
-            m_cache->Reset();
-        }
+        // Leaves the cache empty: written, or held until the disk takes it.
+        FlushDataCacheLocked();
     }
     try
     {
@@ -199,7 +199,7 @@ SpoolStorage::WriteResult SpoolStorage::AddRecordLocked(const std::string& data)
     if (m_cache->Size() >= maxFileSize)
     {
         // A full cache goes to disk at once rather than with the next record.
-        TryFlushDataCacheLocked();
+        FlushDataCacheLocked();
     }
     return WriteResult{};
 }
@@ -211,72 +211,162 @@ void SpoolStorage::OnSyncTimer(std::chrono::steady_clock::time_point deadline)
     std::lock_guard lock(m_mutex);
     if (m_cache->SyncDue(deadline, MaxFileAge()))
     {
-        TryFlushDataCacheLocked();
+        FlushDataCacheLocked();
     }
 }
 
 bool SpoolStorage::FlushDataCache()
 {
     std::lock_guard lock(m_mutex);
-    try
-    {
-        FlushDataCacheLocked();
-        return true;
-    }
-    catch (const std::exception& e)
-    {
-        EDR_LOG_ERROR("SpoolStorage: Failed to flush cached data: " << e.what());
-        return false;
-    }
+    return FlushDataCacheLocked();
 }
 
-void SpoolStorage::TryFlushDataCacheLocked()
+bool SpoolStorage::FlushDataCacheLocked()
 {
-    try
+    // Held files are older than the cache: they go first, and while one is
+    // refused the cache joins them rather than overtake them.
+    const bool heldWritten = WriteHeldLocked();
+    bool serialized = true;
+    if (!m_cache->Empty())
     {
-        FlushDataCacheLocked();
-    }
-    catch (const std::exception& e)
-    {
-        EDR_LOG_ERROR("SpoolStorage: Failed to flush cached data: " << e.what());
-    }
-}
-
-void SpoolStorage::FlushDataCacheLocked()
-{
-    if (m_cache->Empty())
-    {
-        return;
-    }
-    const std::string& data = m_cache->Serialize();
-    if (data.empty())
-    {
+        const std::size_t size = m_cache->Size();
+        const std::string* data = nullptr;
+        try
+        {
+            data = &m_cache->Serialize();
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("SpoolStorage: Failed to flush cached data: " << e.what());
+            CountDropped(1, size);
+            serialized = false;
+        }
+        if (data != nullptr && !data->empty())
+        {
+            try
+            {
+                if (!heldWritten)
+                {
+                    throw SpoolStorageException("earlier files still wait for the disk");
+                }
+                WriteFileLocked(*data);
+            }
+            catch (const std::exception& e)
+            {
+                EDR_LOG_ERROR("SpoolStorage: Failed to flush cached data: "
+                              << e.what() << "; holding " << data->size() << " bytes in memory");
+                HoldLocked(*data);
+            }
+        }
         m_cache->Reset();
-        return;
     }
+    EnforceQuotaLocked();
+    return serialized && m_held.empty();
+}
+
+void SpoolStorage::WriteFileLocked(const std::string& data)
+{
     const std::uint32_t index = m_files->NextIndex(m_maxDiskSize.load(std::memory_order_relaxed));
     const std::string path = m_files->FileName(index);
     const ino_t inode = FileStorage::Create(path, data);
     m_files->Add(index, inode, data.size());
-    m_cache->Reset();
     EDR_LOG_DEBUG("SpoolStorage: Flushed cache to disk: " << path);
-    CleanupIfOverQuotaLocked();
 }
 
-void SpoolStorage::CleanupIfOverQuotaLocked()
+bool SpoolStorage::WriteHeldLocked()
 {
-    if (m_files->DiskUsage() <= m_maxDiskSize.load(std::memory_order_relaxed))
+    if (m_held.empty())
+    {
+        return true;
+    }
+    std::size_t written = 0;
+    while (!m_held.empty())
+    {
+        try
+        {
+            WriteFileLocked(m_held.front());
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_DEBUG("SpoolStorage: The disk still refuses held data: " << e.what());
+            ArmRetryLocked();
+            break;
+        }
+        m_heldBytes -= m_held.front().size();
+        m_held.pop_front();
+        ++written;
+    }
+    if (written > 0)
+    {
+        EDR_LOG_INFO("SpoolStorage: Wrote " << written << " held files to disk; " << m_held.size()
+                                            << " still held for " << m_directory);
+    }
+    if (m_held.empty())
+    {
+        m_retryPause = kFirstRetryPause;
+    }
+    return m_held.empty();
+}
+
+void SpoolStorage::HoldLocked(std::string data)
+{
+    m_heldBytes += data.size();
+    m_held.push_back(std::move(data));
+    ArmRetryLocked();
+}
+
+void SpoolStorage::ArmRetryLocked()
+{
+    if (m_retryArmed)
     {
         return;
     }
-    try
+    m_retryArmed =
+        m_schedule->AddTaskAt(std::chrono::steady_clock::now() + m_retryPause, [this] { OnRetryTimer(); });
+}
+
+void SpoolStorage::OnRetryTimer()
+{
+    std::lock_guard lock(m_mutex);
+    m_retryArmed = false;
+    if (!m_held.empty())
     {
-        m_files->Cleanup(m_maxDiskSize.load(std::memory_order_relaxed), false);
+        m_retryPause = std::min(m_retryPause * 2, kMaxRetryPause);
+        WriteHeldLocked();
     }
-    catch (const std::exception& e)
+}
+
+void SpoolStorage::EnforceQuotaLocked()
+{
+    const std::uint64_t quota = m_maxDiskSize.load(std::memory_order_relaxed);
+    if (m_files->DiskUsage() + m_heldBytes > quota)
     {
-        EDR_LOG_ERROR(e.what()); // what triggered the clean-up itself succeeded
+        try
+        {
+            // The written files are older than the held ones: they go first.
+            m_files->Cleanup(quota > m_heldBytes ? quota - m_heldBytes : 0, false);
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR(e.what()); // what triggered the clean-up itself succeeded
+        }
     }
+    const std::uint64_t heldLimit = std::min(quota, kMaxHeldBytes);
+    while (!m_held.empty() && (m_files->DiskUsage() + m_heldBytes > quota || m_heldBytes > heldLimit))
+    {
+        EDR_LOG_WARNING("SpoolStorage: Dropped " << m_held.front().size()
+                                                 << " bytes held in memory, not yet written, for "
+                                                 << m_directory);
+        CountDropped(1, m_held.front().size());
+        m_heldBytes -= m_held.front().size();
+        m_held.pop_front();
+    }
+}
+
+void SpoolStorage::CountDropped(std::uint64_t files, std::uint64_t bytes)
+{
+    m_dropped.files += files;
+    m_dropped.bytes += bytes;
 }
 
 // ---- files -------------------------------------------------------------------
@@ -335,13 +425,15 @@ void SpoolStorage::Update(const Settings& settings)
     {
         EDR_LOG_WARNING("SpoolStorage::Update: Ignoring invalid max file size setting");
     }
-    CleanupIfOverQuotaLocked();
+    EnforceQuotaLocked();
 }
 
 void SpoolStorage::Clear()
 {
     std::lock_guard lock(m_mutex);
     m_cache->Reset();
+    m_held.clear();
+    m_heldBytes = 0;
     m_files->DeleteAll();
 }
 
@@ -361,6 +453,24 @@ std::size_t SpoolStorage::CacheSize() const
 {
     std::lock_guard lock(m_mutex);
     return m_cache->Size();
+}
+
+std::size_t SpoolStorage::HeldFiles() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_held.size();
+}
+
+std::uint64_t SpoolStorage::HeldBytes() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_heldBytes;
+}
+
+SpoolStorage::DropCount SpoolStorage::Dropped() const
+{
+    std::lock_guard lock(m_mutex);
+    return DropCount{m_dropped.files + m_files->DroppedFiles(), m_dropped.bytes + m_files->DroppedBytes()};
 }
 
 } // namespace vantor::common

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -34,6 +35,14 @@ class SpoolWriteQueue;
 // into numbered files prefix.0001, prefix.0002, ...; readers take the oldest
 // file first and delete it once it is uploaded; a clean-up keeps the
 // directory within its disk quota.
+//
+// A full or failing disk loses nothing the spool accepted while the quota
+// allows: a cache that cannot be written is held in memory as a finished
+// file and written, in order, once the disk takes it again (retried with a
+// growing pause up to a minute, and with every flush). Held files count
+// against the disk quota like written ones and are bounded in memory by
+// kMaxHeldBytes; when the quota must give, the oldest files go first
+// (written ones before held ones) and are counted in Dropped().
 //
 // Records, flushes, clean-ups and renames run one at a time (under one
 // mutex); writes are queued to the spool's own task so that writers never
@@ -70,6 +79,14 @@ public:
 
     using WriteCallback = std::function<void(const WriteResult&)>;
 
+    // Data lost before it was uploaded: files deleted by the quota, held
+    // files dropped, caches that could not be serialised.
+    struct DropCount
+    {
+        std::uint64_t files = 0;
+        std::uint64_t bytes = 0;
+    };
+
     // One spool file as read; index and inode (with the spool's own id, as
     // inodes are reused) identify it for DeleteFile after an upload, even if
     // a de-fragmentation has renamed it meanwhile.
@@ -99,6 +116,10 @@ public:
     static constexpr std::uint64_t kLimitMaxFileSizeKb = 64 * 1024;
     static constexpr std::uint64_t kMinFileCount = 2;
     static constexpr std::uint64_t kMaxFileCount = 10000;
+    // Held files never take more memory than this (nor than the quota).
+    static constexpr std::uint64_t kMaxHeldBytes = 64 * 1024 * 1024;
+    static constexpr std::chrono::seconds kFirstRetryPause{1};
+    static constexpr std::chrono::seconds kMaxRetryPause{60};
 
     // The scheduler must outlive the spool.
     SpoolStorage(Scheduler& scheduler, const std::string& directory, const std::string& prefix,
@@ -127,7 +148,8 @@ public:
     void Update(const Settings& settings);
     // Deletes the oldest files until the spool is within its disk quota.
     void Cleanup();
-    // Writes the cache to a new file now; answers false on failure (logged).
+    // Writes the held files and the cache to new files now; answers false
+    // when some of it is still held in memory (logged).
     bool FlushDataCache();
     // Drops the cache and deletes every spool file.
     void Clear();
@@ -136,6 +158,10 @@ public:
     std::vector<std::uint32_t> FileIndices() const;
     std::uint64_t DiskUsage() const;
     std::size_t CacheSize() const;
+    // Finished files waiting in memory for the disk.
+    std::size_t HeldFiles() const;
+    std::uint64_t HeldBytes() const;
+    DropCount Dropped() const;
     const std::string& Directory() const { return m_directory; }
 
 private:
@@ -143,10 +169,21 @@ private:
     std::size_t PendingLimit() const;
     void DrainPending();
     WriteResult AddRecordLocked(const std::string& data);
-    void FlushDataCacheLocked();
-    // Flushes, logging a failure: the caller goes on either way.
-    void TryFlushDataCacheLocked();
-    void CleanupIfOverQuotaLocked();
+    // Answers whether the held files and the cache are now on disk;
+    // failures are logged.
+    bool FlushDataCacheLocked();
+    // Writes one new file; throws on failure.
+    void WriteFileLocked(const std::string& data);
+    // Writes the held files, oldest first, up to the first failure; answers
+    // whether none is left.
+    bool WriteHeldLocked();
+    void HoldLocked(std::string data);
+    void ArmRetryLocked();
+    void OnRetryTimer();
+    // Deletes or drops the oldest files while over the quota or while the
+    // held files take too much memory.
+    void EnforceQuotaLocked();
+    void CountDropped(std::uint64_t files, std::uint64_t bytes);
     void OnSyncTimer(std::chrono::steady_clock::time_point deadline);
     std::chrono::seconds MaxFileAge() const;
 
@@ -164,6 +201,11 @@ private:
     std::unique_ptr<internal::SpoolCache> m_cache;
     std::unique_ptr<internal::SpoolFileIndex> m_files;
     std::unique_ptr<internal::SpoolReader> m_reader;
+    std::deque<std::string> m_held; // oldest first; all newer than the files
+    std::uint64_t m_heldBytes = 0;
+    DropCount m_dropped;
+    bool m_retryArmed = false;
+    std::chrono::seconds m_retryPause = kFirstRetryPause;
 
     std::unique_ptr<internal::SpoolWriteQueue> m_writes;
     std::vector<WriteResult> m_drainResults; // the drain task's results

@@ -54,10 +54,13 @@ std::unique_ptr<Config> CheckConfig(std::unique_ptr<Config> config)
 
 Component::Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
                      common::Scheduler& scheduler, std::shared_ptr<edr::EventRuleEngine> ruleEngine,
-                     const std::string& installPath, BlackoutCheck blackout)
+                     const std::string& installPath, std::shared_ptr<const edr::BlackoutManager> blackout,
+                     std::shared_ptr<const edr::ProcessLookup> processes)
     : m_config(CheckConfig(std::move(config)))
     , m_uploader(std::move(uploader))
     , m_ruleEngine(std::move(ruleEngine))
+    , m_blackout(std::move(blackout))
+    , m_processes(std::move(processes))
     , m_scheduler(scheduler)
 {
     if (!m_uploader)
@@ -80,8 +83,13 @@ Component::Component(std::unique_ptr<Config> config, std::shared_ptr<common::Htt
     m_spool = std::make_unique<common::SpoolStorage>(m_scheduler, directory, m_config->EventFileName(),
                                                      std::make_unique<internal::JsonDataFormatter>(),
                                                      SpoolSettings(*m_config), kMaxSpoolFiles);
+    internal::UploadSchedule::BlackoutCheck inBlackout;
+    if (m_blackout)
+    {
+        inBlackout = [blackout = m_blackout] { return blackout->IsBlackout(); };
+    }
     m_uploadSchedule =
-        std::make_shared<internal::UploadSchedule>(*m_config, *m_spool, m_uploader, std::move(blackout));
+        std::make_shared<internal::UploadSchedule>(*m_config, *m_spool, m_uploader, inBlackout);
     // The store comes before the processor that writes into it.
     m_baseline = std::make_unique<common::SqlStorage>(
         installPath, kBaselineDbName, std::make_unique<BaselineEventSqlDataFormatter>(), true);

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "edr/BlackoutManager.h"
 #include "edr/EventRuleEngine.h"
+#include "edr/ProcessLookup.h"
 #include "fim/Config.h"
 
 #include <rapidjson/document.h>
@@ -43,7 +45,6 @@ public:
     static constexpr const char* kBaselineDbName = "BaselineEvents.db";
     static constexpr uint64_t kMaxSpoolFiles = 10000;
 
-    using BlackoutCheck = std::function<bool()>;
     using UpdateCallback = std::function<void(bool success)>;
 
     // Throws std::runtime_error "FimComponent: 'config' cannot be null" /
@@ -53,11 +54,13 @@ public:
     // component. ruleEngine is the daemon's engine (whichever capture
     // backs it): the component adds its rules and handlers there under kTag.
     // The spool lives in event_file_path + "fim/" (created when missing), the
-    // baseline store in installPath. blackout answers whether uploads must
-    // wait; empty: never.
+    // baseline store in installPath. blackout holds the periods in which
+    // uploads wait (null: none); processes is the daemon's process tree
+    // (null: none known).
     Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
               common::Scheduler& scheduler, std::shared_ptr<edr::EventRuleEngine> ruleEngine,
-              const std::string& installPath, BlackoutCheck blackout = {});
+              const std::string& installPath, std::shared_ptr<const edr::BlackoutManager> blackout = nullptr,
+              std::shared_ptr<const edr::ProcessLookup> processes = nullptr);
     ~Component();
 
     Component(const Component&) = delete;
@@ -78,6 +81,9 @@ public:
     bool IsEnabled() const;
     const Config& GetConfig() const { return *m_config; }
     common::SpoolStorage& GetSpool() { return *m_spool; }
+    const std::shared_ptr<const edr::BlackoutManager>& GetBlackout() const { return m_blackout; }
+    // The daemon's process tree as handed; null when none was.
+    const std::shared_ptr<const edr::ProcessLookup>& GetProcesses() const { return m_processes; }
 
 private:
     void Enable();
@@ -88,6 +94,8 @@ private:
     std::unique_ptr<Config> m_config;
     std::shared_ptr<common::HttpUploader> m_uploader;
     std::shared_ptr<edr::EventRuleEngine> m_ruleEngine;
+    const std::shared_ptr<const edr::BlackoutManager> m_blackout;
+    const std::shared_ptr<const edr::ProcessLookup> m_processes;
     common::Scheduler& m_scheduler;
     std::unique_ptr<internal::EventRuleManager> m_ruleManager;
     std::unique_ptr<common::SpoolStorage> m_spool;

@@ -7,11 +7,14 @@
 #include "audit/RuleEngine.h"
 #include "common/HttpServiceSettings.h"
 #include "common/Logging.h"
+#include "common/LzmaHttpInterceptor.h"
+#include "common/SigValidationHttpInterceptor.h"
 #include "common/SignalHandler.h"
 #include "common/UnixClientStreamSockIOChannel.h"
 #include "common/util/Json.h"
 #include "edr/PseudoRunningEvent.h"
 #include "edr/PseudoTerminateEvent.h"
+#include "edr/daemon/ProcessTreeLookup.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
 #include "ioc/Component.h"
@@ -331,23 +334,50 @@ void Daemon::BuildAuditCore()
                                                        m_commonConfig->AgentInstallPath());
 }
 
+std::shared_ptr<common::HttpService> Daemon::StartHttpService() const
+{
+    auto service = std::make_shared<common::HttpService>(m_commonConfig->HttpSettings(), m_requestSigner);
+    // Request sides run in this order and answers in reverse: an answer's
+    // signature is checked over the body as received, before decompression.
+    service->AddInterceptor(std::make_shared<common::LzmaHttpInterceptor>());
+    const std::string keyPath = m_commonConfig->ResponseKeyPath();
+    try
+    {
+        service->AddInterceptor(std::make_shared<common::SigValidationHttpInterceptor>(keyPath));
+    }
+    catch (const std::runtime_error& e)
+    {
+        // Like a missing request key: the agent has not provisioned its keys
+        // yet, and refusing every answer would only hold the spool back.
+        EDR_LOG_ERROR(e.what() << "; answers are not validated");
+    }
+    service->Start();
+    return service;
+}
+
 void Daemon::BuildUploadersAndComponents()
 {
     // One HTTP thread serves every uploader.
-    m_httpService = std::make_shared<common::HttpService>(m_commonConfig->HttpSettings(), m_requestSigner);
-    m_httpService->Start();
+    m_httpService = StartHttpService();
+    m_fimBlackout =
+        std::make_shared<const BlackoutManager>(BlackoutManager::kKind, m_commonConfig->BlackoutEvents());
     m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
     m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler,
-                                             m_ruleEngine, m_commonConfig->AgentInstallPath());
+                                             m_ruleEngine, m_commonConfig->AgentInstallPath(), m_fimBlackout,
+                                             std::make_shared<const ProcessTreeLookup>(m_processTree));
 
-    // IOC has no blackout schedule of its own yet, like FIM: uploads never wait.
+    // IOC's periods, built in their place in the start-up order, for the IOC
+    // component that follows FIM.
+    m_iocBlackout =
+        std::make_shared<const BlackoutManager>(BlackoutManager::kKind, m_commonConfig->BlackoutEvents());
     m_iocUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
     try
     {
         m_ioc = std::make_unique<ioc::Component>(
             m_processTree->GetBootTime(), std::move(m_iocConfig), m_magic, *m_scheduler, m_iocUploader,
             *m_ruleEngine, m_edrConfig->CpuLimit(), m_edrConfig->MemoryLimit(),
-            ioc::Component::BlackoutCheck{}, m_commonConfig->AgentInstallPath());
+            [blackout = m_iocBlackout] { return blackout->IsBlackout(); },
+            m_commonConfig->AgentInstallPath());
     }
     catch (const std::exception& e)
     {
@@ -534,6 +564,8 @@ void Daemon::ShutDown()
     m_fimUploader.reset();
     m_iocUploader.reset();
     m_httpService.reset();
+    m_fimBlackout.reset();
+    m_iocBlackout.reset();
 }
 
 void Daemon::OnAgentData(std::vector<uint8_t> data)

@@ -5,6 +5,7 @@
 #include "common/HttpUploader.h"
 #include "common/IOChannel.h"
 #include "common/Scheduler.h"
+#include "edr/BlackoutManager.h"
 #include "edr/CommonConfig.h"
 #include "edr/Config.h"
 #include "edr/LibMagicWrapper.h"
@@ -93,6 +94,9 @@ private:
     // that the events need.
     void BuildAuditCore();
     void BuildUploadersAndComponents();
+    // The one HTTP service of the uploaders, with the payload compression
+    // and the answer validation that the back end expects; started.
+    std::shared_ptr<common::HttpService> StartHttpService() const;
     // Parser and processing threads, then the audit channel that feeds them.
     void StartAuditCapture();
     void ShutDown();
@@ -119,6 +123,9 @@ private:
     std::shared_ptr<const LibMagicWrapper> m_magic;
     std::shared_ptr<audit::RuleEngine> m_ruleEngine;
     std::shared_ptr<common::HttpService> m_httpService;
+    // Reduced-activity periods of FIM's uploads and of IOC's.
+    std::shared_ptr<const BlackoutManager> m_fimBlackout;
+    std::shared_ptr<const BlackoutManager> m_iocBlackout;
     std::shared_ptr<common::HttpUploader> m_fimUploader;
     std::unique_ptr<fim::Component> m_fim;
     std::shared_ptr<common::HttpUploader> m_iocUploader;

@@ -182,8 +182,8 @@ TEST_F(GatedParserTest, BurstDisablesQueueingUntilDrainedBelowHalf)
     parser.Start();
 
     // 1 MiB of text each (blank lines, which yield no event).
-    const uint64_t cost = 1024 * 1024;
-    const auto bigBuffer = [cost] { return std::vector<uint8_t>(cost, '\n'); };
+    constexpr uint64_t cost = 1024 * 1024;
+    const auto bigBuffer = [] { return std::vector<uint8_t>(cost, '\n'); };
 
     test::LogCapture log(common::Logging::Edr());
     parser.Enqueue(bigBuffer());

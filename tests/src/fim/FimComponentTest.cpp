@@ -1,6 +1,7 @@
 #include "fim/Component.h"
 #include "fim/Config.h"
 #include "tests/src/fim/TestEvent.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
@@ -159,4 +160,25 @@ TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
 
     component.reset();
     EXPECT_TRUE(log.Contains("Component destroyed."));
+}
+
+TEST_F(FimComponentTest, UploadsWaitOutTheBlackoutPeriodsItIsHanded)
+{
+    test::LogCapture log(common::Logging::Edr());
+    WriteManifest("good.json");
+    const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+    auto blackout = std::make_shared<const edr::BlackoutManager>(
+        edr::BlackoutManager::kKind,
+        "[{\"start\": " + std::to_string(now - 60) + ", \"end\": " + std::to_string(now + 3600) + "}]");
+    auto component =
+        std::make_unique<fim::Component>(std::make_unique<fim::Config>(Json(ConfigText("good.json"))),
+                                         m_uploader, m_scheduler, m_engine, m_dir.Path(), blackout);
+    EXPECT_EQ(component->GetBlackout(), blackout);
+    // The first run is due at once; in the blackout it sends nothing.
+    m_scheduler.Start();
+    EXPECT_TRUE(test::Eventually(
+        [&] { return log.Contains("UploadSchedule: Blackout period, upload postponed."); }, 5s));
+    EXPECT_FALSE(log.Contains("UploadSchedule: Nothing to upload."));
+    component.reset();
+    m_scheduler.Stop();
 }
