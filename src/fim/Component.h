@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 namespace vantor::common
@@ -72,8 +73,17 @@ public:
     // uploads and clears the spool.
     void Disable();
 
-    // Runs the baseline pass over every watched path, on the caller's thread.
+    // Queues the baseline pass over every watched path. It also runs by
+    // itself for the rules a manifest adds (at start and on each "config"),
+    // on the component's document thread at a bounded rate.
     void RunBaseline();
+
+    // Builds every document that waits for its file to settle, now.
+    void FlushDocuments();
+
+    // Events whose documents were built before their files settled because
+    // too many were waiting.
+    uint64_t GetDocumentOverflowCount() const;
 
     bool IsEnabled() const;
     const Config& GetConfig() const { return *m_config; }
@@ -83,6 +93,7 @@ private:
     void Enable();
     void DisableLocked();
     void UnregisterLocked();
+    void BaselineAddedRulesLocked();
 
     // In construction order; destroyed in reverse.
     std::unique_ptr<Config> m_config;
@@ -98,6 +109,8 @@ private:
     mutable std::mutex m_mutex;
     bool m_enabled = false;
     bool m_registered = false;
+    // Rules (id and path) whose paths had their baseline pass.
+    std::set<std::string> m_baselinedRules;
 };
 
 } // namespace vantor::fim

@@ -1,6 +1,7 @@
 #include "fim/EventProcessor.h"
 #include "fim/EventRuleManager.h"
 #include "fim/JsonDataFormatter.h"
+#include "fim/PathEscape.h"
 #include "fim/PostProcessor.h"
 #include "tests/src/fim/TestEvent.h"
 #include "tests/support/TempDir.h"
@@ -58,11 +59,22 @@ protected:
         m_processor = std::make_unique<EventProcessor>(m_manager, *m_spool, m_baseline.get());
     }
 
+    // The baseline pass runs on the document thread at its own pace.
+    bool WaitForBaseline()
+    {
+        for (int i = 0; i < 500 && m_processor->HasBaselineWork(); ++i)
+        {
+            std::this_thread::sleep_for(10ms);
+        }
+        return !m_processor->HasBaselineWork();
+    }
+
     std::string Watched(const std::string& name = "") const { return m_dir.File("watched") + name; }
 
     // The documents the processor spooled so far, as one parsed spool file.
     rapidjson::Document Flush(size_t expected)
     {
+        m_processor->Flush();
         for (int i = 0; i < 200 && m_spool->CacheSize() == 0 && expected > 0; ++i)
         {
             std::this_thread::sleep_for(10ms);
@@ -220,11 +232,14 @@ TEST_F(FimEventProcessorTest, HostileNamesKeepEveryDocumentValid)
     }
     const auto document = Flush(3);
     const auto& doc = document["events"][1];
-    EXPECT_EQ(
-        std::string(doc["imagePath"].GetString()),
-        Watched(
-            "/bad\xEF\xBF\xBD\xEF\xBF\xBD\"quote\\\x01\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD.txt"));
+    // Paths keep every byte in their escaped form.
+    EXPECT_EQ(std::string(doc["imagePath"].GetString()),
+              Watched("/bad\\xFF\\xFE\"quote\\\\\x01\\xED\\xA0\\x80\\xC3.txt"));
+    EXPECT_EQ(PathEscape::Unescape(doc["imagePath"].GetString()), hostile);
+    EXPECT_EQ(std::string(doc["operation"]["old"]["path"].GetString()), doc["imagePath"].GetString());
     EXPECT_EQ(std::string(doc["operation"]["new"]["path"].GetString()), Watched("/ok-\xc3\xa9"));
+    // Other text keeps the replacement character.
+    EXPECT_STREQ(doc["actor"]["userName"].GetString(), "\xEF\xBF\xBD\xEF\xBF\xBD");
     EXPECT_STREQ(doc["associatedRules"][0].GetString(), "r\"1");
     EXPECT_STREQ(doc["eventAction"].GetString(), "rename");
     const auto& attr = document["events"][0];
@@ -256,6 +271,7 @@ TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
         std::string GetActionName() const override { return "Baseline"; }
     } event(EventType::Create, Watched());
     m_processor->HandleEvent(event);
+    ASSERT_TRUE(WaitForBaseline());
     const auto document = Flush(2);
     for (const auto& doc : document["events"].GetArray())
     {
