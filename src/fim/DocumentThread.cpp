@@ -62,6 +62,7 @@ void DocumentThread::Add(PendingDocument document, bool settles)
                                                << " documents wait for their files to settle; "
                                                << "building early (" << overflows << " times so far)");
         }
+        ++m_earlyBuilds;
         m_wake.notify_one();
         m_done.wait(lock, [this] { return m_pending.Size() < m_maxPending || IsStopping(); });
     }
@@ -113,8 +114,11 @@ void DocumentThread::Run()
     while (!IsStopping())
     {
         const auto now = Clock::now();
-        auto group = m_flushes > 0 || m_pending.Size() >= m_maxPending ? m_pending.TakeFirst()
-                                                                       : m_pending.TakeDue(now);
+        auto group = m_flushes > 0 || m_earlyBuilds > 0 ? m_pending.TakeFirst() : m_pending.TakeDue(now);
+        if (m_earlyBuilds > 0)
+        {
+            --m_earlyBuilds;
+        }
         if (group)
         {
             m_building = true;

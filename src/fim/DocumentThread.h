@@ -75,6 +75,8 @@ private:
     PendingDocuments m_pending;
     bool m_building = false;
     unsigned m_flushes = 0;
+    // Groups to build before their time, one for each Add that found no room.
+    uint64_t m_earlyBuilds = 0;
     Clock::duration m_settleTime = std::chrono::milliseconds(1000);
     Clock::duration m_baselineInterval;
     std::atomic<uint64_t> m_overflows{0};

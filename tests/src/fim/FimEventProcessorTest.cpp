@@ -3,8 +3,7 @@
 #include "fim/JsonDataFormatter.h"
 #include "fim/PathEscape.h"
 #include "fim/PostProcessor.h"
-#include "tests/src/fim/TestEvent.h"
-#include "tests/support/TempDir.h"
+#include "tests/src/fim/ProcessorFixture.h"
 
 #include "common/Scheduler.h"
 #include "common/SpoolStorage.h"
@@ -37,71 +36,8 @@ std::vector<std::string> MemberNames(const rapidjson::Value& object)
     return names;
 }
 
-class FimEventProcessorTest : public testing::Test
+class FimEventProcessorTest : public vantor::fim::test::ProcessorFixture
 {
-protected:
-    void SetUp() override
-    {
-        std::filesystem::create_directories(m_dir.File("watched"));
-        std::filesystem::create_directories(m_dir.File("spool"));
-        m_spool = std::make_unique<vantor::common::SpoolStorage>(
-            m_scheduler, m_dir.File("spool"), "fim", std::make_unique<JsonDataFormatter>(),
-            vantor::common::SpoolStorage::Settings{}, 100);
-    }
-
-    // Loads a manifest with the rules and builds the processor over it.
-    void Load(const std::string& rules, bool collectHashes = false)
-    {
-        const std::string manifest =
-            std::string(R"({"data":{"fim":{"policyVersion":"1.0","collectHashes":)") +
-            (collectHashes ? "true" : "false") + R"(,"rules":[)" + rules + "]}}}";
-        ASSERT_EQ(m_manager.LoadManifest(m_dir.Write("manifest.json", manifest)), std::nullopt);
-        m_processor = std::make_unique<EventProcessor>(m_manager, *m_spool, m_baseline.get());
-    }
-
-    // The baseline pass runs on the document thread at its own pace.
-    bool WaitForBaseline()
-    {
-        for (int i = 0; i < 500 && m_processor->HasBaselineWork(); ++i)
-        {
-            std::this_thread::sleep_for(10ms);
-        }
-        return !m_processor->HasBaselineWork();
-    }
-
-    std::string Watched(const std::string& name = "") const { return m_dir.File("watched") + name; }
-
-    // The documents the processor spooled so far, as one parsed spool file.
-    rapidjson::Document Flush(size_t expected)
-    {
-        m_processor->Flush();
-        for (int i = 0; i < 200 && m_spool->CacheSize() == 0 && expected > 0; ++i)
-        {
-            std::this_thread::sleep_for(10ms);
-        }
-        std::this_thread::sleep_for(20ms);
-        rapidjson::Document document;
-        if (expected == 0)
-        {
-            EXPECT_EQ(m_spool->CacheSize(), 0u);
-            return document;
-        }
-        EXPECT_TRUE(m_spool->FlushDataCache());
-        vantor::common::SpoolStorage::File file;
-        EXPECT_EQ(m_spool->ReadOldestFile(file), vantor::common::SpoolStorage::ReadStatus::Ok);
-        EXPECT_TRUE(vantor::util::ParseJson(document, file.data)) << file.data;
-        EXPECT_EQ(document["events"].Size(), expected) << file.data;
-        m_spool->DeleteFile(file);
-        return document;
-    }
-
-    vantor::test::TempDir m_dir;
-    vantor::common::Scheduler m_scheduler;
-    RecordingRuleEngine m_engine;
-    EventRuleManager m_manager{m_engine, "FIM"};
-    std::unique_ptr<vantor::common::SpoolStorage> m_spool;
-    std::unique_ptr<vantor::common::SqlStorage> m_baseline;
-    std::unique_ptr<EventProcessor> m_processor;
 };
 
 } // namespace
@@ -123,7 +59,7 @@ TEST_F(FimEventProcessorTest, DocumentMembersInOrderWithContentAndHash)
     m_dir.Write("watched/a.txt", "hello\n");
     TestEvent event(EventType::Write, Watched("/a.txt"));
     m_processor->HandleEvent(event);
-    const auto document = Flush(1);
+    const auto document = Documents(1);
     const auto& doc = document["events"][0];
     EXPECT_EQ(MemberNames(doc),
               (std::vector<std::string>{"successStatus", "timestamp", "eventId", "eventAction", "eventClass",
@@ -156,7 +92,7 @@ TEST_F(FimEventProcessorTest, ContentStatusAtTheLimit)
     TestEvent over(EventType::Create, Watched("/over"));
     m_processor->HandleEvent(exact);
     m_processor->HandleEvent(over);
-    const auto document = Flush(2);
+    const auto document = Documents(2);
     EXPECT_STREQ(document["events"][0]["contentStatus"].GetString(), "READ_SUCCESSFUL");
     EXPECT_EQ(document["events"][0]["fileContent"].GetStringLength(), 51200u);
     EXPECT_STREQ(document["events"][1]["contentStatus"].GetString(), "MAX_SIZE_LIMIT_REACHED");
@@ -196,7 +132,7 @@ TEST_F(FimEventProcessorTest, PostProcessingPerRule)
     {
         m_processor->HandleEvent(*event);
     }
-    const auto document = Flush(5);
+    const auto document = Documents(5);
     auto rules = [&](size_t i)
     {
         std::vector<std::string> ids;
@@ -230,7 +166,7 @@ TEST_F(FimEventProcessorTest, HostileNamesKeepEveryDocumentValid)
     {
         m_processor->HandleEvent(*event);
     }
-    const auto document = Flush(3);
+    const auto document = Documents(3);
     const auto& doc = document["events"][1];
     // Paths keep every byte in their escaped form.
     EXPECT_EQ(std::string(doc["imagePath"].GetString()),
@@ -253,9 +189,6 @@ TEST_F(FimEventProcessorTest, HostileNamesKeepEveryDocumentValid)
 
 TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
 {
-    m_baseline = std::make_unique<vantor::common::SqlStorage>(
-        m_dir.Path(), "BaselineEvents.db", std::make_unique<vantor::fim::BaselineEventSqlDataFormatter>(),
-        true);
     Load(R"({"ruleId":"b","ruleType":"directory","imagePath":")" + Watched() +
          R"(","recursiveDepth":"1","trackContentChange":true,"notify":["create"]})");
     m_dir.Write("watched/small", "abc");
@@ -263,7 +196,7 @@ TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
     std::filesystem::create_directories(Watched("/a/b"));
     m_dir.Write("watched/a/b/too-deep", "z");
 
-    class Baseline : public TestEvent
+    class BaselineRequest : public TestEvent
     {
     public:
         using TestEvent::TestEvent;
@@ -271,8 +204,8 @@ TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
         std::string GetActionName() const override { return "Baseline"; }
     } event(EventType::Create, Watched());
     m_processor->HandleEvent(event);
-    ASSERT_TRUE(WaitForBaseline());
-    const auto document = Flush(2);
+    ASSERT_NO_FATAL_FAILURE(Baseline({}));
+    const auto document = Documents(2);
     for (const auto& doc : document["events"].GetArray())
     {
         EXPECT_STREQ(doc["eventAction"].GetString(), "Baseline");
@@ -285,6 +218,9 @@ TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
     ASSERT_EQ(big.rows.size(), 1u);
     EXPECT_NE(big.rows[0].find("MAX_SIZE_LIMIT_REACHED"), std::string::npos);
     EXPECT_TRUE(m_baseline->Read("BaselineEvents", Watched("/a/b/too-deep")).rows.empty());
+    // The last known state of each file is kept beside its status.
+    ASSERT_TRUE(StoredState(Watched("/big")));
+    EXPECT_EQ(StoredState(Watched("/big"))->size, 60000u);
 }
 
 TEST(FimJsonDataFormatterTest, CollectsObjectsIntoOneEventsArray)
