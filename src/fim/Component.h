@@ -36,7 +36,12 @@ class UploadSchedule;
 //
 // Enabled after construction when the manifest could be used; disabled on
 // an unusable manifest or on request; a later "config" with a usable
-// manifest enables it again.
+// manifest enables it again. Each rule a manifest adds gets the baseline
+// pass over its path. Documents are built on the processor's own thread;
+// destruction builds what still waits before the spool goes.
+//
+// Thread-safe: UpdateConfig, Disable and the accessors may be called from
+// any thread while events arrive.
 class Component
 {
 public:

@@ -50,6 +50,15 @@ void DocumentThread::Build(PendingDocuments::Group& group)
     }
 }
 
+void DocumentThread::BuildUnlocked(std::unique_lock<std::mutex>& lock, PendingDocuments::Group& group)
+{
+    m_building = true;
+    lock.unlock();
+    Build(group);
+    lock.lock();
+    m_building = false;
+}
+
 void DocumentThread::Add(PendingDocument document, bool settles)
 {
     std::unique_lock lock(m_mutex);
@@ -121,11 +130,7 @@ void DocumentThread::Run()
         }
         if (group)
         {
-            m_building = true;
-            lock.unlock();
-            Build(*group);
-            lock.lock();
-            m_building = false;
+            BuildUnlocked(lock, *group);
             m_done.notify_all();
             continue;
         }
@@ -166,11 +171,7 @@ void DocumentThread::Run()
     // Nothing accepted is lost: what waits is built now.
     while (auto group = m_pending.TakeFirst())
     {
-        m_building = true;
-        lock.unlock();
-        Build(*group);
-        lock.lock();
-        m_building = false;
+        BuildUnlocked(lock, *group);
     }
     m_done.notify_all();
     lock.unlock();

@@ -61,6 +61,8 @@ protected:
 
 private:
     void Build(PendingDocuments::Group& group);
+    // Builds with the lock released; m_building tells Flush meanwhile.
+    void BuildUnlocked(std::unique_lock<std::mutex>& lock, PendingDocuments::Group& group);
     void Wake();
 
     DocumentBuilder& m_builder;

@@ -97,8 +97,7 @@ protected:
 
 TEST_F(FimCapturedRecordsTest, GoneObjectsKeepTheTypeTheKernelRecorded)
 {
-    Load(R"({"ruleId":"w","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","notify":["create","delete"]})");
+    Load(WatchedRule("w", R"("create","delete")"));
     auto removed = Events("rmdir");
     ASSERT_EQ(removed.size(), 1u);
     EXPECT_EQ(removed[0]->GetFileType(), static_cast<uint32_t>(S_IFDIR));
@@ -148,7 +147,7 @@ TEST_F(FimCapturedRecordsTest, ARenameIsReadAtItsDestinationAndReportedWhereItIs
 
 TEST_F(FimCapturedRecordsTest, HostileNamesComeBackByteForByte)
 {
-    Load(R"({"ruleId":"w","ruleType":"directory","imagePath":")" + Watched() + R"(","notify":["create"]})");
+    Load(WatchedRule("w", R"("create")"));
     const auto documents = Handle(Events("hostile"), 4);
     std::vector<std::string> names;
     for (const auto& doc : documents["events"].GetArray())
@@ -164,10 +163,7 @@ TEST_F(FimCapturedRecordsTest, HostileNamesComeBackByteForByte)
 
 TEST_F(FimCapturedRecordsTest, AnOpenForWritingThatChangedOnlyTheTimesIsAMetadataChange)
 {
-    Load(R"({"ruleId":"meta","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","notify":["modifyMetadata"]},)"
-         R"({"ruleId":"content","ruleType":"directory","imagePath":")" +
-         Watched() + R"(","notify":["modifyContent"]})");
+    Load(WatchedRule("meta", R"("modifyMetadata")") + "," + WatchedRule("content", R"("modifyContent")"));
     const std::string file = m_dir.Write("watched/existing.txt", "content\n");
     ASSERT_NO_FATAL_FAILURE(Baseline({Watched()}));
     Documents(1);
@@ -187,8 +183,7 @@ TEST_F(FimCapturedRecordsTest, AnOpenForWritingThatChangedOnlyTheTimesIsAMetadat
 
 TEST_F(FimCapturedRecordsTest, AChmodShowsThePermissionItReplaced)
 {
-    Load(R"({"ruleId":"sec","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","notify":["modifySecuritySettings"]})");
+    Load(WatchedRule("sec", R"("modifySecuritySettings")"));
     const std::string file = m_dir.Write("watched/existing.txt", "content\n");
     ::chmod(file.c_str(), 0644);
     ASSERT_NO_FATAL_FAILURE(Baseline({Watched()}));

@@ -63,10 +63,7 @@ protected:
 
 TEST_F(FimChangeDocumentsTest, TouchOfAnUnchangedFileIsAMetadataChange)
 {
-    Load(R"({"ruleId":"meta","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","notify":["modifyMetadata"]},)"
-         R"({"ruleId":"content","ruleType":"directory","imagePath":")" +
-         Watched() + R"(","notify":["modifyContent"]})");
+    Load(WatchedRule("meta", R"("modifyMetadata")") + "," + WatchedRule("content", R"("modifyContent")"));
     const std::string file = m_dir.Write("watched/f", "abc");
     ::chmod(file.c_str(), 0644);
     ASSERT_NO_FATAL_FAILURE(Baseline({Watched()}));
@@ -98,8 +95,7 @@ TEST_F(FimChangeDocumentsTest, TouchOfAnUnchangedFileIsAMetadataChange)
 
 TEST_F(FimChangeDocumentsTest, AWriteIsAContentChangeWhenNothingIsKnownBefore)
 {
-    Load(R"({"ruleId":"both","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","notify":["create","modifyContent","modifyMetadata"]})");
+    Load(WatchedRule("both", R"("create","modifyContent","modifyMetadata")"));
     const std::string file = Watched("/new.txt");
     // Created empty and written within one settle time: the write's before
     // is the file as the create left it, not the settled content.
@@ -118,8 +114,7 @@ TEST_F(FimChangeDocumentsTest, AWriteIsAContentChangeWhenNothingIsKnownBefore)
 
 TEST_F(FimChangeDocumentsTest, AttributeChangesShowTheSettingsBeforeAndAfter)
 {
-    Load(R"({"ruleId":"attr","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","notify":["modifySecuritySettings","modifyMetadata","delete"]})");
+    Load(WatchedRule("attr", R"("modifySecuritySettings","modifyMetadata","delete")"));
     const std::string file = m_dir.Write("watched/f", "abc");
     ::chmod(file.c_str(), 0644);
     ASSERT_EQ(::chown(file.c_str(), 0, 0), 0);
@@ -205,10 +200,8 @@ TEST_F(FimChangeDocumentsTest, RenameReadsTheDestinationAndIsReportedWhereItIsWa
 
 TEST_F(FimChangeDocumentsTest, ARuleWithoutTheActionGetsNoDocument)
 {
-    Load(R"({"ruleId":"content","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","notify":["modifyContent"]},)"
-         R"({"ruleId":"sec","ruleType":"directory","imagePath":")" +
-         Watched() + R"(","notify":["modifySecuritySettings"]})");
+    Load(WatchedRule("content", R"("modifyContent")") + "," +
+         WatchedRule("sec", R"("modifySecuritySettings")"));
     const std::string file = m_dir.Write("watched/f", "abc");
     // Without a metadata rule nothing is hashed: every write counts as a
     // content change, as before.

@@ -58,6 +58,14 @@ protected:
 
     std::string Watched(const std::string& name = "") const { return m_dir.File("watched") + name; }
 
+    // A directory rule over Watched() with the notify words (quoted, comma
+    // separated).
+    std::string WatchedRule(const std::string& id, const std::string& notify) const
+    {
+        return R"({"ruleId":")" + id + R"(","ruleType":"directory","imagePath":")" + Watched() +
+               R"(","notify":[)" + notify + "]}";
+    }
+
     // Runs the baseline pass over the paths to its end.
     void Baseline(std::vector<std::string> roots)
     {
