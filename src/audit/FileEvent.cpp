@@ -185,7 +185,10 @@ uint64_t FileEvent::GetFileSize() const
 
 uint32_t FileEvent::GetFileType() const
 {
-    const mode_t type = RequireStat().st_mode & S_IFMT;
+    // An object that is gone (deleted, or removed before the event was
+    // built) keeps the type the kernel recorded in its PATH record.
+    const mode_t type =
+        (m_stat || (m_object.mode & S_IFMT) == 0 ? RequireStat().st_mode : m_object.mode) & S_IFMT;
     if (type != S_IFREG && type != S_IFDIR && type != S_IFLNK)
     {
         throw edr::EventException("Unsupported file type for " + GetActionName() + " event");

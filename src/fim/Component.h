@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 namespace vantor::common
@@ -37,7 +38,12 @@ class UploadSchedule;
 //
 // Enabled after construction when the manifest could be used; disabled on
 // an unusable manifest or on request; a later "config" with a usable
-// manifest enables it again.
+// manifest enables it again. Each rule a manifest adds gets the baseline
+// pass over its path. Documents are built on the processor's own thread;
+// destruction builds what still waits before the spool goes.
+//
+// Thread-safe: UpdateConfig, Disable and the accessors may be called from
+// any thread while events arrive.
 class Component
 {
 public:
@@ -75,8 +81,17 @@ public:
     // uploads and clears the spool.
     void Disable();
 
-    // Runs the baseline pass over every watched path, on the caller's thread.
+    // Queues the baseline pass over every watched path. It also runs by
+    // itself for the rules a manifest adds (at start and on each "config"),
+    // on the component's document thread at a bounded rate.
     void RunBaseline();
+
+    // Builds every document that waits for its file to settle, now.
+    void FlushDocuments();
+
+    // Events whose documents were built before their files settled because
+    // too many were waiting.
+    uint64_t GetDocumentOverflowCount() const;
 
     bool IsEnabled() const;
     const Config& GetConfig() const { return *m_config; }
@@ -89,6 +104,7 @@ private:
     void Enable();
     void DisableLocked();
     void UnregisterLocked();
+    void BaselineAddedRulesLocked();
 
     // In construction order; destroyed in reverse.
     std::unique_ptr<Config> m_config;
@@ -106,6 +122,8 @@ private:
     mutable std::mutex m_mutex;
     bool m_enabled = false;
     bool m_registered = false;
+    // Rules (id and path) whose paths had their baseline pass.
+    std::set<std::string> m_baselinedRules;
 };
 
 } // namespace vantor::fim

@@ -13,8 +13,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 using namespace vantor;
@@ -181,4 +183,83 @@ TEST_F(FimComponentTest, UploadsWaitOutTheBlackoutPeriodsItIsHanded)
     EXPECT_FALSE(log.Contains("UploadSchedule: Nothing to upload."));
     component.reset();
     m_scheduler.Stop();
+}
+
+TEST_F(FimComponentTest, BaselineRunsForTheRulesEachManifestAddsAndLeavesOurOwnFilesOut)
+{
+    test::LogCapture log(common::Logging::Edr());
+    std::filesystem::create_directories(m_dir.File("w"));
+    std::filesystem::create_directories(m_dir.File("v"));
+    m_dir.Write("w/a", "a");
+    m_dir.Write("w/b", "bb");
+    m_dir.Write("v/c", "ccc");
+    m_dir.Write("top.txt", "t");
+    const auto rule = [&](const std::string& id, const std::string& path)
+    {
+        return R"({"ruleId":")" + id + R"(","ruleType":"directory","recursiveDepth":"all","imagePath":")" +
+               path + R"(","notify":["create"]})";
+    };
+    const auto manifest = [&](const std::string& rules)
+    { m_dir.Write("m.json", R"({"data":{"fim":{"policyVersion":"1.0","rules":[)" + rules + "]}}}"); };
+    // Read beside the component's own connection, without writing.
+    auto stored = [&](const std::string& name)
+    {
+        sqlite3* db = nullptr;
+        sqlite3_stmt* statement = nullptr;
+        bool found = false;
+        if (sqlite3_open_v2(m_dir.File("BaselineEvents.db").c_str(), &db, SQLITE_OPEN_READONLY, nullptr) ==
+                SQLITE_OK &&
+            sqlite3_prepare_v2(db, "SELECT 1 FROM BaselineEvents WHERE FilePath = ?", -1, &statement,
+                               nullptr) == SQLITE_OK)
+        {
+            const std::string path = m_dir.File(name);
+            sqlite3_bind_text(statement, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_TRANSIENT);
+            found = sqlite3_step(statement) == SQLITE_ROW;
+        }
+        sqlite3_finalize(statement);
+        sqlite3_close(db);
+        return found;
+    };
+    const auto eventually = [](const std::function<bool()>& condition)
+    { return test::Eventually(condition, 5s); };
+
+    manifest(rule("w", m_dir.File("w")));
+    auto component = Make("m.json");
+    ASSERT_TRUE(component->IsEnabled());
+    EXPECT_TRUE(eventually([&] { return stored("w/a") && stored("w/b"); }));
+    EXPECT_TRUE(eventually([&] { return component->GetSpool().CacheSize() > 0; }));
+    EXPECT_EQ(log.Count("FimComponent: Baseline pass over 1 watched paths"), 1u);
+
+    // The same manifest again adds nothing; a new rule gets its pass.
+    component->UpdateConfig(Json(ConfigText("m.json")));
+    EXPECT_EQ(log.Count("Baseline pass over"), 1u);
+    manifest(rule("w", m_dir.File("w")) + "," + rule("v", m_dir.File("v")));
+    component->UpdateConfig(Json(ConfigText("m.json")));
+    EXPECT_EQ(log.Count("FimComponent: Baseline pass over 1 watched paths"), 2u);
+    EXPECT_TRUE(eventually([&] { return stored("v/c"); }));
+
+    // Watching the directory that holds the spool and the store: those are
+    // the daemon's own files.
+    manifest(rule("all", m_dir.Path()));
+    component->UpdateConfig(Json(ConfigText("m.json")));
+    EXPECT_TRUE(eventually([&] { return stored("top.txt"); }));
+    component->FlushDocuments();
+    component.reset();
+    EXPECT_FALSE(stored("BaselineEvents.db"));
+    for (const auto& entry : std::filesystem::directory_iterator(m_dir.File("fim")))
+    {
+        EXPECT_FALSE(stored("fim/" + entry.path().filename().string())) << entry.path();
+    }
+}
+
+TEST(FimConfigTest, SettleTimeAndBaselineRateAreOptional)
+{
+    fim::Config config(Json(R"({"event_file_name":"e"})"));
+    EXPECT_EQ(config.ContentSettleTimeMs(), 1000u);
+    EXPECT_EQ(config.BaselineFilesPerSec(), 0u);
+    config.Update(Json(R"({"content_settle_time_ms":0,"baseline_files_per_sec":50})"));
+    EXPECT_EQ(config.ContentSettleTimeMs(), 0u);
+    EXPECT_EQ(config.BaselineFilesPerSec(), 50u);
+    config.Update(Json(R"({"content_settle_time_ms":-1})"));
+    EXPECT_EQ(config.ContentSettleTimeMs(), 1000u);
 }

@@ -1,0 +1,128 @@
+#include "tests/support/AgentProcess.h"
+
+#include "tests/support/DaemonHarness.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace vantor::test
+{
+
+using namespace std::chrono_literals;
+
+int WaitForChild(pid_t pid, std::chrono::milliseconds timeout)
+{
+    int status = 0;
+    if (!Eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout))
+    {
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void StopChild(pid_t pid, std::chrono::milliseconds grace)
+{
+    if (pid <= 0 || ::kill(pid, 0) != 0)
+    {
+        return;
+    }
+    ::kill(pid, SIGTERM);
+    if (WaitForChild(pid, grace) < 0)
+    {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
+}
+
+AgentProcess::AgentProcess(const std::string& output)
+    : m_output(output)
+{
+    int go[2];
+    int control[2];
+    if (::pipe2(go, O_CLOEXEC) != 0 || ::pipe2(control, O_CLOEXEC) != 0)
+    {
+        ADD_FAILURE() << "pipe: " << std::strerror(errno);
+        return;
+    }
+    m_pid = ::fork();
+    if (m_pid == 0)
+    {
+        ::close(go[1]);
+        ::close(control[1]);
+        char c = 0;
+        char configFile[4096] = {};
+        const ssize_t n = ::read(go[0], configFile, sizeof configFile - 1);
+        if (n <= 0 || ::read(go[0], &c, 1) != 0)
+        {
+            ::_exit(126);
+        }
+        ::dup2(control[0], STDIN_FILENO);
+        const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(out, STDERR_FILENO);
+        ::execl(DaemonHarness::kOutpost, DaemonHarness::kOutpost, "--config", configFile, "--start",
+                DaemonHarness::kDaemon, static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ::close(go[0]);
+    ::close(control[0]);
+    m_go = go[1];
+    m_control = control[1];
+}
+
+AgentProcess::~AgentProcess()
+{
+    if (m_go >= 0)
+    {
+        ::close(m_go);
+    }
+    if (m_control >= 0)
+    {
+        ::close(m_control);
+    }
+    StopChild(m_pid, 5s);
+    // Left to us, its subreaper, if the agent went first.
+    if (m_daemonPid > 0 && ::waitpid(m_daemonPid, nullptr, WNOHANG) == 0)
+    {
+        StopChild(m_daemonPid, 5s);
+    }
+}
+
+void AgentProcess::Start(const std::string& configFile)
+{
+    ASSERT_EQ(::write(m_go, configFile.data(), configFile.size()), static_cast<ssize_t>(configFile.size()));
+    ::close(m_go);
+    m_go = -1;
+}
+
+pid_t AgentProcess::DaemonPid()
+{
+    const std::string marker = "corvid-outpost: daemon connected, pid ";
+    Eventually([&] { return ReadText(m_output).find(marker) != std::string::npos; }, 10s);
+    const std::string text = ReadText(m_output);
+    const auto at = text.find(marker);
+    if (at != std::string::npos)
+    {
+        m_daemonPid = std::atoi(text.c_str() + at + marker.size());
+    }
+    return m_daemonPid;
+}
+
+int AgentProcess::Exit()
+{
+    const std::string word = "exit\n";
+    EXPECT_EQ(::write(m_control, word.data(), word.size()), static_cast<ssize_t>(word.size()));
+    const int status = WaitForChild(m_pid, 15s);
+    if (status >= 0)
+    {
+        m_pid = 0;
+    }
+    return status;
+}
+
+} // namespace vantor::test

@@ -1,0 +1,50 @@
+#pragma once
+
+// The stand-in host agent (corvid-outpost) as a child of the test, starting
+// the real daemon. Its pid is known before it runs, so that the daemon's
+// configuration can name it as outpost_pid; the configuration file's name is
+// handed over once written. Run inside a DaemonHarness.
+
+#include <chrono>
+#include <string>
+#include <sys/types.h>
+
+namespace vantor::test
+{
+
+// Waits for a child of ours: its exit status (128 + signal when killed), or
+// -1 when it still runs after timeout.
+int WaitForChild(pid_t pid, std::chrono::milliseconds timeout);
+// Ends a child of ours: SIGTERM, then SIGKILL after grace.
+void StopChild(pid_t pid, std::chrono::milliseconds grace);
+
+class AgentProcess
+{
+public:
+    // The agent's output (and the daemon's start-up output) goes to output.
+    explicit AgentProcess(const std::string& output);
+    ~AgentProcess();
+    AgentProcess(const AgentProcess&) = delete;
+    AgentProcess& operator=(const AgentProcess&) = delete;
+
+    pid_t Pid() const { return m_pid; }
+
+    // Lets the agent start the daemon with the configuration file.
+    void Start(const std::string& configFile);
+
+    // The daemon's pid, once it has connected; 0 when it did not.
+    pid_t DaemonPid();
+
+    // Has the agent send "exit"; answers the agent's status (the daemon's),
+    // -1 when it did not end in time.
+    int Exit();
+
+private:
+    std::string m_output;
+    pid_t m_pid = -1;
+    pid_t m_daemonPid = 0;
+    int m_go = -1;
+    int m_control = -1;
+};
+
+} // namespace vantor::test
