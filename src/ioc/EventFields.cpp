@@ -61,18 +61,7 @@ std::optional<pid_t> EventFields::ParentProcessId(const edr::Event& event)
 
 bool EventFields::IsFileEvent(edr::EventType type)
 {
-    switch (type)
-    {
-    case edr::EventType::Create:
-    case edr::EventType::Delete:
-    case edr::EventType::Read:
-    case edr::EventType::Write:
-    case edr::EventType::Attribute:
-    case edr::EventType::Rename:
-        return true;
-    default:
-        return false;
-    }
+    return edr::IsFileEventType(type);
 }
 
 bool EventFields::IsNetworkEvent(edr::EventType type)
