@@ -74,10 +74,7 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
         EDR_LOG_DEBUG("Updating Parent of PID: " << pid << "Old Parent PID:"
                                                  << " " << oldParent << "New Parent PID:"
                                                  << " " << entry->info.parentPid);
-        if (Entry* parent = FindLocked(oldParent))
-        {
-            parent->info.children.erase(pid);
-        }
+        UnlinkFromParentLocked(pid, oldParent);
         LinkToParentLocked(pid, entry->info.parentPid);
     }
 }
@@ -102,12 +99,17 @@ void TtlProcessTree::AddLocked(ProcessInfo process)
     entry = Entry{};
     entry.info = std::move(process);
     // Children that named this pid as their parent before it was known.
-    for (const auto& [childPid, child] : m_entries)
+    if (const auto waiting = m_waitingChildren.find(pid); waiting != m_waitingChildren.end())
     {
-        if (child.info.parentPid == pid && childPid != pid)
+        for (const pid_t child : waiting->second)
         {
-            entry.info.children.insert(childPid);
+            const Entry* known = FindLocked(child);
+            if (known && known->info.parentPid == pid && child != pid)
+            {
+                entry.info.children.insert(child);
+            }
         }
+        m_waitingChildren.erase(waiting);
     }
     LinkToParentLocked(pid, parentPid);
     if (entry.info.HasTag(kTerminated))
@@ -129,6 +131,23 @@ void TtlProcessTree::LinkToParentLocked(pid_t pid, pid_t parentPid)
     else
     {
         EDR_LOG_TRACE("Ppid: " << parentPid << " does not exist for process: " << pid);
+        m_waitingChildren[parentPid].insert(pid);
+    }
+}
+
+void TtlProcessTree::UnlinkFromParentLocked(pid_t pid, pid_t parentPid)
+{
+    if (Entry* parent = FindLocked(parentPid))
+    {
+        parent->info.children.erase(pid);
+    }
+    else if (const auto waiting = m_waitingChildren.find(parentPid); waiting != m_waitingChildren.end())
+    {
+        waiting->second.erase(pid);
+        if (waiting->second.empty())
+        {
+            m_waitingChildren.erase(waiting);
+        }
     }
 }
 
@@ -154,10 +173,7 @@ void TtlProcessTree::DeleteLocked(pid_t pid)
         EDR_LOG_ERROR("Process PID: " << pid << " not found.");
         return;
     }
-    if (Entry* parent = FindLocked(it->second.info.parentPid))
-    {
-        parent->info.children.erase(pid);
-    }
+    UnlinkFromParentLocked(pid, it->second.info.parentPid);
     for (const pid_t child : it->second.info.children)
     {
         // The children stay; their parent link names a pid the tree no
@@ -475,6 +491,7 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
         {
             std::lock_guard lock(m_mutex);
             m_entries.clear();
+            m_waitingChildren.clear();
             m_removed.clear();
         }
         ClearStored(snapshot);
@@ -494,7 +511,10 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
         }
         // Children are linked again from the parents the rows name.
         process.children.clear();
-        m_entries.erase(pid);
+        if (m_entries.count(pid) != 0)
+        {
+            DeleteLocked(pid);
+        }
         AddLocked(std::move(process));
         Entry& entry = m_entries.at(pid);
         if (!liveStart)

@@ -138,6 +138,7 @@ private:
     void AddLocked(ProcessInfo process);
     void DeleteLocked(pid_t pid);
     void LinkToParentLocked(pid_t pid, pid_t parentPid);
+    void UnlinkFromParentLocked(pid_t pid, pid_t parentPid);
     void MarkTerminatedLocked(Entry& entry);
     Entry* FindLocked(pid_t pid);
     // Whether two start times name the same process.
@@ -152,6 +153,8 @@ private:
 
     mutable std::mutex m_mutex;
     std::unordered_map<pid_t, Entry> m_entries;
+    // Parent pid -> children that named it while it was not in the tree.
+    std::unordered_map<pid_t, std::set<pid_t>> m_waitingChildren;
     // Pids whose rows must go at the next save.
     std::set<pid_t> m_removed;
     std::chrono::steady_clock::time_point m_lastSweep{};
