@@ -69,6 +69,7 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
     process.creationTime = entry->info.creationTime;
     const pid_t oldParent = entry->info.parentPid;
     entry->info = std::move(process);
+    ++m_generation;
     if (oldParent != entry->info.parentPid)
     {
         EDR_LOG_DEBUG("Updating Parent of PID: " << pid << "Old Parent PID:"
@@ -94,6 +95,7 @@ void TtlProcessTree::AddLocked(ProcessInfo process)
 {
     const pid_t pid = process.pid;
     const pid_t parentPid = process.parentPid;
+    ++m_generation;
     m_removed.erase(pid);
     auto& entry = m_entries[pid];
     entry = Entry{};
@@ -186,6 +188,7 @@ void TtlProcessTree::DeleteLocked(pid_t pid)
     }
     m_entries.erase(it);
     m_removed.insert(pid);
+    ++m_generation;
 }
 
 bool TtlProcessTree::Contains(pid_t pid) const
@@ -300,6 +303,7 @@ bool TtlProcessTree::AddTag(pid_t pid, const std::string& tag, int64_t score)
         entry->info.tags.erase(kExcluded);
     }
     entry->info.tags[tag] = score;
+    ++m_generation;
     return true;
 }
 
@@ -312,6 +316,7 @@ bool TtlProcessTree::RemoveTag(pid_t pid, const std::string& tag)
         EDR_LOG_DEBUG("Failed to remove tag " << tag << " from process " << pid);
         return false;
     }
+    ++m_generation;
     return true;
 }
 
@@ -349,6 +354,7 @@ void TtlProcessTree::MarkTerminatedLocked(Entry& entry)
     {
         entry.info.tags[kTerminated] = 0;
         entry.terminatedAt = m_clock();
+        ++m_generation;
     }
 }
 
@@ -396,13 +402,20 @@ void TtlProcessTree::EnsureInitLocked()
 
 bool TtlProcessTree::Save(common::SqlStorage& snapshot)
 {
-    EDR_LOG_DEBUG("Saving Ttl Process Tree to db");
     SnapshotSqlDataFormatter formatter;
     common::SqlStorage::Records records;
     std::set<pid_t> removed;
+    uint64_t generation = 0;
     {
         std::lock_guard lock(m_mutex);
         EnsureInitLocked();
+        if (m_generation == m_savedGeneration && m_removed.empty())
+        {
+            // Nothing that the rows hold has changed since the last save.
+            return true;
+        }
+        generation = m_generation;
+        EDR_LOG_DEBUG("Saving Ttl Process Tree to db");
         records.reserve(m_entries.size());
         for (const auto& [pid, entry] : m_entries)
         {
@@ -433,7 +446,20 @@ bool TtlProcessTree::Save(common::SqlStorage& snapshot)
     {
         m_removed.erase(pid);
     }
+    if (saved)
+    {
+        m_savedGeneration = generation;
+    }
     return saved;
+}
+
+void TtlProcessTree::Clear()
+{
+    std::lock_guard lock(m_mutex);
+    m_entries.clear();
+    m_waitingChildren.clear();
+    m_removed.clear();
+    ++m_generation;
 }
 
 void TtlProcessTree::ClearStored(common::SqlStorage& snapshot)
@@ -488,12 +514,7 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
                           << " differs from stored start time.");
         }
         EDR_LOG_INFO("System reboot detected. Clearing the TtlProcessTree.");
-        {
-            std::lock_guard lock(m_mutex);
-            m_entries.clear();
-            m_waitingChildren.clear();
-            m_removed.clear();
-        }
+        Clear();
         ClearStored(snapshot);
         return;
     }

@@ -123,7 +123,11 @@ public:
     // sweep was less than a second ago. Answers whether it swept.
     bool DeleteStaleProcesses();
 
-    // Answers whether every statement succeeded.
+    // Forgets every process (the rows stay until the caller clears them).
+    void Clear();
+
+    // Answers whether every statement succeeded. A tree unchanged since its
+    // last successful save writes nothing.
     bool Save(common::SqlStorage& snapshot);
     void Load(common::SqlStorage& snapshot);
 
@@ -158,6 +162,10 @@ private:
     // Pids whose rows must go at the next save.
     std::set<pid_t> m_removed;
     std::chrono::steady_clock::time_point m_lastSweep{};
+    // Counts the changes of what the rows hold; a save of an unchanged tree
+    // writes nothing.
+    uint64_t m_generation = 0;
+    uint64_t m_savedGeneration = 0;
 };
 
 } // namespace vantor::ioc

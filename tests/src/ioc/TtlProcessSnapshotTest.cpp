@@ -5,6 +5,7 @@
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessRow.h"
 #include "ioc/TtlProcessTree.h"
+#include "tests/src/audit/TestEvent.h"
 #include "tests/src/ioc/FakeProc.h"
 #include "tests/src/ioc/SnapshotDatabase.h"
 #include "tests/support/LogCapture.h"
@@ -253,6 +254,29 @@ TEST_F(TtlProcessSnapshotTest, ASaveKilledHalfWayLeavesADatabaseThatOpensAndLoad
         EXPECT_TRUE(tree->Contains(10));
         EXPECT_TRUE(tree->Contains(20099));
     }
+}
+
+} // namespace
+
+namespace
+{
+
+TEST_F(TtlProcessSnapshotTest, ASaveOfAnUnchangedTreeWritesNothing)
+{
+    auto tree = MakeTree();
+    tree->Add(Running(10, 1, 400));
+    auto storage = Open();
+    ASSERT_TRUE(tree->Save(*storage));
+    SnapshotDatabase(m_dir.File("SnapshotEdr.db")).Run("DELETE FROM TtlProcesses WHERE ProcessID = 10");
+    EXPECT_TRUE(tree->Save(*storage));
+    EXPECT_THAT(StoredPids(), ElementsAre("1")) << "nothing was written";
+    tree->CacheEvent(std::make_shared<test::TestEvent>());
+    tree->SetVerdict(10, "Heuristics", 4);
+    EXPECT_TRUE(tree->Save(*storage));
+    EXPECT_THAT(StoredPids(), ElementsAre("1")) << "events and verdicts are not stored";
+    tree->AddTag(10, "Discovery", 2);
+    EXPECT_TRUE(tree->Save(*storage));
+    EXPECT_THAT(StoredPids(), ElementsAre("1", "10"));
 }
 
 } // namespace
