@@ -148,7 +148,9 @@ void BM_TtlTreeAddWithEvents(benchmark::State& state)
 }
 BENCHMARK(BM_TtlTreeAddWithEvents)->Unit(benchmark::kMillisecond)->Iterations(2);
 
-void BM_TtlTreeLookup(benchmark::State& state)
+// Runs a query on pids spread over the whole tree.
+template <typename Query>
+void QueryPids(benchmark::State& state, Query query)
 {
     Quiet();
     BenchDir dir;
@@ -156,26 +158,22 @@ void BM_TtlTreeLookup(benchmark::State& state)
     pid_t pid = 2;
     for (auto _ : state)
     {
-        benchmark::DoNotOptimize(tree->GetProcessInfo(pid));
+        benchmark::DoNotOptimize(query(*tree, pid));
         pid = pid * 7919 % kProcesses + 2;
     }
     state.SetItemsProcessed(state.iterations());
+}
+
+void BM_TtlTreeLookup(benchmark::State& state)
+{
+    QueryPids(state, [](const TtlProcessTree& tree, pid_t pid) { return tree.GetProcessInfo(pid); });
 }
 BENCHMARK(BM_TtlTreeLookup);
 
 void BM_TtlTreeAncestors(benchmark::State& state)
 {
-    Quiet();
-    BenchDir dir;
-    auto tree = BuildTree(dir, std::chrono::steady_clock::now);
-    pid_t pid = 2;
-    for (auto _ : state)
-    {
-        // Up to 49 ancestors: the chains run from process 1 in steps of 50.
-        benchmark::DoNotOptimize(tree->GetAncestors(pid));
-        pid = pid * 7919 % kProcesses + 2;
-    }
-    state.SetItemsProcessed(state.iterations());
+    // Up to 49 ancestors: the chains run from process 1 in steps of 50.
+    QueryPids(state, [](const TtlProcessTree& tree, pid_t pid) { return tree.GetAncestors(pid); });
 }
 BENCHMARK(BM_TtlTreeAncestors);
 
