@@ -232,11 +232,15 @@ std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
         {
             break;
         }
+        const int64_t childStart = it->second.info.creationTime;
         it = m_entries.find(parent);
-        if (it != m_entries.end())
+        // A parent that started after its child is a later process on the
+        // parent's reused pid.
+        if (it == m_entries.end() || it->second.info.creationTime > childStart + kStartTimeToleranceMs)
         {
-            ancestors.push_back(parent);
+            break;
         }
+        ancestors.push_back(parent);
     }
     return ancestors;
 }

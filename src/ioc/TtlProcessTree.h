@@ -98,7 +98,9 @@ public:
     // A copy; throws TtlProcessTreeException "ProcessInfo for pid <pid> does
     // not exist".
     ProcessInfo GetProcessInfo(pid_t pid) const;
-    // The parent, its parent, ... as far as the tree knows them. Throws
+    // The parent, its parent, ... as far as the tree knows them (a "parent"
+    // that started after its child is a later process on a reused pid and
+    // ends the walk). Throws
     // TtlProcessTreeException "TtlProcessTree::GetAncestors: 'pid' is
     // invalid" for a pid of 0 or below.
     std::vector<pid_t> GetAncestors(pid_t pid) const;

@@ -103,6 +103,21 @@ TEST_F(TtlProcessTreeTest, AnExecKeepsTagsAndAChangedParentMovesTheChild)
     EXPECT_EQ(process.Score(), 30);
 }
 
+TEST_F(TtlProcessTreeTest, ANewProcessOnTheDeletedParentsPidDoesNotAdoptItsChildren)
+{
+    Start(10, 1, 400);
+    Start(20, 10, 500);
+    m_tree.Delete(10);
+    Start(10, 1, 700);
+    EXPECT_THAT(m_tree.GetProcessInfo(10).children, IsEmpty());
+    EXPECT_THAT(m_tree.GetAncestors(20), IsEmpty()) << "a parent cannot start after its child";
+    m_tree.Delete(20);
+    Start(30, 40, 800);
+    m_tree.Delete(30);
+    Start(40, 1, 900);
+    EXPECT_THAT(m_tree.GetProcessInfo(40).children, IsEmpty()) << "a deleted waiting child is forgotten";
+}
+
 TEST_F(TtlProcessTreeTest, APidReusedByANewProcessReplacesTheOldEntryWithNothingOfIt)
 {
     Start(20, 1, 500);
