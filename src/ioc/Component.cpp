@@ -13,6 +13,7 @@
 #include "ioc/EventRuleManager.h"
 #include "ioc/SequenceNumber.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
+#include "ioc/TtlProcessTree.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -105,6 +106,8 @@ Component::Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
     m_snapshot = std::make_unique<common::SqlStorage>(
         snapshotDirectory, kSnapshotDbName, std::make_unique<internal::SnapshotSqlDataFormatter>(), false);
     m_sequenceNumber = std::make_unique<internal::SequenceNumber>(*m_snapshot);
+    m_processTree = std::make_unique<TtlProcessTree>();
+    m_processTree->Load(*m_snapshot);
     ApplySpoolSettingsLocked();
     m_ruleManager = std::make_unique<internal::EventRuleManager>();
     m_updates = std::make_unique<internal::ConfigUpdateTask>();
@@ -122,6 +125,10 @@ Component::~Component()
         std::lock_guard lock(m_mutex);
         // After this no handler runs, so the parts can go.
         RemoveRulesLocked();
+        if (m_enabled)
+        {
+            m_processTree->Save(*m_snapshot);
+        }
     }
     m_spool.reset();
     EDR_LOG_INFO("Ioc component destroyed.");
@@ -250,8 +257,10 @@ void Component::RemoveRulesLocked()
 
 void Component::ClearSnapshotLocked()
 {
+    m_processTree->Clear();
     const auto result = m_snapshot->DeleteAll();
-    if (result.success)
+    const auto processes = m_snapshot->Clear(internal::SnapshotSqlDataFormatter::kTtlProcesses);
+    if (result.success && processes.success)
     {
         EDR_LOG_INFO("Successfully cleared sql storage");
     }
@@ -299,6 +308,7 @@ void Component::ConsumeQueuedEvents()
     const auto rules = m_ruleManager->GetRules();
     for (const auto& event : events)
     {
+        TrackProcess(*event);
         std::vector<std::string> matched;
         std::vector<std::string> whitelisted;
         for (const auto& rule : *rules)
@@ -318,6 +328,30 @@ void Component::ConsumeQueuedEvents()
         EDR_LOG_DEBUG("Ioc::Component: Handled " << internal::EventFields::Describe(*event)
                                                  << ", matching rules " << Join(matched)
                                                  << ", whitelisted by " << Join(whitelisted));
+    }
+}
+
+void Component::TrackProcess(const edr::Event& event)
+{
+    try
+    {
+        const auto type = event.GetType();
+        if (type == edr::EventType::Running)
+        {
+            m_processTree->AddOrUpdate(event);
+        }
+        else if (type == edr::EventType::Exit || type == edr::EventType::AbnormalEnd)
+        {
+            m_processTree->MarkTerminated(event.GetActorProcessId());
+        }
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Failed to update process info: " << e.what());
+    }
+    if (m_processTree->DeleteStaleProcesses())
+    {
+        m_processTree->Save(*m_snapshot);
     }
 }
 

@@ -29,6 +29,8 @@ class LibMagicWrapper;
 namespace vantor::ioc
 {
 
+class TtlProcessTree;
+
 namespace internal
 {
 class ConfigUpdateTask;
@@ -50,10 +52,15 @@ class SequenceNumber;
 // manifests all fail disables it until a usable one arrives. Disabled, it
 // has no kernel rules and no handlers.
 //
+// The TTL process tree is loaded from the snapshot at construction and saved
+// after each stale-process sweep and at destruction.
+//
 // The handler copies each event onto the processing queue. Until the
 // processing thread and its engines exist, the queue is consumed right away
-// on the handler's thread: each event is matched against the policy's rules
-// and logged at debug level ("Ioc::Component: Handled <action> event <id> of
+// on the handler's thread: process-running events add or update their
+// process in the TTL process tree, exits mark it terminated, a sweep of
+// stale processes runs (at most once a second), and each event is matched
+// against the policy's rules and logged at debug level ("Ioc::Component: Handled <action> event <id> of
 // process <pid> (<executable>)" with the rules it matched). Nothing is
 // reported upstream yet.
 //
@@ -102,6 +109,7 @@ public:
     const Ioc::Config& GetConfig() const { return *m_config; }
     const internal::EventRuleManager& GetRuleManager() const { return *m_ruleManager; }
     common::SpoolStorage& GetSpool() const { return *m_spool; }
+    TtlProcessTree& GetProcessTree() const { return *m_processTree; }
 
     // The CPU and memory limits (percent) the processing thread keeps to.
     struct Limits
@@ -127,6 +135,7 @@ private:
     void OnEvent(const edr::Event& event);
     void OnRulesInvalidated();
     void ConsumeQueuedEvents();
+    void TrackProcess(const edr::Event& event);
 
     // In construction order; destroyed in reverse.
     const uint64_t m_bootTime;
@@ -140,6 +149,7 @@ private:
     const std::string m_installPath;
     std::unique_ptr<common::SqlStorage> m_snapshot;
     std::unique_ptr<internal::SequenceNumber> m_sequenceNumber;
+    std::unique_ptr<TtlProcessTree> m_processTree;
     std::unique_ptr<common::SpoolStorage> m_spool;
     std::unique_ptr<internal::EventRuleManager> m_ruleManager;
     common::SynchronizedQueue<edr::Event> m_queue;

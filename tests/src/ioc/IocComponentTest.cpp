@@ -8,6 +8,7 @@
 #include "ioc/EventRuleManager.h"
 #include "ioc/SequenceNumber.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
+#include "ioc/TtlProcessTree.h"
 #include "tests/src/ioc/IocTestEvent.h"
 #include "tests/src/ioc/IocTestJson.h"
 #include "tests/src/ioc/RecordingRuleEngine.h"
@@ -29,6 +30,8 @@
 #include <future>
 #include <optional>
 #include <thread>
+
+#include <unistd.h>
 
 using namespace vantor;
 using ioc::test::Json;
@@ -356,4 +359,36 @@ TEST_F(IocComponentTest, UpdatesRunInOrderOffTheCallersThreadAndABadOneChangesNo
     EXPECT_TRUE(m_engine.TakeCalls().empty());
     EXPECT_TRUE(component->IsEnabled());
     EXPECT_EQ(component->GetConfig().ServiceUrl(), "https://127.0.0.1:1/ioc");
+}
+
+TEST_F(IocComponentTest, TheProcessTreeIsSavedAtShutdownAndLoadedAtTheNextStart)
+{
+    {
+        auto component = Make({m_manifest});
+        auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/tool");
+        start.pid = getpid();
+        start.ppid = getppid();
+        m_engine.DispatchEvent({"IOC"}, start);
+        ASSERT_TRUE(component->GetProcessTree().Contains(getpid()));
+        ASSERT_TRUE(component->GetProcessTree().AddTag(getpid(), "Execution", 10));
+
+        // An exit of a process the tree does not know changes nothing.
+        auto exit = ioc::test::ProcessEvent(edr::EventType::Exit, "/usr/bin/other");
+        exit.pid = 0x7ffffff0;
+        m_engine.DispatchEvent({"IOC"}, exit);
+    }
+    {
+        auto component = Make({m_manifest});
+        auto& tree = component->GetProcessTree();
+        ASSERT_TRUE(tree.Contains(getpid()));
+        EXPECT_EQ(tree.GetProcessInfo(getpid()).tags.at("Execution"), 10);
+        EXPECT_FALSE(tree.HasTag(getpid(), ioc::TtlProcessTree::kTerminated))
+            << "the test process still runs";
+        EXPECT_TRUE(tree.Contains(1)) << "process 1 is kept for reboot detection";
+
+        // Disabling forgets the processes, in memory and in the database.
+        EXPECT_FALSE(Update(*component, ConfigText({})));
+        EXPECT_EQ(tree.Size(), 0u);
+    }
+    EXPECT_EQ(Make({m_manifest})->GetProcessTree().Size(), 0u);
 }
