@@ -14,6 +14,7 @@
 #include "common/util/Json.h"
 #include "edr/PseudoRunningEvent.h"
 #include "edr/PseudoTerminateEvent.h"
+#include "edr/daemon/ConfigurationFile.h"
 #include "edr/daemon/ProcessTreeLookup.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
@@ -52,28 +53,6 @@ void Syslog(int priority, const std::string& text)
     ::syslog(priority, "%s", text.c_str());
 }
 
-bool IsObjectMember(const rapidjson::Value& root, const char* key)
-{
-    const auto it = root.FindMember(key);
-    return it != root.MemberEnd() && it->value.IsObject();
-}
-
-// "outpost_pid" (any JSON number, taken as a 32-bit integer) and
-// "outpost_path"; answers false when either is missing or of another type.
-bool ReadOutpost(const rapidjson::Value& root, int32_t& pid, std::string& path)
-{
-    const auto pidIt = root.FindMember("outpost_pid");
-    const auto pathIt = root.FindMember("outpost_path");
-    if (pidIt == root.MemberEnd() || !pidIt->value.IsNumber() || pathIt == root.MemberEnd() ||
-        !pathIt->value.IsString())
-    {
-        return false;
-    }
-    const double value = pidIt->value.GetDouble();
-    pid = value >= INT32_MIN && value <= INT32_MAX ? static_cast<int32_t>(value) : 0;
-    path.assign(pathIt->value.GetString(), pathIt->value.GetStringLength());
-    return true;
-}
 } // namespace
 
 Daemon::Daemon() = default;
@@ -234,26 +213,24 @@ bool Daemon::Initialize()
     }
 
     const std::string path(util::GetString(message, "config_file"));
-    std::string text;
-    if (!util::ReadFile(path, text))
+    ConfigurationFile file;
+    switch (file.Load(path))
     {
+    case ConfigurationFile::Status::Unreadable:
         Syslog(LOG_CRIT, "Failed to read config file: " + path);
         return false;
-    }
-    rapidjson::Document root;
-    if (!util::ParseJson(root, text) || !root.IsObject())
-    {
+    case ConfigurationFile::Status::Invalid:
         Syslog(LOG_CRIT, "Invalid configuration file.");
         return false;
+    case ConfigurationFile::Status::Ok:
+        break;
     }
-    for (const char* section : {"common_config", "fim_config", "ioc_config", "edr_config"})
+    if (!file.HasSections({"common_config", "fim_config", "ioc_config", "edr_config"}))
     {
-        if (!IsObjectMember(root, section))
-        {
-            Syslog(LOG_CRIT, "Incomplete configuration file " + path);
-            return false;
-        }
+        Syslog(LOG_CRIT, "Incomplete configuration file " + path);
+        return false;
     }
+    const rapidjson::Document& root = file.Root();
 
     try
     {
@@ -295,7 +272,7 @@ bool Daemon::Initialize()
         return false;
     }
 
-    if (!ReadOutpost(root, m_outpostPid, m_outpostPath))
+    if (!file.ReadOutpost(m_outpostPid, m_outpostPath))
     {
         Syslog(LOG_CRIT, "Invalid outpost pid and path information");
         return false;
@@ -483,22 +460,23 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
         return;
     }
     const std::string path(fileIt->value.GetString(), fileIt->value.GetStringLength());
-    std::string text;
-    if (!util::ReadFile(path, text))
+    ConfigurationFile file;
+    switch (file.Load(path))
     {
+    case ConfigurationFile::Status::Unreadable:
         EDR_LOG_ERROR("Failed to read config file: " << path);
         return;
-    }
-    rapidjson::Document root;
-    if (!util::ParseJson(root, text) || !root.IsObject())
-    {
+    case ConfigurationFile::Status::Invalid:
         EDR_LOG_ERROR("Invalid configuration file.");
         return;
+    case ConfigurationFile::Status::Ok:
+        break;
     }
+    const rapidjson::Document& root = file.Root();
     int32_t outpostPid = 0;
     std::string outpostPath;
-    if (!IsObjectMember(root, "common_config") || !IsObjectMember(root, "fim_config") ||
-        !IsObjectMember(root, "ioc_config") || !ReadOutpost(root, outpostPid, outpostPath))
+    if (!file.HasSections({"common_config", "fim_config", "ioc_config"}) ||
+        !file.ReadOutpost(outpostPid, outpostPath))
     {
         EDR_LOG_ERROR("Incomplete configuration file: " << path);
         return;
