@@ -214,6 +214,8 @@ int Run(size_t eventCount, bool show)
         process(feed.Feed(data + at, std::min(kChunkSize, text.size() - at)));
     }
     process(feed.Flush());
+    // Documents wait for their files to settle: build them now.
+    component.FlushDocuments();
     // Writes are queued to the spool's task in order: once this one is in,
     // every document before it is.
     if (!spool.Write(R"({"benchEnd":true})").Succeeded() || !spool.FlushDataCache())

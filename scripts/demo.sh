@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Runs the daemon's main job on built-in defaults and shows what it detected
 # and uploaded:
-#  - a local HTTPS upload receiver (certificate made now, HMAC checked),
+#  - a local HTTPS upload receiver (certificate made now, HMAC checked,
+#    uncompressed uploads refused, answers signed),
 #  - the stand-in host agent, which starts corvid-edr and hands it the default
 #    configuration pointed at this demo's directories,
 #  - the default FIM manifest pointed at a scratch directory,
+#  - the default IOC manifest, its directory rule pointed at the same place,
 #  - a short workload in that directory on the real kernel audit stream.
 set -euo pipefail
 build=${1:-build}
@@ -32,15 +34,20 @@ head -c 32 /dev/urandom | od -An -tx1 | tr -d ' \n' > "$work/outpost/keys/edr_hm
 
 # 1. The upload receiver.
 "$build/corvid-test-receiver" --output "$work/received" --cert-dir "$work/certs" \
-  --hmac-key-file "$work/outpost/keys/edr_hmac.key" > "$work/receiver.out" 2>&1 &
+  --hmac-key-file "$work/outpost/keys/edr_hmac.key" --request-log "$work/requests.log" \
+  > "$work/receiver.out" 2>&1 &
 receiver_pid=$!
 for _ in $(seq 50); do grep -q '^ca:' "$work/receiver.out" 2>/dev/null && break; sleep 0.1; done
 url=$(sed -n 's/^url: //p' "$work/receiver.out")
 ca=$(sed -n 's/^ca: //p' "$work/receiver.out")
 [ -n "$url" ] || { echo "demo: the receiver did not start"; cat "$work/receiver.out"; exit 1; }
+# The daemon checks the receiver's answers with its public key.
+cp "$(sed -n 's/^public_key: //p' "$work/receiver.out")" "$work/outpost/keys/edr_response.pub"
 
 # 2. Configuration, logging and manifest, from the defaults.
+# Debug level: IOC logs each event it handles there.
 sed -e "s#^logging.channels.c1.path = .*#logging.channels.c1.path = $work/log/edr.log#" \
+    -e "s#^logging.loggers.l1.level = .*#logging.loggers.l1.level = debug#" \
     "$root/config/logging.properties" > "$work/logging.properties"
 python3 - "$root" "$work" "$url" "$ca" <<'PY'
 import json, sys
@@ -51,11 +58,19 @@ common.update(log_config_file=work + "/logging.properties", agent_install_path=w
               ca_cert_path=ca, service_url=url)
 cfg["fim_config"].update(event_file_path=work + "/spool/", service_url=url + "/fim",
                          manifest_path=work + "/fim_manifest.json", upload_interval=3, max_file_age_sec=1)
+cfg["ioc_config"].update(event_file_path=work + "/spool/", service_url=url + "/ioc",
+                         manifests=[{"manifest_path": work + "/ioc_manifest.json", "manifest_type": "ioc"}])
 json.dump(cfg, open(work + "/corvid-edr.json", "w"), indent=2)
 manifest = json.load(open(root + "/config/fim_manifest.json"))
 for rule in manifest["data"]["fim"]["rules"]:
     rule["imagePath"] = work + "/watched"
 json.dump(manifest, open(work + "/fim_manifest.json", "w"), indent=2)
+ioc = json.load(open(root + "/config/ioc_manifest.json"))
+ioc["globalSettings"]["gateway_url"] = url + "/ioc"
+for rule in ioc["rules"]:
+    if rule["ruleType"] == "Directory":
+        rule["path"] = work + "/watched"
+json.dump(ioc, open(work + "/ioc_manifest.json", "w"), indent=2)
 PY
 
 echo "== corvid-edr demo"
@@ -66,7 +81,7 @@ echo
 
 # 3. The agent starts the daemon and tells it to exit after the workload.
 "$build/corvid-outpost" --config "$work/corvid-edr.json" --start "$build/corvid-edr" \
-  --then fim_status --after 2 --then exit --after 14 </dev/null > "$work/agent.out" 2>&1 &
+  --then fim_status --after 2 --then ioc_status --after 0.5 --then exit --after 13.5 </dev/null > "$work/agent.out" 2>&1 &
 agent_pid=$!
 sleep 3
 
@@ -89,6 +104,10 @@ sed 's/^/   /' "$work/agent.out"
 kill "$receiver_pid" 2>/dev/null || true
 wait "$receiver_pid" 2>/dev/null || true
 receiver_pid=""
+
+echo
+echo "== requests the receiver got"
+sed 's/^/   /' "$work/requests.log" 2>/dev/null || echo "   none"
 
 echo
 echo "== what the receiver got"
@@ -119,4 +138,21 @@ print("   %d documents: %s" % (len(docs), ", ".join("%s %d" % kv for kv in sorte
 print()
 print("   first document in full:")
 print("\n".join("     " + line for line in json.dumps(docs[0], indent=2).splitlines()))
+PY
+
+echo
+echo "== what IOC handled, matched against its rules (IOC does not upload yet)"
+python3 - "$work/log/edr.log" <<'PY'
+import collections, re, sys
+handled = [line.split("Ioc::Component: Handled ", 1)[1].rstrip()
+           for line in open(sys.argv[1], encoding="utf-8", errors="replace")
+           if "Ioc::Component: Handled " in line]
+if not handled:
+    print("   IOC handled no event")
+    sys.exit(1)
+kinds = collections.Counter(line.split(" event ", 1)[0] for line in handled)
+print("   %d events: %s" % (len(handled), ", ".join("%s %d" % kv for kv in sorted(kinds.items()))))
+workload = [line for line in handled if re.search(r"\((/usr)?/bin/(mv|chmod|mkdir|cp|rm)\)", line)]
+for line in workload[:10]:
+    print("   " + line)
 PY

@@ -2,8 +2,8 @@
 
 #include "common/HmacRequestSigner.h"
 #include "common/util/Base64.h"
+#include "common/util/Digest.h"
 #include "common/util/Lzma.h"
-#include "common/util/Sha256.h"
 
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPRequestHandler.h>
@@ -51,9 +51,9 @@ std::string Sign(const std::string& keyPath, const std::string& body)
     }
     std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
         PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);
-    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> ctx(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+    const util::Digest::Context ctx = util::Digest::NewContext();
     size_t length = 0;
-    if (!key || !ctx || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1 ||
+    if (!key || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1 ||
         EVP_DigestSign(ctx.get(), nullptr, &length, reinterpret_cast<const unsigned char*>(body.data()),
                        body.size()) != 1)
     {
@@ -189,6 +189,12 @@ void TestReceiver::DropServerHeaderNext(unsigned count)
     m_dropCount = count;
 }
 
+void TestReceiver::BadSignatureNext(unsigned count)
+{
+    std::lock_guard lock(m_mutex);
+    m_badSignatureCount = count;
+}
+
 std::vector<TestReceiver::Received> TestReceiver::Requests() const
 {
     std::lock_guard lock(m_mutex);
@@ -241,7 +247,7 @@ std::string TestReceiver::Check(const Received& received, const std::string& bod
     {
         return "unexpected C-CLNTID";
     }
-    if (received.headers.Get("C-PAYLOADHASH") != util::Sha256Hex(body))
+    if (received.headers.Get("C-PAYLOADHASH") != util::Digest::HexOf(util::Digest::Algorithm::Sha256, body))
     {
         return "payload hash mismatch";
     }
@@ -259,21 +265,22 @@ std::string TestReceiver::Check(const Received& received, const std::string& bod
 }
 
 void TestReceiver::Answer(Poco::Net::HTTPServerResponse& response, int status, std::string body,
-                          bool compress, bool dropServerHeader)
+                          AnswerStyle style)
 {
     response.setStatusAndReason(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(status));
-    if (!dropServerHeader)
+    if (!style.dropServerHeader)
     {
         response.set("C-SRV", "test-receiver");
     }
-    if (compress)
+    if (style.compress)
     {
         body = util::LzmaCompress(body);
         response.set("Content-Encoding", "LZMA");
     }
     if (status >= 200 && status < 300)
     {
-        response.set("X-CRVD-Signature", Sign(m_certificate.keyPath, body));
+        // A signature over other bytes is as wrong as a forged one.
+        response.set("X-CRVD-Signature", Sign(m_certificate.keyPath, style.badSignature ? body + " " : body));
     }
     response.setContentType("application/json");
     response.setContentLength(static_cast<std::streamsize>(body.size()));
@@ -307,7 +314,7 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
     }
     const Poco::URI uri(received.uri);
 
-    bool drop = false;
+    AnswerStyle style;
     bool fail = false;
     int failStatus = 0;
     std::chrono::milliseconds stall{0};
@@ -316,7 +323,7 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
         if (m_dropCount > 0)
         {
             --m_dropCount;
-            drop = true;
+            style.dropServerHeader = true;
         }
         if (m_stallCount > 0 && uri.getPath() != "/control")
         {
@@ -332,7 +339,6 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
 
     int status = 200;
     std::string answer;
-    bool compress = false;
     if (uri.getPath() == "/control")
     {
         std::lock_guard lock(m_mutex);
@@ -348,6 +354,8 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
                 m_stallDuration = std::chrono::milliseconds(ToUnsigned(value));
             else if (key == "drop_csrv")
                 m_dropCount = ToUnsigned(value);
+            else if (key == "bad_signature")
+                m_badSignatureCount = ToUnsigned(value);
         }
         answer = R"({"control":"ok"})";
     }
@@ -383,15 +391,23 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
         if (received.rejection.empty())
         {
             const auto encoding = received.headers.Get("Content-Encoding");
-            try
+            if (!encoding || strcasecmp(encoding->c_str(), "LZMA") != 0)
             {
-                received.payload = encoding && strcasecmp(encoding->c_str(), "LZMA") == 0
-                                       ? util::LzmaDecompress(body)
-                                       : body;
+                if (!body.empty())
+                {
+                    received.rejection = "payload is not LZMA-compressed";
+                }
             }
-            catch (const std::exception& e)
+            else
             {
-                received.rejection = std::string("LZMA: ") + e.what();
+                try
+                {
+                    received.payload = util::LzmaDecompress(body);
+                }
+                catch (const std::exception& e)
+                {
+                    received.rejection = std::string("LZMA: ") + e.what();
+                }
             }
         }
         if (fail)
@@ -416,16 +432,38 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
             out.write(received.payload.data(), static_cast<std::streamsize>(received.payload.size()));
             answer = R"({"stored":)" + std::to_string(number) + "}";
             const auto accept = received.headers.Get("Accept-Encoding");
-            compress = accept && strcasecmp(accept->c_str(), "LZMA") == 0;
+            style.compress = accept && strcasecmp(accept->c_str(), "LZMA") == 0;
+            std::lock_guard lock(m_mutex);
+            if (m_badSignatureCount > 0)
+            {
+                --m_badSignatureCount;
+                style.badSignature = true;
+            }
         }
     }
     received.status = status;
+    LogRequest(received);
     {
         std::lock_guard lock(m_mutex);
         m_requests.push_back(std::move(received));
     }
     m_cv.notify_all();
-    Answer(response, status, std::move(answer), compress, drop);
+    Answer(response, status, std::move(answer), style);
+}
+
+void TestReceiver::LogRequest(const Received& received)
+{
+    if (m_options.requestLog.empty())
+    {
+        return;
+    }
+    const auto header = [&](const char* name) { return received.headers.Get(name).value_or("-"); };
+    std::lock_guard lock(m_mutex);
+    std::ofstream(m_options.requestLog, std::ios::app)
+        << received.method << " " << received.uri << " " << received.status
+        << " Content-Encoding=" << header("Content-Encoding")
+        << " Accept-Encoding=" << header("Accept-Encoding")
+        << (received.rejection.empty() ? "" : " refused: " + received.rejection) << "\n";
 }
 
 } // namespace vantor::tools

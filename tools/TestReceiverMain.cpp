@@ -1,6 +1,7 @@
 // corvid-test-receiver: a local HTTPS upload receiver for manual runs and
 // demos. Prints its URL and the CA file that clients must trust, then serves
 // until SIGINT or SIGTERM.
+#include "common/HmacRequestSigner.h"
 #include "tools/TestReceiver.h"
 
 #include <Poco/TemporaryFile.h>
@@ -8,9 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <string>
 
 namespace
@@ -21,7 +20,8 @@ void Usage()
     std::cerr
         << "usage: corvid-test-receiver --output DIR [--port N] [--cert-dir DIR] [--hmac-key-file FILE]\n"
            "         [--customer-id ID] [--agent-id ID] [--fail N] [--fail-status S]\n"
-           "         [--stall N] [--stall-ms MS] [--drop-csrv N]\n";
+           "         [--stall N] [--stall-ms MS] [--drop-csrv N] [--bad-signature N]\n"
+           "         [--request-log FILE]\n";
 }
 
 } // namespace
@@ -34,6 +34,7 @@ int main(int argc, char** argv)
     unsigned stall = 0;
     unsigned stallMs = 0;
     unsigned drop = 0;
+    unsigned badSignature = 0;
     for (int i = 1; i < argc; ++i)
     {
         const std::string arg = argv[i];
@@ -52,18 +53,7 @@ int main(int argc, char** argv)
             else if (arg == "--cert-dir")
                 options.certDir = value;
             else if (arg == "--hmac-key-file")
-            {
-                std::ifstream in(value, std::ios::binary);
-                options.hmacKey.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-                while (!options.hmacKey.empty() &&
-                       std::isspace(static_cast<unsigned char>(options.hmacKey.back())))
-                    options.hmacKey.pop_back();
-                if (options.hmacKey.empty())
-                {
-                    std::cerr << "corvid-test-receiver: empty or unreadable key file " << value << "\n";
-                    return 2;
-                }
-            }
+                options.hmacKey = vantor::common::HmacRequestSigner::ReadKeyFile(value);
             else if (arg == "--customer-id")
                 options.customerId = value;
             else if (arg == "--agent-id")
@@ -78,15 +68,19 @@ int main(int argc, char** argv)
                 stallMs = static_cast<unsigned>(std::stoul(value));
             else if (arg == "--drop-csrv")
                 drop = static_cast<unsigned>(std::stoul(value));
+            else if (arg == "--bad-signature")
+                badSignature = static_cast<unsigned>(std::stoul(value));
+            else if (arg == "--request-log")
+                options.requestLog = value;
             else
             {
                 Usage();
                 return 2;
             }
         }
-        catch (const std::exception&)
+        catch (const std::exception& e)
         {
-            std::cerr << "corvid-test-receiver: invalid value for " << arg << "\n";
+            std::cerr << "corvid-test-receiver: invalid value for " << arg << ": " << e.what() << "\n";
             return 2;
         }
     }
@@ -113,6 +107,7 @@ int main(int argc, char** argv)
         receiver.FailNext(fail, failStatus);
         receiver.StallNext(stall, std::chrono::milliseconds(stallMs));
         receiver.DropServerHeaderNext(drop);
+        receiver.BadSignatureNext(badSignature);
         receiver.Start();
         std::cout << "url: " << receiver.Url() << "\n"
                   << "ca: " << receiver.Certificate().certPath << "\n"

@@ -5,17 +5,17 @@
 namespace vantor::common
 {
 
+AsyncTask::AsyncTask()
+    : m_execution("AsyncTask")
+{
+}
+
 AsyncTask::~AsyncTask()
 {
-    // A derived class must Stop() in its own destructor; this is the last
-    // guard so that no execution outlives the object.
+    // The last guard, for a derived class that did not Stop(): no execution
+    // outlives the object.
     std::unique_lock lock(m_mutex);
     m_cv.wait(lock, [this] { return m_state == State::Idle; });
-    lock.unlock();
-    if (m_future.valid())
-    {
-        m_future.wait();
-    }
 }
 
 bool AsyncTask::Launch()
@@ -25,12 +25,9 @@ bool AsyncTask::Launch()
     {
         return false;
     }
-    if (m_future.valid())
-    {
-        m_future.wait(); // the previous execution has set Idle and is leaving
-    }
+    // Collects the previous execution, which has set Idle and is leaving.
+    m_execution.Start([this] { OnExecute(); });
     m_state = State::Running;
-    m_future = std::async(std::launch::async, [this] { OnExecute(); });
     return true;
 }
 
@@ -70,6 +67,12 @@ void AsyncTask::OnExecute()
     catch (const std::exception& e)
     {
         EDR_LOG_ERROR("AsyncTask::OnExecute: " << e.what());
+    }
+    catch (...)
+    {
+        // Whatever it was, the task must become idle again or Stop() would
+        // wait for ever.
+        EDR_LOG_ERROR("AsyncTask::OnExecute: unknown exception");
     }
     std::lock_guard lock(m_mutex);
     m_state = State::Idle;

@@ -1,16 +1,20 @@
 #pragma once
 
+#include "common/WorkerThread.h"
+
 #include <condition_variable>
-#include <future>
 #include <mutex>
 
 namespace vantor::common
 {
 
-// Work that runs one execution at a time on an asynchronous launch. Stop()
+// Work that runs one execution at a time on a thread of its own. Stop()
 // always waits for the current execution to finish; a derived class may
 // supply OnCancel() to make that quicker and reads IsCancelling() inside its
-// work to give up early.
+// work to give up early. Derived classes Stop() in their own destructor, as
+// the work uses their members.
+//
+// Launch, Stop and the state queries may be called from any thread.
 class AsyncTask
 {
 public:
@@ -21,7 +25,7 @@ public:
         Cancelling = 2
     };
 
-    AsyncTask() = default;
+    AsyncTask();
     virtual ~AsyncTask();
 
     AsyncTask(const AsyncTask&) = delete;
@@ -44,7 +48,8 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_cv;
     State m_state = State::Idle;
-    std::future<void> m_future;
+    // Last: joined before the state it reports to goes away.
+    WorkerThread m_execution;
 };
 
 } // namespace vantor::common

@@ -1,44 +1,20 @@
 #include "common/FileStorage.h"
 
+#include "common/FileReader.h"
+#include "common/UniqueFd.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 namespace vantor::common
 {
 
 namespace
 {
-
-class Fd
-{
-public:
-    explicit Fd(int fd)
-        : m_fd(fd)
-    {
-    }
-    ~Fd()
-    {
-        if (m_fd >= 0)
-        {
-            ::close(m_fd);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-
-    int Get() const { return m_fd; }
-    bool Valid() const { return m_fd >= 0; }
-    // Closes now and answers the result; write errors may surface only here.
-    int Close() { return ::close(std::exchange(m_fd, -1)); }
-
-private:
-    int m_fd;
-};
 
 [[noreturn]] void Fail(const std::string& what, const std::string& path, int error)
 {
@@ -85,7 +61,7 @@ std::string DirectoryOf(const std::string& path)
 ino_t FileStorage::Create(const std::string& path, std::string_view data)
 {
     const std::string temp = path + std::string(kTempSuffix);
-    Fd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+    UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!fd.Valid())
     {
         Fail("Storage: Failed to create", path, errno);
@@ -102,9 +78,9 @@ ino_t FileStorage::Create(const std::string& path, std::string_view data)
     {
         error = errno;
     }
-    if (fd.Close() != 0 && error == 0)
+    if (const int closeError = fd.Close(); closeError != 0 && error == 0)
     {
-        error = errno;
+        error = closeError;
     }
     if (error != 0)
     {
@@ -118,7 +94,7 @@ ino_t FileStorage::Create(const std::string& path, std::string_view data)
         Fail("Storage: Failed to create", path, error);
     }
     // The rename is durable only once the directory itself is synced.
-    Fd dir(::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd dir(::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.Valid())
     {
         ::fsync(dir.Get());
@@ -128,7 +104,7 @@ ino_t FileStorage::Create(const std::string& path, std::string_view data)
 
 void FileStorage::Append(const std::string& path, std::string_view data, ino_t expectedInode)
 {
-    Fd fd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW));
+    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW));
     if (!fd.Valid())
     {
         Fail("Storage: Failed to append data to", path, errno);
@@ -150,9 +126,9 @@ void FileStorage::Append(const std::string& path, std::string_view data, ino_t e
     {
         error = errno;
     }
-    if (fd.Close() != 0 && error == 0)
+    if (const int closeError = fd.Close(); closeError != 0 && error == 0)
     {
-        error = errno;
+        error = closeError;
     }
     if (error != 0)
     {
@@ -163,57 +139,36 @@ void FileStorage::Append(const std::string& path, std::string_view data, ino_t e
 ino_t FileStorage::Read(const std::string& path, std::string& data, std::uint64_t maxSize)
 {
     data.clear();
-    // O_NONBLOCK so that a FIFO planted under a spool name cannot block us.
-    Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (!fd.Valid())
+    try
     {
-        Fail("Storage: Failed to read from", path, errno);
-    }
-    struct stat st
-    {
-    };
-    if (::fstat(fd.Get(), &st) != 0)
-    {
-        Fail("Storage: Failed to stat file", path, errno);
-    }
-    if (!S_ISREG(st.st_mode))
-    {
-        throw FileStorageException("Storage: Failed to read from " + path + ": not a regular file", 0);
-    }
-    if (static_cast<std::uint64_t>(st.st_size) > maxSize)
-    {
-        Fail("Storage: Failed to read from", path, EFBIG);
-    }
-    const auto expected = static_cast<size_t>(st.st_size);
-    data.resize(expected);
-    size_t got = 0;
-    while (got < expected)
-    {
-        const ssize_t n = ::read(fd.Get(), data.data() + got, expected - got);
-        if (n < 0)
+        FileReader reader(path, FileReader::Links::NoFollow);
+        reader.RequireAtMost(maxSize);
+        const std::uint64_t expected = reader.Size();
+        const std::uint64_t got = reader.ReadUpTo(data, expected);
+        if (got < expected)
         {
-            if (errno == EINTR)
-            {
-                continue;
-            }
-            const int error = errno;
             data.clear();
-            Fail("Storage: Failed to read from", path, error);
+            throw FileStorageException("Storage: Read upto" + std::to_string(got) + " bytes out of" +
+                                           std::to_string(expected) + " from" + path,
+                                       0);
         }
-        if (n == 0)
+        return reader.Inode();
+    }
+    catch (const FileReadException& e)
+    {
+        switch (e.GetStage())
         {
+        case FileReadException::Stage::Stat:
+            Fail("Storage: Failed to stat file", path, e.Error());
+        case FileReadException::Stage::NotRegular:
+            throw FileStorageException("Storage: Failed to read from " + path + ": not a regular file", 0);
+        case FileReadException::Stage::Open:
+        case FileReadException::Stage::TooLarge:
+        case FileReadException::Stage::Read:
             break;
         }
-        got += static_cast<size_t>(n);
+        Fail("Storage: Failed to read from", path, e.Error());
     }
-    if (got < expected)
-    {
-        data.clear();
-        throw FileStorageException("Storage: Read upto" + std::to_string(got) + " bytes out of" +
-                                       std::to_string(expected) + " from" + path,
-                                   0);
-    }
-    return st.st_ino;
 }
 
 FileStorage::Stat FileStorage::GetStat(const std::string& path)

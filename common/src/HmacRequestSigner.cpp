@@ -1,6 +1,8 @@
 #include "common/HmacRequestSigner.h"
 
+#include "common/FileReader.h"
 #include "common/util/Base64.h"
+#include "common/util/Digest.h"
 #include "common/util/Sha256.h"
 
 #include <curl/curl.h>
@@ -8,9 +10,6 @@
 
 #include <cctype>
 #include <charconv>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 
@@ -18,6 +17,9 @@ namespace vantor::common
 {
 namespace
 {
+
+// A key is a few dozen bytes; anything this large is no key file.
+constexpr std::uint64_t kMaxKeyFileSize = 64 * 1024;
 
 std::string Authorization(std::string_view key, std::string_view agentId, std::string_view canonical)
 {
@@ -32,21 +34,33 @@ std::string Authorization(std::string_view key, std::string_view agentId, std::s
 } // namespace
 
 HmacRequestSigner::HmacRequestSigner(const std::string& keyFilePath)
+    : m_key(ReadKeyFile(keyFilePath))
 {
-    std::ifstream in(keyFilePath, std::ios::binary);
-    if (!in)
+}
+
+std::string HmacRequestSigner::ReadKeyFile(const std::string& keyFilePath)
+{
+    std::string key;
+    try
     {
-        throw std::runtime_error("HmacRequestSigner: cannot read key file " + keyFilePath);
+        FileReader reader(keyFilePath, FileReader::Links::Follow);
+        reader.RequireAtMost(kMaxKeyFileSize);
+        reader.ReadUpTo(key, reader.Size());
     }
-    m_key.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    while (!m_key.empty() && std::isspace(static_cast<unsigned char>(m_key.back())))
+    catch (const FileReadException& e)
     {
-        m_key.pop_back();
+        throw std::runtime_error("HmacRequestSigner: cannot read key file " + keyFilePath + " (" + e.what() +
+                                 ")");
     }
-    if (m_key.empty())
+    while (!key.empty() && std::isspace(static_cast<unsigned char>(key.back())))
+    {
+        key.pop_back();
+    }
+    if (key.empty())
     {
         throw std::runtime_error("HmacRequestSigner: key file " + keyFilePath + " is empty");
     }
+    return key;
 }
 
 std::string HmacRequestSigner::CanonicalText(std::string_view method, std::string_view pathAndQuery,
@@ -61,7 +75,7 @@ std::string HmacRequestSigner::CanonicalText(std::string_view method, std::strin
     text.append(timestamp).append("\n");
     text.append(customerId).append("\n");
     text.append(agentId).append("\n");
-    text.append(util::Sha256Hex(body));
+    text.append(util::Digest::HexOf(util::Digest::Algorithm::Sha256, body));
     return text;
 }
 

@@ -38,6 +38,9 @@ public:
     // or "HmacRequestSigner: key file <path> is empty".
     explicit HmacRequestSigner(const std::string& keyFilePath);
 
+    // The key in a key file, without trailing white space; the same errors.
+    static std::string ReadKeyFile(const std::string& keyFilePath);
+
     // Adds (replacing) the two signature headers. Reads C-CUSTID and C-CLNTID
     // from the request, so it runs after they are set.
     void Sign(MutableHttpRequest& request, std::chrono::system_clock::time_point now) const;

@@ -1,9 +1,11 @@
 #include "common/HttpService.h"
 
+#include "common/HttpRetryPolicy.h"
+#include "common/HttpTransfer.h"
 #include "common/InMemoryHttpResponse.h"
 #include "common/Logging.h"
 #include "common/OnDiskHttpResponse.h"
-#include "common/util/Sha256.h"
+#include "common/util/Digest.h"
 
 #include <Poco/UUIDGenerator.h>
 
@@ -25,72 +27,7 @@ void GlobalInit()
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
-bool IsRetryableCode(CURLcode code)
-{
-    switch (code)
-    {
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_CONNECT:
-    case CURLE_OPERATION_TIMEDOUT:
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR:
-    case CURLE_GOT_NOTHING:
-    case CURLE_PARTIAL_FILE:
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_HTTP2:
-    case CURLE_HTTP2_STREAM:
-        return true;
-    default:
-        return false;
-    }
-}
-
-// Certificate problems are configuration faults: no route or retry fixes
-// them, and no fallback may ever skip the verification.
-bool IsVerificationFailure(CURLcode code)
-{
-    return code == CURLE_PEER_FAILED_VERIFICATION || code == CURLE_SSL_CACERT_BADFILE ||
-           code == CURLE_SSL_CERTPROBLEM || code == CURLE_SSL_PINNEDPUBKEYNOTMATCH ||
-           code == CURLE_SSL_ISSUER_ERROR || code == CURLE_SSL_CRL_BADFILE;
-}
-
-bool IsRetryableStatus(long status)
-{
-    return status == 408 || status == 429 || status >= 500;
-}
-
-size_t WriteBody(char* data, size_t size, size_t count, void* user)
-{
-    auto* response = static_cast<MutableHttpResponse*>(user);
-    try
-    {
-        response->AppendPayload(std::string_view(data, size * count));
-        return size * count;
-    }
-    catch (const std::exception& e)
-    {
-        EDR_LOG_ERROR("Cannot store the HTTP response body: " << e.what());
-        return 0; // aborts the transfer with CURLE_WRITE_ERROR
-    }
-}
-
 } // namespace
-
-struct HttpService::Transfer
-{
-    MutableHttpRequest request;
-    std::shared_ptr<MutableHttpResponse> response;
-    Callback callback;
-    bool routesResolved = false;
-    std::vector<std::string> routes; // "" is the direct connection
-    std::size_t route = 0;
-    unsigned attempt = 0;
-    std::chrono::steady_clock::time_point due;
-    // The list outlives the handle that points to it.
-    CurlSlistHandle headers;
-    CurlEasyHandle easy;
-    char error[CURL_ERROR_SIZE] = {};
-};
 
 HttpService::HttpService(HttpServiceSettings settings, std::shared_ptr<const HmacRequestSigner> signer)
     : ThreadedClass("HttpService")
@@ -200,7 +137,7 @@ void HttpService::Queue(const HttpRequest& request, std::shared_ptr<MutableHttpR
             interceptor->InterceptRequest(r);
         }
     }
-    r.AddHeader("C-PAYLOADHASH", util::Sha256Hex(r.Payload()));
+    r.AddHeader("C-PAYLOADHASH", util::Digest::HexOf(util::Digest::Algorithm::Sha256, r.Payload()));
 
     transfer->response = std::move(response);
     transfer->callback = std::move(callback);
@@ -224,7 +161,6 @@ void HttpService::OnStop()
 
 void HttpService::Run()
 {
-    m_threadId = std::this_thread::get_id();
     while (!IsStopping())
     {
         TakeIncoming();
@@ -248,7 +184,6 @@ void HttpService::Run()
         }
     }
     CancelAll();
-    m_threadId = std::thread::id();
 }
 
 std::chrono::milliseconds HttpService::PollTimeout() const
@@ -272,7 +207,7 @@ std::chrono::milliseconds HttpService::PollTimeout() const
 
 void HttpService::TakeIncoming()
 {
-    std::vector<std::unique_ptr<Transfer>> incoming;
+    std::vector<TransferPtr> incoming;
     {
         std::lock_guard lock(m_mutex);
         incoming.swap(m_incoming);
@@ -290,7 +225,7 @@ void HttpService::StartDue()
     const auto now = std::chrono::steady_clock::now();
     auto due = std::stable_partition(m_waiting.begin(), m_waiting.end(),
                                      [&](const auto& t) { return t->due > now; });
-    std::vector<std::unique_ptr<Transfer>> ready;
+    std::vector<TransferPtr> ready;
     std::move(due, m_waiting.end(), std::back_inserter(ready));
     m_waiting.erase(due, m_waiting.end());
     for (auto& t : ready)
@@ -299,115 +234,25 @@ void HttpService::StartDue()
     }
 }
 
-std::vector<std::string> HttpService::ResolveRoutes(const std::string& url)
-{
-    std::vector<std::string> routes;
-    auto add = [&routes](const std::string& proxy)
-    {
-        if (!proxy.empty() && std::find(routes.begin(), routes.end(), proxy) == routes.end())
-        {
-            routes.push_back(proxy);
-        }
-    };
-    if (m_settings.useProxyOrder)
-    {
-        for (const auto& proxy : m_settings.proxies)
-        {
-            add(proxy);
-        }
-    }
-    if (m_settings.useSystemProxy)
-    {
-        for (const auto& proxy : m_proxyResolver.Resolve(url))
-        {
-            add(proxy);
-        }
-    }
-    if (routes.empty() || m_settings.proxyFailOpen)
-    {
-        routes.emplace_back();
-    }
-    return routes;
-}
-
-void HttpService::StartAttempt(std::unique_ptr<Transfer> transfer)
+void HttpService::StartAttempt(TransferPtr transfer)
 {
     Transfer& t = *transfer;
     try
     {
-        if (!t.routesResolved)
+        if (!t.routes)
         {
-            t.routes = ResolveRoutes(t.request.Url());
-            t.routesResolved = true;
+            const std::string& url = t.request.Url();
+            t.routes.emplace(internal::HttpRoutes::Plan(m_settings, m_settings.useSystemProxy
+                                                                        ? m_proxyResolver.Resolve(url)
+                                                                        : std::vector<std::string>()));
         }
         t.response->Reset();
         if (m_signer)
         {
             m_signer->Sign(t.request, std::chrono::system_clock::now());
         }
-
-        t.easy.reset(curl_easy_init());
-        t.headers.reset();
-        if (!t.easy)
-        {
-            throw HttpServiceException("curl_easy_init failed");
-        }
+        t.PrepareAttempt(m_settings);
         CURL* easy = t.easy.get();
-        for (const auto& [name, value] : t.request.Headers().Entries())
-        {
-            // "Name;" sends an empty header; "Expect:" drops libcurl's own.
-            const std::string line = !value.empty()     ? name + ": " + value
-                                     : name == "Expect" ? name + ":"
-                                                        : name + ";";
-            curl_slist* list = curl_slist_append(t.headers.get(), line.c_str());
-            if (list == nullptr)
-            {
-                throw HttpServiceException("curl_slist_append failed");
-            }
-            t.headers.release();
-            t.headers.reset(list);
-        }
-        const std::string& route = t.routes[t.route];
-        t.error[0] = '\0';
-        curl_easy_setopt(easy, CURLOPT_URL, t.request.Url().c_str());
-        curl_easy_setopt(easy, CURLOPT_PRIVATE, &t);
-        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, t.error);
-        curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "https");
-        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
-        curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-        curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-        if (!m_settings.caCertPath.empty())
-        {
-            curl_easy_setopt(easy, CURLOPT_CAINFO, m_settings.caCertPath.c_str());
-        }
-        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
-                         static_cast<long>(m_settings.connectionTimeout.count()));
-        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(m_settings.requestTimeout.count()));
-        // An empty proxy also keeps libcurl from reading proxy variables
-        // behind the route decision.
-        curl_easy_setopt(easy, CURLOPT_PROXY, route.c_str());
-        curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, t.headers.get());
-        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &WriteBody);
-        curl_easy_setopt(easy, CURLOPT_WRITEDATA, static_cast<MutableHttpResponse*>(t.response.get()));
-        switch (t.request.Method())
-        {
-        case HttpMethod::Get:
-            curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-            break;
-        case HttpMethod::Post:
-        case HttpMethod::Put:
-        case HttpMethod::Delete:
-            if (t.request.Method() != HttpMethod::Post)
-            {
-                curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, ToString(t.request.Method()));
-            }
-            curl_easy_setopt(easy, CURLOPT_POSTFIELDS, t.request.Payload().data());
-            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                             static_cast<curl_off_t>(t.request.Payload().size()));
-            break;
-        }
         const CURLMcode mc = curl_multi_add_handle(m_multi.get(), easy);
         if (mc != CURLM_OK)
         {
@@ -449,68 +294,58 @@ void HttpService::ReadMessages()
     }
 }
 
-bool HttpService::NextRoute(Transfer& t)
+void HttpService::Requeue(TransferPtr transfer, std::chrono::milliseconds delay)
 {
-    if (t.route + 1 >= t.routes.size())
-    {
-        return false;
-    }
-    ++t.route;
-    t.attempt = 0;
-    EDR_LOG_INFO("Http Service Proxy retry attempt = " << t.route);
-    return true;
-}
-
-bool HttpService::Retry(std::unique_ptr<Transfer>& transfer)
-{
-    Transfer& t = *transfer;
-    if (t.attempt >= m_settings.retryAttempts)
-    {
-        return false;
-    }
-    ++t.attempt;
-    EDR_LOG_INFO("Retrying HTTP request for " << t.request.Url());
-    EDR_LOG_INFO("Http Service retry attempt = " << t.attempt << " out of :" << m_settings.retryAttempts);
-    t.due = std::chrono::steady_clock::now() + m_settings.retryPause;
-    t.easy.reset();
+    transfer->easy.reset();
+    transfer->due = std::chrono::steady_clock::now() + delay;
     m_waiting.push_back(std::move(transfer));
+}
+
+bool HttpService::Retry(TransferPtr& transfer)
+{
+    Transfer& t = *transfer;
+    if (!t.routes->TakeRetry(m_settings.retryAttempts))
+    {
+        return false;
+    }
+    EDR_LOG_INFO("Retrying HTTP request for " << t.request.Url());
+    EDR_LOG_INFO("Http Service retry attempt = " << t.routes->Attempt()
+                                                 << " out of :" << m_settings.retryAttempts);
+    Requeue(std::move(transfer), m_settings.retryPause);
     return true;
 }
 
-void HttpService::OnDone(std::unique_ptr<Transfer> transfer, CURLcode code)
+void HttpService::OnTransportError(TransferPtr transfer, CURLcode code)
 {
     Transfer& t = *transfer;
-    CURL* easy = t.easy.get();
-    const bool viaProxy = !t.routes[t.route].empty();
-    if (code != CURLE_OK)
+    const std::string reason = t.FailureText(code);
+    EDR_LOG_WARNING("HTTP request for " << t.request.Url() << " failed: " << reason);
+    long connectCode = 0;
+    curl_easy_getinfo(t.easy.get(), CURLINFO_HTTP_CONNECTCODE, &connectCode);
+    const auto action =
+        internal::HttpRetryPolicy::AfterTransportError(code, t.routes->ViaProxy(), connectCode);
+    // Through a proxy that did not open the tunnel, another route may work.
+    if (action == internal::HttpRetryPolicy::Action::NextRoute && t.routes->Next())
     {
-        const std::string reason = t.error[0] != '\0' ? std::string(t.error) : curl_easy_strerror(code);
-        EDR_LOG_WARNING("HTTP request for " << t.request.Url() << " failed: " << reason);
-        if (IsVerificationFailure(code))
-        {
-            Complete(std::move(transfer), HttpResponse::Outcome::Failed, reason);
-            return;
-        }
-        long connectCode = 0;
-        curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &connectCode);
-        // Through a proxy that did not open the tunnel, another route may work.
-        if (viaProxy && connectCode != 200)
-        {
-            if (NextRoute(t))
-            {
-                t.due = std::chrono::steady_clock::now();
-                m_waiting.push_back(std::move(transfer));
-                return;
-            }
-        }
-        else if (IsRetryableCode(code) && Retry(transfer))
-        {
-            return;
-        }
-        Complete(std::move(transfer), HttpResponse::Outcome::Failed, reason);
+        Requeue(std::move(transfer), std::chrono::milliseconds(0));
         return;
     }
+    if (action == internal::HttpRetryPolicy::Action::Retry && Retry(transfer))
+    {
+        return;
+    }
+    Complete(std::move(transfer), HttpResponse::Outcome::Failed, reason);
+}
 
+void HttpService::OnDone(TransferPtr transfer, CURLcode code)
+{
+    if (code != CURLE_OK)
+    {
+        OnTransportError(std::move(transfer), code);
+        return;
+    }
+    Transfer& t = *transfer;
+    CURL* easy = t.easy.get();
     long status = 0;
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
     try
@@ -536,35 +371,35 @@ void HttpService::OnDone(std::unique_ptr<Transfer> transfer, CURLcode code)
         EDR_LOG_DEBUG("Header C-SRV is present in response. Deleting it.");
         t.response->RemoveHeader(kServerHeader);
     }
-    if (viaProxy)
+    const bool viaProxy = t.routes->ViaProxy();
+    const auto action = internal::HttpRetryPolicy::AfterResponse(status, viaProxy, fromServer);
+    if (action == internal::HttpRetryPolicy::Action::NextRoute)
     {
-        if (!fromServer)
+        EDR_LOG_WARNING("Header C-SRV is not present, so failover to next proxy.");
+        if (t.routes->Next())
         {
-            EDR_LOG_WARNING("Header C-SRV is not present, so failover to next proxy.");
-            if (NextRoute(t))
-            {
-                EDR_LOG_INFO("C-SRV header is not present, attempting next proxy");
-                t.due = std::chrono::steady_clock::now();
-                m_waiting.push_back(std::move(transfer));
-                return;
-            }
-            Complete(std::move(transfer), HttpResponse::Outcome::Failed,
-                     "The answer did not come from the server (no C-SRV header), HTTP status " +
-                         std::to_string(status));
+            EDR_LOG_INFO("C-SRV header is not present, attempting next proxy");
+            Requeue(std::move(transfer), std::chrono::milliseconds(0));
             return;
         }
+        Complete(std::move(transfer), HttpResponse::Outcome::Failed,
+                 "The answer did not come from the server (no C-SRV header), HTTP status " +
+                     std::to_string(status));
+        return;
+    }
+    if (viaProxy)
+    {
         EDR_LOG_DEBUG("Header C-SRV is present, go with the retry attempts configured.");
         EDR_LOG_DEBUG("C-SRV header is present, not attempting next proxy.");
     }
-    if (IsRetryableStatus(status) && Retry(transfer))
+    if (action == internal::HttpRetryPolicy::Action::Retry && Retry(transfer))
     {
         return;
     }
     Complete(std::move(transfer), HttpResponse::Outcome::Completed, {});
 }
 
-void HttpService::Complete(std::unique_ptr<Transfer> transfer, HttpResponse::Outcome outcome,
-                           std::string error)
+void HttpService::Complete(TransferPtr transfer, HttpResponse::Outcome outcome, std::string error)
 {
     Transfer& t = *transfer;
     MutableHttpResponse& response = *t.response;
@@ -617,7 +452,7 @@ void HttpService::Complete(std::unique_ptr<Transfer> transfer, HttpResponse::Out
 
 void HttpService::CancelAll()
 {
-    std::vector<std::unique_ptr<Transfer>> cancelled;
+    std::vector<TransferPtr> cancelled;
     for (auto& [easy, transfer] : m_active)
     {
         curl_multi_remove_handle(m_multi.get(), easy);

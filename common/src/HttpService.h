@@ -25,6 +25,11 @@
 namespace vantor::common
 {
 
+namespace internal
+{
+struct HttpTransfer;
+} // namespace internal
+
 class HttpServiceException : public std::runtime_error
 {
 public:
@@ -35,6 +40,8 @@ public:
 // multi handle. Requests are queued from any thread; each completes exactly
 // once through its callback, on the service thread, with a finalised
 // response: answered, failed, or cancelled when the service stops first.
+// The parts: each request's transfer (internal::HttpTransfer), its routes
+// (internal::HttpRoutes) and the retry policy (internal::HttpRetryPolicy).
 class HttpService : private ThreadedClass
 {
 public:
@@ -61,7 +68,7 @@ public:
     // Cancels what is still queued or in flight; idempotent.
     void Stop();
     State GetState() const;
-    bool IsServiceThread() const { return std::this_thread::get_id() == m_threadId; }
+    bool IsServiceThread() const { return IsWorkerThread(); }
 
     // Adds the fixed headers, runs the request interceptors and queues the
     // request. Throws HttpServiceException "HttpService is not running",
@@ -76,21 +83,23 @@ public:
     const HttpServiceSettings& Settings() const { return m_settings; }
 
 private:
-    struct Transfer;
+    using Transfer = internal::HttpTransfer;
+    using TransferPtr = std::unique_ptr<Transfer>;
 
     void Run() override;
     void OnStop() override;
 
     void TakeIncoming();
     void StartDue();
-    void StartAttempt(std::unique_ptr<Transfer> transfer);
+    void StartAttempt(TransferPtr transfer);
     void ReadMessages();
-    void OnDone(std::unique_ptr<Transfer> transfer, CURLcode code);
-    bool NextRoute(Transfer& transfer);
-    bool Retry(std::unique_ptr<Transfer>& transfer);
-    void Complete(std::unique_ptr<Transfer> transfer, HttpResponse::Outcome outcome, std::string error);
+    void OnDone(TransferPtr transfer, CURLcode code);
+    void OnTransportError(TransferPtr transfer, CURLcode code);
+    // Queues the transfer again, at once or after the retry pause.
+    void Requeue(TransferPtr transfer, std::chrono::milliseconds delay);
+    bool Retry(TransferPtr& transfer);
+    void Complete(TransferPtr transfer, HttpResponse::Outcome outcome, std::string error);
     void CancelAll();
-    std::vector<std::string> ResolveRoutes(const std::string& url);
     std::chrono::milliseconds PollTimeout() const;
 
     const HttpServiceSettings m_settings;
@@ -99,14 +108,13 @@ private:
 
     mutable std::mutex m_mutex;
     State m_state = State::Initial;
-    std::vector<std::unique_ptr<Transfer>> m_incoming;
+    std::vector<TransferPtr> m_incoming;
 
     // Service thread only.
     CurlMultiHandle m_multi;
-    std::vector<std::unique_ptr<Transfer>> m_waiting;
-    std::unordered_map<CURL*, std::unique_ptr<Transfer>> m_active;
+    std::vector<TransferPtr> m_waiting;
+    std::unordered_map<CURL*, TransferPtr> m_active;
     SystemProxyResolver m_proxyResolver;
-    std::atomic<std::thread::id> m_threadId{};
 };
 
 } // namespace vantor::common

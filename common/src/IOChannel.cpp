@@ -44,30 +44,24 @@ const char* IOChannelException::what() const noexcept
 }
 
 IOChannel::IOChannel(uint64_t readBufSize, int64_t selectTimeoutSeconds)
-    : m_readBufSize(readBufSize)
+    : m_eventLoop("IOChannel")
+    , m_readBufSize(readBufSize)
     , m_selectTimeoutSeconds(selectTimeoutSeconds)
 {
     if (readBufSize == 0)
     {
         throw std::invalid_argument("IOChannel: readBufSize cannot be 0");
     }
-    if (::pipe2(m_selfPipe, O_NONBLOCK | O_CLOEXEC) != 0)
+    int fds[2] = {-1, -1};
+    if (::pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0)
     {
         throw IOChannelException(Unknown);
     }
+    m_selfPipe[0].Reset(fds[0]);
+    m_selfPipe[1].Reset(fds[1]);
 }
 
-IOChannel::~IOChannel()
-{
-    for (int& fd : m_selfPipe)
-    {
-        if (fd >= 0)
-        {
-            ::close(fd);
-            fd = -1;
-        }
-    }
-}
+IOChannel::~IOChannel() = default;
 
 void IOChannel::OnData(std::vector<uint8_t> data)
 {
@@ -101,7 +95,7 @@ void IOChannel::WakeUp()
 {
     const char byte = 1;
     // A full pipe already holds a wake-up; nothing more is needed.
-    [[maybe_unused]] const ssize_t n = ::write(m_selfPipe[1], &byte, 1);
+    [[maybe_unused]] const ssize_t n = ::write(m_selfPipe[1].Get(), &byte, 1);
 }
 
 void IOChannel::ReportError(Error error)
@@ -115,17 +109,14 @@ void IOChannel::ReportError(Error error)
 void IOChannel::StartEventLoop()
 {
     m_stopping = false;
-    m_eventLoop = std::async(std::launch::async, [this] { EventLoop(); });
+    m_eventLoop.Start([this] { EventLoop(); });
 }
 
 void IOChannel::StopEventLoop()
 {
     m_stopping.store(true, std::memory_order_release);
     WakeUp();
-    if (m_eventLoop.valid())
-    {
-        m_eventLoop.wait();
-    }
+    m_eventLoop.Join();
 }
 
 void IOChannel::EventLoop()
@@ -136,8 +127,9 @@ void IOChannel::EventLoop()
         const int fd = m_fd.load();
         fd_set readSet;
         FD_ZERO(&readSet);
-        FD_SET(m_selfPipe[0], &readSet);
-        int maxFd = m_selfPipe[0];
+        const int wakeFd = m_selfPipe[0].Get();
+        FD_SET(wakeFd, &readSet);
+        int maxFd = wakeFd;
         if (fd >= 0 && fd < FD_SETSIZE)
         {
             FD_SET(fd, &readSet);
@@ -188,10 +180,10 @@ void IOChannel::EventLoop()
                 break;
             }
         }
-        if (FD_ISSET(m_selfPipe[0], &readSet))
+        if (FD_ISSET(wakeFd, &readSet))
         {
             char drain[32];
-            while (::read(m_selfPipe[0], drain, sizeof drain) > 0)
+            while (::read(wakeFd, drain, sizeof drain) > 0)
             {
             }
             EDR_LOG_DEBUG("IOChannel: Wake up triggered using self-pipe.");

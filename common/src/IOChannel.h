@@ -1,9 +1,11 @@
 #pragma once
 
+#include "common/UniqueFd.h"
+#include "common/WorkerThread.h"
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <vector>
@@ -61,10 +63,11 @@ protected:
     void ReportError(Error error);
 
     ErrorCallback m_errorCallback;
-    std::future<void> m_eventLoop;
+    WorkerThread m_eventLoop;
     uint64_t m_readBufSize;
     DataCallback m_dataCallback;
-    int m_selfPipe[2] = {-1, -1};
+    // Read end, write end.
+    UniqueFd m_selfPipe[2];
     std::atomic<bool> m_stopping{false};
     int64_t m_selectTimeoutSeconds;
     std::atomic<int> m_fd{-1};

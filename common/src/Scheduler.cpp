@@ -8,6 +8,11 @@
 namespace vantor::common
 {
 
+Scheduler::Scheduler()
+    : m_thread("Scheduler")
+{
+}
+
 Scheduler::~Scheduler()
 {
     Stop();
@@ -25,14 +30,14 @@ void Scheduler::Start()
     }
     EDR_LOG_INFO("Scheduler: Starting.");
     m_running = true;
-    m_thread = std::thread([this] { Loop(); });
+    m_thread.Start([this] { Loop(); });
 }
 
 void Scheduler::Stop()
 {
     {
         std::lock_guard lock(m_mutex);
-        if (!m_running && !m_thread.joinable())
+        if (!m_running && !m_thread.Joinable())
         {
             return;
         }
@@ -40,10 +45,7 @@ void Scheduler::Stop()
         m_running = false;
         m_cv.notify_all();
     }
-    if (m_thread.joinable())
-    {
-        m_thread.join();
-    }
+    m_thread.Join();
 }
 
 void Scheduler::RegisterSchedule(const std::shared_ptr<Schedule>& schedule)

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "common/Schedule.h"
+#include "common/WorkerThread.h"
 
 #include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace vantor::common
@@ -13,10 +13,13 @@ namespace vantor::common
 
 // Runs registered schedules on one thread when they are due. Schedules are
 // held weakly and dropped once their owner releases them.
+//
+// Register and Unregister may be called from any thread, the schedules'
+// Execute included; Start and Stop from any thread but the scheduler's.
 class Scheduler
 {
 public:
-    Scheduler() = default;
+    Scheduler();
     ~Scheduler();
 
     Scheduler(const Scheduler&) = delete;
@@ -40,7 +43,8 @@ private:
     bool m_updated = false;
     bool m_running = false;
     std::vector<std::weak_ptr<Schedule>> m_schedules;
-    std::thread m_thread;
+    // Last: joined before the list it walks goes away.
+    WorkerThread m_thread;
 };
 
 } // namespace vantor::common

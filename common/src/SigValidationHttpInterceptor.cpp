@@ -2,6 +2,7 @@
 
 #include "common/Logging.h"
 #include "common/util/Base64.h"
+#include "common/util/Digest.h"
 
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -60,8 +61,8 @@ bool SigValidationHttpInterceptor::Verify(const std::string& body, const std::st
     {
         return false;
     }
-    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> ctx(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-    if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, m_key.get()) != 1)
+    const util::Digest::Context ctx = util::Digest::NewContext();
+    if (EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, m_key.get()) != 1)
     {
         return false;
     }

@@ -1,20 +1,18 @@
 #pragma once
 
 #include "common/SpoolDataFormatter.h"
+#include "common/SpoolStorageException.h"
 #include "common/SpoolStorageSchedule.h"
 
 #include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -23,11 +21,13 @@ namespace vantor::common
 
 class Scheduler;
 
-class SpoolStorageException : public std::runtime_error
+namespace internal
 {
-public:
-    using std::runtime_error::runtime_error;
-};
+class SpoolCache;
+class SpoolFileIndex;
+class SpoolReader;
+class SpoolWriteQueue;
+} // namespace internal
 
 // A bounded queue of data files in one directory, for a component that
 // produces records faster than it can upload them. Writers add records to an
@@ -36,9 +36,21 @@ public:
 // file first and delete it once it is uploaded; a clean-up keeps the
 // directory within its disk quota.
 //
+// A full or failing disk loses nothing the spool accepted while the quota
+// allows: a cache that cannot be written is held in memory as a finished
+// file and written, in order, once the disk takes it again (retried with a
+// growing pause up to a minute, and with every flush). Held files count
+// against the disk quota like written ones and are bounded in memory by
+// kMaxHeldBytes; when the quota must give, the oldest files go first
+// (written ones before held ones) and are counted in Dropped().
+//
 // Records, flushes, clean-ups and renames run one at a time (under one
 // mutex); writes are queued to the spool's own task so that writers never
-// wait for the disk.
+// wait for the disk. The parts: a write queue (internal::SpoolWriteQueue),
+// the cache and its sync (internal::SpoolCache), the file index
+// (internal::SpoolFileIndex) and the reader (internal::SpoolReader).
+//
+// All operations may be called from any thread.
 class SpoolStorage
 {
 public:
@@ -66,6 +78,14 @@ public:
     };
 
     using WriteCallback = std::function<void(const WriteResult&)>;
+
+    // Data lost before it was uploaded: files deleted by the quota, held
+    // files dropped, caches that could not be serialised.
+    struct DropCount
+    {
+        std::uint64_t files = 0;
+        std::uint64_t bytes = 0;
+    };
 
     // One spool file as read; index and inode (with the spool's own id, as
     // inodes are reused) identify it for DeleteFile after an upload, even if
@@ -96,6 +116,10 @@ public:
     static constexpr std::uint64_t kLimitMaxFileSizeKb = 64 * 1024;
     static constexpr std::uint64_t kMinFileCount = 2;
     static constexpr std::uint64_t kMaxFileCount = 10000;
+    // Held files never take more memory than this (nor than the quota).
+    static constexpr std::uint64_t kMaxHeldBytes = 64 * 1024 * 1024;
+    static constexpr std::chrono::seconds kFirstRetryPause{1};
+    static constexpr std::chrono::seconds kMaxRetryPause{60};
 
     // The scheduler must outlive the spool.
     SpoolStorage(Scheduler& scheduler, const std::string& directory, const std::string& prefix,
@@ -124,7 +148,8 @@ public:
     void Update(const Settings& settings);
     // Deletes the oldest files until the spool is within its disk quota.
     void Cleanup();
-    // Writes the cache to a new file now; answers false on failure (logged).
+    // Writes the held files and the cache to new files now; answers false
+    // when some of it is still held in memory (logged).
     bool FlushDataCache();
     // Drops the cache and deletes every spool file.
     void Clear();
@@ -133,53 +158,38 @@ public:
     std::vector<std::uint32_t> FileIndices() const;
     std::uint64_t DiskUsage() const;
     std::size_t CacheSize() const;
+    // Finished files waiting in memory for the disk.
+    std::size_t HeldFiles() const;
+    std::uint64_t HeldBytes() const;
+    DropCount Dropped() const;
     const std::string& Directory() const { return m_directory; }
 
 private:
-    using SteadyClock = std::chrono::steady_clock;
-
-    struct Entry
-    {
-        std::uint32_t index;
-        ino_t inode;
-        std::uint64_t size;
-        std::uint64_t id;
-    };
-
-    struct Waiter;
-
     // At least 1 MiB, or eight records of the largest size.
     std::size_t PendingLimit() const;
-
-    struct PendingWrite
-    {
-        std::string data;
-        WriteCallback callback;
-        Waiter* waiter = nullptr;
-    };
-
-    void Enqueue(PendingWrite write);
     void DrainPending();
-    void FailPending();
-    static void Complete(PendingWrite& write, const WriteResult& result);
-
     WriteResult AddRecordLocked(const std::string& data);
-    void FlushDataCacheLocked();
-    void ResetCacheLocked();
-    void ArmSyncLocked(SteadyClock::time_point deadline);
-    void OnSyncTimer(SteadyClock::time_point deadline);
-    void SyncCache();
-    std::uint32_t NextFileIndexLocked();
-    void CleanupLocked(bool freeOneName);
-    void RefreshFileIndicesLocked();
-    void DefragFileIndicesLocked();
-    std::optional<std::uint32_t> ParseIndex(std::string_view name) const;
+    // Answers whether the held files and the cache are now on disk;
+    // failures are logged.
+    bool FlushDataCacheLocked();
+    // Writes one new file; throws on failure.
+    void WriteFileLocked(const std::string& data);
+    // Writes the held files, oldest first, up to the first failure; answers
+    // whether none is left.
+    bool WriteHeldLocked();
+    void HoldLocked(std::string data);
+    void ArmRetryLocked();
+    void OnRetryTimer();
+    // Deletes or drops the oldest files while over the quota or while the
+    // held files take too much memory.
+    void EnforceQuotaLocked();
+    void CountDropped(std::uint64_t files, std::uint64_t bytes);
+    void OnSyncTimer(std::chrono::steady_clock::time_point deadline);
+    std::chrono::seconds MaxFileAge() const;
 
     Scheduler& m_scheduler;
     const std::string m_directory;
-    const std::string m_prefix;
     const std::uint32_t m_maxFileCount;
-    const std::unique_ptr<SpoolDataFormatter> m_formatter;
 
     // Read without the mutex by writers, which must never wait for a flush.
     std::atomic<std::uint64_t> m_maxDiskSize;
@@ -187,25 +197,18 @@ private:
     std::atomic<std::int64_t> m_maxFileAgeSec;
 
     mutable std::mutex m_mutex;
-    std::deque<Entry> m_files; // oldest first, indices ascending
-    std::uint64_t m_diskUsage = 0;
-    std::uint64_t m_nextId = 1;
-    std::size_t m_cacheSize = 0;
-    std::size_t m_cacheRecords = 0;
-    SteadyClock::time_point m_cacheStart{};
-    std::optional<SteadyClock::time_point> m_syncDeadline;
-    std::string m_flushBuffer;
+    // Under m_mutex.
+    std::unique_ptr<internal::SpoolCache> m_cache;
+    std::unique_ptr<internal::SpoolFileIndex> m_files;
+    std::unique_ptr<internal::SpoolReader> m_reader;
+    std::deque<std::string> m_held; // oldest first; all newer than the files
+    std::uint64_t m_heldBytes = 0;
+    DropCount m_dropped;
+    bool m_retryArmed = false;
+    std::chrono::seconds m_retryPause = kFirstRetryPause;
 
-    std::mutex m_pendingMutex;
-    // Writers wait here while the records not yet moved into the cache hold
-    // more than PendingLimit() bytes, so a slow disk holds back the
-    // producers instead of growing memory without bound.
-    std::condition_variable m_pendingCv;
-    std::size_t m_pendingBytes = 0;
-    std::vector<PendingWrite> m_pending;
-    bool m_drainQueued = false;
-    std::vector<PendingWrite> m_draining;    // the task's batch
-    std::vector<WriteResult> m_drainResults; // the task's results
+    std::unique_ptr<internal::SpoolWriteQueue> m_writes;
+    std::vector<WriteResult> m_drainResults; // the drain task's results
 
     std::shared_ptr<SpoolStorageSchedule> m_schedule;
 };

@@ -9,15 +9,14 @@ namespace vantor::common
 {
 
 SpoolStorageSchedule::SpoolStorageSchedule(Task syncCallback, std::chrono::seconds interval)
-    : ThreadedClass("SpoolStorageSchedule")
-    , m_syncCallback(std::move(syncCallback))
+    : m_syncCallback(std::move(syncCallback))
     , m_interval(interval)
+    , m_queue("SpoolStorageSchedule")
 {
     if (!m_syncCallback)
     {
         throw std::invalid_argument("SpoolStorageSchedule: 'syncCallback' is invalid");
     }
-    Start();
 }
 
 SpoolStorageSchedule::~SpoolStorageSchedule()
@@ -31,16 +30,7 @@ bool SpoolStorageSchedule::AddTask(Task task)
     {
         throw std::invalid_argument("SpoolStorageSchedule::AddTask: task cannot be empty");
     }
-    {
-        std::lock_guard lock(m_mutex);
-        if (!m_accepting)
-        {
-            return false;
-        }
-        m_tasks.push_back(std::move(task));
-    }
-    m_cv.notify_one();
-    return true;
+    return m_queue.Post(std::move(task));
 }
 
 bool SpoolStorageSchedule::AddTaskAt(SteadyClock::time_point when, Task task)
@@ -49,82 +39,12 @@ bool SpoolStorageSchedule::AddTaskAt(SteadyClock::time_point when, Task task)
     {
         throw std::invalid_argument("SpoolStorageSchedule::AddTask: task cannot be empty");
     }
-    {
-        std::lock_guard lock(m_mutex);
-        if (!m_accepting)
-        {
-            return false;
-        }
-        m_timed.emplace(when, std::move(task));
-    }
-    m_cv.notify_one();
-    return true;
+    return m_queue.PostAt(when, std::move(task));
 }
 
 void SpoolStorageSchedule::Shutdown()
 {
-    {
-        std::lock_guard lock(m_mutex);
-        m_accepting = false;
-    }
-    Stop();
-}
-
-void SpoolStorageSchedule::OnStop()
-{
-    std::lock_guard lock(m_mutex);
-    m_cv.notify_all();
-}
-
-void SpoolStorageSchedule::Run()
-{
-    std::unique_lock lock(m_mutex);
-    for (;;)
-    {
-        Task task;
-        if (!m_tasks.empty())
-        {
-            task = std::move(m_tasks.front());
-            m_tasks.pop_front();
-        }
-        else if (IsStopping())
-        {
-            break;
-        }
-        else if (!m_timed.empty() && m_timed.begin()->first <= SteadyClock::now())
-        {
-            task = std::move(m_timed.begin()->second);
-            m_timed.erase(m_timed.begin());
-        }
-        else
-        {
-            if (m_timed.empty())
-            {
-                m_cv.wait(lock);
-            }
-            else
-            {
-                m_cv.wait_until(lock, m_timed.begin()->first);
-            }
-            continue;
-        }
-        lock.unlock();
-        try
-        {
-            task();
-        }
-        catch (const std::exception& e)
-        {
-            EDR_LOG_ERROR("SpoolStorageSchedule: Task failed: " << e.what());
-        }
-        catch (...)
-        {
-            EDR_LOG_ERROR("SpoolStorageSchedule: Task failed: unknown exception");
-        }
-        task = nullptr; // release what the task holds outside the lock
-        lock.lock();
-    }
-    m_timed.clear();
+    m_queue.Shutdown();
 }
 
 void SpoolStorageSchedule::SetInterval(std::chrono::seconds interval)

@@ -1,13 +1,10 @@
 #pragma once
 
 #include "common/Schedule.h"
-#include "common/ThreadedClass.h"
+#include "common/TaskQueue.h"
 
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <functional>
-#include <map>
 #include <mutex>
 
 namespace vantor::common
@@ -17,11 +14,13 @@ namespace vantor::common
 // syncs the spool's cache every interval; all spool work (writes, flushes,
 // clean-ups, renames) is queued here and runs on its own worker thread, one
 // task at a time, so that the Scheduler thread never waits for the disk.
-class SpoolStorageSchedule final : public Schedule, private ThreadedClass
+//
+// All operations may be called from any thread.
+class SpoolStorageSchedule final : public Schedule
 {
 public:
-    using Task = std::function<void()>;
-    using SteadyClock = std::chrono::steady_clock;
+    using Task = TaskQueue::Task;
+    using SteadyClock = TaskQueue::SteadyClock;
 
     SpoolStorageSchedule(Task syncCallback, std::chrono::seconds interval);
     ~SpoolStorageSchedule() override;
@@ -43,18 +42,13 @@ public:
     void Execute() override;
 
 private:
-    void Run() override;
-    void OnStop() override;
-
     const Task m_syncCallback;
 
     mutable std::mutex m_mutex;
-    std::condition_variable m_cv;
     std::chrono::seconds m_interval;
     SystemTimePoint m_next{};
-    std::deque<Task> m_tasks;
-    std::multimap<SteadyClock::time_point, Task> m_timed;
-    bool m_accepting = true;
+    // Last: drained before the members its tasks may use go away.
+    TaskQueue m_queue;
 };
 
 } // namespace vantor::common

@@ -3,20 +3,24 @@
 #include "common/SqlDataFormatter.h"
 #include "common/StorageResult.h"
 
-#include <sqlite3.h>
-
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 namespace vantor::common
 {
+
+class TaskQueue;
+
+namespace internal
+{
+class SqlCache;
+class SqlConnection;
+} // namespace internal
 
 // A small SQLite database of one component (baseline, snapshot or
 // health-status store). The storage knows no table: its formatter turns the
@@ -36,6 +40,10 @@ namespace vantor::common
 // - With a cache limit, reads and writes of keyed records pass through an
 //   in-memory LRU cache. The formatter's record form must then equal the row
 //   form its select by key answers (true for the stores that use it).
+//
+// The parts: the connection and its statements (internal::SqlConnection),
+// the schema set-up (internal::SqlSchema), the cache (internal::SqlCache)
+// and the worker (a TaskQueue).
 //
 // All operations may be called from any thread.
 class SqlStorage
@@ -89,60 +97,24 @@ public:
     const std::string& GetDbFile() const { return m_dbFile; }
 
 private:
-    class Worker;
-
-    struct DbCloser
-    {
-        void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-    };
-
-    struct CacheEntry
-    {
-        std::string table;
-        std::vector<std::string> rows;
-        size_t bytes = 0;
-        std::list<std::string>::iterator lru;
-    };
-
-    void Open();
-    void ApplyUpgrades();
-    void Vacuum();
-    void ExecuteLocked(const std::string& query);
-    void RunInTransaction(const std::vector<std::string>& statements);
-    void RollbackLocked();
-    std::vector<std::string> SelectLocked(const std::string& query);
-    int64_t QueryIntegerLocked(const std::string& query);
     StorageResult RunModification(const std::string& what, const std::vector<std::string>& statements);
+    // Queues an asynchronous operation; throws StorageException when the
+    // storage has no worker or is shutting down.
+    void Post(std::function<void()> operation);
     void RequireAsync() const;
-
-    // Cache; all under m_mutex.
-    static std::string CacheKey(const std::string& table, const std::string& key);
-    const std::vector<std::string>* CacheFind(const std::string& table, const std::string& key);
-    void CachePut(const std::string& table, const std::string& key, std::vector<std::string> rows);
-    void CacheErase(const std::string& table, const std::string& key);
-    void CacheClear();
-    void CacheEvict();
-    void LogCacheChange(const char* verb, size_t bytes, const char* preposition,
-                        const std::string& table) const;
-    void LogCacheCounters() const;
 
     const std::string m_dbFilePath;
     const std::string m_dbFileName;
     std::string m_dbFile;
     std::unique_ptr<SqlDataFormatter> m_formatter;
-    const size_t m_cacheLimitBytes;
 
     mutable std::mutex m_mutex;
-    std::unique_ptr<sqlite3, DbCloser> m_db;
-
-    std::unordered_map<std::string, CacheEntry> m_cache;
-    // Least recently used first.
-    std::list<std::string> m_lru;
-    std::unordered_map<std::string, size_t> m_cachedRowsPerTable;
-    CacheStatistics m_cacheStatistics;
+    // Under m_mutex.
+    std::unique_ptr<internal::SqlConnection> m_connection;
+    std::unique_ptr<internal::SqlCache> m_cache;
 
     // Last member: destroyed (and so drained) before anything it uses.
-    std::unique_ptr<Worker> m_worker;
+    std::unique_ptr<TaskQueue> m_worker;
 };
 
 } // namespace vantor::common

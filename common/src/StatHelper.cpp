@@ -1,8 +1,10 @@
 #include "common/StatHelper.h"
 
-#include <fcntl.h>
+#include "common/FileReader.h"
+
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <limits.h>
@@ -18,22 +20,6 @@ std::string Describe(const char* what, const std::string& path, int error)
     text.append(path).append(": ").append(std::strerror(error));
     return text;
 }
-
-// Closes the descriptor on every path out of ReadContent.
-class FdCloser
-{
-public:
-    explicit FdCloser(int fd)
-        : m_fd(fd)
-    {
-    }
-    ~FdCloser() { ::close(m_fd); }
-    FdCloser(const FdCloser&) = delete;
-    FdCloser& operator=(const FdCloser&) = delete;
-
-private:
-    int m_fd;
-};
 
 } // namespace
 
@@ -101,55 +87,21 @@ std::string StatHelper::ReadLink(const std::string& path)
 StatHelper::ReadResult StatHelper::ReadContent(const std::string& path, std::string& content,
                                                std::uint64_t maxSize, ino_t* inode)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (fd < 0)
+    try
     {
-        const int error = errno;
-        throw StatHelperException(Describe("Failed to open ", path, error), error);
-    }
-    FdCloser closer(fd);
-    struct stat st
-    {
-    };
-    if (::fstat(fd, &st) != 0)
-    {
-        const int error = errno;
-        throw StatHelperException(Describe("Failed to stat ", path, error), error);
-    }
-    if (!S_ISREG(st.st_mode))
-    {
-        throw StatHelperException("Not a regular file: " + path, 0);
-    }
-    if (inode != nullptr)
-    {
-        *inode = st.st_ino;
-    }
-    // The size may change while reading; the limit is what bounds memory.
-    const std::uint64_t want = std::min<std::uint64_t>(static_cast<std::uint64_t>(st.st_size), maxSize);
-    content.clear();
-    content.resize(want);
-    std::uint64_t got = 0;
-    while (got < want)
-    {
-        const ssize_t n = ::read(fd, content.data() + got, want - got);
-        if (n < 0)
+        FileReader reader(path, FileReader::Links::Follow);
+        if (inode != nullptr)
         {
-            if (errno == EINTR)
-            {
-                continue;
-            }
-            const int error = errno;
-            throw StatHelperException(Describe("Failed to read ", path, error), error);
+            *inode = reader.Inode();
         }
-        if (n == 0)
-        {
-            break;
-        }
-        got += static_cast<std::uint64_t>(n);
+        // The size may change while reading; the limit is what bounds memory.
+        reader.ReadUpTo(content, std::min(reader.Size(), maxSize));
+        return reader.Size() > maxSize ? ReadResult::SizeLimitReached : ReadResult::Complete;
     }
-    content.resize(got);
-    return static_cast<std::uint64_t>(st.st_size) > maxSize ? ReadResult::SizeLimitReached
-                                                            : ReadResult::Complete;
+    catch (const FileReadException& e)
+    {
+        throw StatHelperException(e.what(), e.Error());
+    }
 }
 
 } // namespace vantor::common

@@ -8,20 +8,15 @@ namespace vantor::common
 {
 
 ThreadedClass::ThreadedClass(std::string name)
-    : m_name(std::move(name))
+    : m_thread(std::move(name))
 {
 }
 
 ThreadedClass::~ThreadedClass()
 {
-    // Derived classes stop their worker in their own destructor (the worker
-    // uses their members); this only collects a worker that already ended.
-    std::lock_guard lock(m_mutex);
-    if (m_future.valid())
-    {
-        m_stopping = true;
-        m_future.wait();
-    }
+    // This only collects a worker that already ended: a running one was
+    // stopped by the derived class's destructor.
+    m_stopping = true;
 }
 
 void ThreadedClass::Start()
@@ -29,18 +24,28 @@ void ThreadedClass::Start()
     std::lock_guard lock(m_mutex);
     if (m_running)
     {
-        EDR_LOG_WARNING("Start called for already running " << m_name << " instance");
+        EDR_LOG_WARNING("Start called for already running " << Name() << " instance");
         return;
     }
     m_stopping = false;
     m_running = true;
-    m_future = std::async(std::launch::async, [this] { Worker(); });
+    m_thread.Start(
+        [this]
+        {
+            // Cleared however Run ends; the worker thread logs an exception.
+            struct Ended
+            {
+                std::atomic<bool>& running;
+                ~Ended() { running = false; }
+            } ended{m_running};
+            Run();
+        });
 }
 
 void ThreadedClass::Stop()
 {
     std::lock_guard lock(m_mutex);
-    if (!m_future.valid())
+    if (!m_thread.Joinable())
     {
         return;
     }
@@ -48,11 +53,11 @@ void ThreadedClass::Stop()
     try
     {
         OnStop();
-        m_future.get();
+        m_thread.Join();
     }
     catch (const std::exception& e)
     {
-        EDR_LOG_ERROR("Uncaught exception when stopping " << m_name << ". Exception:" << e.what());
+        EDR_LOG_ERROR("Uncaught exception when stopping " << Name() << ". Exception:" << e.what());
     }
     m_running = false;
 }
@@ -60,23 +65,6 @@ void ThreadedClass::Stop()
 bool ThreadedClass::IsRunning() const
 {
     return m_running;
-}
-
-void ThreadedClass::Worker()
-{
-    try
-    {
-        Run();
-    }
-    catch (const std::exception& e)
-    {
-        EDR_LOG_ERROR("Uncaught exception in " << m_name << ". Exception:" << e.what());
-    }
-    catch (...)
-    {
-        EDR_LOG_ERROR("Uncaught exception in " << m_name << ". Exception:unknown");
-    }
-    m_running = false;
 }
 
 } // namespace vantor::common

@@ -51,6 +51,8 @@ IOChannel::Error UnixClientStreamSockIOChannel::CreateSocket()
         EDR_LOG_ERROR(m_logName << "::CreateSocket: " << std::strerror(error));
         return UnixSocket::MapErrno(error);
     }
+    std::lock_guard lock(m_writeMutex);
+    m_socket.Reset(fd);
     m_fd = fd;
     return Success;
 }
@@ -60,10 +62,10 @@ void UnixClientStreamSockIOChannel::CloseSocket()
     // A writer on another thread must not send on a descriptor that is being
     // closed (and may be reused at once).
     std::lock_guard lock(m_writeMutex);
-    const int fd = m_fd.exchange(-1);
-    if (fd >= 0 && ::close(fd) != 0)
+    m_fd = -1;
+    if (const int error = m_socket.Close(); error != 0)
     {
-        EDR_LOG_ERROR(m_logName << "::CloseSocket: " << std::strerror(errno));
+        EDR_LOG_ERROR(m_logName << "::CloseSocket: " << std::strerror(error));
     }
 }
 
@@ -131,12 +133,11 @@ IOChannel::Error UnixClientStreamSockIOChannel::Read(std::vector<uint8_t>& data)
 void UnixClientStreamSockIOChannel::Write(const std::vector<uint8_t>& data)
 {
     std::lock_guard lock(m_writeMutex);
-    const int fd = m_fd.load();
-    if (fd < 0)
+    if (!m_socket)
     {
         throw IOChannelException(InvalidState);
     }
-    const Error error = UnixSocket::WriteAll(fd, data, "UnixClientStreamSockIOChannel::Write");
+    const Error error = UnixSocket::WriteAll(m_socket.Get(), data, "UnixClientStreamSockIOChannel::Write");
     if (error != Success)
     {
         throw IOChannelException(error);

@@ -44,7 +44,9 @@ private:
     std::string m_logName;
     int64_t m_reconnectTimeout;
     std::function<void()> m_reconnectedCallback;
+    // Guards m_socket; m_fd mirrors it for the event loop.
     std::mutex m_writeMutex;
+    UniqueFd m_socket;
     bool m_started = false;
 };
 

@@ -32,7 +32,7 @@ UnixServerStreamSockIOChannel::~UnixServerStreamSockIOChannel()
 bool UnixServerStreamSockIOChannel::HasClient() const
 {
     std::lock_guard lock(m_clientMutex);
-    return m_clientFd >= 0;
+    return m_clientFd.Valid();
 }
 
 void UnixServerStreamSockIOChannel::CreateDirectory() const
@@ -63,21 +63,21 @@ IOChannel::Error UnixServerStreamSockIOChannel::CreateSocket()
         EDR_LOG_ERROR("UnixServerStreamSockIOChannel::CreateSocket: " << std::strerror(error));
         return UnixSocket::MapErrno(error);
     }
-    m_listenFd = fd;
+    m_listenFd.Reset(fd);
     return Success;
 }
 
 IOChannel::Error UnixServerStreamSockIOChannel::Bind()
 {
-    if (m_listenFd < 0)
+    if (!m_listenFd)
     {
         EDR_LOG_ERROR("Bind: Invalid socket");
         return InvalidState;
     }
     sockaddr_un address{};
     const socklen_t length = UnixSocket::MakeAddress(m_socketPath, address);
-    if (::bind(m_listenFd, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-        ::listen(m_listenFd, 1) != 0)
+    if (::bind(m_listenFd.Get(), reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
+        ::listen(m_listenFd.Get(), 1) != 0)
     {
         const int error = errno;
         EDR_LOG_ERROR("UnixServerStreamSockIOChannel::Bind: " << m_socketPath << ": "
@@ -113,7 +113,7 @@ void UnixServerStreamSockIOChannel::Start()
         CloseListenSocket();
         throw IOChannelException(error);
     }
-    m_fd = m_listenFd;
+    m_fd = m_listenFd.Get();
     m_started = true;
     StartEventLoop();
     EDR_LOG_INFO("UnixServerStreamSockIOChannel: Started.");
@@ -148,7 +148,7 @@ IOChannel::Error UnixServerStreamSockIOChannel::Read(std::vector<uint8_t>& data)
     int clientFd = -1;
     {
         std::lock_guard lock(m_clientMutex);
-        clientFd = m_clientFd;
+        clientFd = m_clientFd.Get();
     }
     if (clientFd >= 0)
     {
@@ -161,7 +161,7 @@ IOChannel::Error UnixServerStreamSockIOChannel::Read(std::vector<uint8_t>& data)
     sockaddr_un address{};
     static_assert(sizeof(address) == 110);
     socklen_t length = sizeof(address);
-    const int fd = ::accept4(m_listenFd, reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC);
+    const int fd = ::accept4(m_listenFd.Get(), reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC);
     if (fd < 0)
     {
         const int error = errno;
@@ -175,7 +175,7 @@ IOChannel::Error UnixServerStreamSockIOChannel::Read(std::vector<uint8_t>& data)
     }
     {
         std::lock_guard lock(m_clientMutex);
-        m_clientFd = fd;
+        m_clientFd.Reset(fd);
     }
     m_fd = fd;
     EDR_LOG_INFO("UnixServerStreamSockIOChannel: New incoming connection accepted.");
@@ -190,18 +190,18 @@ void UnixServerStreamSockIOChannel::OnEOF()
         return;
     }
     CloseClientSocket();
-    m_fd = m_listenFd;
+    m_fd = m_listenFd.Get();
     EDR_LOG_INFO("UnixServerStreamSockIOChannel: EOF received. Waiting for incoming connections...");
 }
 
 void UnixServerStreamSockIOChannel::Write(const std::vector<uint8_t>& data)
 {
     std::lock_guard lock(m_clientMutex);
-    if (m_clientFd < 0)
+    if (!m_clientFd)
     {
         throw IOChannelException(InvalidState);
     }
-    const Error error = UnixSocket::WriteAll(m_clientFd, data, "UnixServerStreamSockIOChannel::Write");
+    const Error error = UnixSocket::WriteAll(m_clientFd.Get(), data, "UnixServerStreamSockIOChannel::Write");
     if (error != Success)
     {
         throw IOChannelException(error);
@@ -211,20 +211,18 @@ void UnixServerStreamSockIOChannel::Write(const std::vector<uint8_t>& data)
 void UnixServerStreamSockIOChannel::CloseClientSocket()
 {
     std::lock_guard lock(m_clientMutex);
-    if (m_clientFd >= 0 && ::close(m_clientFd) != 0)
+    if (const int error = m_clientFd.Close(); error != 0)
     {
-        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::CloseClientSocket: " << std::strerror(errno));
+        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::CloseClientSocket: " << std::strerror(error));
     }
-    m_clientFd = -1;
 }
 
 void UnixServerStreamSockIOChannel::CloseListenSocket()
 {
-    if (m_listenFd >= 0 && ::close(m_listenFd) != 0)
+    if (const int error = m_listenFd.Close(); error != 0)
     {
-        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::CloseListenSocket: " << std::strerror(errno));
+        EDR_LOG_ERROR("UnixServerStreamSockIOChannel::CloseListenSocket: " << std::strerror(error));
     }
-    m_listenFd = -1;
 }
 
 } // namespace vantor::common

@@ -35,8 +35,8 @@ private:
     void CloseListenSocket();
 
     std::string m_socketPath;
-    int m_listenFd = -1;
-    int m_clientFd = -1;
+    UniqueFd m_listenFd;
+    UniqueFd m_clientFd;
     // Guards m_clientFd between the loop thread and writers.
     mutable std::mutex m_clientMutex;
     // Set by an accepting Read, which hands back no bytes; the loop then

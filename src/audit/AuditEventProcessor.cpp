@@ -1,8 +1,10 @@
 #include "audit/AuditEventProcessor.h"
 
 #include "audit/AuditTables.h"
+#include "audit/Event.h"
 #include "common/Logging.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace vantor::audit
@@ -71,7 +73,8 @@ std::string ActionNameOf(const edr::Event& event)
 
 AuditEventProcessor::AuditEventProcessor(std::shared_ptr<ProcessTree> processTree, pid_t ownPid,
                                          const EventRouter& router, Dispatch dispatch,
-                                         std::chrono::steady_clock::duration cleanInterval)
+                                         std::chrono::steady_clock::duration cleanInterval,
+                                         OutpostProcessFollower::Target* outpost)
     : m_treeUpdater(std::move(processTree), cleanInterval)
     , m_ownPid(ownPid)
     , m_router(router)
@@ -80,6 +83,10 @@ AuditEventProcessor::AuditEventProcessor(std::shared_ptr<ProcessTree> processTre
     if (!m_dispatch)
     {
         throw std::invalid_argument("AuditEventProcessor: 'dispatch' is invalid");
+    }
+    if (outpost != nullptr)
+    {
+        m_outpost.emplace(*outpost, m_treeUpdater.GetProcessTree());
     }
 }
 
@@ -112,6 +119,10 @@ void AuditEventProcessor::ProcessEvent(EventPtr event)
         m_pseudoEvents.clear();
         if (goesOn)
         {
+            if (m_outpost)
+            {
+                m_outpost->Follow(*event);
+            }
             Handle(*event);
         }
     }
@@ -153,17 +164,35 @@ bool AuditEventProcessor::ShouldProcessEvent(const edr::Event& event)
     {
         return true;
     }
-    const auto& tools = AuditTables::OutpostToolNames();
     const auto isOurs = [&](const ProcessInfo& process)
-    { return process.GetPid() == m_ownPid || tools.count(std::string(process.GetName())) != 0; };
+    { return process.GetPid() == m_ownPid || IsOutpostTool(process.GetImage()); };
     const auto& tree = GetProcessTree();
-    if (pid == m_ownPid || (tree && tree->AnyInLineage(pid, isOurs)))
+    // The actor the tree named for this event; for an exit it is already
+    // marked terminated in the tree.
+    const auto* auditEvent = dynamic_cast<const internal::Event*>(&event);
+    const internal::Event::ProcessPtr actor = auditEvent != nullptr ? auditEvent->GetActorProcess() : nullptr;
+    if (pid == m_ownPid ||
+        (tree && (actor ? tree->AnyInLineage(*actor, isOurs) : tree->AnyInLineage(pid, isOurs))))
     {
         EDR_LOG_DEBUG("AuditRuleEngine::ShouldProcessEvent: Dropping Corvid generated event with ID: "
                       << EventIdOf(event));
         return false;
     }
     return true;
+}
+
+bool AuditEventProcessor::IsOutpostTool(std::string_view image)
+{
+    const size_t slash = image.rfind('/');
+    if (slash == std::string_view::npos)
+    {
+        return false;
+    }
+    const std::string name(image.substr(slash + 1));
+    const std::string_view directory = image.substr(0, slash);
+    const auto& directories = AuditTables::ToolDirectories();
+    return AuditTables::OutpostToolNames().count(name) != 0 &&
+           std::find(directories.begin(), directories.end(), directory) != directories.end();
 }
 
 void AuditEventProcessor::Route(edr::Event& event)
@@ -213,6 +242,10 @@ void AuditEventProcessor::CleanProcessTree()
     if (!m_treeUpdater.CleanIfDue(terminated))
     {
         return;
+    }
+    if (m_outpost)
+    {
+        m_outpost->CheckAlive();
     }
     // Processes that ended unseen are announced to whoever follows exits.
     for (auto& event : terminated)

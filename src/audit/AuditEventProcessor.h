@@ -1,6 +1,7 @@
 #pragma once
 
 #include "audit/EventRouter.h"
+#include "audit/OutpostProcessFollower.h"
 #include "audit/ProcessTree.h"
 #include "audit/ProcessTreeUpdater.h"
 #include "edr/Event.h"
@@ -8,6 +9,8 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -15,9 +18,11 @@ namespace vantor::audit
 {
 
 // The event side of the audit rule engine: takes each assembled event, drops
-// unsuccessful calls, brings the process tree up to date with it, drops what
-// the daemon and the host agent's tools did, asks the router for the tags
-// that want it and hands it to their handlers (the dispatch function).
+// unsuccessful calls, brings the process tree up to date with it (which
+// names the event's acting process), keeps the host agent's exclusion rules
+// on the agent's process, drops what the daemon and the host agent's tools
+// did, asks the router for the tags that want it and hands it to their
+// handlers (the dispatch function).
 //
 // Runs without an audit socket, so that event handling can be used and
 // exercised on its own.
@@ -34,10 +39,12 @@ public:
     using Dispatch = std::function<void(const Tags& tags, edr::Event& event)>;
 
     // processTree may be null: events then carry only their own data. The
-    // router must outlive the processor.
+    // router, and the outpost target when given, must outlive the processor;
+    // without that target the agent's process is not followed.
     AuditEventProcessor(
         std::shared_ptr<ProcessTree> processTree, pid_t ownPid, const EventRouter& router, Dispatch dispatch,
-        std::chrono::steady_clock::duration cleanInterval = ProcessTreeUpdater::kCleanInterval);
+        std::chrono::steady_clock::duration cleanInterval = ProcessTreeUpdater::kCleanInterval,
+        OutpostProcessFollower::Target* outpost = nullptr);
 
     // Processes one event and destroys it. Throws std::invalid_argument
     // "RuleEngine::ProcessEvent: 'event' is nullptr"; failures while handling
@@ -47,6 +54,10 @@ public:
     // False for events of the host agent's tools (or their descendants) and
     // of this daemon, which must not be reported.
     bool ShouldProcessEvent(const edr::Event& event);
+
+    // Whether the image is one of the host agent's tools: a tool name in one
+    // of the directories the tools are installed in.
+    static bool IsOutpostTool(std::string_view image);
 
     // A file event that cannot be examined yet; it is refreshed and processed
     // before the next event.
@@ -63,6 +74,7 @@ private:
     void CleanProcessTree();
 
     ProcessTreeUpdater m_treeUpdater;
+    std::optional<OutpostProcessFollower> m_outpost;
     const pid_t m_ownPid;
     const EventRouter& m_router;
     const Dispatch m_dispatch;

@@ -59,9 +59,10 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
             }
             break;
         case AUDIT_PROCTITLE:
-            if ((wanted & kProctitle) != 0 && auparse_first_field(au) == 1)
+            if ((wanted & kProctitle) != 0)
             {
-                proctitle = AuparseField::Text(au).value_or(std::string());
+                const char* raw = auparse_find_field(au, "proctitle");
+                proctitle = DecodeProctitle(raw != nullptr ? raw : "");
             }
             break;
         case AUDIT_EXECVE:
@@ -84,6 +85,72 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
     {
         throw edr::EventException("Missing SYSCALL record for event");
     }
+}
+
+std::vector<std::string> AuditRecords::DecodeProctitle(std::string_view raw)
+{
+    if (raw.empty() || raw == "(null)")
+    {
+        return {};
+    }
+    std::string bytes;
+    if (raw.size() >= 2 && raw.front() == '"' && raw.back() == '"')
+    {
+        bytes.assign(raw.substr(1, raw.size() - 2));
+    }
+    else
+    {
+        const auto digit = [](char c) -> int
+        {
+            if (c >= '0' && c <= '9')
+            {
+                return c - '0';
+            }
+            if (c >= 'A' && c <= 'F')
+            {
+                return c - 'A' + 10;
+            }
+            if (c >= 'a' && c <= 'f')
+            {
+                return c - 'a' + 10;
+            }
+            return -1;
+        };
+        bytes.reserve(raw.size() / 2);
+        for (size_t i = 0; i + 1 < raw.size(); i += 2)
+        {
+            const int high = digit(raw[i]);
+            const int low = digit(raw[i + 1]);
+            if (high < 0 || low < 0)
+            {
+                bytes.clear();
+                break;
+            }
+            bytes.push_back(static_cast<char>(high * 16 + low));
+        }
+        if (raw.size() % 2 != 0 || bytes.empty())
+        {
+            // Not the kernel's encoding: keep the text as it came.
+            bytes.assign(raw);
+        }
+    }
+    std::vector<std::string> arguments;
+    size_t start = 0;
+    for (size_t nul = bytes.find('\0'); nul != std::string::npos; nul = bytes.find('\0', start))
+    {
+        arguments.push_back(bytes.substr(start, nul - start));
+        start = nul + 1;
+    }
+    if (start < bytes.size())
+    {
+        arguments.push_back(bytes.substr(start));
+    }
+    // A title cut at the kernel's limit may end on NULs of empty arguments.
+    while (!arguments.empty() && arguments.back().empty())
+    {
+        arguments.pop_back();
+    }
+    return arguments;
 }
 
 void AuditRecords::ParseExecve(auparse_state_t* au)

@@ -41,11 +41,17 @@ public:
     SyscallRecord syscall;
     std::vector<PathRecord> paths;
     std::vector<std::string> cwds;
-    std::string proctitle;
+    // The PROCTITLE record's command line, one entry per argument; empty
+    // when the event had none. The kernel keeps at most 128 bytes of it.
+    std::vector<std::string> proctitle;
     std::optional<uint32_t> argc;
     std::vector<std::string> arguments;
     std::optional<SockAddr> sockaddr;
     bool sockaddrInvalid = false;
+
+    // The arguments of a PROCTITLE value: hex-encoded bytes with NUL between
+    // the arguments, or a quoted text when it holds no special character.
+    static std::vector<std::string> DecodeProctitle(std::string_view raw);
 
 private:
     void ParseExecve(auparse_state_t* au);

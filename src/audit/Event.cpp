@@ -1,5 +1,6 @@
 #include "audit/Event.h"
 
+#include "audit/ProcessInfo.h"
 #include "audit/UserNameCache.h"
 #include "common/Logging.h"
 
@@ -42,7 +43,22 @@ uint64_t Event::GetTimestamp() const
 
 bool Event::HasProcess() const
 {
-    return false;
+    return m_actor != nullptr;
+}
+
+std::vector<std::string> Event::GetActorProcessArguments() const
+{
+    return m_actor ? m_actor->GetArguments() : edr::Event::GetActorProcessArguments();
+}
+
+pid_t Event::GetActorParentProcessId() const
+{
+    return m_actor ? m_actor->GetParentPid() : edr::Event::GetActorParentProcessId();
+}
+
+std::string Event::GetCommandLine() const
+{
+    return m_actor ? m_actor->GetCommandLine() : edr::Event::GetCommandLine();
 }
 
 bool Event::IsElevated() const

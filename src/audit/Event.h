@@ -5,19 +5,42 @@
 #include <auparse.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <vector>
+
+namespace vantor::audit
+{
+class ProcessInfo;
+}
 
 namespace vantor::audit::internal
 {
 
 // An event built from the records of one audit event: it carries the audit
-// serial and time of the first record.
+// serial and time of the first record, and the acting process as the process
+// tree knows it (attached before any handler sees the event). Like every
+// event it has one owner at a time and is not thread-safe.
 class Event : public edr::Event
 {
 public:
+    using ProcessPtr = std::shared_ptr<const ProcessInfo>;
+
     uint32_t GetEventId() const override;
     uint64_t GetTimestamp() const override;
+    // Whether the acting process is known to the process tree.
     bool HasProcess() const override;
+    // The acting process's arguments and parent as the tree knows them;
+    // without it these throw as any event does.
+    std::vector<std::string> GetActorProcessArguments() const override;
+    pid_t GetActorParentProcessId() const override;
+    // The acting process's arguments joined by spaces; without it throws
+    // "GetCommandLine not implemented".
+    std::string GetCommandLine() const override;
+
+    // Null clears it.
+    void SetActorProcess(ProcessPtr process) { m_actor = std::move(process); }
+    const ProcessPtr& GetActorProcess() const { return m_actor; }
 
     // Whether the acting process ran with more rights than its user.
     virtual bool IsElevated() const;
@@ -38,6 +61,7 @@ private:
     uint64_t m_timestamp = 0;
     mutable std::string m_userName;
     mutable std::string m_loginName;
+    ProcessPtr m_actor;
 };
 
 } // namespace vantor::audit::internal

@@ -11,22 +11,6 @@ namespace
 
 constexpr auto kAbnormalEnd = static_cast<edr::EventRule::Action>(edr::EventType::AbnormalEnd);
 
-bool IsFileEvent(edr::EventType type)
-{
-    switch (type)
-    {
-    case edr::EventType::Create:
-    case edr::EventType::Delete:
-    case edr::EventType::Read:
-    case edr::EventType::Write:
-    case edr::EventType::Attribute:
-    case edr::EventType::Rename:
-        return true;
-    default:
-        return false;
-    }
-}
-
 bool IsAbsolute(const std::string& path)
 {
     return !path.empty() && path.front() == '/';
@@ -157,7 +141,7 @@ void EventRouter::RebuildActionRoutes(const std::vector<edr::EventRule::Action>&
 EventRouter::TagsPtr EventRouter::GetTags(const edr::Event& event) const
 {
     const edr::EventType type = event.GetType();
-    if (IsFileEvent(type))
+    if (edr::IsFileEventType(type))
     {
         return GetFileTags(event);
     }

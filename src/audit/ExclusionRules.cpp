@@ -57,6 +57,11 @@ bool ExclusionRules::RefreshOutpost(const AuditNetlink& netlink, pid_t pid, cons
     }
     RemoveProcessRules(netlink, m_outpost, true);
     m_outpost.pid = pid;
+    if (pid <= 0)
+    {
+        // The agent has no process now: nothing to exclude.
+        return true;
+    }
     AddProcessRules(netlink, m_outpost);
     return m_outpost.exclusion.has_value();
 }

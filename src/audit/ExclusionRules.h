@@ -40,8 +40,8 @@ public:
     // Removes from the kernel everything Install put there.
     void Remove(const AuditNetlink& netlink);
 
-    // The host agent restarted: replaces its exclusion rules. Answers whether
-    // the new rules are in place.
+    // The host agent restarted: replaces its exclusion rules; pid 0 only
+    // removes them. Answers whether the rules are as asked.
     bool RefreshOutpost(const AuditNetlink& netlink, pid_t pid, const std::string& path);
 
     pid_t GetOutpostPid() const { return m_outpost.pid; }

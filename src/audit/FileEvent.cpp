@@ -1,9 +1,9 @@
 #include "audit/FileEvent.h"
 
 #include "audit/AbsolutePath.h"
-#include "common/ContentHasher.h"
 #include "common/Logging.h"
 #include "common/StatHelper.h"
+#include "common/util/Digest.h"
 
 namespace vantor::audit::internal
 {
@@ -185,7 +185,10 @@ uint64_t FileEvent::GetFileSize() const
 
 uint32_t FileEvent::GetFileType() const
 {
-    const mode_t type = RequireStat().st_mode & S_IFMT;
+    // An object that is gone (deleted, or removed before the event was
+    // built) keeps the type the kernel recorded in its PATH record.
+    const mode_t type =
+        (m_stat || (m_object.mode & S_IFMT) == 0 ? RequireStat().st_mode : m_object.mode) & S_IFMT;
     if (type != S_IFREG && type != S_IFDIR && type != S_IFLNK)
     {
         throw edr::EventException("Unsupported file type for " + GetActionName() + " event");
@@ -239,20 +242,20 @@ std::string FileEvent::GetFileContent() const
 
 std::string FileEvent::GetFileContentHash(edr::HashType type) const
 {
-    common::ContentHasher::Algorithm algorithm{};
+    util::Digest::Algorithm algorithm{};
     const char* failure = nullptr;
     switch (type)
     {
     case edr::HashType::Md5:
-        algorithm = common::ContentHasher::Algorithm::Md5;
+        algorithm = util::Digest::Algorithm::Md5;
         failure = "Failed to generate MD5 for ";
         break;
     case edr::HashType::Sha1:
-        algorithm = common::ContentHasher::Algorithm::Sha1;
+        algorithm = util::Digest::Algorithm::Sha1;
         failure = "Failed to generate sha1 for ";
         break;
     case edr::HashType::Sha256:
-        algorithm = common::ContentHasher::Algorithm::Sha256;
+        algorithm = util::Digest::Algorithm::Sha256;
         failure = "Failed to generate sha256 for ";
         break;
     default:
@@ -261,7 +264,7 @@ std::string FileEvent::GetFileContentHash(edr::HashType type) const
     }
     try
     {
-        return common::ContentHasher::HashFile(m_path, algorithm, common::StatHelper::kDefaultMaxContentSize);
+        return util::Digest::HexOfFile(algorithm, m_path, common::StatHelper::kDefaultMaxContentSize);
     }
     catch (const std::runtime_error& e)
     {

@@ -19,6 +19,8 @@ constexpr uint64_t kLargeBudgetKb = 209'715'400;
 constexpr uint64_t kSmallestQueueBytes = 100ull * 1024 * 1024;
 // How long the queue stays empty before held-back events are aged out.
 constexpr std::chrono::seconds kAgeAfter{1};
+// Spare capacity a queued buffer may keep before it is trimmed to its text.
+constexpr size_t kSlackBytes = 4096;
 
 } // namespace
 
@@ -39,7 +41,7 @@ ParserThread::~ParserThread()
 void ParserThread::Start()
 {
     std::lock_guard startStop(m_startStopMutex);
-    if (m_future.valid())
+    if (m_thread.Joinable())
     {
         EDR_LOG_INFO("Audit Parser thread already running");
         return;
@@ -48,14 +50,14 @@ void ParserThread::Start()
         std::lock_guard lock(m_mutex);
         m_stop = false;
     }
-    m_future = std::async(std::launch::async, [this] { Run(); });
+    m_thread.Start([this] { Run(); });
     EDR_LOG_INFO("Started Audit Parser Thread");
 }
 
 void ParserThread::Stop()
 {
     std::lock_guard startStop(m_startStopMutex);
-    if (!m_future.valid())
+    if (!m_thread.Joinable())
     {
         return;
     }
@@ -65,8 +67,7 @@ void ParserThread::Stop()
         m_stop = true;
     }
     m_changed.notify_all();
-    m_future.wait();
-    m_future = std::future<void>();
+    m_thread.Join();
 
     std::lock_guard lock(m_mutex);
     if (!m_queue.empty())
@@ -84,7 +85,11 @@ void ParserThread::Enqueue(std::vector<uint8_t> buffer)
     {
         return;
     }
-    const uint64_t cost = Cost(buffer);
+    if (buffer.capacity() > 2 * buffer.size() + kSlackBytes)
+    {
+        buffer.shrink_to_fit();
+    }
+    const uint64_t cost = buffer.size();
     {
         std::lock_guard lock(m_mutex);
         if (m_queueingDisabled)
@@ -148,7 +153,7 @@ bool ParserThread::IsQueueingDisabled() const
 
 bool ParserThread::IsRunning() const
 {
-    return m_future.valid();
+    return m_thread.Joinable();
 }
 
 void ParserThread::Run()
@@ -185,7 +190,7 @@ void ParserThread::ProcessLoop(AuparseFeed& feed)
             }
             buffer = std::move(m_queue.front());
             m_queue.pop_front();
-            m_queuedBytes.fetch_sub(Cost(buffer), std::memory_order_relaxed);
+            m_queuedBytes.fetch_sub(buffer.size(), std::memory_order_relaxed);
         }
         try
         {

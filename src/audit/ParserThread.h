@@ -1,13 +1,13 @@
 #pragma once
 
 #include "audit/EventBuilder.h"
+#include "common/WorkerThread.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <future>
 #include <mutex>
 #include <vector>
 
@@ -32,9 +32,6 @@ public:
     using CpuUsageSource = std::function<double()>;
 
     static constexpr uint64_t kDefaultMaxQueueBytes = 1024ull * 1024 * 1024;
-    // What a queued buffer costs beyond its bytes (the vector and the heap
-    // block), so that many small buffers cannot exceed the bound.
-    static constexpr uint64_t kBufferOverhead = 64;
 
     // The builder must outlive the thread. A threshold of 100 or more never
     // pauses.
@@ -49,7 +46,9 @@ public:
     // libauparse still holds and discards text not yet parsed.
     void Stop();
 
-    // Called by the receiving channel's thread.
+    // Called by the receiving channel's thread. The queue counts the bytes
+    // of text queued; a buffer holding much more memory than text is
+    // trimmed first, so that the count stays the memory it takes.
     void Enqueue(std::vector<uint8_t> buffer);
 
     // Sizes the queue from a memory budget in KB (the configured memory
@@ -65,8 +64,6 @@ public:
     bool IsRunning() const;
 
 private:
-    static uint64_t Cost(const std::vector<uint8_t>& buffer) { return buffer.capacity() + kBufferOverhead; }
-
     void Run();
     void ProcessLoop(class AuparseFeed& feed);
     void PauseWhileCpuIsHigh();
@@ -87,7 +84,7 @@ private:
     std::condition_variable m_changed;
 
     std::mutex m_startStopMutex;
-    std::future<void> m_future;
+    common::WorkerThread m_thread{"ParserThread"};
 };
 
 } // namespace vantor::audit

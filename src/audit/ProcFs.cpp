@@ -1,6 +1,7 @@
 #include "audit/ProcFs.h"
 
 #include "audit/ProcessInfo.h"
+#include "common/UniqueFd.h"
 
 #include <cerrno>
 #include <charconv>
@@ -80,8 +81,8 @@ ProcFs::ProcFs(std::string root)
 
 bool ProcFs::ReadSmallFile(const std::string& path, std::string& text)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    const common::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
     {
         return false;
     }
@@ -90,7 +91,7 @@ bool ProcFs::ReadSmallFile(const std::string& path, std::string& text)
     bool ok = true;
     for (;;)
     {
-        const ssize_t n = ::read(fd, buffer, sizeof(buffer));
+        const ssize_t n = ::read(fd.Get(), buffer, sizeof(buffer));
         if (n < 0 && errno == EINTR)
         {
             continue;
@@ -110,7 +111,6 @@ bool ProcFs::ReadSmallFile(const std::string& path, std::string& text)
             break; // a command line or status is never this long
         }
     }
-    ::close(fd);
     return ok;
 }
 

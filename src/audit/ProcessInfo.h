@@ -27,12 +27,14 @@ public:
 
     static constexpr uint32_t kUnsetAuid = 4294967295U;
 
-    // From a process start (execve) or a clone event; a clone event names the
-    // new process as its actor (pid: the child, parent pid: the caller) and
-    // carries the caller's image and arguments, which the child shares until
-    // it runs execve. Any other event throws std::runtime_error "ProcessInfo
-    // can only be created from a Process Exec or Clone event"; an event
-    // without image "ProcessInfo cannot find image information for PID:<pid>".
+    // From a process start (execve) or a clone event. A clone event's actor
+    // is the caller; the new process is the call's result (pid: the child,
+    // parent pid: the caller) and shares the caller's image and arguments
+    // until it runs execve; a clone event that does not name its child
+    // throws "ProcessInfo cannot find the new process of the Clone event".
+    // Any other event throws std::runtime_error "ProcessInfo can only be
+    // created from a Process Exec or Clone event"; an event without image
+    // "ProcessInfo cannot find image information for PID:<pid>".
     ProcessInfo(const edr::Event& event, TimePoint creationTime);
 
     // From the proc file system; throws std::runtime_error with the reason
@@ -43,6 +45,8 @@ public:
     pid_t GetParentPid() const { return m_parentPid; }
     const std::string& GetImage() const { return m_image; }
     const std::vector<std::string>& GetArguments() const { return m_arguments; }
+    // The arguments joined by spaces.
+    std::string GetCommandLine() const { return JoinArguments(m_arguments); }
     uint32_t GetUserId() const { return m_uid; }
     uint32_t GetEffectiveUserId() const { return m_euid; }
     uint32_t GetAuditUserId() const { return m_auid; }
@@ -50,6 +54,8 @@ public:
     // Last component of the image path; the kernel's own name ("comm") is cut
     // at 15 characters, the image is not.
     std::string_view GetName() const;
+
+    static std::string JoinArguments(const std::vector<std::string>& arguments);
 
     // Records are replaced, never updated in place: throws "Update is not
     // implemented".

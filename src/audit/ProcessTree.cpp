@@ -1,6 +1,7 @@
 #include "audit/ProcessTree.h"
 
 #include "audit/AuditTables.h"
+#include "audit/CloneEvent.h"
 #include "common/Logging.h"
 
 #include <unordered_set>
@@ -44,20 +45,30 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
     std::lock_guard lock(m_mutex);
     if (type == edr::EventType::Clone)
     {
-        const pid_t child = event->GetActorProcessId();
+        const auto* clone = dynamic_cast<const internal::CloneEvent*>(event.get());
+        if (clone == nullptr)
+        {
+            EDR_LOG_DEBUG("Clone event without its new process ignored");
+            return false;
+        }
+        const pid_t child = clone->GetChildProcessId();
         if (child > 0)
         {
+            // The caller's entry gives the child its arguments.
+            AttachActor(*event, event->GetActorProcessId());
             CacheClone(std::move(event), child);
         }
         return false;
     }
     if (type == edr::EventType::AbnormalEnd)
     {
+        AttachActor(*event, event->GetActorProcessId());
         return true;
     }
     if (type == edr::EventType::Exit)
     {
         const pid_t pid = event->GetActorProcessId();
+        AttachActor(*event, pid);
         if (const auto it = m_processes.find(pid); it != m_processes.end())
         {
             it->second.terminated = true;
@@ -79,7 +90,24 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
     {
         AddRunning(*event);
     }
+    // A process start's own process is the one it made; any other event's
+    // is the actor found above (its pid may have been rewritten from a
+    // thread id).
+    AttachActor(*event, event->GetActorProcessId());
     return true;
+}
+
+void ProcessTree::AttachActor(edr::Event& event, pid_t pid)
+{
+    auto* auditEvent = dynamic_cast<internal::Event*>(&event);
+    if (auditEvent == nullptr || pid <= 0)
+    {
+        return;
+    }
+    if (const Entry* entry = FindLive(pid))
+    {
+        auditEvent->SetActorProcess(entry->info);
+    }
 }
 
 ProcessTree::Entry* ProcessTree::FindOrCreateActor(pid_t pid, edr::Event& event, bool processStart)
@@ -181,23 +209,20 @@ ProcessTree::Entry* ProcessTree::CreateFromCloneCache(pid_t pid)
         EDR_LOG_DEBUG("Process with pid " << pid << " does not exist in Clone Cache");
         return nullptr;
     }
-    if (!it->second)
+    const std::unique_ptr<edr::Event> clone = std::move(it->second);
+    m_cloneCache.erase(it);
+    if (!clone)
     {
         EDR_LOG_ERROR("Accessing key failed from cache memory");
-        m_cloneCache.erase(it);
         return nullptr;
     }
     try
     {
-        const edr::Event& clone = *it->second;
-        Entry* entry = Insert(std::make_shared<const ProcessInfo>(clone, CreationTimeOf(pid, clone)));
-        m_cloneCache.erase(it);
-        return entry;
+        return Insert(std::make_shared<const ProcessInfo>(*clone, CreationTimeOf(pid, *clone)));
     }
     catch (const std::exception& e)
     {
         EDR_LOG_DEBUG("Failed to create process for " << pid << " using Clone Cache: " << e.what());
-        m_cloneCache.erase(it);
         return nullptr;
     }
 }
@@ -224,6 +249,8 @@ ProcessTree::Entry* ProcessTree::Insert(ProcessPtr info)
 {
     const pid_t pid = info->GetPid();
     m_notInProc.erase(pid);
+    // The process is known now; its fork is of no further use.
+    m_cloneCache.erase(pid);
     Entry& entry = m_processes[pid];
     entry = Entry{std::move(info), false, false};
     return &entry;
@@ -359,11 +386,22 @@ const ProcessInfo* ProcessTree::ParentInLineage(const ProcessInfo& child)
     return parent->info.get();
 }
 
-bool ProcessTree::AnyInLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& match)
+bool ProcessTree::AnyInLineage(pid_t pid, const Match& match)
 {
     std::lock_guard lock(m_mutex);
     const Entry* entry = FindLive(pid);
-    const ProcessInfo* current = entry != nullptr ? entry->info.get() : nullptr;
+    return entry != nullptr && WalkLineage(*entry->info, match);
+}
+
+bool ProcessTree::AnyInLineage(const ProcessInfo& process, const Match& match)
+{
+    std::lock_guard lock(m_mutex);
+    return WalkLineage(process, match);
+}
+
+bool ProcessTree::WalkLineage(const ProcessInfo& process, const Match& match)
+{
+    const ProcessInfo* current = &process;
     for (int depth = 0; current != nullptr && depth < kMaxLineageDepth; ++depth)
     {
         if (match(*current))

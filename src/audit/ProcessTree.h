@@ -54,10 +54,12 @@ public:
     const ProcFs& GetProcFs() const { return m_procFs; }
 
     // Brings the tree up to date with one event before any handler sees it;
-    // may rewrite a thread id in the event to its process id. Answers false
-    // when the event goes no further (a clone, kept for its child). Pseudo
-    // events that must be processed ahead of the event are appended. A clone
-    // event is moved into the clone cache (the pointer is left empty).
+    // may rewrite a thread id in the event to its process id, and attaches
+    // the acting process's entry to an audit event. Answers false when the
+    // event goes no further (a clone, kept for its child). Pseudo events that
+    // must be processed ahead of the event are appended. A clone event is
+    // moved into the clone cache under the new process, the call's result
+    // (the pointer is left empty); the caller's entry goes with it.
     bool UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents);
 
     // The live entry of a pid, or null.
@@ -71,8 +73,12 @@ public:
     std::vector<ProcessPtr> GetAncestors(pid_t pid);
 
     // Whether the process or one of its ancestors satisfies the predicate;
-    // same walk as GetAncestors, without building the list.
-    bool AnyInLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& match);
+    // same walk as GetAncestors, without building the list. The second form
+    // starts from a process record (an event's actor, which may be marked
+    // terminated already when the event is its exit).
+    using Match = std::function<bool(const ProcessInfo&)>;
+    bool AnyInLineage(pid_t pid, const Match& match);
+    bool AnyInLineage(const ProcessInfo& process, const Match& match);
 
     // Marks vanished and pid-reused entries terminated, then removes the
     // terminated entries that no live entry names as parent (the chain of a
@@ -101,7 +107,9 @@ private:
     Entry* CreateFromCloneCache(pid_t pid);
     Entry* Insert(ProcessPtr info);
     Entry* FindLive(pid_t pid);
+    void AttachActor(edr::Event& event, pid_t pid);
     const ProcessInfo* ParentInLineage(const ProcessInfo& child);
+    bool WalkLineage(const ProcessInfo& process, const Match& match);
     void AddRunning(const edr::Event& event);
     void CacheClone(std::unique_ptr<edr::Event> clone, pid_t child);
     void AnnounceContainer(Entry& entry, Events& pseudoEvents);

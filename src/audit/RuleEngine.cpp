@@ -17,8 +17,10 @@ RuleEngine::RuleEngine(pid_t outpostPid, std::string outpostPath, std::shared_pt
                        uint64_t auditBacklogLimit, std::string agentInstallPath)
     : m_agentInstallPath(std::move(agentInstallPath))
     , m_installer(outpostPid, std::move(outpostPath), auditBacklogLimit)
-    , m_events(std::move(processTree), ::getpid(), m_router,
-               [this](const Tags& tags, edr::Event& event) { DispatchEvent(tags, event); })
+    , m_events(
+          std::move(processTree), ::getpid(), m_router,
+          [this](const Tags& tags, edr::Event& event) { DispatchEvent(tags, event); },
+          ProcessTreeUpdater::kCleanInterval, this)
 {
 }
 

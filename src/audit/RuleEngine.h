@@ -30,6 +30,9 @@ namespace vantor::audit
 //    tree, drops what must not be reported and dispatches the rest to the
 //    handlers of the tags the router names.
 //
+// The event processor follows the host agent's process: when it exits or is
+// replaced, the agent's exclusion rules follow it.
+//
 // Invalidate() removes the detection rules and asks the tags' owners to
 // submit them again; RemoveKernelRules() or the destructor removes everything
 // the engine installed.
@@ -40,7 +43,7 @@ namespace vantor::audit
 // which alone calls ProcessEvent (through GetEventProcessor()). No lock of
 // the engine is held while handlers run: Invalidate() calls the invalidated
 // handlers after letting go of its lock, since they add rules again.
-class RuleEngine : public edr::EventRuleEngine
+class RuleEngine : public edr::EventRuleEngine, public OutpostProcessFollower::Target
 {
 public:
     using EventPtr = std::unique_ptr<edr::Event>;
@@ -70,9 +73,11 @@ public:
     // their owners submit their rules again.
     void Invalidate();
 
-    // The host agent restarted: replaces its exclusion rules. Answers whether
-    // the new rules are in place.
-    bool RefreshOutpostExclusionRules(pid_t pid, const std::string& path);
+    // The host agent restarted: replaces its exclusion rules (pid 0: the
+    // agent has no process, its rules are removed). Answers whether the
+    // rules are as asked. Also called on the processing thread when the
+    // agent's process exits or is replaced.
+    bool RefreshOutpostExclusionRules(pid_t pid, const std::string& path) override;
 
     // Removes every kernel rule the engine installed; from then on none is
     // installed. The daemon calls it first when it shuts down, so that
@@ -86,8 +91,8 @@ public:
     std::optional<uint32_t> GetAuditBacklogLimit() const;
 
     bool IsRuleInstalled(const std::string& ruleId) const;
-    pid_t GetOutpostPid() const;
-    std::string GetOutpostPath() const;
+    pid_t GetOutpostPid() const override;
+    std::string GetOutpostPath() const override;
     const std::string& GetAgentInstallPath() const { return m_agentInstallPath; }
 
     // Tags whose path rules cover the path.

@@ -1,6 +1,7 @@
 #include "audit/RunningEvent.h"
 
 #include "audit/AbsolutePath.h"
+#include "audit/ProcessInfo.h"
 #include "common/Logging.h"
 #include "common/StatHelper.h"
 
@@ -89,16 +90,7 @@ std::vector<std::string> RunningEvent::GetActorProcessArguments() const
 
 std::string RunningEvent::GetCommandLine() const
 {
-    std::string line;
-    for (const auto& argument : m_records.arguments)
-    {
-        if (!line.empty())
-        {
-            line.push_back(' ');
-        }
-        line.append(argument);
-    }
-    return line;
+    return ProcessInfo::JoinArguments(m_records.arguments);
 }
 
 uint32_t RunningEvent::GetCategory() const

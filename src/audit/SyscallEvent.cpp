@@ -1,12 +1,32 @@
 #include "audit/SyscallEvent.h"
 
+#include "audit/ProcessInfo.h"
+
 namespace vantor::audit::internal
 {
 
 SyscallEvent::SyscallEvent(auparse_state_t* au, unsigned wanted)
     : Event(au)
 {
-    m_records.Parse(au, wanted);
+    m_records.Parse(au, wanted | AuditRecords::kProctitle);
+}
+
+std::vector<std::string> SyscallEvent::GetActorProcessArguments() const
+{
+    if (GetActorProcess() || m_records.proctitle.empty())
+    {
+        return Event::GetActorProcessArguments();
+    }
+    return m_records.proctitle;
+}
+
+std::string SyscallEvent::GetCommandLine() const
+{
+    if (m_records.proctitle.empty())
+    {
+        return Event::GetCommandLine();
+    }
+    return ProcessInfo::JoinArguments(m_records.proctitle);
 }
 
 uint32_t SyscallEvent::GetActorEuid() const

@@ -276,4 +276,9 @@ std::string CommonConfig::HmacKeyPath() const
     return (std::filesystem::path(AgentInstallPath()) / "keys/edr_hmac.key").string();
 }
 
+std::string CommonConfig::ResponseKeyPath() const
+{
+    return (std::filesystem::path(AgentInstallPath()) / "keys/edr_response.pub").string();
+}
+
 } // namespace vantor::edr

@@ -55,6 +55,9 @@ public:
     common::HttpServiceSettings HttpSettings() const;
     // <agent_install_path>/keys/edr_hmac.key, the request signer's key.
     std::string HmacKeyPath() const;
+    // <agent_install_path>/keys/edr_response.pub, the back end's public key
+    // (PEM) that signs its answers.
+    std::string ResponseKeyPath() const;
 
     // The settings as a JSON object, members in their fixed order.
     std::string ToJson() const;

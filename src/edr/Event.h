@@ -30,6 +30,23 @@ enum class EventType : uint32_t
     AbnormalEnd = 16
 };
 
+// Whether events of the type concern a file-system object (and carry a path).
+constexpr bool IsFileEventType(EventType type)
+{
+    switch (type)
+    {
+    case EventType::Create:
+    case EventType::Delete:
+    case EventType::Read:
+    case EventType::Write:
+    case EventType::Attribute:
+    case EventType::Rename:
+        return true;
+    default:
+        return false;
+    }
+}
+
 // Event class numbers (GetCategory). Unsuccessful calls still matter for the
 // first two: an abnormal end has no success flag and a refused connection is
 // worth reporting.

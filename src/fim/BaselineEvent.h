@@ -7,9 +7,10 @@
 namespace vantor::fim::internal
 {
 
-// The pseudo event that asks the event processor for the baseline pass over
-// one watched path. It has no type; its action is "Baseline" and its actor
-// is the daemon itself.
+// The pseudo event of the baseline pass: handed to the event processor it
+// asks for the pass over one watched path; the pass also builds the document
+// of each file it records from one. It has no type; its action is "Baseline"
+// and its actor is the daemon itself.
 class BaselineEvent : public edr::Event
 {
 public:

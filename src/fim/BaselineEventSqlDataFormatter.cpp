@@ -2,6 +2,7 @@
 
 #include "common/Serializer.h"
 #include "common/SqlDataFormatterException.h"
+#include "fim/FileState.h"
 
 namespace vantor::fim
 {
@@ -23,6 +24,23 @@ std::vector<std::string> BaselineEventSqlDataFormatter::GetCreateStatements() co
             "[ContentStatus] TEXT" + ")"};
 }
 
+std::string BaselineEventSqlDataFormatter::GetSchemaVersionQuery() const
+{
+    return "PRAGMA user_version";
+}
+
+std::vector<std::string> BaselineEventSqlDataFormatter::GetUpgradeStatements(int64_t currentVersion) const
+{
+    if (currentVersion >= 1)
+    {
+        return {};
+    }
+    return {std::string("CREATE TABLE IF NOT EXISTS [FileState](") + "[FilePath] TEXT PRIMARY KEY, " +
+                "[Size] INTEGER, [Mode] INTEGER, [Owner] INTEGER, [Group] INTEGER, " +
+                "[ModificationTime] INTEGER, [ContentHash] TEXT)",
+            "PRAGMA user_version = 1"};
+}
+
 std::string BaselineEventSqlDataFormatter::GetDeleteStatement(const std::string& table,
                                                               const std::string& key) const
 {
@@ -36,6 +54,14 @@ std::string BaselineEventSqlDataFormatter::GetInsertStatement(const std::string&
     CheckTable(table);
     common::Serializer reader(record);
     const std::string_view path = reader.GetString();
+    if (table == kStateTableName)
+    {
+        const FileState state = ParseState(record);
+        return "INSERT or REPLACE INTO " + table + " " + "VALUES (" + QuoteText(path) + "," +
+               std::to_string(state.size) + "," + std::to_string(state.mode) + "," +
+               std::to_string(state.uid) + "," + std::to_string(state.gid) + "," +
+               std::to_string(state.modificationTimeNs) + "," + QuoteText(state.sha256) + ")";
+    }
     const std::string_view status = reader.GetString();
     return "INSERT or REPLACE INTO " + table + " " + "VALUES (" + QuoteText(path) + "," + QuoteText(status) +
            ")";
@@ -57,9 +83,36 @@ std::string BaselineEventSqlDataFormatter::FormatRecord(std::string_view filePat
     return TakeBuffer();
 }
 
+std::string BaselineEventSqlDataFormatter::FormatState(std::string_view filePath, const FileState& state)
+{
+    Start();
+    AppendString(filePath);
+    AppendInt64(static_cast<int64_t>(state.size));
+    AppendInt64(state.mode);
+    AppendInt64(state.uid);
+    AppendInt64(state.gid);
+    AppendInt64(state.modificationTimeNs);
+    AppendString(state.sha256);
+    return TakeBuffer();
+}
+
+FileState BaselineEventSqlDataFormatter::ParseState(std::string_view row)
+{
+    common::Serializer reader(row);
+    reader.GetString(); // the path, which is the key
+    FileState state;
+    state.size = static_cast<uint64_t>(reader.GetInt64());
+    state.mode = static_cast<uint32_t>(reader.GetInt64());
+    state.uid = static_cast<uint32_t>(reader.GetInt64());
+    state.gid = static_cast<uint32_t>(reader.GetInt64());
+    state.modificationTimeNs = reader.GetInt64();
+    state.sha256 = std::string(reader.GetString());
+    return state;
+}
+
 void BaselineEventSqlDataFormatter::CheckTable(const std::string& table)
 {
-    if (table != kTableName)
+    if (table != kTableName && table != kStateTableName)
     {
         throw common::SqlDataFormatterException("BaselineEventSqlDataFormatter: Unknown table '" + table +
                                                 "'");

@@ -12,6 +12,7 @@
 #include "fim/JsonDataFormatter.h"
 #include "fim/UploadSchedule.h"
 
+#include <chrono>
 #include <filesystem>
 #include <set>
 #include <stdexcept>
@@ -54,10 +55,13 @@ std::unique_ptr<Config> CheckConfig(std::unique_ptr<Config> config)
 
 Component::Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
                      common::Scheduler& scheduler, std::shared_ptr<edr::EventRuleEngine> ruleEngine,
-                     const std::string& installPath, BlackoutCheck blackout)
+                     const std::string& installPath, std::shared_ptr<const edr::BlackoutManager> blackout,
+                     std::shared_ptr<const edr::ProcessLookup> processes)
     : m_config(CheckConfig(std::move(config)))
     , m_uploader(std::move(uploader))
     , m_ruleEngine(std::move(ruleEngine))
+    , m_blackout(std::move(blackout))
+    , m_processes(std::move(processes))
     , m_scheduler(scheduler)
 {
     if (!m_uploader)
@@ -80,12 +84,24 @@ Component::Component(std::unique_ptr<Config> config, std::shared_ptr<common::Htt
     m_spool = std::make_unique<common::SpoolStorage>(m_scheduler, directory, m_config->EventFileName(),
                                                      std::make_unique<internal::JsonDataFormatter>(),
                                                      SpoolSettings(*m_config), kMaxSpoolFiles);
+    internal::UploadSchedule::BlackoutCheck inBlackout;
+    if (m_blackout)
+    {
+        inBlackout = [blackout = m_blackout] { return blackout->IsBlackout(); };
+    }
     m_uploadSchedule =
-        std::make_shared<internal::UploadSchedule>(*m_config, *m_spool, m_uploader, std::move(blackout));
+        std::make_shared<internal::UploadSchedule>(*m_config, *m_spool, m_uploader, inBlackout);
     // The store comes before the processor that writes into it.
     m_baseline = std::make_unique<common::SqlStorage>(
         installPath, kBaselineDbName, std::make_unique<BaselineEventSqlDataFormatter>(), true);
-    m_processor = std::make_unique<internal::EventProcessor>(*m_ruleManager, *m_spool, m_baseline.get());
+    internal::EventProcessor::Settings settings;
+    settings.settleTime = std::chrono::milliseconds(m_config->ContentSettleTimeMs());
+    settings.baselineFilesPerSecond = m_config->BaselineFilesPerSec();
+    // The daemon's own files are not part of what it watches.
+    const std::string database = (std::filesystem::path(installPath) / kBaselineDbName).string();
+    settings.ownDirectories = {directory, database, database + "-journal", database + "-wal"};
+    m_processor = std::make_unique<internal::EventProcessor>(*m_ruleManager, *m_spool, m_baseline.get(),
+                                                             std::move(settings));
 
     Enable();
     EDR_LOG_INFO("Component initialized.");
@@ -116,6 +132,7 @@ void Component::Enable()
         DisableLocked();
         return;
     }
+    BaselineAddedRulesLocked();
     if (!m_registered)
     {
         internal::EventProcessor* processor = m_processor.get();
@@ -158,6 +175,10 @@ void Component::DisableLocked()
     EDR_LOG_INFO("Disabling FIM");
     UnregisterLocked();
     m_enabled = false;
+    m_baselinedRules.clear();
+    // What is under way goes with the spool.
+    m_processor->StopBaseline();
+    m_processor->Flush();
     try
     {
         m_spool->Clear();
@@ -184,6 +205,8 @@ void Component::UpdateConfig(const rapidjson::Value& json, const UpdateCallback&
         throw;
     }
     m_spool->Update(SpoolSettings(*m_config));
+    m_processor->UpdateSettings(std::chrono::milliseconds(m_config->ContentSettleTimeMs()),
+                                m_config->BaselineFilesPerSec());
     EDR_LOG_INFO("Component::UpdateConfig: Configuration updated");
     Enable();
     if (callback)
@@ -194,17 +217,43 @@ void Component::UpdateConfig(const rapidjson::Value& json, const UpdateCallback&
 
 void Component::RunBaseline()
 {
-    const auto rules = m_ruleManager->GetRules();
-    std::set<std::string> done;
-    for (const auto& rule : rules->rules)
+    std::vector<std::string> roots;
+    for (const auto& rule : m_ruleManager->GetRules()->rules)
     {
-        if (!done.insert(rule->GetPath()).second)
-        {
-            continue;
-        }
-        internal::BaselineEvent event(rule->GetPath());
-        m_processor->HandleEvent(event);
+        roots.push_back(rule->GetPath());
     }
+    m_processor->StartBaseline(std::move(roots));
+}
+
+void Component::BaselineAddedRulesLocked()
+{
+    std::set<std::string> keys;
+    std::vector<std::string> roots;
+    for (const auto& rule : m_ruleManager->GetRules()->rules)
+    {
+        std::string key = rule->GetId() + '\n' + rule->GetPath();
+        if (m_baselinedRules.count(key) == 0)
+        {
+            roots.push_back(rule->GetPath());
+        }
+        keys.insert(std::move(key));
+    }
+    m_baselinedRules = std::move(keys);
+    if (!roots.empty())
+    {
+        EDR_LOG_INFO("FimComponent: Baseline pass over " << roots.size() << " watched paths");
+        m_processor->StartBaseline(std::move(roots));
+    }
+}
+
+uint64_t Component::GetDocumentOverflowCount() const
+{
+    return m_processor->GetOverflowCount();
+}
+
+void Component::FlushDocuments()
+{
+    m_processor->Flush();
 }
 
 bool Component::IsEnabled() const

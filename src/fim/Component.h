@@ -1,6 +1,8 @@
 #pragma once
 
+#include "edr/BlackoutManager.h"
 #include "edr/EventRuleEngine.h"
+#include "edr/ProcessLookup.h"
 #include "fim/Config.h"
 
 #include <rapidjson/document.h>
@@ -8,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 namespace vantor::common
@@ -35,7 +38,12 @@ class UploadSchedule;
 //
 // Enabled after construction when the manifest could be used; disabled on
 // an unusable manifest or on request; a later "config" with a usable
-// manifest enables it again.
+// manifest enables it again. Each rule a manifest adds gets the baseline
+// pass over its path. Documents are built on the processor's own thread;
+// destruction builds what still waits before the spool goes.
+//
+// Thread-safe: UpdateConfig, Disable and the accessors may be called from
+// any thread while events arrive.
 class Component
 {
 public:
@@ -43,7 +51,6 @@ public:
     static constexpr const char* kBaselineDbName = "BaselineEvents.db";
     static constexpr uint64_t kMaxSpoolFiles = 10000;
 
-    using BlackoutCheck = std::function<bool()>;
     using UpdateCallback = std::function<void(bool success)>;
 
     // Throws std::runtime_error "FimComponent: 'config' cannot be null" /
@@ -53,11 +60,13 @@ public:
     // component. ruleEngine is the daemon's engine (whichever capture
     // backs it): the component adds its rules and handlers there under kTag.
     // The spool lives in event_file_path + "fim/" (created when missing), the
-    // baseline store in installPath. blackout answers whether uploads must
-    // wait; empty: never.
+    // baseline store in installPath. blackout holds the periods in which
+    // uploads wait (null: none); processes is the daemon's process tree
+    // (null: none known).
     Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
               common::Scheduler& scheduler, std::shared_ptr<edr::EventRuleEngine> ruleEngine,
-              const std::string& installPath, BlackoutCheck blackout = {});
+              const std::string& installPath, std::shared_ptr<const edr::BlackoutManager> blackout = nullptr,
+              std::shared_ptr<const edr::ProcessLookup> processes = nullptr);
     ~Component();
 
     Component(const Component&) = delete;
@@ -72,22 +81,37 @@ public:
     // uploads and clears the spool.
     void Disable();
 
-    // Runs the baseline pass over every watched path, on the caller's thread.
+    // Queues the baseline pass over every watched path. It also runs by
+    // itself for the rules a manifest adds (at start and on each "config"),
+    // on the component's document thread at a bounded rate.
     void RunBaseline();
+
+    // Builds every document that waits for its file to settle, now.
+    void FlushDocuments();
+
+    // Events whose documents were built before their files settled because
+    // too many were waiting.
+    uint64_t GetDocumentOverflowCount() const;
 
     bool IsEnabled() const;
     const Config& GetConfig() const { return *m_config; }
     common::SpoolStorage& GetSpool() { return *m_spool; }
+    const std::shared_ptr<const edr::BlackoutManager>& GetBlackout() const { return m_blackout; }
+    // The daemon's process tree as handed; null when none was.
+    const std::shared_ptr<const edr::ProcessLookup>& GetProcesses() const { return m_processes; }
 
 private:
     void Enable();
     void DisableLocked();
     void UnregisterLocked();
+    void BaselineAddedRulesLocked();
 
     // In construction order; destroyed in reverse.
     std::unique_ptr<Config> m_config;
     std::shared_ptr<common::HttpUploader> m_uploader;
     std::shared_ptr<edr::EventRuleEngine> m_ruleEngine;
+    const std::shared_ptr<const edr::BlackoutManager> m_blackout;
+    const std::shared_ptr<const edr::ProcessLookup> m_processes;
     common::Scheduler& m_scheduler;
     std::unique_ptr<internal::EventRuleManager> m_ruleManager;
     std::unique_ptr<common::SpoolStorage> m_spool;
@@ -98,6 +122,8 @@ private:
     mutable std::mutex m_mutex;
     bool m_enabled = false;
     bool m_registered = false;
+    // Rules (id and path) whose paths had their baseline pass.
+    std::set<std::string> m_baselinedRules;
 };
 
 } // namespace vantor::fim

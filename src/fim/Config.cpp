@@ -3,6 +3,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <optional>
 #include <stdexcept>
 
 namespace vantor::fim
@@ -29,6 +30,17 @@ uint64_t GetInteger(const rapidjson::Value& json, const char* key)
     if (it == json.MemberEnd() || !it->value.IsInt64() || it->value.GetInt64() < 0)
     {
         return 0;
+    }
+    return static_cast<uint64_t>(it->value.GetInt64());
+}
+
+// A value that is not a non-negative integer reads as missing.
+std::optional<uint64_t> GetOptionalInteger(const rapidjson::Value& json, const char* key)
+{
+    const auto it = json.FindMember(key);
+    if (it == json.MemberEnd() || !it->value.IsInt64() || it->value.GetInt64() < 0)
+    {
+        return std::nullopt;
     }
     return static_cast<uint64_t>(it->value.GetInt64());
 }
@@ -75,6 +87,9 @@ Config::Values Config::Read(const rapidjson::Value& json)
     }
     values.manifestPath = GetString(json, "manifest_path");
     values.manifestType = GetString(json, "manifest_type");
+    values.contentSettleTimeMs =
+        GetOptionalInteger(json, "content_settle_time_ms").value_or(kDefaultSettleTimeMs);
+    values.baselineFilesPerSec = GetInteger(json, "baseline_files_per_sec");
     return values;
 }
 
@@ -130,6 +145,18 @@ std::string Config::ManifestType() const
 {
     std::lock_guard lock(m_mutex);
     return m_values.manifestType;
+}
+
+uint64_t Config::ContentSettleTimeMs() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.contentSettleTimeMs;
+}
+
+uint64_t Config::BaselineFilesPerSec() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_values.baselineFilesPerSec;
 }
 
 void Config::ToJson(rapidjson::Document& out) const

@@ -32,6 +32,15 @@ public:
     std::string ManifestPath() const;
     std::string ManifestType() const;
 
+    // Two optional keys beyond the ten: "content_settle_time_ms", how long
+    // after the last event on a path its content is read (missing:
+    // kDefaultSettleTimeMs; 0 reads at once), and "baseline_files_per_sec",
+    // the rate of the baseline pass (missing or 0: the default). Not written
+    // back by ToJson, which keeps to the ten keys.
+    static constexpr uint64_t kDefaultSettleTimeMs = 1000;
+    uint64_t ContentSettleTimeMs() const;
+    uint64_t BaselineFilesPerSec() const;
+
     // The ten keys as one JSON object (for the daemon's state reports).
     void ToJson(rapidjson::Document& out) const;
 
@@ -48,6 +57,8 @@ private:
         std::string manifests = "[]"; // JSON text of the array
         std::string manifestPath;
         std::string manifestType;
+        uint64_t contentSettleTimeMs = kDefaultSettleTimeMs;
+        uint64_t baselineFilesPerSec = 0;
     };
 
     static Values Read(const rapidjson::Value& json);

@@ -1,6 +1,6 @@
 #include "fim/ContentReader.h"
 
-#include "fim/ContentDigest.h"
+#include "common/util/Digest.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -56,13 +56,16 @@ ContentReader::Content ContentReader::Read(const std::string& path, bool wantDat
     {
         return content;
     }
-    std::optional<ContentDigest> digest;
+    std::optional<util::Digest> digest;
     if (wantHash)
     {
-        digest.emplace();
-        if (!digest->IsValid())
+        try
         {
-            return content;
+            digest.emplace(util::Digest::Algorithm::Sha256);
+        }
+        catch (const std::exception&)
+        {
+            return content; // no digest context: the content cannot be vouched for
         }
     }
     std::array<char, 65536> buffer{};
@@ -97,7 +100,7 @@ ContentReader::Content ContentReader::Read(const std::string& path, bool wantDat
         content.size += static_cast<uint64_t>(n);
         if (digest)
         {
-            digest->Update(buffer.data(), static_cast<size_t>(n));
+            digest->Update(std::string_view(buffer.data(), static_cast<size_t>(n)));
         }
     }
     if (content.size > kMaxContentSize)
@@ -111,7 +114,7 @@ ContentReader::Content ContentReader::Read(const std::string& path, bool wantDat
     }
     if (digest)
     {
-        content.sha256 = digest->Finish();
+        content.sha256 = digest->FinishHex();
     }
     return content;
 }

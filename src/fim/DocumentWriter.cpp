@@ -1,23 +1,9 @@
 #include "fim/DocumentWriter.h"
 
-#include <rapidjson/encodings.h>
-#include <rapidjson/memorystream.h>
+#include "fim/PathEscape.h"
 
 namespace vantor::fim::internal
 {
-
-namespace
-{
-
-// Appends to a string; the output stream of the UTF-8 validator.
-struct StringOutput
-{
-    using Ch = char;
-    std::string& out;
-    void Put(char c) { out.push_back(c); }
-};
-
-} // namespace
 
 DocumentWriter::DocumentWriter()
     : m_writer(m_buffer)
@@ -30,33 +16,27 @@ void DocumentWriter::String(std::string_view value)
     m_writer.String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
 }
 
+void DocumentWriter::PathMember(const char* key, std::string_view path)
+{
+    Key(key);
+    const std::string escaped = PathEscape::Escape(path);
+    m_writer.String(escaped.data(), static_cast<rapidjson::SizeType>(escaped.size()));
+}
+
 const std::string& DocumentWriter::ValidUtf8(std::string_view text, std::string& scratch)
 {
     scratch.clear();
     size_t pos = 0;
     while (pos < text.size())
     {
-        // ASCII runs are copied as they are; the validator sees the rest.
-        const size_t start = pos;
-        while (pos < text.size() && static_cast<unsigned char>(text[pos]) < 0x80)
+        const size_t length = PathEscape::ValidSequenceLength(text.substr(pos));
+        if (length > 0)
         {
-            ++pos;
-        }
-        scratch.append(text.substr(start, pos - start));
-        if (pos == text.size())
-        {
-            break;
-        }
-        rapidjson::MemoryStream input(text.data() + pos, text.size() - pos);
-        const size_t mark = scratch.size();
-        StringOutput output{scratch};
-        if (rapidjson::UTF8<>::Validate(input, output))
-        {
-            pos += input.Tell();
+            scratch.append(text.substr(pos, length));
+            pos += length;
         }
         else
         {
-            scratch.resize(mark);
             scratch.append("\xEF\xBF\xBD");
             pos += 1;
         }

@@ -13,9 +13,10 @@ namespace vantor::fim::internal
 {
 
 // The JSON writer of event documents. Every string is made valid UTF-8 before
-// it is written (each byte that does not start a valid sequence becomes
-// U+FFFD), so that a hostile file name or command line keeps the document
-// valid JSON. Values that the event cannot tell are written as "Unknown".
+// it is written, so that a hostile file name or command line keeps the
+// document valid JSON: paths in the reversible form of PathEscape, other
+// text with U+FFFD in place of each byte that does not start a valid
+// sequence. Values that the event cannot tell are written as "Unknown".
 //
 // Not thread-safe; one writer per document.
 class DocumentWriter
@@ -35,6 +36,8 @@ public:
         Key(key);
         String(value);
     }
+    // A file path, escaped so that its bytes can be recovered (PathEscape).
+    void PathMember(const char* key, std::string_view path);
     void Uint64(uint64_t value) { m_writer.Uint64(value); }
     void Int64(int64_t value) { m_writer.Int64(value); }
     void StartObject() { m_writer.StartObject(); }

@@ -5,12 +5,10 @@
 #include "fim/AccountNames.h"
 #include "fim/DocumentWriter.h"
 
-#include <sys/stat.h>
-
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <optional>
+#include <map>
 
 namespace vantor::fim::internal
 {
@@ -21,78 +19,74 @@ namespace
 using ContentStatus = ContentReader::ContentStatus;
 constexpr const char* kUnknown = DocumentWriter::kUnknown;
 
-std::string Permission(mode_t mode)
+void WriteSize(DocumentWriter& w, const std::optional<FileState>& state)
 {
-    std::array<char, 8> text{};
-    std::snprintf(text.data(), text.size(), "%04o", static_cast<unsigned>(mode & 07777));
-    return text.data();
-}
-
-// "old" and "new" of the change: the two names of a rename, otherwise the
-// sizes (the event carries only the state after the change).
-void WriteOperation(DocumentWriter& w, const edr::Event& event, std::optional<edr::EventType> type,
-                    const std::string& path, const ContentReader::Content* content)
-{
-    w.Key("operation");
-    w.StartObject();
-    if (type == edr::EventType::Rename)
+    if (state)
     {
-        w.Key("old");
-        w.StartObject();
-        w.Member("path", path);
-        w.EndObject();
-        w.Key("new");
-        w.StartObject();
-        w.StringOrUnknown("path", [&] { return event.GetNewFile(); });
-        w.EndObject();
+        w.Key("size");
+        w.Uint64(state->size);
     }
     else
     {
+        w.Member("size", kUnknown);
+    }
+}
+
+// "old" and "new" of the change: the two names of a rename, otherwise the
+// sizes.
+void WriteOperation(DocumentWriter& w, const edr::Event& event, const EventDocument::Input& input)
+{
+    w.Key("operation");
+    w.StartObject();
+    if (!input.newPath.empty())
+    {
         w.Key("old");
         w.StartObject();
-        w.Member("size", kUnknown);
+        w.PathMember("path", input.oldPath);
         w.EndObject();
         w.Key("new");
         w.StartObject();
-        if (type == edr::EventType::Delete)
-        {
-            w.Member("size", kUnknown);
-        }
-        else if (content != nullptr && content->status != ContentStatus::ReadFailure)
-        {
-            w.Key("size");
-            w.Uint64(content->size);
-        }
-        else
-        {
-            w.NumberOrUnknown("size", [&] { return event.GetFileSize(); });
-        }
+        w.PathMember("path", input.newPath);
         w.EndObject();
+        w.EndObject();
+        return;
     }
+    w.Key("old");
+    w.StartObject();
+    WriteSize(w, input.before);
+    w.EndObject();
+    w.Key("new");
+    w.StartObject();
+    if (input.after)
+    {
+        WriteSize(w, input.after);
+    }
+    else if (!input.isDirectory && input.content != nullptr &&
+             input.content->status != ContentStatus::ReadFailure)
+    {
+        w.Key("size");
+        w.Uint64(input.content->size);
+    }
+    else if (input.action == "delete")
+    {
+        w.Member("size", kUnknown);
+    }
+    else
+    {
+        // The size the event saw when it was made.
+        w.NumberOrUnknown("size", [&] { return event.GetFileSize(); });
+    }
+    w.EndObject();
     w.EndObject();
 }
 
-// The settings now on disk; the old ones are not known to the event.
-void WriteSecuritySettings(DocumentWriter& w, const std::string& path)
+void WriteSettings(DocumentWriter& w, const char* key, const std::optional<FileState>& state)
 {
-    struct stat info
-    {
-    };
-    const bool known = ::lstat(path.c_str(), &info) == 0;
-    w.Key("securitySettings");
+    w.Key(key);
     w.StartObject();
-    w.Key("new");
-    w.StartObject();
-    w.Member("permission", known ? Permission(info.st_mode) : kUnknown);
-    w.Member("owner", known ? AccountNames::UserName(info.st_uid) : kUnknown);
-    w.Member("group", known ? AccountNames::GroupName(info.st_gid) : kUnknown);
-    w.EndObject();
-    w.Key("old");
-    w.StartObject();
-    w.Member("permission", kUnknown);
-    w.Member("owner", kUnknown);
-    w.Member("group", kUnknown);
-    w.EndObject();
+    w.Member("permission", state ? EventDocument::Permission(state->mode) : kUnknown);
+    w.Member("owner", state ? AccountNames::UserName(state->uid) : kUnknown);
+    w.Member("group", state ? AccountNames::GroupName(state->gid) : kUnknown);
     w.EndObject();
 }
 
@@ -122,6 +116,27 @@ void WriteActor(DocumentWriter& w, const edr::Event& event)
 
 } // namespace
 
+std::string EventDocument::Permission(uint32_t mode)
+{
+    std::array<char, 8> text{};
+    std::snprintf(text.data(), text.size(), "%04o", static_cast<unsigned>(mode & 07777));
+    return text.data();
+}
+
+EventRule::Action EventDocument::NotifyCode(const std::string& word)
+{
+    static const std::map<std::string, EventRule::Action> kCodes = {
+        {"create", EventRule::kCreate},
+        {"delete", EventRule::kDelete},
+        {"read", EventRule::kRead},
+        {"modifyContent", EventRule::kModifyContent},
+        {"modifyMetadata", EventRule::kModifyMetadata},
+        {"modifySecuritySettings", EventRule::kModifySecuritySettings},
+        {"rename", EventRule::kRename}};
+    const auto it = kCodes.find(word);
+    return it != kCodes.end() ? it->second : 0;
+}
+
 std::string EventDocument::ActionWord(edr::EventType type, const std::vector<const EventRule*>& rules)
 {
     switch (type)
@@ -150,34 +165,18 @@ std::string EventDocument::ActionWord(edr::EventType type, const std::vector<con
     }
 }
 
-std::string EventDocument::Build(const edr::Event& event, const Input& input,
-                                 const ContentReader::Content* content)
+std::string EventDocument::Build(const edr::Event& event, const Input& input)
 {
     bool trackContent = false;
     for (const auto* rule : input.rules)
     {
         trackContent = trackContent || rule->TracksContentChange();
     }
-    std::optional<edr::EventType> type;
-    try
-    {
-        type = event.GetType();
-    }
-    catch (const std::exception&)
-    {
-        // Pseudo events (baseline) carry no type.
-    }
     // Mandatory fields first: a failure here drops the document.
     const bool success = event.IsSuccessful();
     const uint64_t seconds = event.GetTimestamp() / 1000;
     const uint32_t eventId = event.GetEventId();
-
-    ContentReader::Content read;
-    if (content == nullptr && (trackContent || input.collectHashes) && !input.isDirectory)
-    {
-        read = ContentReader::Read(input.path, trackContent, input.collectHashes);
-        content = &read;
-    }
+    const ContentReader::Content* content = input.isDirectory ? nullptr : input.content;
 
     DocumentWriter w;
     w.StartObject();
@@ -189,7 +188,7 @@ std::string EventDocument::Build(const edr::Event& event, const Input& input,
     w.Member("eventAction", input.action);
     w.Member("eventClass", "Disk");
     w.Member("eventType", input.isDirectory ? "Directory" : "File");
-    w.Member("imagePath", input.path);
+    w.PathMember("imagePath", input.path);
     if (input.collectHashes)
     {
         const std::string hash = content != nullptr && !content->sha256.empty() ? content->sha256 : kUnknown;
@@ -202,10 +201,14 @@ std::string EventDocument::Build(const edr::Event& event, const Input& input,
         w.Member("contentStatus", ContentReader::ContentStatusText(
                                       content != nullptr ? content->status : ContentStatus::ReadFailure));
     }
-    WriteOperation(w, event, type, input.path, content);
-    if (type == edr::EventType::Attribute)
+    WriteOperation(w, event, input);
+    if (input.action == "modifyMetadata" || input.action == "modifySecuritySettings")
     {
-        WriteSecuritySettings(w, input.path);
+        w.Key("securitySettings");
+        w.StartObject();
+        WriteSettings(w, "new", input.after);
+        WriteSettings(w, "old", input.before);
+        w.EndObject();
     }
     w.Key("associatedRules");
     w.StartArray();

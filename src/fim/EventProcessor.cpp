@@ -2,10 +2,11 @@
 
 #include "common/Logging.h"
 #include "common/SpoolStorage.h"
-#include "fim/EventDocument.h"
 #include "fim/PostProcessor.h"
 
 #include <sys/stat.h>
+
+#include <algorithm>
 
 namespace vantor::fim::internal
 {
@@ -25,19 +26,79 @@ bool IsDirectoryEvent(const edr::Event& event)
     }
 }
 
+// Whether the document needs the object's settled content: content or hash
+// for the document, or the hash that tells a content change from a change
+// of timestamps.
+bool ReadsContent(const PendingDocument& document)
+{
+    if (document.isDirectory || document.type == edr::EventType::Delete)
+    {
+        return false;
+    }
+    return document.ruleSet->collectHashes ||
+           std::any_of(document.rules.begin(), document.rules.end(),
+                       [](const EventRule* rule) {
+                           return rule->TracksContentChange() ||
+                                  rule->GetNotifyActions().count(EventRule::kModifyMetadata) != 0;
+                       });
+}
+
 } // namespace
 
 EventProcessor::EventProcessor(const EventRuleManager& ruleManager, common::SpoolStorage& spool,
-                               common::SqlStorage* baseline)
+                               common::SqlStorage* baseline, Settings settings)
     : m_ruleManager(ruleManager)
     , m_spool(spool)
-    , m_baselineWalk(ruleManager, baseline, [this](std::string document) { Spool(std::move(document)); })
+    , m_store(baseline)
+    , m_builder(m_store, [this](std::string document) { Spool(std::move(document)); })
+    , m_baselineWalk(ruleManager, m_builder, std::move(settings.ownDirectories))
+    , m_thread(m_builder, m_baselineWalk, settings.maxPending)
+{
+    UpdateSettings(settings.settleTime, settings.baselineFilesPerSecond);
+    m_thread.Start();
+}
+
+EventProcessor::EventProcessor(const EventRuleManager& ruleManager, common::SpoolStorage& spool,
+                               common::SqlStorage* baseline)
+    : EventProcessor(ruleManager, spool, baseline, Settings())
 {
 }
 
 EventProcessor::~EventProcessor()
 {
+    Stop();
     EDR_LOG_DEBUG("Destroying EventProcessor");
+}
+
+void EventProcessor::UpdateSettings(std::chrono::milliseconds settleTime, uint64_t baselineFilesPerSecond)
+{
+    m_thread.SetSettleTime(settleTime);
+    m_thread.SetBaselineRate(baselineFilesPerSecond);
+}
+
+void EventProcessor::StartBaseline(std::vector<std::string> roots)
+{
+    m_baselineWalk.Add(std::move(roots));
+    m_thread.WakeBaseline();
+}
+
+void EventProcessor::StopBaseline()
+{
+    const size_t left = m_baselineWalk.Abandon();
+    if (left > 0)
+    {
+        EDR_LOG_INFO("Baseline pass dropped with " << left << " watched paths not done");
+    }
+}
+
+void EventProcessor::Flush()
+{
+    m_thread.Flush();
+}
+
+void EventProcessor::Stop()
+{
+    m_thread.Stop();
 }
 
 void EventProcessor::HandleEvent(edr::Event& event)
@@ -46,7 +107,7 @@ void EventProcessor::HandleEvent(edr::Event& event)
     {
         if (event.GetCategory() == kBaselineCategory)
         {
-            m_baselineWalk.Run(event);
+            StartBaseline({event.GetFile()});
             return;
         }
     }
@@ -60,51 +121,61 @@ void EventProcessor::HandleEvent(edr::Event& event)
         const uint32_t eventId = event.GetEventId();
         const std::string path = event.GetFile();
         EDR_LOG_DEBUG("Processing Event id: " << eventId << " path: " << path);
-        const bool isDirectory = IsDirectoryEvent(event);
-        std::string newPath;
-        if (event.GetType() == edr::EventType::Rename)
+        PendingDocument document;
+        document.type = event.GetType();
+        document.isDirectory = IsDirectoryEvent(event);
+        if (document.type == edr::EventType::Rename)
         {
             try
             {
-                newPath = event.GetNewFile();
+                document.newPath = event.GetNewFile();
             }
             catch (const std::exception&)
             {
             }
         }
 
-        const auto rules = m_ruleManager.GetRules();
-        EventDocument::Input input;
-        input.path = path;
-        input.isDirectory = isDirectory;
-        input.collectHashes = rules->collectHashes;
-        for (const auto& rule : rules->rules)
+        document.ruleSet = m_ruleManager.GetRules();
+        bool atSource = false;
+        for (const auto& rule : document.ruleSet->rules)
         {
-            // A rename into a watched directory is reported under its new
-            // path's rule as well.
-            const bool byOld = PostProcessor::Covers(*rule, path);
-            const bool byNew = !byOld && !newPath.empty() && PostProcessor::Covers(*rule, newPath);
-            if (!byOld && !byNew)
+            // A rename into a watched tree is reported under its new path's
+            // rule as well.
+            const bool bySource = PostProcessor::Covers(*rule, path);
+            const bool byDestination =
+                !bySource && !document.newPath.empty() && PostProcessor::Covers(*rule, document.newPath);
+            if (!bySource && !byDestination)
             {
                 continue;
             }
             EDR_LOG_DEBUG("PostProcess event for ruleId: " << rule->GetRuleId());
-            if (PostProcessor::Passes(*rule, event, byOld ? path : newPath, isDirectory))
+            if (PostProcessor::Passes(*rule, event, bySource ? path : document.newPath, document.isDirectory))
             {
-                input.rules.push_back(rule.get());
+                document.rules.push_back(rule.get());
+                atSource = atSource || bySource;
             }
             else
             {
                 EDR_LOG_DEBUG("Event id: " << eventId << " not matched with Rule id: " << rule->GetRuleId());
             }
         }
-        if (input.rules.empty())
+        if (document.rules.empty())
         {
             EDR_LOG_DEBUG("Dropping Event as no rules criteria matched in post-process: " << eventId);
             return;
         }
-        input.action = EventDocument::ActionWord(event.GetType(), input.rules);
-        Spool(EventDocument::Build(event, input));
+
+        document.previousPath = path;
+        document.objectPath = document.newPath.empty() ? path : document.newPath;
+        document.imagePath = atSource ? path : document.objectPath;
+        document.readsContent = ReadsContent(document);
+        if (document.type != edr::EventType::Delete)
+        {
+            document.observed = FileState::Observe(document.objectPath);
+        }
+        document.event = event.Clone();
+        const bool settles = document.readsContent;
+        m_thread.Add(std::move(document), settles);
     }
     catch (const std::exception& e)
     {

@@ -93,7 +93,16 @@ EventRule::EventRule(const rapidjson::Value& json)
     m_notify = ParseNotify(notify->value);
     for (const Action action : m_notify)
     {
-        m_kernelActions.insert(action == kModifyMetadata ? kModifySecuritySettings : action);
+        if (action == kModifyMetadata)
+        {
+            // Attribute calls, and opens for writing: touch opens the file
+            // and sets its times through the descriptor, which the kernel
+            // reports only as the open.
+            m_kernelActions.insert(kModifySecuritySettings);
+            m_kernelActions.insert(kModifyContent);
+            continue;
+        }
+        m_kernelActions.insert(action);
     }
 
     if (m_trackContentChange && !m_notify.count(kCreate) && !m_notify.count(kDelete) &&

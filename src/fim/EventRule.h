@@ -18,7 +18,8 @@ namespace vantor::fim::internal
 //
 // The notify words keep their own codes (modifyMetadata is 6, which is no
 // event type); the kernel sees them as event types: both metadata and
-// security-setting changes are attribute events (7).
+// security-setting changes are attribute events (7), and a metadata change
+// also asks for writes (5), as a touch shows only as an open for writing.
 class EventRule : public edr::EventRule
 {
 public:

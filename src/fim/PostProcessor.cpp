@@ -2,6 +2,8 @@
 
 #include "common/Logging.h"
 
+#include <algorithm>
+
 namespace vantor::fim::internal
 {
 
@@ -60,7 +62,9 @@ bool PostProcessor::ActionMatches(edr::EventType type, const edr::EventRule::Act
     case edr::EventType::Read:
         return notify.count(EventRule::kRead) != 0;
     case edr::EventType::Write:
-        return notify.count(EventRule::kModifyContent) != 0;
+        // Opening for writing without changing the content (touch) is a
+        // change of timestamps alone; the settled content tells which.
+        return notify.count(EventRule::kModifyContent) != 0 || notify.count(EventRule::kModifyMetadata) != 0;
     case edr::EventType::Attribute:
         return notify.count(EventRule::kModifyMetadata) != 0 ||
                notify.count(EventRule::kModifySecuritySettings) != 0;
@@ -69,6 +73,26 @@ bool PostProcessor::ActionMatches(edr::EventType type, const edr::EventRule::Act
     default:
         return false;
     }
+}
+
+bool PostProcessor::PassesForBaseline(const EventRule& rule, const std::string& path, bool isDirectory)
+{
+    if (!Covers(rule, path) || (rule.IsDirectoryRule() &&
+                                PathDepth(rule.GetPath(), path) > static_cast<int>(rule.GetRecursiveDepth())))
+    {
+        return false;
+    }
+    for (const auto& filter : rule.GetExclusionFilters())
+    {
+        if (!filter.HasEventCriteria() && filter.MatchPath(path, isDirectory))
+        {
+            return false;
+        }
+    }
+    const auto& inclusions = rule.GetInclusionFilters();
+    return inclusions.empty() ||
+           std::any_of(inclusions.begin(), inclusions.end(),
+                       [&](const RuleFilter& filter) { return filter.MatchPath(path, isDirectory); });
 }
 
 bool PostProcessor::Passes(const EventRule& rule, const edr::Event& event, const std::string& path,

@@ -21,6 +21,12 @@ public:
     static bool Passes(const EventRule& rule, const edr::Event& event, const std::string& path,
                        bool isDirectory);
 
+    // The check of a file found on disk by the baseline pass: the rule's
+    // path covers it within the rule's depth, and the path parts of the
+    // filters let it through (a filter that also asks about the actor or
+    // the time cannot exclude a file that no actor touched).
+    static bool PassesForBaseline(const EventRule& rule, const std::string& path, bool isDirectory);
+
     // Depth of path below the rule's directory: 0 for an entry directly in
     // it, 1 one directory further down, ...; -1 for the directory itself
     // and for paths outside it.
@@ -30,7 +36,8 @@ public:
     static bool Covers(const EventRule& rule, const std::string& path);
 
 private:
-    // Whether one of the notify codes answers to the event type.
+    // Whether one of the notify codes may answer to the event type; which
+    // one does is settled when the document is built.
     static bool ActionMatches(edr::EventType type, const edr::EventRule::ActionSet& notify);
 };
 

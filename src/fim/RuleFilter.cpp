@@ -193,6 +193,11 @@ bool RuleFilter::MatchPath(const std::string& path, bool isDirectory) const
     return false;
 }
 
+bool RuleFilter::HasEventCriteria() const
+{
+    return !m_processes.empty() || !m_users.GetPatterns().empty() || m_time.GetStart() != m_time.GetEnd();
+}
+
 bool RuleFilter::MatchProcess(const edr::Event& event) const
 {
     if (m_processes.empty())

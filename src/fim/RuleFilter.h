@@ -35,6 +35,12 @@ public:
     // The same with the event's path and kind already known.
     bool Match(const edr::Event& event, const std::string& path, bool isDirectory) const;
 
+    // The path part alone (object type and patterns).
+    bool MatchPath(const std::string& path, bool isDirectory) const;
+    // Whether the filter also asks about the actor or the time, which a
+    // file found on disk (the baseline pass) has not.
+    bool HasEventCriteria() const;
+
     ObjectType GetObjectType() const { return m_objectType; }
     const std::vector<std::string>& GetPatterns() const { return m_patterns; }
     const std::vector<std::string>& GetProcesses() const { return m_processes; }
@@ -44,7 +50,6 @@ public:
     static void ParseList(const rapidjson::Value& json, std::vector<RuleFilter>& out);
 
 private:
-    bool MatchPath(const std::string& path, bool isDirectory) const;
     bool MatchProcess(const edr::Event& event) const;
 
     ObjectType m_objectType = ObjectType::File;

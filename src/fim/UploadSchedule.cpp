@@ -84,22 +84,39 @@ void UploadSchedule::OnCancel()
 void UploadSchedule::RunOnce()
 {
     m_lastRun = std::chrono::system_clock::now();
-    if (m_blackout && m_blackout())
+    for (std::size_t sent = 0; sent < kMaxFilesPerRun; ++sent)
     {
-        EDR_LOG_INFO("UploadSchedule: Blackout period, upload postponed.");
-        return;
+        if (IsCancelling())
+        {
+            return;
+        }
+        if (m_blackout && m_blackout())
+        {
+            EDR_LOG_INFO("UploadSchedule: Blackout period, upload postponed.");
+            return;
+        }
+        if (!UploadOldest())
+        {
+            return;
+        }
     }
+    EDR_LOG_INFO("UploadSchedule: Uploaded " << kMaxFilesPerRun
+                                             << " files in this run; the rest goes with the next run.");
+}
+
+bool UploadSchedule::UploadOldest()
+{
     common::SpoolStorage::File file;
     const auto status = m_spool.ReadOldestFile(file);
     if (status == common::SpoolStorage::ReadStatus::Empty)
     {
         EDR_LOG_DEBUG("UploadSchedule: Nothing to upload.");
-        return;
+        return false;
     }
     if (status != common::SpoolStorage::ReadStatus::Ok)
     {
         EDR_LOG_ERROR("UploadSchedule: Failed to read data from storage.");
-        return;
+        return false;
     }
 
     rapidjson::Document stored;
@@ -122,7 +139,7 @@ void UploadSchedule::RunOnce()
         {
             EDR_LOG_ERROR("Failed to delete corrupt file: " << file.path);
         }
-        return;
+        return false;
     }
     file.data.clear();
     file.data.shrink_to_fit();
@@ -172,25 +189,23 @@ void UploadSchedule::RunOnce()
     if (cancelled)
     {
         EDR_LOG_INFO("UploadSchedule: Upload cancelled; the file is kept.");
-        return;
+        return false;
     }
-    if (success)
-    {
-        EDR_LOG_INFO("UploadSchedule: Events successfully uploaded.");
-        if (m_spool.DeleteFile(file))
-        {
-            EDR_LOG_DEBUG("Deleted file: " << file.path);
-        }
-        else
-        {
-            EDR_LOG_ERROR("Failed to delete file: " << file.path);
-        }
-    }
-    else
+    if (!success)
     {
         EDR_LOG_ERROR("UploadSchedule: Failed to upload data. The next upload will be tried "
                       << m_config.UploadInterval() << " seconds later.");
+        return false;
     }
+    EDR_LOG_INFO("UploadSchedule: Events successfully uploaded.");
+    if (!m_spool.DeleteFile(file))
+    {
+        // Sending it again would duplicate its documents at the back end.
+        EDR_LOG_ERROR("Failed to delete file: " << file.path);
+        return false;
+    }
+    EDR_LOG_DEBUG("Deleted file: " << file.path);
+    return true;
 }
 
 } // namespace vantor::fim::internal

@@ -1,12 +1,9 @@
 #include "tests/support/AgentProcess.h"
 
-#include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonHarness.h"
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -34,7 +31,6 @@ AgentProcess::AgentProcess(const std::string& output)
         ::close(control[1]);
         char c = 0;
         char configFile[4096] = {};
-        // The parent sends the configuration file's name once it is written.
         const ssize_t n = ::read(go[0], configFile, sizeof configFile - 1);
         if (n <= 0 || ::read(go[0], &c, 1) != 0)
         {
@@ -65,6 +61,7 @@ AgentProcess::~AgentProcess()
         ::close(m_control);
     }
     StopChild(m_pid, 5s);
+    // Left to us, its subreaper, if the agent went first.
     if (m_daemonPid > 0 && ::waitpid(m_daemonPid, nullptr, WNOHANG) == 0)
     {
         StopChild(m_daemonPid, 5s);

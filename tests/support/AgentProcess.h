@@ -1,8 +1,11 @@
 #pragma once
 
-// The stand-in agent (corvid-outpost) in a child process, starting the real
-// daemon. Its pid is known before it runs, so that the configuration can name
-// it as outpost_pid: it waits for Start() with the configuration file.
+// The stand-in host agent (corvid-outpost) as a child of the test, starting
+// the real daemon. Its pid is known before it runs, so that the daemon's
+// configuration can name it as outpost_pid; the configuration file's name is
+// handed over once written. Run inside a DaemonHarness.
+
+#include "tests/support/ChildProcess.h"
 
 #include <string>
 #include <sys/types.h>
@@ -13,10 +16,8 @@ namespace vantor::test
 class AgentProcess
 {
 public:
-    // The agent's output goes to output.
+    // The agent's output (and the daemon's start-up output) goes to output.
     explicit AgentProcess(const std::string& output);
-    // Stops the agent and, if it went first, the daemon left to us as the
-    // subreaper.
     ~AgentProcess();
     AgentProcess(const AgentProcess&) = delete;
     AgentProcess& operator=(const AgentProcess&) = delete;
@@ -25,10 +26,12 @@ public:
 
     // Lets the agent start the daemon with the configuration file.
     void Start(const std::string& configFile);
-    // The daemon's pid, once it has connected; 0 when it does not.
+
+    // The daemon's pid, once it has connected; 0 when it did not.
     pid_t DaemonPid();
+
     // Has the agent send "exit"; answers the agent's status (the daemon's),
-    // -1 when it has not ended within 15 seconds.
+    // -1 when it did not end in time.
     int Exit();
 
 private:

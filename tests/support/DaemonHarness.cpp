@@ -49,20 +49,6 @@ std::string ReadText(const std::string& path)
     return text.str();
 }
 
-bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > deadline)
-        {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
 std::string AgentCommand(const char* command, const std::string& configFile)
 {
     rapidjson::StringBuffer buffer;
@@ -113,15 +99,12 @@ pid_t FindChild(const std::string& name)
 
 DaemonHarness::~DaemonHarness()
 {
-    if (m_syslogFd >= 0)
-    {
-        ::close(m_syslogFd);
-    }
-    if (m_originalNamespace >= 0)
+    m_syslogFd.Reset();
+    if (m_originalNamespace)
     {
         // Leaving the namespace drops its mounts with it.
-        EXPECT_EQ(::setns(m_originalNamespace, CLONE_NEWNS), 0) << std::strerror(errno);
-        ::close(m_originalNamespace);
+        EXPECT_EQ(::setns(m_originalNamespace.Get(), CLONE_NEWNS), 0) << std::strerror(errno);
+        m_originalNamespace.Reset();
     }
     if (!m_dir.empty())
     {
@@ -172,8 +155,8 @@ std::string DaemonHarness::Enter()
     }
     m_dir = pattern;
 
-    m_originalNamespace = ::open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
-    if (m_originalNamespace < 0)
+    m_originalNamespace.Reset(::open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC));
+    if (!m_originalNamespace)
     {
         ADD_FAILURE() << "/proc/self/ns/mnt: " << std::strerror(errno);
         return "no mount namespace";
@@ -181,8 +164,7 @@ std::string DaemonHarness::Enter()
     if (::unshare(CLONE_NEWNS) != 0)
     {
         const int error = errno;
-        ::close(m_originalNamespace);
-        m_originalNamespace = -1;
+        m_originalNamespace.Reset();
         return std::string("cannot create a mount namespace: ") + std::strerror(error);
     }
     EXPECT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
@@ -204,9 +186,9 @@ void DaemonHarness::MountPrivateDev()
                   0);
     }
     std::filesystem::create_directory_symlink("/proc/self/fd", dev + "/fd");
-    m_syslogFd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    m_syslogFd.Reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_un address = Address(dev + "/log");
-    ASSERT_EQ(::bind(m_syslogFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(::bind(m_syslogFd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_EQ(::mount(dev.c_str(), "/dev", nullptr, MS_BIND | MS_REC, nullptr), 0) << std::strerror(errno);
 }
 
@@ -248,7 +230,7 @@ std::string DaemonHarness::Syslog()
 {
     char buffer[4096];
     ssize_t n = 0;
-    while (m_syslogFd >= 0 && (n = ::recv(m_syslogFd, buffer, sizeof buffer, 0)) > 0)
+    while (m_syslogFd && (n = ::recv(m_syslogFd.Get(), buffer, sizeof buffer, 0)) > 0)
     {
         m_syslog.append(buffer, static_cast<size_t>(n)).append("\n");
     }

@@ -11,6 +11,9 @@
 // refuse a shared file-system context), so start threads only after Enter
 // and stop them before the harness goes.
 
+#include "common/UniqueFd.h"
+#include "tests/support/Eventually.h"
+
 #include <rapidjson/document.h>
 
 #include <chrono>
@@ -22,8 +25,6 @@ namespace vantor::test
 {
 
 std::string ReadText(const std::string& path);
-// Polls condition every 20 ms until it holds or timeout has passed.
-bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
 // One agent command as the agent sends it: {"command":...,"config_file":...}.
 std::string AgentCommand(const char* command, const std::string& configFile = {});
 // Parent pid of a process from /proc/<pid>/stat, with its command name in
@@ -79,8 +80,8 @@ private:
     std::string m_configFile;
     std::string m_logFile;
     std::string m_logConfig;
-    int m_originalNamespace = -1;
-    int m_syslogFd = -1;
+    common::UniqueFd m_originalNamespace;
+    common::UniqueFd m_syslogFd;
     std::string m_syslog;
 };
 

@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 
 namespace fs = std::filesystem;
@@ -34,6 +33,22 @@ std::set<std::string> Allowed(const std::string& rel)
     return {};
 }
 
+// The quoted target of an #include line, or "" for any other line.
+std::string QuotedInclude(const std::string& line)
+{
+    size_t i = line.find_first_not_of(" \t");
+    if (i == std::string::npos || line[i] != '#')
+        return {};
+    i = line.find_first_not_of(" \t", i + 1);
+    if (i == std::string::npos || line.compare(i, 7, "include") != 0)
+        return {};
+    i = line.find_first_not_of(" \t", i + 7);
+    if (i == std::string::npos || line[i] != '"')
+        return {};
+    const size_t end = line.find('"', i + 1);
+    return end == std::string::npos ? std::string() : line.substr(i + 1, end - i - 1);
+}
+
 bool IsSource(const fs::path& p)
 {
     const auto ext = p.extension();
@@ -61,7 +76,6 @@ std::vector<std::string> CheckIncludeLayering(const std::string& root)
         }
     }
 
-    static const std::regex kInclude(R"(^\s*#\s*include\s*"([^"]+)\")");
     std::vector<std::string> problems;
     for (const auto& file : files)
     {
@@ -71,10 +85,9 @@ std::vector<std::string> CheckIncludeLayering(const std::string& root)
         std::string line;
         for (int number = 1; std::getline(in, line); ++number)
         {
-            std::smatch m;
-            if (!std::regex_search(line, m, kInclude))
+            const std::string target = QuotedInclude(line);
+            if (target.empty())
                 continue;
-            const std::string target = m[1];
             const std::string where = rel + ":" + std::to_string(number) + ": \"" + target + "\" ";
             const auto slash = target.find('/');
             if (slash == std::string::npos)

@@ -6,7 +6,7 @@
 namespace vantor::util
 {
 
-// Lower-case hexadecimal SHA-256 digest (OpenSSL).
+// Lower-case hexadecimal SHA-256 digest: util::Digest::HexOf(Sha256, data).
 std::string Sha256Hex(std::string_view data);
 
 // Raw HMAC-SHA256 (32 bytes) of data under key (OpenSSL).

@@ -7,13 +7,19 @@
 #include "audit/RuleEngine.h"
 #include "common/HttpServiceSettings.h"
 #include "common/Logging.h"
+#include "common/LzmaHttpInterceptor.h"
+#include "common/SigValidationHttpInterceptor.h"
 #include "common/SignalHandler.h"
 #include "common/UnixClientStreamSockIOChannel.h"
 #include "common/util/Json.h"
 #include "edr/PseudoRunningEvent.h"
 #include "edr/PseudoTerminateEvent.h"
+#include "edr/daemon/ConfigurationFile.h"
+#include "edr/daemon/ProcessTreeLookup.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
+#include "ioc/Component.h"
+#include "ioc/Config.h"
 
 #include <Poco/Exception.h>
 
@@ -47,28 +53,6 @@ void Syslog(int priority, const std::string& text)
     ::syslog(priority, "%s", text.c_str());
 }
 
-bool IsObjectMember(const rapidjson::Value& root, const char* key)
-{
-    const auto it = root.FindMember(key);
-    return it != root.MemberEnd() && it->value.IsObject();
-}
-
-// "outpost_pid" (any JSON number, taken as a 32-bit integer) and
-// "outpost_path"; answers false when either is missing or of another type.
-bool ReadOutpost(const rapidjson::Value& root, int32_t& pid, std::string& path)
-{
-    const auto pidIt = root.FindMember("outpost_pid");
-    const auto pathIt = root.FindMember("outpost_path");
-    if (pidIt == root.MemberEnd() || !pidIt->value.IsNumber() || pathIt == root.MemberEnd() ||
-        !pathIt->value.IsString())
-    {
-        return false;
-    }
-    const double value = pidIt->value.GetDouble();
-    pid = value >= INT32_MIN && value <= INT32_MAX ? static_cast<int32_t>(value) : 0;
-    path.assign(pathIt->value.GetString(), pathIt->value.GetStringLength());
-    return true;
-}
 } // namespace
 
 Daemon::Daemon() = default;
@@ -229,32 +213,30 @@ bool Daemon::Initialize()
     }
 
     const std::string path(util::GetString(message, "config_file"));
-    std::string text;
-    if (!util::ReadFile(path, text))
+    ConfigurationFile file;
+    switch (file.Load(path))
     {
+    case ConfigurationFile::Status::Unreadable:
         Syslog(LOG_CRIT, "Failed to read config file: " + path);
         return false;
-    }
-    rapidjson::Document root;
-    if (!util::ParseJson(root, text) || !root.IsObject())
-    {
+    case ConfigurationFile::Status::Invalid:
         Syslog(LOG_CRIT, "Invalid configuration file.");
         return false;
+    case ConfigurationFile::Status::Ok:
+        break;
     }
-    for (const char* section : {"common_config", "fim_config", "ioc_config", "edr_config"})
+    if (!file.HasSections({"common_config", "fim_config", "ioc_config", "edr_config"}))
     {
-        if (!IsObjectMember(root, section))
-        {
-            Syslog(LOG_CRIT, "Incomplete configuration file " + path);
-            return false;
-        }
+        Syslog(LOG_CRIT, "Incomplete configuration file " + path);
+        return false;
     }
+    const rapidjson::Document& root = file.Root();
 
     try
     {
         m_commonConfig = std::make_unique<CommonConfig>(root["common_config"]);
         m_fimConfig = std::make_unique<fim::Config>(root["fim_config"]);
-        m_iocConfig.CopyFrom(root["ioc_config"], m_iocConfig.GetAllocator());
+        m_iocConfig = std::make_unique<ioc::Ioc::Config>(root["ioc_config"]);
         m_edrConfig = std::make_unique<EDR::Config>(root["edr_config"]);
         if (m_edrConfig->UseDispatcher())
         {
@@ -290,7 +272,7 @@ bool Daemon::Initialize()
         return false;
     }
 
-    if (!ReadOutpost(root, m_outpostPid, m_outpostPath))
+    if (!file.ReadOutpost(m_outpostPid, m_outpostPath))
     {
         Syslog(LOG_CRIT, "Invalid outpost pid and path information");
         return false;
@@ -329,14 +311,56 @@ void Daemon::BuildAuditCore()
                                                        m_commonConfig->AgentInstallPath());
 }
 
+std::shared_ptr<common::HttpService> Daemon::StartHttpService() const
+{
+    auto service = std::make_shared<common::HttpService>(m_commonConfig->HttpSettings(), m_requestSigner);
+    // Request sides run in this order and answers in reverse: an answer's
+    // signature is checked over the body as received, before decompression.
+    service->AddInterceptor(std::make_shared<common::LzmaHttpInterceptor>());
+    const std::string keyPath = m_commonConfig->ResponseKeyPath();
+    try
+    {
+        service->AddInterceptor(std::make_shared<common::SigValidationHttpInterceptor>(keyPath));
+    }
+    catch (const std::runtime_error& e)
+    {
+        // Like a missing request key: the agent has not provisioned its keys
+        // yet, and refusing every answer would only hold the spool back.
+        EDR_LOG_ERROR(e.what() << "; answers are not validated");
+    }
+    service->Start();
+    return service;
+}
+
 void Daemon::BuildUploadersAndComponents()
 {
     // One HTTP thread serves every uploader.
-    m_httpService = std::make_shared<common::HttpService>(m_commonConfig->HttpSettings(), m_requestSigner);
-    m_httpService->Start();
+    m_httpService = StartHttpService();
+    m_fimBlackout =
+        std::make_shared<const BlackoutManager>(BlackoutManager::kKind, m_commonConfig->BlackoutEvents());
     m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
     m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler,
-                                             m_ruleEngine, m_commonConfig->AgentInstallPath());
+                                             m_ruleEngine, m_commonConfig->AgentInstallPath(), m_fimBlackout,
+                                             std::make_shared<const ProcessTreeLookup>(m_processTree));
+
+    // IOC's periods, built in their place in the start-up order, for the IOC
+    // component that follows FIM.
+    m_iocBlackout =
+        std::make_shared<const BlackoutManager>(BlackoutManager::kKind, m_commonConfig->BlackoutEvents());
+    m_iocUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
+    try
+    {
+        m_ioc = std::make_unique<ioc::Component>(
+            m_processTree->GetBootTime(), std::move(m_iocConfig), m_magic, *m_scheduler, m_iocUploader,
+            *m_ruleEngine, m_edrConfig->CpuLimit(), m_edrConfig->MemoryLimit(),
+            [blackout = m_iocBlackout] { return blackout->IsBlackout(); },
+            m_commonConfig->AgentInstallPath());
+    }
+    catch (const std::exception& e)
+    {
+        // FIM and the health status go on without IOC.
+        EDR_LOG_ERROR("Failed to create the IOC component: " << e.what());
+    }
 }
 
 void Daemon::StartAuditCapture()
@@ -436,22 +460,23 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
         return;
     }
     const std::string path(fileIt->value.GetString(), fileIt->value.GetStringLength());
-    std::string text;
-    if (!util::ReadFile(path, text))
+    ConfigurationFile file;
+    switch (file.Load(path))
     {
+    case ConfigurationFile::Status::Unreadable:
         EDR_LOG_ERROR("Failed to read config file: " << path);
         return;
-    }
-    rapidjson::Document root;
-    if (!util::ParseJson(root, text) || !root.IsObject())
-    {
+    case ConfigurationFile::Status::Invalid:
         EDR_LOG_ERROR("Invalid configuration file.");
         return;
+    case ConfigurationFile::Status::Ok:
+        break;
     }
+    const rapidjson::Document& root = file.Root();
     int32_t outpostPid = 0;
     std::string outpostPath;
-    if (!IsObjectMember(root, "common_config") || !IsObjectMember(root, "fim_config") ||
-        !IsObjectMember(root, "ioc_config") || !ReadOutpost(root, outpostPid, outpostPath))
+    if (!file.HasSections({"common_config", "fim_config", "ioc_config"}) ||
+        !file.ReadOutpost(outpostPid, outpostPath))
     {
         EDR_LOG_ERROR("Incomplete configuration file: " << path);
         return;
@@ -463,7 +488,10 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
         {
             m_fim->UpdateConfig(root["fim_config"]);
         }
-        m_iocConfig.CopyFrom(root["ioc_config"], m_iocConfig.GetAllocator());
+        if (m_ioc)
+        {
+            m_ioc->UpdateConfig(root["ioc_config"]);
+        }
         m_outpostPid = outpostPid;
         m_outpostPath = outpostPath;
         if (m_ruleEngine && !m_ruleEngine->RefreshOutpostExclusionRules(outpostPid, outpostPath))
@@ -501,6 +529,7 @@ void Daemon::ShutDown()
         m_agentChannel->Stop();
     }
     m_fim.reset();
+    m_ioc.reset();
     if (m_scheduler)
     {
         m_scheduler->Stop();
@@ -518,7 +547,10 @@ void Daemon::ShutDown()
         m_httpService->Stop();
     }
     m_fimUploader.reset();
+    m_iocUploader.reset();
     m_httpService.reset();
+    m_fimBlackout.reset();
+    m_iocBlackout.reset();
 }
 
 void Daemon::OnAgentData(std::vector<uint8_t> data)

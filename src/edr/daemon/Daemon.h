@@ -5,6 +5,7 @@
 #include "common/HttpUploader.h"
 #include "common/IOChannel.h"
 #include "common/Scheduler.h"
+#include "edr/BlackoutManager.h"
 #include "edr/CommonConfig.h"
 #include "edr/Config.h"
 #include "edr/LibMagicWrapper.h"
@@ -34,6 +35,15 @@ namespace vantor::fim
 class Component;
 class Config;
 } // namespace vantor::fim
+
+namespace vantor::ioc
+{
+class Component;
+namespace Ioc
+{
+class Config;
+}
+} // namespace vantor::ioc
 
 namespace vantor::edr
 {
@@ -84,6 +94,9 @@ private:
     // that the events need.
     void BuildAuditCore();
     void BuildUploadersAndComponents();
+    // The one HTTP service of the uploaders, with the payload compression
+    // and the answer validation that the back end expects; started.
+    std::shared_ptr<common::HttpService> StartHttpService() const;
     // Parser and processing threads, then the audit channel that feeds them.
     void StartAuditCapture();
     void ShutDown();
@@ -101,7 +114,7 @@ private:
     std::unique_ptr<CommonConfig> m_commonConfig;
     std::unique_ptr<EDR::Config> m_edrConfig;
     std::unique_ptr<fim::Config> m_fimConfig;
-    rapidjson::Document m_iocConfig;
+    std::unique_ptr<ioc::Ioc::Config> m_iocConfig;
     std::shared_ptr<const common::HmacRequestSigner> m_requestSigner;
 
     std::unique_ptr<common::Scheduler> m_scheduler;
@@ -110,8 +123,13 @@ private:
     std::shared_ptr<const LibMagicWrapper> m_magic;
     std::shared_ptr<audit::RuleEngine> m_ruleEngine;
     std::shared_ptr<common::HttpService> m_httpService;
+    // Reduced-activity periods of FIM's uploads and of IOC's.
+    std::shared_ptr<const BlackoutManager> m_fimBlackout;
+    std::shared_ptr<const BlackoutManager> m_iocBlackout;
     std::shared_ptr<common::HttpUploader> m_fimUploader;
     std::unique_ptr<fim::Component> m_fim;
+    std::shared_ptr<common::HttpUploader> m_iocUploader;
+    std::unique_ptr<ioc::Component> m_ioc;
     // Built with the configuration, handed to the capture pipeline at start.
     std::unique_ptr<common::IOChannel> m_auditChannel;
     std::unique_ptr<audit::CapturePipeline> m_capture;

@@ -145,6 +145,7 @@ protected:
         options.hmacKey = kKey;
         options.customerId = "cust-1";
         options.agentId = "agent-1";
+        options.requestLog = m_dir + "/requests.log";
         m_receiver = std::make_unique<TestReceiver>(options);
         m_receiver->Start();
     }
@@ -169,13 +170,19 @@ protected:
         return settings;
     }
 
-    std::shared_ptr<HttpService> Service(const HttpServiceSettings& settings, bool lzma = true)
+    // extra runs after the compression.
+    std::shared_ptr<HttpService> Service(const HttpServiceSettings& settings, bool lzma = true,
+                                         std::shared_ptr<HttpInterceptor> extra = nullptr)
     {
         auto service = std::make_shared<HttpService>(
             settings, std::make_shared<HmacRequestSigner>(m_dir + "/keys/edr_hmac.key"));
         if (lzma)
         {
             service->AddInterceptor(std::make_shared<LzmaHttpInterceptor>());
+        }
+        if (extra)
+        {
+            service->AddInterceptor(std::move(extra));
         }
         service->Start();
         m_services.push_back(service);
@@ -280,6 +287,7 @@ TEST_F(HttpServiceTest, LzmaAnswerIsDecompressedAndItsSignatureChecked)
     const auto other = vantor::tools::TestCertificate::Create(m_dir, "other");
     auto strict = std::make_shared<HttpService>(
         settings, std::make_shared<HmacRequestSigner>(m_dir + "/keys/edr_hmac.key"));
+    strict->AddInterceptor(std::make_shared<LzmaHttpInterceptor>());
     strict->AddInterceptor(std::make_shared<SigValidationHttpInterceptor>(other.publicKeyPath));
     strict->Start();
     m_services.push_back(strict);
@@ -288,9 +296,49 @@ TEST_F(HttpServiceTest, LzmaAnswerIsDecompressedAndItsSignatureChecked)
     EXPECT_EQ(response->Error(), "Response signature validation failed");
 }
 
+// Leaves one fixed header out, as a broken client would.
+class DropHeader : public HttpInterceptor
+{
+public:
+    explicit DropHeader(std::string name)
+        : m_name(std::move(name))
+    {
+    }
+    void InterceptRequest(MutableHttpRequest& request) override { request.RemoveHeader(m_name); }
+    void InterceptResponse(MutableHttpResponse&) override {}
+
+private:
+    std::string m_name;
+};
+
+TEST_F(HttpServiceTest, ReceiverRefusesWhatTheBackEndRefuses)
+{
+    HttpUploader plain(Service(Settings(), false), 1);
+    EXPECT_FALSE(Upload(plain, m_receiver->Url("/upload/fim"), "{\"a\":1}"));
+    HttpUploader headless(Service(Settings(), true, std::make_shared<DropHeader>("C-PRODUCT")), 1);
+    EXPECT_FALSE(Upload(headless, m_receiver->Url("/upload/fim"), "{\"a\":2}"));
+    HttpUploader good(Service(Settings()), 1);
+    EXPECT_TRUE(Upload(good, m_receiver->Url("/upload/fim"), "{\"a\":3}"));
+
+    const auto requests = m_receiver->Requests();
+    ASSERT_EQ(requests.size(), 3u);
+    EXPECT_EQ(requests[0].rejection, "payload is not LZMA-compressed");
+    EXPECT_EQ(requests[0].status, 400);
+    EXPECT_EQ(requests[1].rejection, "bad or missing header C-PRODUCT");
+    EXPECT_EQ(requests[2].rejection, "");
+    EXPECT_EQ(m_receiver->StoredCount(), 1u);
+    EXPECT_EQ(ReadAll(m_dir + "/requests.log"),
+              "POST /upload/fim 400 Content-Encoding=- Accept-Encoding=- refused: payload is not "
+              "LZMA-compressed\n"
+              "POST /upload/fim 400 Content-Encoding=LZMA Accept-Encoding=LZMA refused: bad or missing "
+              "header C-PRODUCT\n"
+              "POST /upload/fim 200 Content-Encoding=LZMA Accept-Encoding=LZMA\n");
+}
+
 TEST_F(HttpServiceTest, PutAbove16KbIsRefusedAndPostOf1MbAccepted)
 {
-    auto service = Service(Settings(), false);
+    // The limit holds for the payload as given, before compression.
+    auto service = Service(Settings());
     MutableHttpRequest put(HttpMethod::Put, m_receiver->Url("/upload/put"));
     put.SetProtocolType("status");
     put.SetPayload(std::string(16385, 'p'));

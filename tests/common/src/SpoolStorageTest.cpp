@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -248,6 +249,8 @@ TEST_F(SpoolStorageTest, FormatterFailuresAreReported)
     failSerialize = false;
     EXPECT_EQ(spool->CacheSize(), 0u); // dropped, not retried forever
     EXPECT_TRUE(spool->FileIndices().empty());
+    EXPECT_EQ(spool->Dropped().files, 1u);
+    EXPECT_EQ(spool->Dropped().bytes, 4u);
 
     // The asynchronous form reports through its callback, on the spool task.
     std::promise<SpoolStorage::WriteResult> done;
@@ -307,6 +310,8 @@ TEST_F(SpoolStorageTest, OldestFilesGoFirstWhenNamesOrQuotaRunOut)
     }
     EXPECT_THAT(spool->FileIndices(), ElementsAre(2, 3));
     EXPECT_EQ(spool->DiskUsage(), 800u * 1024);
+    EXPECT_EQ(spool->Dropped().files, 1u);
+    EXPECT_EQ(spool->Dropped().bytes, 400u * 1024);
     EXPECT_EQ(ReadOldest(*spool)[0], 'y');
 }
 

@@ -1,15 +1,15 @@
 #include "audit/AuditEventBuilder.h"
+#include "audit/AuditRecords.h"
 #include "audit/CloneEvent.h"
 #include "audit/RenameEvent.h"
+#include "tests/src/audit/AuditFixture.h"
 #include "tests/support/ExpectThrowText.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 #include <libaudit.h>
 
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 
 namespace vantor::audit
@@ -17,25 +17,14 @@ namespace vantor::audit
 namespace
 {
 
-const std::string kData = "/tmp/corvid-audit-capture/data";
+const std::string kData = test::kCaptureData;
 
 std::string Fixture(const std::string& name)
 {
-    std::ifstream in(std::string(CORVID_SOURCE_DIR) + "/tests/fixtures/audit/" + name + ".log",
-                     std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return test::AuditFixture(name);
 }
 
-std::string Replace(std::string text, const std::string& from, const std::string& to)
-{
-    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-    {
-        text.replace(at, from.size(), to);
-    }
-    return text;
-}
+using test::Replace;
 
 // The outcome of building one audit event of the text.
 struct Built
@@ -251,6 +240,62 @@ TEST(AuditEventBuilderTest, ProcessAndNetworkEvents)
                                                        "GetFile not implemented");
 }
 
+TEST(AuditEventBuilderTest, TheProcessTitleIsTheDecodedProctitleRecord)
+{
+    // Hex-encoded by the kernel, arguments separated by NUL.
+    auto create = One(Fixture("create"), AuditEventClass::ReadWrite, 257);
+    ASSERT_TRUE(create);
+    EXPECT_EQ(create->GetCommandLine(), test::kCaptureWorkload + " create");
+    EXPECT_EQ(create->GetActorProcessArguments(),
+              (std::vector<std::string>{test::kCaptureWorkload, "create"}));
+    EXPECT_FALSE(create->HasProcess()) << "no process tree has named the actor";
+
+    // An argument with a space; the script's own event, not the execve.
+    const std::string execve = Fixture("execve");
+    auto opened = One(execve, AuditEventClass::ReadWrite, 257);
+    ASSERT_TRUE(opened);
+    EXPECT_EQ(opened->GetImage(), "/usr/bin/dash");
+    EXPECT_EQ(opened->GetCommandLine(), "/bin/sh ./script.sh first arg second");
+    EXPECT_EQ(opened->GetActorProcessArguments(),
+              (std::vector<std::string>{"/bin/sh", "./script.sh", "first arg", "second"}));
+    EXPECT_EQ(One(execve, AuditEventClass::Running, 59)->GetCommandLine(),
+              "/bin/sh ./script.sh first arg second");
+    EXPECT_EQ(One(Fixture("network4"), AuditEventClass::Network, 42)->GetCommandLine(),
+              test::kCaptureWorkload + " network4");
+    EXPECT_EQ(One(Fixture("fork"), AuditEventClass::Clone, 57)->GetCommandLine(),
+              test::kCaptureWorkload + " fork");
+
+    // A title without special characters comes quoted.
+    const std::string chmod = Fixture("chmod");
+    const size_t title = chmod.find("proctitle=") + 10;
+    const std::string quoted =
+        chmod.substr(0, title) + "\"/usr/bin/chmod\"" + chmod.substr(chmod.find('\n', title));
+    EXPECT_EQ(One(quoted, AuditEventClass::Attribute, 90)->GetCommandLine(), "/usr/bin/chmod");
+
+    // Without the record, and without a process tree, nothing names it.
+    auto untitled =
+        One(test::WithoutRecords(Fixture("create"), "PROCTITLE"), AuditEventClass::ReadWrite, 257);
+    ASSERT_TRUE(untitled);
+    vantor::test::ExpectThrowText<edr::EventException>([&] { untitled->GetCommandLine(); },
+                                                       "GetCommandLine not implemented");
+    vantor::test::ExpectThrowText<edr::EventException>([&] { untitled->GetActorProcessArguments(); },
+                                                       "GetActorProcessArguments is not implemented");
+}
+
+TEST(AuditEventBuilderTest, ProctitleValuesDecodeToTheirArguments)
+{
+    using internal::AuditRecords;
+    using Arguments = std::vector<std::string>;
+    // Cut at the kernel's limit inside a run of empty arguments.
+    EXPECT_EQ(AuditRecords::DecodeProctitle("61620063000000"), (Arguments{"ab", "c"}));
+    EXPECT_EQ(AuditRecords::DecodeProctitle("6100006200"), (Arguments{"a", "", "b"}));
+    EXPECT_EQ(AuditRecords::DecodeProctitle("\"sshd\""), (Arguments{"sshd"}));
+    EXPECT_EQ(AuditRecords::DecodeProctitle("(null)"), Arguments{});
+    // Not the kernel's encoding: kept as it came rather than lost.
+    EXPECT_EQ(AuditRecords::DecodeProctitle("6G"), (Arguments{"6G"}));
+    EXPECT_EQ(AuditRecords::DecodeProctitle("616"), (Arguments{"616"}));
+}
+
 TEST(AuditEventBuilderTest, RejectsEventsThatDoNotFitTheirClass)
 {
     EXPECT_EQ(Rejection(Fixture("thread"), AuditEventClass::Clone, 56), "Thread events are not tracked");
@@ -273,12 +318,7 @@ TEST(AuditEventBuilderTest, RejectsEventsThatDoNotFitTheirClass)
     const std::string firstSyscall = chmod.substr(0, chmod.find('\n') + 1);
     EXPECT_EQ(Rejection(firstSyscall + chmod, AuditEventClass::Attribute, 90),
               "Multiple syscall records found in event");
-    std::string noCwd;
-    std::istringstream lines(Fixture("create"));
-    for (std::string line; std::getline(lines, line);)
-    {
-        noCwd += line.starts_with("type=CWD") ? "" : line + "\n";
-    }
+    const std::string noCwd = test::WithoutRecords(Fixture("create"), "CWD");
     EXPECT_EQ(Rejection(noCwd, AuditEventClass::ReadWrite, 257), "Missing CWD with relative path");
     EXPECT_EQ(Rejection(Replace(chmod, "comm=\"workload\"", "comm=(null)"), AuditEventClass::Attribute, 90),
               "SyscallRecordException: Failed to find process name in syscall record");

@@ -1,3 +1,4 @@
+#include "tests/src/audit/AuditFixture.h"
 #include "tests/src/audit/FakeProc.h"
 #include "tests/src/audit/TestEvent.h"
 #include "tests/support/LogCapture.h"
@@ -117,7 +118,9 @@ TEST_F(AuditEventProcessorTest, EventsOfHostAgentToolsTheirDescendantsAndTheDaem
 
 TEST_F(AuditEventProcessorTest, CloneAloneReachesNoHandlerAndNullIsRefused)
 {
-    Process(MakeEvent(EventType::Clone, 300, 41));
+    auto fork = test::BuildEvents(test::AuditFixture("fork"));
+    ASSERT_EQ(fork.at(0)->GetType(), EventType::Clone);
+    Process(std::move(fork[0]));
     EXPECT_TRUE(m_seen.empty());
     EXPECT_EQ(m_tree->CloneCacheSize(), 1U);
     EXPECT_THAT([&] { m_processor.ProcessEvent(nullptr); },
@@ -127,7 +130,7 @@ TEST_F(AuditEventProcessorTest, CloneAloneReachesNoHandlerAndNullIsRefused)
 
     // Without a tree a clone has no use either; other events go on.
     AuditEventProcessor treeless(nullptr, kOwnPid, m_router, Recorder());
-    treeless.ProcessEvent(MakeEvent(EventType::Clone, 300, 42));
+    treeless.ProcessEvent(std::move(fork[2]));
     treeless.ProcessEvent(MakeEvent(EventType::Running, 300, 43));
     EXPECT_EQ(m_seen, (std::vector<std::string>{"ioc:43"}));
 }

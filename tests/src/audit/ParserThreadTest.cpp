@@ -140,32 +140,50 @@ TEST(ParserThreadTest, QueueSizeFollowsTheMemoryBudget)
     EXPECT_TRUE(log.Contains("Setting parser queue size to 500000"));
 }
 
-TEST(ParserThreadTest, BurstDisablesQueueingUntilDrainedBelowHalf)
+// A parser thread that takes one buffer per permit of the gate.
+class GatedParserTest : public testing::Test
 {
+protected:
+    // Whatever fails, the thread must not stay at the gate.
+    ~GatedParserTest() override { gate.Open(); }
+
     test::RecordingEventBuilder builder;
     Sink sink;
     Gate gate;
-    ParserThread parser(
-        builder, sink.Callback(), [&gate] { return gate.Pass(); }, 50);
-    // Whatever fails below, the thread must not stay at the gate.
-    const struct OpenAtEnd
-    {
-        Gate& gate;
-        ~OpenAtEnd() { gate.Open(); }
-    } openAtEnd{gate};
+    ParserThread parser{builder, sink.Callback(), [this] { return gate.Pass(); }, 50};
+};
+
+TEST_F(GatedParserTest, TheQueueCountsTheBytesOfTextQueued)
+{
+    parser.Start();
+    parser.Enqueue(CompleteEvent(1));
+    // The thread has taken the first buffer and waits at the gate.
+    ASSERT_TRUE(Eventually([&] { return parser.QueuedBytes() == 0; }));
+
+    // A chunk read into a large buffer counts as the text it holds.
+    std::vector<uint8_t> roomy = CompleteEvent(2);
+    const uint64_t text = roomy.size();
+    roomy.reserve(64 * 1024);
+    parser.Enqueue(std::move(roomy));
+    const std::vector<uint8_t> exact = CompleteEvent(3);
+    parser.Enqueue(exact);
+    EXPECT_EQ(parser.QueuedBytes(), text + exact.size());
+
+    gate.Open();
+    ASSERT_TRUE(sink.WaitFor(3, 5000ms));
+    EXPECT_EQ(parser.QueuedBytes(), 0u) << "taking a buffer off subtracts the same count";
+    parser.Stop();
+}
+
+TEST_F(GatedParserTest, BurstDisablesQueueingUntilDrainedBelowHalf)
+{
     parser.SetQueueSize(0); // 100 MiB
     const uint64_t maximum = parser.MaxQueueBytes();
     parser.Start();
 
-    // A buffer counts with what it holds in memory, not only its text: these
-    // cost 1 MiB each but touch only a line's worth of pages.
-    const auto bigBuffer = []
-    {
-        std::vector<uint8_t> buffer = Bytes("\n");
-        buffer.reserve(1024 * 1024);
-        return buffer;
-    };
-    const uint64_t cost = bigBuffer().capacity() + ParserThread::kBufferOverhead;
+    // 1 MiB of text each (blank lines, which yield no event).
+    constexpr uint64_t cost = 1024 * 1024;
+    const auto bigBuffer = [] { return std::vector<uint8_t>(cost, '\n'); };
 
     test::LogCapture log(common::Logging::Edr());
     parser.Enqueue(bigBuffer());

@@ -1,24 +1,11 @@
-#include "common/Logging.h"
-#include "tests/src/audit/AuditKernelState.h"
+#include "tests/src/audit/DetachedCommand.h"
+#include "tests/src/audit/PipelineCaptureFixture.h"
 #include "tests/src/audit/TestRule.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TempDir.h"
-
-#include "audit/CapturePipeline.h"
-#include "audit/KernelIOChannel.h"
-#include "audit/ProcessTree.h"
-#include "audit/RuleEngine.h"
-#include "edr/LibMagicWrapper.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <csignal>
-#include <filesystem>
 #include <fstream>
-#include <iostream>
-#include <mutex>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -35,211 +22,23 @@ using Rule = edr::EventRule;
 
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
 
+using test::DetachedCommand;
+using test::RunDetached;
+
 constexpr const char* kTag = "corvid_pipeline_test";
 
-// What a handler saw of one event.
-struct Seen
-{
-    edr::EventType type = edr::EventType::Accept;
-    pid_t pid = 0;
-    pid_t ppid = 0;
-    std::string image;
-    std::string file;
-    uint32_t uid = 0;
-    std::string userName;
-};
+using Seen = test::SeenEvent;
 
-// A process that waits on a pipe and then runs a command. It is detached
-// (double fork): the daemon drops the activity of its own descendants, and a
-// real host agent or workload is not the daemon's child either.
-class DetachedCommand
-{
-public:
-    explicit DetachedCommand(std::vector<std::string> argv)
-    {
-        int go[2];
-        int report[2];
-        if (::pipe(go) != 0 || ::pipe(report) != 0)
-        {
-            throw std::runtime_error("pipe failed");
-        }
-        const pid_t middle = ::fork();
-        if (middle == 0)
-        {
-            const pid_t worker = ::fork();
-            if (worker == 0)
-            {
-                ::close(go[1]);
-                // Wait until the middle process is gone and this one belongs to init.
-                while (::getppid() == middle)
-                {
-                    ::usleep(1000);
-                }
-                char byte = 0;
-                if (::read(go[0], &byte, 1) == 1)
-                {
-                    std::vector<char*> args;
-                    for (auto& a : argv)
-                    {
-                        args.push_back(a.data());
-                    }
-                    args.push_back(nullptr);
-                    ::execv(args[0], args.data());
-                }
-                ::_exit(127);
-            }
-            [[maybe_unused]] const auto n = ::write(report[1], &worker, sizeof worker);
-            ::_exit(0);
-        }
-        ::close(go[0]);
-        ::close(report[1]);
-        if (::read(report[0], &m_pid, sizeof m_pid) != sizeof m_pid)
-        {
-            m_pid = -1;
-        }
-        ::close(report[0]);
-        ::waitpid(middle, nullptr, 0);
-        m_go = go[1];
-    }
-    ~DetachedCommand()
-    {
-        if (m_go >= 0)
-        {
-            ::close(m_go); // a command never started ends here
-        }
-    }
-    pid_t Pid() const { return m_pid; }
-    // Starts the command and waits until the process is gone.
-    void Run()
-    {
-        const char byte = 1;
-        [[maybe_unused]] const auto n = ::write(m_go, &byte, 1);
-        ::close(m_go);
-        m_go = -1;
-        for (int i = 0; i < 500 && ::kill(m_pid, 0) == 0; ++i)
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    }
-
-private:
-    pid_t m_pid = -1;
-    int m_go = -1;
-};
-
-pid_t RunCommand(const std::vector<std::string>& argv)
-{
-    DetachedCommand command(argv);
-    command.Run();
-    return command.Pid();
-}
-
-class PipelineCaptureTest : public test::AuditCaptureFixture
+class PipelineCaptureTest : public test::PipelineCaptureFixture
 {
 protected:
-    void SetUp() override
-    {
-        AuditCaptureFixture::SetUp();
-        if (IsSkipped())
-        {
-            return;
-        }
-        m_watched = m_dir.Path() + "/watched";
-        std::filesystem::create_directories(m_watched);
-    }
-
     void StartPipeline(pid_t agentPid)
     {
-        m_engine = std::make_unique<RuleEngine>(agentPid, "/usr/sbin/outpost",
-                                                std::make_shared<ProcessTree>(), 0, m_dir.Path());
-        m_engine->RegisterEventHandlers(
-            kTag,
-            [this](edr::Event& event)
-            {
-                Seen seen;
-                seen.type = event.GetType();
-                seen.pid = event.GetActorProcessId();
-                seen.ppid = event.GetActorParentProcessId();
-                seen.image = event.GetImage();
-                seen.uid = event.GetActorUserId();
-                seen.userName = event.GetActorUserName();
-                if (event.GetCategory() == static_cast<uint32_t>(edr::EventCategory::File))
-                {
-                    seen.file = event.GetFile();
-                }
-                std::lock_guard lock(m_mutex);
-                m_seen.push_back(std::move(seen));
-            },
-            [] {});
-        m_engine->AddRules(
+        PipelineCaptureFixture::StartPipeline(
+            agentPid, kTag,
             {test::MakeRule("pipeline-files", Rule::DirectoryPathRule, {m_watched}, {2, 3, 5, 7, 8}, {2, 3}),
-             test::MakeRule("pipeline-processes", Rule::ProcessRule, {}, {9, 11})},
-            kTag);
-
-        auto channel = std::make_unique<KernelIOChannel>();
-        channel->SetEnableAudit(true);
-        m_capture = std::make_unique<CapturePipeline>(
-            std::move(channel), std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"),
-            m_engine->GetEventProcessor(), CapturePipeline::Limits{});
-        m_capture->Start();
+             test::MakeRule("pipeline-processes", Rule::ProcessRule, {}, {9, 11})});
     }
-
-    void TearDown() override
-    {
-        m_capture.reset();
-        m_engine.reset();
-        if (HasFailure())
-        {
-            for (const auto& line : m_log.Lines())
-            {
-                std::cerr << line << "\n";
-            }
-            std::lock_guard lock(m_mutex);
-            for (const auto& s : m_seen)
-            {
-                std::cerr << "seen type " << static_cast<int>(s.type) << " pid " << s.pid << " " << s.file
-                          << "\n";
-            }
-        }
-        AuditCaptureFixture::TearDown();
-    }
-
-    std::vector<Seen> SeenBy(pid_t pid)
-    {
-        std::lock_guard lock(m_mutex);
-        std::vector<Seen> out;
-        for (const auto& s : m_seen)
-        {
-            if (s.pid == pid)
-            {
-                out.push_back(s);
-            }
-        }
-        return out;
-    }
-
-    template <typename Pred>
-    bool WaitFor(Pred pred, std::chrono::milliseconds limit = 8000ms)
-    {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        while (!pred())
-        {
-            if (std::chrono::steady_clock::now() > end)
-            {
-                return false;
-            }
-            std::this_thread::sleep_for(20ms);
-        }
-        return true;
-    }
-
-    test::LogCapture m_log{common::Logging::Edr(), Poco::Message::PRIO_DEBUG};
-    test::TempDir m_dir;
-    std::string m_watched;
-    std::unique_ptr<RuleEngine> m_engine;
-    std::unique_ptr<CapturePipeline> m_capture;
-    std::mutex m_mutex;
-    std::vector<Seen> m_seen;
 };
 
 bool Has(const std::vector<Seen>& seen, edr::EventType type, const std::string& file = {})
@@ -260,7 +59,7 @@ TEST_F(PipelineCaptureTest, ProcessAndFileEventsReachTheHandlerWithTheirActor)
     StartPipeline(agent.Pid());
 
     const std::string created = m_watched + "/by-child.txt";
-    const pid_t child = RunCommand({"/usr/bin/touch", created});
+    const pid_t child = RunDetached({"/usr/bin/touch", created});
     ASSERT_TRUE(WaitFor(
         [&]
         {
@@ -283,8 +82,8 @@ TEST_F(PipelineCaptureTest, ProcessAndFileEventsReachTheHandlerWithTheirActor)
         EXPECT_EQ(s.userName, "root");
     }
     const std::string changed = m_watched + "/by-child.txt";
-    const pid_t chmodder = RunCommand({"/usr/bin/chmod", "600", changed});
-    const pid_t remover = RunCommand({"/usr/bin/rm", changed});
+    const pid_t chmodder = RunDetached({"/usr/bin/chmod", "600", changed});
+    const pid_t remover = RunDetached({"/usr/bin/rm", changed});
     EXPECT_TRUE(WaitFor([&] { return Has(SeenBy(chmodder), edr::EventType::Attribute, changed); }));
     EXPECT_TRUE(WaitFor([&] { return Has(SeenBy(remover), edr::EventType::Delete, changed); }));
 }
@@ -300,7 +99,7 @@ TEST_F(PipelineCaptureTest, OwnAndAgentActivityNeverArrives)
     agent.Run();
     // A marker afterwards: once its event is in, the earlier ones would be too.
     const std::string marker = m_watched + "/marker.txt";
-    const pid_t markerPid = RunCommand({"/usr/bin/touch", marker});
+    const pid_t markerPid = RunDetached({"/usr/bin/touch", marker});
     ASSERT_TRUE(WaitFor([&] { return Has(SeenBy(markerPid), edr::EventType::Create, marker); }));
     std::this_thread::sleep_for(300ms);
 

@@ -1,3 +1,4 @@
+#include "tests/src/audit/AuditFixture.h"
 #include "tests/src/audit/FakeProc.h"
 #include "tests/src/audit/TestEvent.h"
 #include "tests/support/LogCapture.h"
@@ -117,49 +118,89 @@ TEST_F(ProcessTreeTest, ReusedPidIsNotTakenForTheOldProcess)
     EXPECT_EQ(m_tree.GetProcess(4242)->GetImage(), "/usr/bin/new");
 }
 
-TEST_F(ProcessTreeTest, ForkOfAPidHeldByAnOldEntryRetiresTheEntry)
+// fork.log: workload 5254 (parent 5173) forks 5255, which exits, then 5256.
+class ProcessTreeForkTest : public ProcessTreeTest
 {
-    m_proc.AddProcess(4300, 1, "/usr/bin/old", 100); // started 1 s after boot
-    Apply(m_tree, MakeEvent(EventType::Write, 4300));
-    m_proc.RemoveProcess(4300);
+protected:
+    static constexpr pid_t kCaller = 5254;
 
-    auto clone = MakeEvent(EventType::Clone, 4300);
-    clone->ppid = 1;
-    clone->image = "/usr/bin/forker";
-    clone->timestamp = (FakeProc::kBootTime + 3600) * 1000;
-    Apply(m_tree, std::move(clone));
-    EXPECT_FALSE(m_tree.GetProcess(4300));
+    void SetUp() override
+    {
+        m_fork = test::BuildEvents(test::AuditFixture("fork"));
+        ASSERT_EQ(m_fork.size(), 5U);
+        ASSERT_EQ(m_fork[0]->GetType(), EventType::Clone);
+        ASSERT_EQ(m_fork[2]->GetType(), EventType::Clone);
+    }
 
-    Apply(m_tree, MakeEvent(EventType::Write, 4300));
-    ASSERT_TRUE(m_tree.GetProcess(4300));
-    EXPECT_EQ(m_tree.GetProcess(4300)->GetImage(), "/usr/bin/forker");
+    // The records' events in order: clone (to 5255), exit of 5255, fork (to
+    // 5256), exit of 5256, exit of the caller.
+    Update ApplyRecord(size_t index) { return Apply(m_tree, m_fork.at(index)); }
+
+    ProcessTree::Events m_fork;
+};
+
+TEST_F(ProcessTreeForkTest, AForkIsKeptForTheChildAndLeavesTheCallerAlone)
+{
+    // A container runtime that started long before it forks.
+    m_proc.AddProcess(kCaller, 5173, "/usr/bin/conmon", 100, {"conmon", "-c", "ctr"});
+    EXPECT_EQ(Apply(m_tree, MakeEvent(EventType::Write, kCaller)).pseudo.size(), 1U);
+    const auto caller = m_tree.GetProcess(kCaller);
+    ASSERT_TRUE(caller);
+
+    EXPECT_FALSE(ApplyRecord(0).goesOn);
+    EXPECT_TRUE(m_log.Contains("Added Clone event Pid: 5255 to cache. Size = 1"));
+    EXPECT_EQ(m_tree.GetProcess(kCaller), caller) << "the caller is not retired by its own fork";
+    ApplyRecord(1); // the child's exit
+    EXPECT_EQ(m_tree.CloneCacheSize(), 0U);
+    ApplyRecord(2);
+    EXPECT_TRUE(m_log.Contains("Added Clone event Pid: 5256 to cache. Size = 1"));
+
+    EXPECT_TRUE(Apply(m_tree, MakeEvent(EventType::Write, kCaller)).pseudo.empty());
+    EXPECT_EQ(m_tree.GetProcess(kCaller), caller);
+    EXPECT_EQ(m_log.Count("Creating actor process from ProcFS: 5254"), 1U);
+    EXPECT_EQ(m_log.Count("Creating pseudo event for container process conmon"), 1U);
 }
 
-TEST_F(ProcessTreeTest, CloneIsCachedAndMakesItsChildWhenProcIsTooLate)
+TEST_F(ProcessTreeForkTest, AChildGoneFromProcIsMadeFromItsForkRecord)
 {
-    auto clone = MakeEvent(EventType::Clone, 5151);
-    clone->ppid = 5150;
-    clone->image = "/usr/bin/bash";
-    clone->arguments = {"bash", "-c", "x"};
-    const auto update = Apply(m_tree, std::move(clone));
-    EXPECT_FALSE(update.goesOn);
-    EXPECT_EQ(m_tree.CloneCacheSize(), 1U);
-    EXPECT_TRUE(m_log.Contains("Added Clone event Pid: 5151 to cache. Size = 1"));
-    EXPECT_FALSE(m_tree.GetProcess(5151)); // made only when needed
+    // The caller unknown: the child takes the title the record carries.
+    ApplyRecord(0);
+    Apply(m_tree, MakeEvent(EventType::Write, 5255));
+    const auto first = m_tree.GetProcess(5255);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->GetParentPid(), kCaller);
+    EXPECT_EQ(first->GetImage(), test::kCaptureWorkload);
+    EXPECT_EQ(first->GetArguments(), (std::vector<std::string>{test::kCaptureWorkload, "fork"}));
+    EXPECT_TRUE(m_log.Contains("Failed to create process for 5255 using ProcFS: "));
+    EXPECT_TRUE(m_log.Contains("Creating process from Clone Cache: 5255"));
 
-    // The child is gone from /proc by the time its event is handled.
-    Apply(m_tree, MakeEvent(EventType::Write, 5151));
-    const auto child = m_tree.GetProcess(5151);
-    ASSERT_TRUE(child);
-    EXPECT_EQ(child->GetParentPid(), 5150);
-    EXPECT_EQ(child->GetImage(), "/usr/bin/bash");
+    // The caller known: the child shares its arguments.
+    m_proc.AddProcess(kCaller, 5173, test::kCaptureWorkload, 100, {"workload", "fork", "--from-proc"});
+    Apply(m_tree, MakeEvent(EventType::Write, kCaller));
+    ApplyRecord(2);
+    Apply(m_tree, MakeEvent(EventType::Write, 5256));
+    const auto second = m_tree.GetProcess(5256);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->GetArguments(), (std::vector<std::string>{"workload", "fork", "--from-proc"}));
+    EXPECT_EQ(m_tree.GetAncestors(5256).size(), 2U);
     EXPECT_EQ(m_tree.CloneCacheSize(), 0U);
-    EXPECT_TRUE(m_log.Contains("Failed to create process for 5151 using ProcFS: "));
-    EXPECT_TRUE(m_log.Contains("Creating process from Clone Cache: 5151"));
 
     Apply(m_tree, MakeEvent(EventType::Write, 6000));
     EXPECT_FALSE(m_tree.GetProcess(6000));
     EXPECT_TRUE(m_log.Contains("Process with pid 6000 does not exist in Clone Cache"));
+}
+
+TEST_F(ProcessTreeForkTest, AForkRetiresAnOldEntryThatHeldTheChildsPid)
+{
+    m_proc.AddProcess(5255, 1, "/usr/bin/old", 100); // started 1 s after boot
+    Apply(m_tree, MakeEvent(EventType::Write, 5255));
+    m_proc.RemoveProcess(5255);
+
+    ApplyRecord(0);
+    EXPECT_FALSE(m_tree.GetProcess(5255));
+    Apply(m_tree, MakeEvent(EventType::Write, 5255));
+    ASSERT_TRUE(m_tree.GetProcess(5255));
+    EXPECT_EQ(m_tree.GetProcess(5255)->GetImage(), test::kCaptureWorkload);
 }
 
 TEST_F(ProcessTreeTest, ExecveReplacesTheEntryAndProcessStartLooksUpTheParent)
@@ -232,6 +273,10 @@ TEST_F(ProcessTreeTest, ProcessInfoComesOnlyFromExecOrClone)
             }
         },
         std::runtime_error);
+    // A clone that does not say which process it made.
+    EXPECT_THAT([&] { ProcessInfo info(*MakeEvent(EventType::Clone, 12), {}); },
+                testing::ThrowsMessage<std::runtime_error>(
+                    testing::StrEq("ProcessInfo cannot find the new process of the Clone event")));
     auto exec = MakeEvent(EventType::Running, 12);
     exec->image.clear();
     EXPECT_THAT([&] { ProcessInfo info(*exec, {}); },
@@ -251,7 +296,8 @@ TEST(ProcessTreeLiveTest, ProcessStartedBeforeTheTreeIsFoundThroughProc)
         ::execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
         ::_exit(127);
     }
-    // Until execve has happened the child still shows the test's image.
+    // Until execve has finished the child still shows the test's image or
+    // no arguments.
     std::shared_ptr<const ProcessInfo> process;
     for (int i = 0; i < 200; ++i)
     {
@@ -259,7 +305,8 @@ TEST(ProcessTreeLiveTest, ProcessStartedBeforeTheTreeIsFoundThroughProc)
         ProcessTree::Events pseudo;
         tree.UpdateFromEvent(event, pseudo);
         process = tree.GetProcess(child);
-        if (process && process->GetName() == "sleep")
+        // The exe link changes before the new arguments are in place.
+        if (process && process->GetName() == "sleep" && !process->GetArguments().empty())
         {
             break;
         }

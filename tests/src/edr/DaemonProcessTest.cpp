@@ -3,6 +3,7 @@
 // agent socket path) and its own /dev/log, so that the daemon's syslog lines
 // can be read back exactly.
 
+#include "tests/support/AgentEndpoint.h"
 #include "tests/support/DaemonHarness.h"
 
 #include <gtest/gtest.h>
@@ -16,10 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <poll.h>
 #include <string>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -33,17 +31,8 @@ using vantor::test::Eventually;
 namespace
 {
 
-constexpr const char* kAgentSocket = DaemonHarness::kAgentSocket;
 constexpr const char* kDaemon = DaemonHarness::kDaemon;
 constexpr const char* kOutpost = DaemonHarness::kOutpost;
-
-sockaddr_un Address(const std::string& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    return address;
-}
 
 // A running daemon installs audit rules and loads the magic database; the
 // start-up failures are tested anywhere.
@@ -66,20 +55,6 @@ protected:
         WriteConfiguration();
     }
 
-    void TearDown() override
-    {
-        if (m_daemonPid > 0 && ::kill(m_daemonPid, 0) == 0)
-        {
-            ::kill(m_daemonPid, SIGKILL);
-            ::waitpid(m_daemonPid, nullptr, 0);
-        }
-        CloseAgent();
-        if (m_listenFd >= 0)
-        {
-            ::close(m_listenFd);
-        }
-    }
-
     void WriteConfiguration(const std::function<void(rapidjson::Document&)>& change = {})
     {
         m_harness.WriteConfiguration(change);
@@ -87,95 +62,23 @@ protected:
         m_logConfig = m_harness.LogConfig();
     }
 
-    void Listen()
-    {
-        m_listenFd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_un address = Address(kAgentSocket);
-        ASSERT_EQ(::bind(m_listenFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-        ASSERT_EQ(::listen(m_listenFd, 1), 0);
-    }
-
-    // Starts the daemon; answers once its launcher has returned.
-    void StartDaemon()
-    {
-        const pid_t launcher = ::fork();
-        ASSERT_GE(launcher, 0);
-        if (launcher == 0)
-        {
-            ::execl(kDaemon, kDaemon, static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        int status = 0;
-        ASSERT_EQ(::waitpid(launcher, &status, 0), launcher);
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "daemon() failed: " << status;
-        // The detached daemon is now our child.
-        m_daemonPid = vantor::test::FindChild("corvid-edr");
-        ASSERT_GT(m_daemonPid, 0);
-    }
-
-    // Accepts the daemon's connection and checks it is the process we started.
-    void AcceptDaemon()
-    {
-        pollfd fd{m_listenFd, POLLIN, 0};
-        ASSERT_EQ(::poll(&fd, 1, 5000), 1) << "the daemon did not connect";
-        m_agentFd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-        ASSERT_GE(m_agentFd, 0);
-        ucred peer{};
-        socklen_t length = sizeof(peer);
-        ASSERT_EQ(::getsockopt(m_agentFd, SOL_SOCKET, SO_PEERCRED, &peer, &length), 0);
-        EXPECT_EQ(peer.pid, m_daemonPid);
-    }
-
-    void Send(const std::string& text)
-    {
-        ASSERT_EQ(::send(m_agentFd, text.data(), text.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(text.size()));
-    }
-
-    void CloseAgent()
-    {
-        if (m_agentFd >= 0)
-        {
-            ::close(m_agentFd);
-            m_agentFd = -1;
-        }
-    }
-
     // Starts a daemon with a valid configuration and waits for its main loop.
     void StartRunningDaemon()
     {
-        Listen();
-        StartDaemon();
-        AcceptDaemon();
-        Send(AgentCommand("config", m_configFile));
+        m_agent.Listen();
+        m_agent.StartDaemon();
+        m_agent.AcceptDaemon();
+        m_agent.Send(AgentCommand("config", m_configFile));
         ASSERT_TRUE(
             Eventually([&] { return m_harness.LogContains("Setting the proxy environment variables"); }, 5s))
             << m_harness.Log() << m_harness.Syslog();
     }
 
-    // The exit status of the daemon, or -1 if it is still running after timeout.
-    int WaitForExit(std::chrono::milliseconds timeout)
-    {
-        int status = 0;
-        const bool exited =
-            Eventually([&] { return ::waitpid(m_daemonPid, &status, WNOHANG) == m_daemonPid; }, timeout);
-        if (!exited)
-        {
-            return -1;
-        }
-        m_daemonPid = 0;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
-    bool IsRunning() const { return m_daemonPid > 0 && ::waitpid(m_daemonPid, nullptr, WNOHANG) == 0; }
-
     DaemonHarness m_harness;
+    vantor::test::AgentEndpoint m_agent;
     std::string m_dir;
     std::string m_configFile;
     std::string m_logConfig;
-    int m_listenFd = -1;
-    int m_agentFd = -1;
-    pid_t m_daemonPid = 0;
 };
 
 TEST_F(DaemonProcessTest, RunsOnValidConfigurationAndStopsOnExitCommand)
@@ -183,15 +86,15 @@ TEST_F(DaemonProcessTest, RunsOnValidConfigurationAndStopsOnExitCommand)
     SKIP_WITHOUT_CAPTURE();
     StartRunningDaemon();
     std::this_thread::sleep_for(1500ms);
-    EXPECT_TRUE(IsRunning());
+    EXPECT_TRUE(m_agent.IsRunning());
     EXPECT_TRUE(m_harness.SyslogContains("Waiting for configuration from the Corvid Agent process."));
     EXPECT_TRUE(m_harness.LogContains("M_MMAP_THRESHOLD: 4MB"));
 
-    Send(AgentCommand("fim_status"));
+    m_agent.Send(AgentCommand("fim_status"));
     ASSERT_TRUE(
         Eventually([&] { return m_harness.LogContains("Command 'fim_status' received from agent"); }, 3s));
-    Send(AgentCommand("exit"));
-    EXPECT_EQ(WaitForExit(3s), 0);
+    m_agent.Send(AgentCommand("exit"));
+    EXPECT_EQ(m_agent.WaitForExit(3s), 0);
     EXPECT_TRUE(m_harness.LogContains("Command 'exit' received from agent."));
     EXPECT_TRUE(m_harness.LogContains("UnixClientStreamSockIOChannel: Stopped."));
 }
@@ -200,21 +103,21 @@ TEST_F(DaemonProcessTest, BadCommandsAreLoggedAndTheDaemonKeepsRunning)
 {
     SKIP_WITHOUT_CAPTURE();
     StartRunningDaemon();
-    Send("{\"command\": \"exit\"");
+    m_agent.Send("{\"command\": \"exit\"");
     ASSERT_TRUE(
         Eventually([&] { return m_harness.LogContains("Invalid json received from the agent."); }, 3s));
-    Send(AgentCommand("reboot"));
+    m_agent.Send(AgentCommand("reboot"));
     ASSERT_TRUE(Eventually(
         [&] { return m_harness.LogContains("Invalid command found in json received from agent: reboot"); },
         3s));
-    Send(AgentCommand("config", m_dir + "/missing.json"));
+    m_agent.Send(AgentCommand("config", m_dir + "/missing.json"));
     ASSERT_TRUE(Eventually(
         [&] { return m_harness.LogContains("Failed to read config file: " + m_dir + "/missing.json"); }, 3s));
-    Send(AgentCommand("config", m_configFile));
+    m_agent.Send(AgentCommand("config", m_configFile));
     ASSERT_TRUE(Eventually([&] { return m_harness.LogContains("Updating log level to debug"); }, 3s));
-    EXPECT_TRUE(IsRunning());
-    ::kill(m_daemonPid, SIGTERM);
-    EXPECT_EQ(WaitForExit(3s), 0);
+    EXPECT_TRUE(m_agent.IsRunning());
+    ::kill(m_agent.DaemonPid(), SIGTERM);
+    EXPECT_EQ(m_agent.WaitForExit(3s), 0);
 }
 
 class DaemonSignalProcessTest : public DaemonProcessTest, public testing::WithParamInterface<int>
@@ -224,13 +127,13 @@ class DaemonSignalProcessTest : public DaemonProcessTest, public testing::WithPa
 TEST_P(DaemonSignalProcessTest, TerminationSignalEndsTheMainLoopButHangupDoesNot)
 {
     StartRunningDaemon();
-    ::kill(m_daemonPid, SIGHUP);
+    ::kill(m_agent.DaemonPid(), SIGHUP);
     std::this_thread::sleep_for(1200ms);
-    ASSERT_TRUE(IsRunning()) << "SIGHUP ended the daemon";
+    ASSERT_TRUE(m_agent.IsRunning()) << "SIGHUP ended the daemon";
 
     const auto sent = std::chrono::steady_clock::now();
-    ::kill(m_daemonPid, GetParam());
-    EXPECT_EQ(WaitForExit(3s), 0);
+    ::kill(m_agent.DaemonPid(), GetParam());
+    EXPECT_EQ(m_agent.WaitForExit(3s), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - sent, 2500ms);
 }
 
@@ -238,19 +141,19 @@ INSTANTIATE_TEST_SUITE_P(Signals, DaemonSignalProcessTest, testing::Values(SIGTE
 
 TEST_F(DaemonProcessTest, MissingAgentSocketFailsStartUp)
 {
-    StartDaemon();
-    EXPECT_EQ(WaitForExit(5s), 4);
+    m_agent.StartDaemon();
+    EXPECT_EQ(m_agent.WaitForExit(5s), 4);
     EXPECT_TRUE(m_harness.SyslogContains("IOChannel: Invalid data")) << m_harness.Syslog();
     EXPECT_TRUE(m_harness.SyslogContains("Error: The corvid-edr binary could not Initialize."));
 }
 
 TEST_F(DaemonProcessTest, FirstMessageMustBeConfig)
 {
-    Listen();
-    StartDaemon();
-    AcceptDaemon();
-    Send(AgentCommand("exit"));
-    EXPECT_EQ(WaitForExit(5s), 4);
+    m_agent.Listen();
+    m_agent.StartDaemon();
+    m_agent.AcceptDaemon();
+    m_agent.Send(AgentCommand("exit"));
+    EXPECT_EQ(m_agent.WaitForExit(5s), 4);
     EXPECT_TRUE(m_harness.SyslogContains("Invalid json received from the agent.")) << m_harness.Syslog();
     EXPECT_TRUE(m_harness.SyslogContains("Error: The corvid-edr binary could not Initialize."));
 }
@@ -259,22 +162,22 @@ TEST_F(DaemonProcessTest, InvalidEdrConfigFailsStartUp)
 {
     WriteConfiguration([](rapidjson::Document& config)
                        { config["edr_config"]["cpu_limit"].SetDouble(50.5); });
-    Listen();
-    StartDaemon();
-    AcceptDaemon();
-    Send(AgentCommand("config", m_configFile));
-    EXPECT_EQ(WaitForExit(5s), 4);
+    m_agent.Listen();
+    m_agent.StartDaemon();
+    m_agent.AcceptDaemon();
+    m_agent.Send(AgentCommand("config", m_configFile));
+    EXPECT_EQ(m_agent.WaitForExit(5s), 4);
     EXPECT_TRUE(m_harness.SyslogContains("EDR::Config: Invalid json")) << m_harness.Syslog();
 }
 
 TEST_F(DaemonProcessTest, InvalidLoggingConfigFailsStartUp)
 {
-    Listen();
+    m_agent.Listen();
     std::ofstream(m_logConfig, std::ios::app) << "logging.channels.c2.class = NoSuchChannel\n";
-    StartDaemon();
-    AcceptDaemon();
-    Send(AgentCommand("config", m_configFile));
-    EXPECT_EQ(WaitForExit(5s), 5);
+    m_agent.StartDaemon();
+    m_agent.AcceptDaemon();
+    m_agent.Send(AgentCommand("config", m_configFile));
+    EXPECT_EQ(m_agent.WaitForExit(5s), 5);
     EXPECT_TRUE(m_harness.SyslogContains("Error:corvid-edr:log config is invalid.")) << m_harness.Syslog();
 }
 
@@ -283,13 +186,11 @@ TEST_F(DaemonProcessTest, AgentGoingAwayEndsTheDaemonAfterReconnectTimeout)
     SKIP_WITHOUT_CAPTURE();
     StartRunningDaemon();
     const auto closed = std::chrono::steady_clock::now();
-    CloseAgent();
-    ::close(m_listenFd);
-    m_listenFd = -1;
-    ::unlink(kAgentSocket);
+    m_agent.Close();
+    m_agent.StopListening();
     ASSERT_TRUE(Eventually([&] { return m_harness.LogContains("Trying to reconnect... 2"); }, 4s));
-    EXPECT_TRUE(IsRunning());
-    EXPECT_EQ(WaitForExit(40s), 0);
+    EXPECT_TRUE(m_agent.IsRunning());
+    EXPECT_EQ(m_agent.WaitForExit(40s), 0);
     const auto elapsed = std::chrono::steady_clock::now() - closed;
     EXPECT_GT(elapsed, 28s);
     EXPECT_LT(elapsed, 36s);

@@ -1,4 +1,5 @@
 #include "fim/BaselineEventSqlDataFormatter.h"
+#include "fim/FileState.h"
 
 #include "common/Serializer.h"
 #include "common/SqlDataFormatterException.h"
@@ -23,8 +24,25 @@ TEST(BaselineEventSqlDataFormatterTest, StatementTexts)
               "SELECT * from BaselineEvents WHERE FilePath = '/etc/hosts'");
     EXPECT_EQ(formatter.GetDeleteStatement("BaselineEvents", "/etc/hosts"),
               "DELETE from BaselineEvents WHERE FilePath = '/etc/hosts'");
-    EXPECT_TRUE(formatter.GetSchemaVersionQuery().empty());
-    EXPECT_TRUE(formatter.GetUpgradeStatements(0).empty());
+    // The state table comes with the first schema upgrade, for old stores
+    // and new ones alike.
+    EXPECT_EQ(formatter.GetSchemaVersionQuery(), "PRAGMA user_version");
+    EXPECT_EQ(formatter.GetUpgradeStatements(0),
+              (std::vector<std::string>{"CREATE TABLE IF NOT EXISTS [FileState]([FilePath] TEXT PRIMARY KEY, "
+                                        "[Size] INTEGER, [Mode] INTEGER, [Owner] INTEGER, [Group] INTEGER, "
+                                        "[ModificationTime] INTEGER, [ContentHash] TEXT)",
+                                        "PRAGMA user_version = 1"}));
+    EXPECT_TRUE(formatter.GetUpgradeStatements(1).empty());
+    vantor::fim::FileState state{12, 0100644, 1000, 100, -5, "ab"};
+    EXPECT_EQ(formatter.GetInsertStatement("FileState", formatter.FormatState("/etc/o'hosts", state)),
+              "INSERT or REPLACE INTO FileState VALUES ('/etc/o''hosts',12,33188,1000,100,-5,'ab')");
+    const auto parsed = BaselineEventSqlDataFormatter::ParseState(formatter.FormatState("/x", state));
+    EXPECT_EQ(parsed.size, 12u);
+    EXPECT_EQ(parsed.mode, 0100644u);
+    EXPECT_EQ(parsed.uid, 1000u);
+    EXPECT_EQ(parsed.gid, 100u);
+    EXPECT_EQ(parsed.modificationTimeNs, -5);
+    EXPECT_EQ(parsed.sha256, "ab");
 }
 
 TEST(BaselineEventSqlDataFormatterTest, QuotesStayInsideTheLiteral)

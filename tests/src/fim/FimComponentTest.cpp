@@ -1,6 +1,7 @@
 #include "fim/Component.h"
 #include "fim/Config.h"
 #include "tests/src/fim/TestEvent.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
@@ -12,8 +13,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 using namespace vantor;
@@ -159,4 +162,104 @@ TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
 
     component.reset();
     EXPECT_TRUE(log.Contains("Component destroyed."));
+}
+
+TEST_F(FimComponentTest, UploadsWaitOutTheBlackoutPeriodsItIsHanded)
+{
+    test::LogCapture log(common::Logging::Edr());
+    WriteManifest("good.json");
+    const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+    auto blackout = std::make_shared<const edr::BlackoutManager>(
+        edr::BlackoutManager::kKind,
+        "[{\"start\": " + std::to_string(now - 60) + ", \"end\": " + std::to_string(now + 3600) + "}]");
+    auto component =
+        std::make_unique<fim::Component>(std::make_unique<fim::Config>(Json(ConfigText("good.json"))),
+                                         m_uploader, m_scheduler, m_engine, m_dir.Path(), blackout);
+    EXPECT_EQ(component->GetBlackout(), blackout);
+    // The first run is due at once; in the blackout it sends nothing.
+    m_scheduler.Start();
+    EXPECT_TRUE(test::Eventually(
+        [&] { return log.Contains("UploadSchedule: Blackout period, upload postponed."); }, 5s));
+    EXPECT_FALSE(log.Contains("UploadSchedule: Nothing to upload."));
+    component.reset();
+    m_scheduler.Stop();
+}
+
+TEST_F(FimComponentTest, BaselineRunsForTheRulesEachManifestAddsAndLeavesOurOwnFilesOut)
+{
+    test::LogCapture log(common::Logging::Edr());
+    std::filesystem::create_directories(m_dir.File("w"));
+    std::filesystem::create_directories(m_dir.File("v"));
+    m_dir.Write("w/a", "a");
+    m_dir.Write("w/b", "bb");
+    m_dir.Write("v/c", "ccc");
+    m_dir.Write("top.txt", "t");
+    const auto rule = [&](const std::string& id, const std::string& path)
+    {
+        return R"({"ruleId":")" + id + R"(","ruleType":"directory","recursiveDepth":"all","imagePath":")" +
+               path + R"(","notify":["create"]})";
+    };
+    const auto manifest = [&](const std::string& rules)
+    { m_dir.Write("m.json", R"({"data":{"fim":{"policyVersion":"1.0","rules":[)" + rules + "]}}}"); };
+    // Read beside the component's own connection, without writing.
+    auto stored = [&](const std::string& name)
+    {
+        sqlite3* db = nullptr;
+        sqlite3_stmt* statement = nullptr;
+        bool found = false;
+        if (sqlite3_open_v2(m_dir.File("BaselineEvents.db").c_str(), &db, SQLITE_OPEN_READONLY, nullptr) ==
+                SQLITE_OK &&
+            sqlite3_prepare_v2(db, "SELECT 1 FROM BaselineEvents WHERE FilePath = ?", -1, &statement,
+                               nullptr) == SQLITE_OK)
+        {
+            const std::string path = m_dir.File(name);
+            sqlite3_bind_text(statement, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_TRANSIENT);
+            found = sqlite3_step(statement) == SQLITE_ROW;
+        }
+        sqlite3_finalize(statement);
+        sqlite3_close(db);
+        return found;
+    };
+    const auto eventually = [](const std::function<bool()>& condition)
+    { return test::Eventually(condition, 5s); };
+
+    manifest(rule("w", m_dir.File("w")));
+    auto component = Make("m.json");
+    ASSERT_TRUE(component->IsEnabled());
+    EXPECT_TRUE(eventually([&] { return stored("w/a") && stored("w/b"); }));
+    EXPECT_TRUE(eventually([&] { return component->GetSpool().CacheSize() > 0; }));
+    EXPECT_EQ(log.Count("FimComponent: Baseline pass over 1 watched paths"), 1u);
+
+    // The same manifest again adds nothing; a new rule gets its pass.
+    component->UpdateConfig(Json(ConfigText("m.json")));
+    EXPECT_EQ(log.Count("Baseline pass over"), 1u);
+    manifest(rule("w", m_dir.File("w")) + "," + rule("v", m_dir.File("v")));
+    component->UpdateConfig(Json(ConfigText("m.json")));
+    EXPECT_EQ(log.Count("FimComponent: Baseline pass over 1 watched paths"), 2u);
+    EXPECT_TRUE(eventually([&] { return stored("v/c"); }));
+
+    // Watching the directory that holds the spool and the store: those are
+    // the daemon's own files.
+    manifest(rule("all", m_dir.Path()));
+    component->UpdateConfig(Json(ConfigText("m.json")));
+    EXPECT_TRUE(eventually([&] { return stored("top.txt"); }));
+    component->FlushDocuments();
+    component.reset();
+    EXPECT_FALSE(stored("BaselineEvents.db"));
+    for (const auto& entry : std::filesystem::directory_iterator(m_dir.File("fim")))
+    {
+        EXPECT_FALSE(stored("fim/" + entry.path().filename().string())) << entry.path();
+    }
+}
+
+TEST(FimConfigTest, SettleTimeAndBaselineRateAreOptional)
+{
+    fim::Config config(Json(R"({"event_file_name":"e"})"));
+    EXPECT_EQ(config.ContentSettleTimeMs(), 1000u);
+    EXPECT_EQ(config.BaselineFilesPerSec(), 0u);
+    config.Update(Json(R"({"content_settle_time_ms":0,"baseline_files_per_sec":50})"));
+    EXPECT_EQ(config.ContentSettleTimeMs(), 0u);
+    EXPECT_EQ(config.BaselineFilesPerSec(), 50u);
+    config.Update(Json(R"({"content_settle_time_ms":-1})"));
+    EXPECT_EQ(config.ContentSettleTimeMs(), 1000u);
 }

@@ -1,4 +1,3 @@
-#include "fim/ContentDigest.h"
 #include "fim/ContentReader.h"
 #include "tests/support/TempDir.h"
 
@@ -10,7 +9,6 @@
 
 #include <filesystem>
 
-using vantor::fim::internal::ContentDigest;
 using vantor::fim::internal::ContentReader;
 using Status = ContentReader::ContentStatus;
 
@@ -19,31 +17,6 @@ namespace
 
 constexpr const char* kSha256Empty = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 constexpr const char* kSha256Abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-
-std::string Digest(std::initializer_list<std::string_view> pieces)
-{
-    ContentDigest digest;
-    for (const auto piece : pieces)
-    {
-        digest.Update(piece.data(), piece.size());
-    }
-    return digest.Finish();
-}
-
-TEST(FimContentDigestTest, KnownDigestsWholeOrInPieces)
-{
-    EXPECT_EQ(Digest({}), kSha256Empty);
-    EXPECT_EQ(Digest({"abc"}), kSha256Abc);
-    EXPECT_EQ(Digest({"a", "", "bc"}), kSha256Abc);
-
-    ContentDigest digest;
-    EXPECT_TRUE(digest.IsValid());
-    EXPECT_EQ(digest.Finish(), kSha256Empty);
-    // Finished: no second answer that could pass for a digest.
-    EXPECT_FALSE(digest.IsValid());
-    digest.Update("x", 1);
-    EXPECT_EQ(digest.Finish(), "");
-}
 
 TEST(FimContentReaderTest, LimitIsInclusive)
 {

@@ -33,6 +33,18 @@ EventRule Rule(const std::string& notify, bool trackContent = false)
     return EventRule(json);
 }
 
+EventDocument::Input MakeInput(const std::string& path, bool isDirectory, std::vector<const EventRule*> rules,
+                               bool collectHashes, const std::string& action)
+{
+    EventDocument::Input input;
+    input.path = path;
+    input.isDirectory = isDirectory;
+    input.rules = std::move(rules);
+    input.collectHashes = collectHashes;
+    input.action = action;
+    return input;
+}
+
 std::string Valid(std::string_view text)
 {
     std::string scratch;
@@ -97,7 +109,7 @@ TEST(FimEventDocumentTest, UnreadableFieldsAndFilesAreUnknown)
         std::string GetActorUserName() const override { throw std::runtime_error("no user"); }
     } event(EventType::Delete, "/nowhere/gone");
     const auto rule = Rule(R"("delete")", true);
-    EventDocument::Input input{event.file, false, {&rule}, true, "delete"};
+    const auto input = MakeInput(event.file, false, {&rule}, true, "delete");
     const auto doc = Parse(EventDocument::Build(event, input));
     EXPECT_STREQ(doc["fileContentHash"].GetString(), "Unknown");
     EXPECT_STREQ(doc["fileContent"].GetString(), "");
@@ -118,7 +130,8 @@ TEST(FimEventDocumentTest, MandatoryFieldFailureDropsTheDocument)
         uint32_t GetEventId() const override { throw std::runtime_error("no id"); }
     } event(EventType::Create, "/x");
     const auto rule = Rule(R"("create")");
-    EXPECT_THROW(EventDocument::Build(event, {"/x", false, {&rule}, false, "create"}), std::runtime_error);
+    EXPECT_THROW(EventDocument::Build(event, MakeInput("/x", false, {&rule}, false, "create")),
+                 std::runtime_error);
 }
 
 TEST(FimEventDocumentTest, GivenContentIsUsedAndDirectoriesAreNotRead)
@@ -127,17 +140,53 @@ TEST(FimEventDocumentTest, GivenContentIsUsedAndDirectoriesAreNotRead)
     const auto rule = Rule(R"("create")", true);
     TestEvent event(EventType::Create, dir.Write("f", "on disk"));
     ContentReader::Content given{ContentReader::ContentStatus::ReadSuccessful, 5, "given", "ab12"};
-    auto doc = Parse(EventDocument::Build(event, {event.file, false, {&rule}, true, "create"}, &given));
+    auto input = MakeInput(event.file, false, {&rule}, true, "create");
+    input.content = &given;
+    auto doc = Parse(EventDocument::Build(event, input));
     EXPECT_STREQ(doc["fileContent"].GetString(), "given");
     EXPECT_STREQ(doc["fileContentHash"].GetString(), "ab12");
     EXPECT_EQ(doc["operation"]["new"]["size"].GetUint(), 5u);
 
     TestEvent folder(EventType::Create, dir.Path());
     folder.directory = true;
-    doc = Parse(EventDocument::Build(folder, {folder.file, true, {&rule}, false, "create"}));
+    input = MakeInput(folder.file, true, {&rule}, false, "create");
+    input.content = &given;
+    doc = Parse(EventDocument::Build(folder, input));
     EXPECT_STREQ(doc["eventType"].GetString(), "Directory");
     EXPECT_STREQ(doc["contentStatus"].GetString(), "READ_FAILURE");
     EXPECT_EQ(doc["operation"]["new"]["size"].GetUint(), 7u); // the event's own size
+}
+
+TEST(FimEventDocumentTest, BeforeAndAfterShowInOperationAndSecuritySettings)
+{
+    const auto rule = Rule(R"("modifySecuritySettings","modifyMetadata")");
+    TestEvent event(EventType::Attribute, "/w/f");
+    vantor::fim::FileState before{10, 0100644, 0, 0, 1, ""};
+    vantor::fim::FileState after{12, 0100600, 3999999999u, 0, 2, ""};
+    auto input = MakeInput("/w/f", false, {&rule}, false, "modifySecuritySettings");
+    input.before = before;
+    input.after = after;
+    auto doc = Parse(EventDocument::Build(event, input));
+    EXPECT_EQ(doc["operation"]["old"]["size"].GetUint(), 10u);
+    EXPECT_EQ(doc["operation"]["new"]["size"].GetUint(), 12u);
+    const auto& settings = doc["securitySettings"];
+    EXPECT_STREQ(settings["old"]["permission"].GetString(), "0644");
+    EXPECT_STREQ(settings["old"]["owner"].GetString(), "root");
+    EXPECT_STREQ(settings["old"]["group"].GetString(), "root");
+    EXPECT_STREQ(settings["new"]["permission"].GetString(), "0600");
+    EXPECT_STREQ(settings["new"]["owner"].GetString(), "3999999999");
+
+    // A content change shows sizes only; a rename its two paths.
+    input.action = "modifyContent";
+    doc = Parse(EventDocument::Build(event, input));
+    EXPECT_FALSE(doc.HasMember("securitySettings"));
+    input.action = "rename";
+    input.oldPath = "/w/old\\name";
+    input.newPath = "/w/f";
+    doc = Parse(EventDocument::Build(event, input));
+    EXPECT_STREQ(doc["operation"]["old"]["path"].GetString(), "/w/old\\\\name");
+    EXPECT_STREQ(doc["operation"]["new"]["path"].GetString(), "/w/f");
+    EXPECT_FALSE(doc["operation"]["old"].HasMember("size"));
 }
 
 } // namespace

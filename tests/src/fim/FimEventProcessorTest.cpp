@@ -1,9 +1,9 @@
 #include "fim/EventProcessor.h"
 #include "fim/EventRuleManager.h"
 #include "fim/JsonDataFormatter.h"
+#include "fim/PathEscape.h"
 #include "fim/PostProcessor.h"
-#include "tests/src/fim/TestEvent.h"
-#include "tests/support/TempDir.h"
+#include "tests/src/fim/ProcessorFixture.h"
 
 #include "common/Scheduler.h"
 #include "common/SpoolStorage.h"
@@ -36,60 +36,8 @@ std::vector<std::string> MemberNames(const rapidjson::Value& object)
     return names;
 }
 
-class FimEventProcessorTest : public testing::Test
+class FimEventProcessorTest : public vantor::fim::test::ProcessorFixture
 {
-protected:
-    void SetUp() override
-    {
-        std::filesystem::create_directories(m_dir.File("watched"));
-        std::filesystem::create_directories(m_dir.File("spool"));
-        m_spool = std::make_unique<vantor::common::SpoolStorage>(
-            m_scheduler, m_dir.File("spool"), "fim", std::make_unique<JsonDataFormatter>(),
-            vantor::common::SpoolStorage::Settings{}, 100);
-    }
-
-    // Loads a manifest with the rules and builds the processor over it.
-    void Load(const std::string& rules, bool collectHashes = false)
-    {
-        const std::string manifest =
-            std::string(R"({"data":{"fim":{"policyVersion":"1.0","collectHashes":)") +
-            (collectHashes ? "true" : "false") + R"(,"rules":[)" + rules + "]}}}";
-        ASSERT_EQ(m_manager.LoadManifest(m_dir.Write("manifest.json", manifest)), std::nullopt);
-        m_processor = std::make_unique<EventProcessor>(m_manager, *m_spool, m_baseline.get());
-    }
-
-    std::string Watched(const std::string& name = "") const { return m_dir.File("watched") + name; }
-
-    // The documents the processor spooled so far, as one parsed spool file.
-    rapidjson::Document Flush(size_t expected)
-    {
-        for (int i = 0; i < 200 && m_spool->CacheSize() == 0 && expected > 0; ++i)
-        {
-            std::this_thread::sleep_for(10ms);
-        }
-        std::this_thread::sleep_for(20ms);
-        rapidjson::Document document;
-        if (expected == 0)
-        {
-            EXPECT_EQ(m_spool->CacheSize(), 0u);
-            return document;
-        }
-        EXPECT_TRUE(m_spool->FlushDataCache());
-        vantor::common::SpoolStorage::File file;
-        EXPECT_EQ(m_spool->ReadOldestFile(file), vantor::common::SpoolStorage::ReadStatus::Ok);
-        EXPECT_TRUE(vantor::util::ParseJson(document, file.data)) << file.data;
-        EXPECT_EQ(document["events"].Size(), expected) << file.data;
-        m_spool->DeleteFile(file);
-        return document;
-    }
-
-    vantor::test::TempDir m_dir;
-    vantor::common::Scheduler m_scheduler;
-    RecordingRuleEngine m_engine;
-    EventRuleManager m_manager{m_engine, "FIM"};
-    std::unique_ptr<vantor::common::SpoolStorage> m_spool;
-    std::unique_ptr<vantor::common::SqlStorage> m_baseline;
-    std::unique_ptr<EventProcessor> m_processor;
 };
 
 } // namespace
@@ -111,7 +59,7 @@ TEST_F(FimEventProcessorTest, DocumentMembersInOrderWithContentAndHash)
     m_dir.Write("watched/a.txt", "hello\n");
     TestEvent event(EventType::Write, Watched("/a.txt"));
     m_processor->HandleEvent(event);
-    const auto document = Flush(1);
+    const auto document = Documents(1);
     const auto& doc = document["events"][0];
     EXPECT_EQ(MemberNames(doc),
               (std::vector<std::string>{"successStatus", "timestamp", "eventId", "eventAction", "eventClass",
@@ -144,7 +92,7 @@ TEST_F(FimEventProcessorTest, ContentStatusAtTheLimit)
     TestEvent over(EventType::Create, Watched("/over"));
     m_processor->HandleEvent(exact);
     m_processor->HandleEvent(over);
-    const auto document = Flush(2);
+    const auto document = Documents(2);
     EXPECT_STREQ(document["events"][0]["contentStatus"].GetString(), "READ_SUCCESSFUL");
     EXPECT_EQ(document["events"][0]["fileContent"].GetStringLength(), 51200u);
     EXPECT_STREQ(document["events"][1]["contentStatus"].GetString(), "MAX_SIZE_LIMIT_REACHED");
@@ -184,7 +132,7 @@ TEST_F(FimEventProcessorTest, PostProcessingPerRule)
     {
         m_processor->HandleEvent(*event);
     }
-    const auto document = Flush(5);
+    const auto document = Documents(5);
     auto rules = [&](size_t i)
     {
         std::vector<std::string> ids;
@@ -218,13 +166,16 @@ TEST_F(FimEventProcessorTest, HostileNamesKeepEveryDocumentValid)
     {
         m_processor->HandleEvent(*event);
     }
-    const auto document = Flush(3);
+    const auto document = Documents(3);
     const auto& doc = document["events"][1];
-    EXPECT_EQ(
-        std::string(doc["imagePath"].GetString()),
-        Watched(
-            "/bad\xEF\xBF\xBD\xEF\xBF\xBD\"quote\\\x01\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD.txt"));
+    // Paths keep every byte in their escaped form.
+    EXPECT_EQ(std::string(doc["imagePath"].GetString()),
+              Watched("/bad\\xFF\\xFE\"quote\\\\\x01\\xED\\xA0\\x80\\xC3.txt"));
+    EXPECT_EQ(PathEscape::Unescape(doc["imagePath"].GetString()), hostile);
+    EXPECT_EQ(std::string(doc["operation"]["old"]["path"].GetString()), doc["imagePath"].GetString());
     EXPECT_EQ(std::string(doc["operation"]["new"]["path"].GetString()), Watched("/ok-\xc3\xa9"));
+    // Other text keeps the replacement character.
+    EXPECT_STREQ(doc["actor"]["userName"].GetString(), "\xEF\xBF\xBD\xEF\xBF\xBD");
     EXPECT_STREQ(doc["associatedRules"][0].GetString(), "r\"1");
     EXPECT_STREQ(doc["eventAction"].GetString(), "rename");
     const auto& attr = document["events"][0];
@@ -238,9 +189,6 @@ TEST_F(FimEventProcessorTest, HostileNamesKeepEveryDocumentValid)
 
 TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
 {
-    m_baseline = std::make_unique<vantor::common::SqlStorage>(
-        m_dir.Path(), "BaselineEvents.db", std::make_unique<vantor::fim::BaselineEventSqlDataFormatter>(),
-        true);
     Load(R"({"ruleId":"b","ruleType":"directory","imagePath":")" + Watched() +
          R"(","recursiveDepth":"1","trackContentChange":true,"notify":["create"]})");
     m_dir.Write("watched/small", "abc");
@@ -248,7 +196,7 @@ TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
     std::filesystem::create_directories(Watched("/a/b"));
     m_dir.Write("watched/a/b/too-deep", "z");
 
-    class Baseline : public TestEvent
+    class BaselineRequest : public TestEvent
     {
     public:
         using TestEvent::TestEvent;
@@ -256,7 +204,8 @@ TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
         std::string GetActionName() const override { return "Baseline"; }
     } event(EventType::Create, Watched());
     m_processor->HandleEvent(event);
-    const auto document = Flush(2);
+    ASSERT_NO_FATAL_FAILURE(Baseline({}));
+    const auto document = Documents(2);
     for (const auto& doc : document["events"].GetArray())
     {
         EXPECT_STREQ(doc["eventAction"].GetString(), "Baseline");
@@ -269,6 +218,9 @@ TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
     ASSERT_EQ(big.rows.size(), 1u);
     EXPECT_NE(big.rows[0].find("MAX_SIZE_LIMIT_REACHED"), std::string::npos);
     EXPECT_TRUE(m_baseline->Read("BaselineEvents", Watched("/a/b/too-deep")).rows.empty());
+    // The last known state of each file is kept beside its status.
+    ASSERT_TRUE(StoredState(Watched("/big")));
+    EXPECT_EQ(StoredState(Watched("/big"))->size, 60000u);
 }
 
 TEST(FimJsonDataFormatterTest, CollectsObjectsIntoOneEventsArray)

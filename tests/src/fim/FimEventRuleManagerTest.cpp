@@ -84,8 +84,9 @@ TEST(FimEventRuleManagerTest, RuleKindsAndActions)
     EXPECT_EQ(file.GetType(), vantor::edr::EventRule::FilePathRule);
     EXPECT_EQ(file.GetPaths(), std::vector<std::string>{"/etc/hosts"});
     EXPECT_EQ(file.GetNotifyActions(), (vantor::edr::EventRule::ActionSet{4, 6}));
-    // The kernel knows metadata changes as attribute events.
-    EXPECT_EQ(file.GetActions(), (vantor::edr::EventRule::ActionSet{4, 7}));
+    // The kernel knows metadata changes as attribute events, and as opens
+    // for writing (touch sets the times through the descriptor).
+    EXPECT_EQ(file.GetActions(), (vantor::edr::EventRule::ActionSet{4, 5, 7}));
     EXPECT_THROW(file.GetDirectoryActions(), std::runtime_error);
     const auto& link = *set.rules[1];
     EXPECT_EQ(link.GetKind(), EventRule::Kind::Symlink);

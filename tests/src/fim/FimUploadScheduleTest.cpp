@@ -8,6 +8,7 @@
 #include "common/HttpService.h"
 #include "common/HttpUploader.h"
 #include "common/Logging.h"
+#include "common/LzmaHttpInterceptor.h"
 #include "common/Scheduler.h"
 #include "common/SpoolStorage.h"
 #include "common/util/Json.h"
@@ -51,6 +52,7 @@ protected:
         settings.agentId = "agent";
         m_service = std::make_shared<HttpService>(
             settings, std::make_shared<HmacRequestSigner>(m_dir.File("hmac.key")));
+        m_service->AddInterceptor(std::make_shared<LzmaHttpInterceptor>());
         m_service->Start();
 
         rapidjson::Document json;
@@ -59,9 +61,10 @@ protected:
         m_config = std::make_unique<vantor::fim::Config>(json);
         m_spool = std::make_unique<SpoolStorage>(m_scheduler, m_dir.File("spool"), "fim",
                                                  std::make_unique<JsonDataFormatter>(),
-                                                 SpoolStorage::Settings{}, 100);
+                                                 SpoolStorage::Settings{}, 1000);
         m_schedule = std::make_shared<UploadSchedule>(
-            *m_config, *m_spool, std::make_shared<HttpUploader>(m_service, 1), [this] { return m_blackout; });
+            *m_config, *m_spool, std::make_shared<HttpUploader>(m_service, 1),
+            [this] { return m_blackout || ++m_blackoutChecks > m_blackoutAfter; });
     }
 
     void TearDown() override
@@ -81,6 +84,24 @@ protected:
 
     std::string LastPayload() const { return m_receiver->Requests().back().payload; }
 
+    // The image paths of the stored uploads, in arrival order.
+    std::vector<std::string> UploadedPaths() const
+    {
+        std::vector<std::string> paths;
+        for (const auto& request : m_receiver->Requests())
+        {
+            rapidjson::Document payload;
+            if (request.status == 200 && vantor::util::ParseJson(payload, request.payload))
+            {
+                for (const auto& event : payload["events"].GetArray())
+                {
+                    paths.emplace_back(event["imagePath"].GetString());
+                }
+            }
+        }
+        return paths;
+    }
+
     vantor::test::TempDir m_dir;
     Scheduler m_scheduler;
     std::unique_ptr<TestReceiver> m_receiver;
@@ -89,6 +110,9 @@ protected:
     std::unique_ptr<SpoolStorage> m_spool;
     std::shared_ptr<UploadSchedule> m_schedule;
     bool m_blackout = false;
+    // A blackout that begins after this many checks.
+    std::size_t m_blackoutChecks = 0;
+    std::size_t m_blackoutAfter = SIZE_MAX;
 };
 
 } // namespace
@@ -100,34 +124,75 @@ TEST_F(FimUploadScheduleTest, OldestFirstDeletedOnlyAfterSuccess)
     Spool("/second");
     ASSERT_EQ(m_spool->FileIndices().size(), 2u);
 
+    // A failure ends the run: the second file is not tried after it.
     m_receiver->FailNext(1, 503);
     m_schedule->RunOnce();
+    EXPECT_EQ(m_receiver->RequestCount(), 1u);
     EXPECT_EQ(m_spool->FileIndices().size(), 2u);
     EXPECT_TRUE(log.Contains(
         "UploadSchedule: Failed to upload data. The next upload will be tried 30 seconds later."));
 
+    // The next run sends both, oldest first, one payload each.
     m_schedule->RunOnce();
-    ASSERT_EQ(m_receiver->StoredCount(), 1u);
+    ASSERT_EQ(m_receiver->StoredCount(), 2u);
+    EXPECT_EQ(UploadedPaths(), (std::vector<std::string>{"/first", "/second"}));
     rapidjson::Document payload;
     ASSERT_TRUE(vantor::util::ParseJson(payload, LastPayload()));
     ASSERT_EQ(payload["events"].Size(), 1u);
-    EXPECT_STREQ(payload["events"][0]["imagePath"].GetString(), "/first");
     EXPECT_EQ(std::string(payload["timestamp"].GetString()).size(), 20u);
     EXPECT_TRUE(log.Contains("UploadSchedule: Events successfully uploaded."));
-    EXPECT_EQ(m_spool->FileIndices().size(), 1u);
-
-    m_blackout = true;
-    m_schedule->RunOnce();
-    EXPECT_EQ(m_receiver->RequestCount(), 2u);
-    m_blackout = false;
-
-    m_schedule->RunOnce();
-    ASSERT_TRUE(vantor::util::ParseJson(payload, LastPayload()));
-    EXPECT_STREQ(payload["events"][0]["imagePath"].GetString(), "/second");
     EXPECT_TRUE(m_spool->FileIndices().empty());
 
     m_schedule->RunOnce(); // nothing left: no request
     EXPECT_EQ(m_receiver->RequestCount(), 3u);
+}
+
+TEST_F(FimUploadScheduleTest, BlackoutHoldsUploadsBackEvenInTheMiddleOfARun)
+{
+    vantor::test::LogCapture log(Logging::Edr());
+    for (const char* name : {"/a", "/b", "/c"})
+    {
+        Spool(name);
+    }
+    m_blackout = true;
+    m_schedule->RunOnce();
+    EXPECT_EQ(m_receiver->RequestCount(), 0u);
+    EXPECT_TRUE(log.Contains("UploadSchedule: Blackout period, upload postponed."));
+
+    // The blackout begins after the first file of the run.
+    m_blackout = false;
+    m_blackoutAfter = 1;
+    m_schedule->RunOnce();
+    EXPECT_EQ(UploadedPaths(), (std::vector<std::string>{"/a"}));
+    EXPECT_EQ(m_spool->FileIndices().size(), 2u);
+
+    m_blackoutAfter = SIZE_MAX;
+    m_schedule->RunOnce();
+    EXPECT_EQ(UploadedPaths(), (std::vector<std::string>{"/a", "/b", "/c"}));
+}
+
+TEST_F(FimUploadScheduleTest, BacklogDrainsInBoundedRuns)
+{
+    vantor::test::LogCapture log(Logging::Edr());
+    const std::size_t backlog = UploadSchedule::kMaxFilesPerRun + 3;
+    for (std::size_t i = 0; i < backlog; ++i)
+    {
+        Spool("/backlog/" + std::to_string(i));
+    }
+    m_schedule->RunOnce();
+    EXPECT_EQ(m_receiver->StoredCount(), UploadSchedule::kMaxFilesPerRun);
+    EXPECT_EQ(m_spool->FileIndices().size(), 3u);
+    EXPECT_TRUE(
+        log.Contains("UploadSchedule: Uploaded 100 files in this run; the rest goes with the next run."));
+
+    m_schedule->RunOnce();
+    EXPECT_TRUE(m_spool->FileIndices().empty());
+    const auto paths = UploadedPaths();
+    ASSERT_EQ(paths.size(), backlog);
+    for (std::size_t i = 0; i < backlog; ++i)
+    {
+        EXPECT_EQ(paths[i], "/backlog/" + std::to_string(i));
+    }
 }
 
 TEST_F(FimUploadScheduleTest, CorruptFileIsDeletedAndTheNextOneGoes)

@@ -1,0 +1,228 @@
+// The IOC TTL process tree at 100,000 processes, each with three cached
+// events: the cost of adding a process from its running event, of looking
+// one up (a copy of its information, and its ancestors), of a sweep that
+// deletes half of them, and of saving the tree to the snapshot database;
+// and the memory the tree holds (resident set growth while it is built, and
+// the peak of the whole run).
+#include "bench/ResourceUsage.h"
+#include "common/Logging.h"
+#include "common/SqlStorage.h"
+#include "edr/Event.h"
+#include "ioc/SnapshotSqlDataFormatter.h"
+#include "ioc/TtlProcessTree.h"
+
+#include <benchmark/benchmark.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+
+namespace
+{
+
+using vantor::ioc::TtlProcessTree;
+using namespace std::chrono_literals;
+
+constexpr pid_t kProcesses = 100000;
+constexpr uint32_t kEventsPerProcess = 3;
+
+// A process-running or file event with what the tree reads.
+class BenchEvent : public vantor::edr::Event
+{
+public:
+    BenchEvent(pid_t pid, pid_t parentPid, uint32_t id)
+        : m_pid(pid)
+        , m_parentPid(parentPid)
+        , m_id(id)
+        , m_file("/home/user/project/src/module-" + std::to_string(id % 97) + "/file.cpp")
+    {
+    }
+    std::unique_ptr<Event> Clone() const override { return std::make_unique<BenchEvent>(*this); }
+    vantor::edr::EventType GetType() const override { return vantor::edr::EventType::Running; }
+    uint32_t GetEventId() const override { return m_id; }
+    pid_t GetActorProcessId() const override { return m_pid; }
+    pid_t GetActorParentProcessId() const override { return m_parentPid; }
+    std::vector<std::string> GetActorProcessArguments() const override
+    {
+        return {"/usr/bin/python3", "-u", "/opt/service/bin/worker.py", "--queue",
+                "jobs-" + std::to_string(m_pid)};
+    }
+    std::string GetImage() const override { return "/usr/bin/python3"; }
+    std::string GetCwd() const override { return "/opt/service"; }
+    std::string GetFile() const override { return m_file; }
+    uint32_t GetActorUserId() const override { return 1000; }
+    uint32_t GetActorEuid() const override { return 1000; }
+    uint32_t GetActorAuid() const override { return 1000; }
+    uint64_t GetTimestamp() const override { return 1700000000000ULL + m_id; }
+
+private:
+    pid_t m_pid;
+    pid_t m_parentPid;
+    uint32_t m_id;
+    std::string m_file;
+};
+
+class BenchDir
+{
+public:
+    BenchDir()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "corvid-ttl-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr)
+        {
+            std::abort();
+        }
+        m_path = pattern;
+        // A proc root where no process runs: start times come from the
+        // events, and /proc reads fail fast.
+        std::filesystem::create_directories(m_path + "/proc");
+        std::ofstream(m_path + "/proc/stat") << "btime 1700000000\n";
+    }
+    ~BenchDir()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+uint64_t CurrentRssKb()
+{
+    std::ifstream statm("/proc/self/statm");
+    uint64_t size = 0;
+    uint64_t resident = 0;
+    statm >> size >> resident;
+    return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+// Processes 2..kProcesses+1, each the child of the one before (every 50th of
+// process 1), each with its cached events.
+std::unique_ptr<TtlProcessTree> BuildTree(const BenchDir& dir, TtlProcessTree::Clock clock)
+{
+    auto tree = std::make_unique<TtlProcessTree>(dir.Path() + "/proc", 300s, std::move(clock));
+    for (pid_t pid = 2; pid < kProcesses + 2; ++pid)
+    {
+        const pid_t parent = pid % 50 == 0 ? 1 : pid - 1;
+        tree->AddOrUpdate(BenchEvent(pid, parent, static_cast<uint32_t>(pid)));
+        for (uint32_t e = 0; e < kEventsPerProcess; ++e)
+        {
+            tree->CacheEvent(std::make_shared<BenchEvent>(pid, parent, static_cast<uint32_t>(pid) * 4 + e));
+        }
+    }
+    return tree;
+}
+
+void Quiet()
+{
+    vantor::common::Logging::Edr().setLevel(Poco::Message::PRIO_FATAL);
+}
+
+void BM_TtlTreeAddWithEvents(benchmark::State& state)
+{
+    Quiet();
+    BenchDir dir;
+    uint64_t growthKb = 0;
+    for (auto _ : state)
+    {
+        const uint64_t before = CurrentRssKb();
+        auto tree = BuildTree(dir, std::chrono::steady_clock::now);
+        // The first build shows the growth; later ones reuse the freed heap.
+        growthKb = std::max(growthKb, CurrentRssKb() - before);
+        benchmark::DoNotOptimize(tree->Size());
+        state.PauseTiming();
+        tree.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * kProcesses);
+    state.counters["tree_rss_kb"] = static_cast<double>(growthKb);
+    state.counters["bytes_per_process"] = static_cast<double>(growthKb) * 1024 / kProcesses;
+    state.counters["peak_rss_kb"] = static_cast<double>(vantor::bench::ResourceUsage::PeakRssKb());
+}
+BENCHMARK(BM_TtlTreeAddWithEvents)->Unit(benchmark::kMillisecond)->Iterations(2);
+
+// Runs a query on pids spread over the whole tree.
+template <typename Query>
+void QueryPids(benchmark::State& state, Query query)
+{
+    Quiet();
+    BenchDir dir;
+    auto tree = BuildTree(dir, std::chrono::steady_clock::now);
+    pid_t pid = 2;
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(query(*tree, pid));
+        pid = pid * 7919 % kProcesses + 2;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_TtlTreeLookup(benchmark::State& state)
+{
+    QueryPids(state, [](const TtlProcessTree& tree, pid_t pid) { return tree.GetProcessInfo(pid); });
+}
+BENCHMARK(BM_TtlTreeLookup);
+
+void BM_TtlTreeAncestors(benchmark::State& state)
+{
+    // Up to 49 ancestors: the chains run from process 1 in steps of 50.
+    QueryPids(state, [](const TtlProcessTree& tree, pid_t pid) { return tree.GetAncestors(pid); });
+}
+BENCHMARK(BM_TtlTreeAncestors);
+
+void BM_TtlTreeSweepHalfExpired(benchmark::State& state)
+{
+    Quiet();
+    BenchDir dir;
+    auto now = std::chrono::steady_clock::time_point(std::chrono::hours(1));
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        auto tree = BuildTree(dir, [&now] { return now; });
+        for (pid_t pid = 2; pid < kProcesses + 2; pid += 2)
+        {
+            tree->MarkTerminated(pid);
+        }
+        now += 301s;
+        state.ResumeTiming();
+        tree->DeleteStaleProcesses();
+        benchmark::DoNotOptimize(tree->Size());
+        state.PauseTiming();
+        tree.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * kProcesses);
+}
+BENCHMARK(BM_TtlTreeSweepHalfExpired)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+void BM_TtlTreeSave(benchmark::State& state)
+{
+    Quiet();
+    BenchDir dir;
+    auto tree = BuildTree(dir, std::chrono::steady_clock::now);
+    vantor::common::SqlStorage storage(dir.Path(), "SnapshotEdr.db",
+                                       std::make_unique<vantor::ioc::internal::SnapshotSqlDataFormatter>(),
+                                       false);
+    pid_t pid = 2;
+    for (auto _ : state)
+    {
+        // One change, so that the save writes the whole tree.
+        tree->AddTag(pid++, "Execution", 1);
+        tree->Save(storage);
+    }
+    state.SetItemsProcessed(state.iterations() * kProcesses);
+    state.counters["db_kb"] =
+        static_cast<double>(std::filesystem::file_size(dir.Path() + "/SnapshotEdr.db")) / 1024;
+}
+BENCHMARK(BM_TtlTreeSave)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+} // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,121 @@
+#include "common/SpoolWriteQueue.h"
+
+#include "common/Logging.h"
+
+namespace vantor::common::internal
+{
+
+struct SpoolWriteQueue::Waiter
+{
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool done = false;
+    Result result;
+};
+
+SpoolWriteQueue::SpoolWriteQueue(ScheduleDrain scheduleDrain, Limit limit)
+    : m_scheduleDrain(std::move(scheduleDrain))
+    , m_limit(std::move(limit))
+{
+}
+
+SpoolWriteQueue::~SpoolWriteQueue() = default;
+
+void SpoolWriteQueue::WriteAsync(std::string data, Callback callback)
+{
+    Enqueue(Pending{std::move(data), std::move(callback), nullptr});
+}
+
+SpoolWriteQueue::Result SpoolWriteQueue::Write(std::string data)
+{
+    Waiter waiter;
+    Enqueue(Pending{std::move(data), nullptr, &waiter});
+    std::unique_lock lock(waiter.mutex);
+    waiter.cv.wait(lock, [&] { return waiter.done; });
+    return waiter.result;
+}
+
+void SpoolWriteQueue::Enqueue(Pending write)
+{
+    bool queueDrain = false;
+    {
+        std::unique_lock lock(m_mutex);
+        const std::size_t size = write.data.size();
+        const std::size_t limit = m_limit();
+        m_cv.wait(lock, [&] { return m_pendingBytes == 0 || m_pendingBytes + size <= limit; });
+        m_pendingBytes += size;
+        m_pending.push_back(std::move(write));
+        if (!m_drainQueued)
+        {
+            m_drainQueued = true;
+            queueDrain = true;
+        }
+    }
+    if (queueDrain && !m_scheduleDrain())
+    {
+        FailAll();
+    }
+}
+
+std::vector<SpoolWriteQueue::Pending>& SpoolWriteQueue::TakeBatch()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        std::swap(m_pending, m_draining);
+        m_drainQueued = false;
+        m_pendingBytes = 0;
+    }
+    m_cv.notify_all();
+    return m_draining;
+}
+
+void SpoolWriteQueue::CompleteBatch(const std::vector<Result>& results)
+{
+    for (std::size_t i = 0; i < m_draining.size(); ++i)
+    {
+        Complete(m_draining[i], results.at(i));
+    }
+    m_draining.clear();
+}
+
+void SpoolWriteQueue::FailAll()
+{
+    std::vector<Pending> failed;
+    {
+        std::lock_guard lock(m_mutex);
+        failed.swap(m_pending);
+        m_drainQueued = false;
+        m_pendingBytes = 0;
+    }
+    m_cv.notify_all();
+    const Result result{SpoolStorage::WriteStatus::Failed, "SpoolStorage: Storage is shutting down"};
+    for (auto& write : failed)
+    {
+        Complete(write, result);
+    }
+}
+
+void SpoolWriteQueue::Complete(Pending& write, const Result& result)
+{
+    if (write.waiter != nullptr)
+    {
+        std::lock_guard lock(write.waiter->mutex);
+        write.waiter->result = result;
+        write.waiter->done = true;
+        write.waiter->cv.notify_one();
+    }
+    if (!write.callback)
+    {
+        return;
+    }
+    try
+    {
+        write.callback(result);
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("SpoolStorage: Write callback failed: " << e.what());
+    }
+}
+
+} // namespace vantor::common::internal

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vantor::common::internal
+{
+
+// One open SQLite database: the handle and its statements, each closed and
+// finalised on every path out. Every call runs exactly one statement: text
+// after the first statement is refused ("'query' has multiple statements"),
+// and failures are logged under "SqlStorage:" and thrown as
+// StorageException.
+//
+// Not thread-safe: SqlStorage calls it under its mutex.
+class SqlConnection
+{
+public:
+    enum class Mode
+    {
+        OpenExisting, // read-write; a file that is no database fails here
+        Create        // read-write, created when missing
+    };
+
+    // Throws StorageException "SqlStorage: Error opening DB: " or
+    // "SqlStorage: Error creating DB: " with SQLite's message.
+    SqlConnection(const std::string& file, Mode mode);
+
+    // A statement that returns no rows; one that would is refused before it
+    // runs ("SqlStorage::Execute: Unsupported query type").
+    void Execute(const std::string& query);
+    // A read-only statement; each row serialised column by column (integers
+    // as 64-bit integers, text as strings).
+    std::vector<std::string> Select(const std::string& query);
+    // The single integer a statement such as "PRAGMA user_version" answers.
+    std::int64_t QueryInteger(const std::string& query);
+    // Runs the statements in one transaction, rolled back on any failure.
+    void RunInTransaction(const std::vector<std::string>& statements);
+    // Compacts the file; a failure is only logged.
+    void Vacuum();
+
+private:
+    struct Closer
+    {
+        void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+    };
+
+    void Rollback();
+    std::string ErrorMessage() const;
+
+    std::unique_ptr<sqlite3, Closer> m_db;
+};
+
+} // namespace vantor::common::internal

@@ -1,0 +1,185 @@
+#include "fim/DocumentThread.h"
+
+#include "common/Logging.h"
+
+namespace vantor::fim::internal
+{
+
+DocumentThread::DocumentThread(DocumentBuilder& builder, BaselineWalk& baseline, size_t maxPending)
+    : ThreadedClass("FimDocumentThread")
+    , m_builder(builder)
+    , m_baseline(baseline)
+    , m_maxPending(maxPending > 0 ? maxPending : 1)
+    , m_baselineInterval(std::chrono::seconds(1) / kDefaultBaselineRate)
+{
+}
+
+DocumentThread::~DocumentThread()
+{
+    Stop();
+}
+
+void DocumentThread::SetSettleTime(std::chrono::milliseconds settleTime)
+{
+    std::lock_guard lock(m_mutex);
+    m_settleTime = settleTime;
+}
+
+void DocumentThread::SetBaselineRate(uint64_t filesPerSecond)
+{
+    std::lock_guard lock(m_mutex);
+    m_baselineInterval = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) /
+                         (filesPerSecond > 0 ? filesPerSecond : kDefaultBaselineRate);
+}
+
+size_t DocumentThread::GetPendingCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_pending.Size();
+}
+
+void DocumentThread::Build(PendingDocuments::Group& group)
+{
+    try
+    {
+        m_builder.BuildGroup(group);
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Event exception: " << e.what());
+    }
+}
+
+void DocumentThread::BuildUnlocked(std::unique_lock<std::mutex>& lock, PendingDocuments::Group& group)
+{
+    m_building = true;
+    lock.unlock();
+    Build(group);
+    lock.lock();
+    m_building = false;
+}
+
+void DocumentThread::Add(PendingDocument document, bool settles)
+{
+    std::unique_lock lock(m_mutex);
+    if (m_pending.Size() >= m_maxPending && IsRunning() && !IsStopping())
+    {
+        const uint64_t overflows = ++m_overflows;
+        if (overflows == 1 || overflows % 1000 == 0)
+        {
+            EDR_LOG_WARNING("EventProcessor: " << m_maxPending
+                                               << " documents wait for their files to settle; "
+                                               << "building early (" << overflows << " times so far)");
+        }
+        ++m_earlyBuilds;
+        m_wake.notify_one();
+        m_done.wait(lock, [this] { return m_pending.Size() < m_maxPending || IsStopping(); });
+    }
+    if (!IsRunning() || IsStopping())
+    {
+        // No thread to wait for: build here.
+        lock.unlock();
+        PendingDocuments::Group group{document.objectPath, {}};
+        group.documents.push_back(std::move(document));
+        Build(group);
+        return;
+    }
+    m_pending.Add(std::move(document), settles, Clock::now(), m_settleTime);
+    lock.unlock();
+    m_wake.notify_one();
+}
+
+void DocumentThread::Flush()
+{
+    std::unique_lock lock(m_mutex);
+    ++m_flushes;
+    m_wake.notify_one();
+    m_done.wait(lock, [this] { return (m_pending.Empty() && !m_building) || !IsRunning(); });
+    --m_flushes;
+}
+
+void DocumentThread::Wake()
+{
+    {
+        std::lock_guard lock(m_mutex);
+    }
+    m_wake.notify_all();
+}
+
+void DocumentThread::WakeBaseline()
+{
+    Wake();
+}
+
+void DocumentThread::OnStop()
+{
+    Wake();
+}
+
+void DocumentThread::Run()
+{
+    std::unique_lock lock(m_mutex);
+    Clock::time_point nextBaseline = Clock::now();
+    while (!IsStopping())
+    {
+        const auto now = Clock::now();
+        auto group = m_flushes > 0 || m_earlyBuilds > 0 ? m_pending.TakeFirst() : m_pending.TakeDue(now);
+        if (m_earlyBuilds > 0)
+        {
+            --m_earlyBuilds;
+        }
+        if (group)
+        {
+            BuildUnlocked(lock, *group);
+            m_done.notify_all();
+            continue;
+        }
+        const bool baseline = m_baseline.HasWork();
+        if (baseline && now >= nextBaseline)
+        {
+            lock.unlock();
+            bool recorded = false;
+            try
+            {
+                recorded = m_baseline.Step();
+            }
+            catch (const std::exception& e)
+            {
+                EDR_LOG_ERROR("Baseline pass failed: " << e.what());
+            }
+            lock.lock();
+            if (recorded)
+            {
+                nextBaseline = now + m_baselineInterval;
+            }
+            continue;
+        }
+        auto due = m_pending.NextDue();
+        if (baseline && (!due || nextBaseline < *due))
+        {
+            due = nextBaseline;
+        }
+        if (due)
+        {
+            m_wake.wait_until(lock, *due);
+        }
+        else
+        {
+            m_wake.wait(lock);
+        }
+    }
+    // Nothing accepted is lost: what waits is built now.
+    while (auto group = m_pending.TakeFirst())
+    {
+        BuildUnlocked(lock, *group);
+    }
+    m_done.notify_all();
+    lock.unlock();
+    const size_t left = m_baseline.Abandon();
+    if (left > 0)
+    {
+        EDR_LOG_WARNING("Baseline pass stopped with " << left << " watched paths not done");
+    }
+}
+
+} // namespace vantor::fim::internal

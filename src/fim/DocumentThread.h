@@ -1,0 +1,87 @@
+#pragma once
+
+#include "common/ThreadedClass.h"
+#include "fim/BaselineWalk.h"
+#include "fim/DocumentBuilder.h"
+#include "fim/PendingDocuments.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+namespace vantor::fim::internal
+{
+
+// The thread that builds FIM documents off the event thread: it holds the
+// documents of each object path until the path has settled
+// (PendingDocuments), builds them (DocumentBuilder), and between them runs
+// the baseline pass at a bounded rate (BaselineWalk).
+//
+// At most maxPending documents wait. An Add that finds them all taken is
+// counted as an overflow, makes the thread build the first group at once,
+// before its time, and waits for room: nothing is dropped. Stop builds every
+// waiting document before the thread ends (the rest of a baseline pass is
+// dropped and logged); afterwards Add builds on the caller's thread.
+//
+// Add, Flush, the setters and the counters may be called from any thread.
+class DocumentThread : public common::ThreadedClass
+{
+public:
+    using Clock = PendingDocuments::Clock;
+
+    static constexpr size_t kDefaultMaxPending = 10000;
+
+    // The builder and the walk must outlive the thread.
+    DocumentThread(DocumentBuilder& builder, BaselineWalk& baseline, size_t maxPending = kDefaultMaxPending);
+    ~DocumentThread() override;
+
+    // Queues one document; settles: whether it waits for its path to settle.
+    void Add(PendingDocument document, bool settles);
+
+    // Builds every waiting document now and returns once they are built.
+    void Flush();
+
+    // Wakes the thread for queued baseline work.
+    void WakeBaseline();
+
+    void SetSettleTime(std::chrono::milliseconds settleTime);
+    // Files of the baseline pass per second; 0 takes the default.
+    void SetBaselineRate(uint64_t filesPerSecond);
+
+    static constexpr uint64_t kDefaultBaselineRate = 200;
+
+    uint64_t GetOverflowCount() const { return m_overflows.load(); }
+    size_t GetPendingCount() const;
+
+protected:
+    void Run() override;
+    void OnStop() override;
+
+private:
+    void Build(PendingDocuments::Group& group);
+    // Builds with the lock released; m_building tells Flush meanwhile.
+    void BuildUnlocked(std::unique_lock<std::mutex>& lock, PendingDocuments::Group& group);
+    void Wake();
+
+    DocumentBuilder& m_builder;
+    BaselineWalk& m_baseline;
+    const size_t m_maxPending;
+
+    mutable std::mutex m_mutex;
+    // Wakes the thread: new documents, baseline work, flush or stop.
+    std::condition_variable m_wake;
+    // Wakes waiters: room, or everything built.
+    std::condition_variable m_done;
+    PendingDocuments m_pending;
+    bool m_building = false;
+    unsigned m_flushes = 0;
+    // Groups to build before their time, one for each Add that found no room.
+    uint64_t m_earlyBuilds = 0;
+    Clock::duration m_settleTime = std::chrono::milliseconds(1000);
+    Clock::duration m_baselineInterval;
+    std::atomic<uint64_t> m_overflows{0};
+};
+
+} // namespace vantor::fim::internal

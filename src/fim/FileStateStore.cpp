@@ -1,0 +1,91 @@
+#include "fim/FileStateStore.h"
+
+#include "common/Logging.h"
+#include "common/SqlStorage.h"
+
+#include <stdexcept>
+
+namespace vantor::fim::internal
+{
+
+namespace
+{
+
+constexpr const char* kStateTable = BaselineEventSqlDataFormatter::kStateTableName;
+
+void LogFailure(const char* what, const std::string& path, const common::StorageResult& result)
+{
+    if (!result.success)
+    {
+        EDR_LOG_ERROR("FileStateStore: Failed to " << what << " " << path << ": " << result.error);
+    }
+}
+
+} // namespace
+
+FileStateStore::FileStateStore(common::SqlStorage* storage)
+    : m_storage(storage)
+{
+}
+
+std::optional<FileState> FileStateStore::Get(const std::string& path)
+{
+    if (m_storage == nullptr)
+    {
+        return std::nullopt;
+    }
+    const auto result = m_storage->Read(kStateTable, path);
+    LogFailure("read the state of", path, result);
+    if (!result.success || result.rows.empty())
+    {
+        return std::nullopt;
+    }
+    try
+    {
+        return BaselineEventSqlDataFormatter::ParseState(result.rows.front());
+    }
+    catch (const std::out_of_range& e)
+    {
+        EDR_LOG_ERROR("FileStateStore: Invalid state row for " << path << ": " << e.what());
+        return std::nullopt;
+    }
+}
+
+void FileStateStore::Put(const std::string& path, const FileState& state)
+{
+    if (m_storage == nullptr)
+    {
+        return;
+    }
+    std::string record;
+    {
+        std::lock_guard lock(m_mutex);
+        record = m_formatter.FormatState(path, state);
+    }
+    LogFailure("store the state of", path, m_storage->Write(kStateTable, {{path, std::move(record)}}));
+}
+
+void FileStateStore::Remove(const std::string& path)
+{
+    if (m_storage != nullptr)
+    {
+        LogFailure("forget the state of", path, m_storage->Delete(kStateTable, path));
+    }
+}
+
+void FileStateStore::PutContentStatus(const std::string& path, const char* status)
+{
+    if (m_storage == nullptr)
+    {
+        return;
+    }
+    std::string record;
+    {
+        std::lock_guard lock(m_mutex);
+        record = m_formatter.FormatRecord(path, status);
+    }
+    LogFailure("store baseline record for", path,
+               m_storage->Write(BaselineEventSqlDataFormatter::kTableName, {{path, std::move(record)}}));
+}
+
+} // namespace vantor::fim::internal

@@ -1,0 +1,121 @@
+#include "fim/PathEscape.h"
+
+#include <rapidjson/encodings.h>
+#include <rapidjson/memorystream.h>
+
+namespace vantor::fim::internal
+{
+
+namespace
+{
+
+constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+// Discards what the validator copies; only the length is wanted.
+struct NullOutput
+{
+    using Ch = char;
+    void Put(char) {}
+};
+
+int HexValue(char c)
+{
+    if (c >= '0' && c <= '9')
+    {
+        return c - '0';
+    }
+    if (c >= 'A' && c <= 'F')
+    {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+} // namespace
+
+size_t PathEscape::ValidSequenceLength(std::string_view text)
+{
+    if (text.empty())
+    {
+        return 0;
+    }
+    if (static_cast<unsigned char>(text.front()) < 0x80)
+    {
+        return 1;
+    }
+    rapidjson::MemoryStream input(text.data(), text.size());
+    NullOutput output;
+    return rapidjson::UTF8<>::Validate(input, output) ? input.Tell() : 0;
+}
+
+std::string PathEscape::Escape(std::string_view path)
+{
+    std::string out;
+    out.reserve(path.size());
+    size_t pos = 0;
+    while (pos < path.size())
+    {
+        const char c = path[pos];
+        if (c == '\\')
+        {
+            out.append("\\\\");
+            ++pos;
+            continue;
+        }
+        const size_t length = ValidSequenceLength(path.substr(pos));
+        if (length > 0)
+        {
+            out.append(path.substr(pos, length));
+            pos += length;
+            continue;
+        }
+        const auto byte = static_cast<unsigned char>(c);
+        out.append("\\x");
+        out.push_back(kHexDigits[byte >> 4]);
+        out.push_back(kHexDigits[byte & 0x0F]);
+        ++pos;
+    }
+    return out;
+}
+
+std::optional<std::string> PathEscape::Unescape(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    size_t pos = 0;
+    while (pos < text.size())
+    {
+        if (text[pos] != '\\')
+        {
+            const size_t length = ValidSequenceLength(text.substr(pos));
+            if (length == 0)
+            {
+                return std::nullopt;
+            }
+            out.append(text.substr(pos, length));
+            pos += length;
+            continue;
+        }
+        if (pos + 1 < text.size() && text[pos + 1] == '\\')
+        {
+            out.push_back('\\');
+            pos += 2;
+            continue;
+        }
+        if (text.size() - pos < 4)
+        {
+            return std::nullopt;
+        }
+        const int high = HexValue(text[pos + 2]);
+        const int low = HexValue(text[pos + 3]);
+        if (text[pos + 1] != 'x' || high < 0 || low < 0)
+        {
+            return std::nullopt;
+        }
+        out.push_back(static_cast<char>((high << 4) | low));
+        pos += 4;
+    }
+    return out;
+}
+
+} // namespace vantor::fim::internal

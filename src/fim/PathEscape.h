@@ -1,0 +1,41 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vantor::fim::internal
+{
+
+// The text form of a file path in an event document. Linux names are bytes,
+// not text, but a document must be valid UTF-8; so a path is written so that
+// it stays valid UTF-8 and every byte can be recovered:
+//
+// - each byte that does not belong to a valid UTF-8 sequence is written as
+//   the four characters \xNN (a backslash, "x", two upper-case hex digits);
+// - a backslash of the name itself is written as two backslashes;
+// - everything else is written as it is.
+//
+// So "\x" can only come from an escaped byte and "\\" only from a real
+// backslash: two different paths never share a text form. In the JSON of a
+// document the backslash is escaped once more, so a name byte 0xFF reads
+// "\\xFF" in the raw document text.
+//
+// Stateless; callable from any thread.
+class PathEscape
+{
+public:
+    static std::string Escape(std::string_view path);
+
+    // The bytes of an escaped path; nothing when the text is not a form that
+    // Escape makes (a lone backslash, "\x" without two hex digits, an invalid
+    // UTF-8 byte).
+    static std::optional<std::string> Unescape(std::string_view text);
+
+    // Length of the valid UTF-8 sequence at the start of text, 0 when the
+    // first byte does not start one (overlong forms and surrogates are not
+    // valid).
+    static size_t ValidSequenceLength(std::string_view text);
+};
+
+} // namespace vantor::fim::internal

@@ -1,0 +1,369 @@
+#include "ioc/Component.h"
+
+#include "common/HttpUploader.h"
+#include "common/Logging.h"
+#include "common/Scheduler.h"
+#include "common/SpoolRawDataFormatter.h"
+#include "common/SpoolStorage.h"
+#include "common/SqlStorage.h"
+#include "edr/EventRuleEngine.h"
+#include "ioc/ClientInformation.h"
+#include "ioc/ConfigUpdateTask.h"
+#include "ioc/EventFields.h"
+#include "ioc/EventRuleManager.h"
+#include "ioc/SequenceNumber.h"
+#include "ioc/SnapshotSqlDataFormatter.h"
+#include "ioc/TtlProcessTree.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+
+namespace vantor::ioc
+{
+
+namespace
+{
+
+std::unique_ptr<Ioc::Config> CheckConfig(std::unique_ptr<Ioc::Config> config)
+{
+    if (!config)
+    {
+        throw std::runtime_error("ioc::Component: 'config' cannot be null");
+    }
+    return config;
+}
+
+std::shared_ptr<common::HttpUploader> CheckUploader(std::shared_ptr<common::HttpUploader> uploader)
+{
+    if (!uploader)
+    {
+        throw std::runtime_error("ioc::Component: 'uploader' cannot be null");
+    }
+    return uploader;
+}
+
+std::string WithSlash(std::string directory)
+{
+    if (directory.empty() || directory.back() != '/')
+    {
+        directory += '/';
+    }
+    return directory;
+}
+
+void CreateDirectory(const std::string& directory)
+{
+    std::error_code ec;
+    std::filesystem::create_directories(directory, ec);
+    if (ec)
+    {
+        EDR_LOG_ERROR("ioc::Component: Cannot create " << directory << ": " << ec.message());
+    }
+}
+
+common::SpoolStorage::Settings SpoolSettings(const Ioc::Config& config)
+{
+    common::SpoolStorage::Settings settings;
+    settings.maxDiskSizeMb = config.MaxDiskSizeMb();
+    settings.maxFileAgeSec = config.MaxFileAgeSec();
+    settings.maxFileSizeKb = config.MaxFileSizeKb();
+    return settings;
+}
+
+std::string Join(const std::vector<std::string>& ids)
+{
+    std::string text = "[";
+    for (const auto& id : ids)
+    {
+        text += (text.size() > 1 ? ", " : "") + id;
+    }
+    return text + "]";
+}
+
+} // namespace
+
+Component::Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
+                     std::shared_ptr<const edr::LibMagicWrapper> magic, common::Scheduler& scheduler,
+                     std::shared_ptr<common::HttpUploader> uploader, edr::EventRuleEngine& ruleEngine,
+                     uint64_t cpuLimit, uint64_t memoryLimit, BlackoutCheck blackout,
+                     const std::string& installPath)
+    : m_bootTime(bootTime)
+    , m_config(CheckConfig(std::move(config)))
+    , m_uploader(CheckUploader(std::move(uploader)))
+    , m_magic(std::move(magic))
+    , m_scheduler(scheduler)
+    , m_ruleEngine(ruleEngine)
+    , m_limits{cpuLimit, memoryLimit}
+    , m_blackout(std::move(blackout))
+    , m_installPath(installPath)
+{
+    const std::string snapshotDirectory = installPath + kSnapshotDirectory;
+    CreateDirectory(snapshotDirectory);
+    m_snapshot = std::make_unique<common::SqlStorage>(
+        snapshotDirectory, kSnapshotDbName, std::make_unique<internal::SnapshotSqlDataFormatter>(), false);
+    m_sequenceNumber = std::make_unique<internal::SequenceNumber>(*m_snapshot);
+    m_processTree = std::make_unique<TtlProcessTree>();
+    m_processTree->Load(*m_snapshot);
+    ApplySpoolSettingsLocked();
+    m_ruleManager = std::make_unique<internal::EventRuleManager>();
+    m_updates = std::make_unique<internal::ConfigUpdateTask>();
+    {
+        std::lock_guard lock(m_mutex);
+        ApplyManifestsLocked();
+    }
+    EDR_LOG_INFO("Component initialized.");
+}
+
+Component::~Component()
+{
+    m_updates.reset();
+    {
+        std::lock_guard lock(m_mutex);
+        // After this no handler runs, so the parts can go.
+        RemoveRulesLocked();
+        if (m_enabled)
+        {
+            m_processTree->Save(*m_snapshot);
+        }
+    }
+    m_spool.reset();
+    EDR_LOG_INFO("Ioc component destroyed.");
+}
+
+void Component::UpdateConfig(const rapidjson::Value& json, UpdateCallback callback)
+{
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    json.Accept(writer);
+    m_updates->Submit([this, text = std::string(buffer.GetString(), buffer.GetSize()),
+                       callback = std::move(callback)] { ApplyConfig(text, callback); });
+}
+
+void Component::ApplyConfig(const std::string& json, const UpdateCallback& callback)
+{
+    bool enabled = false;
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_config->Update(json))
+        {
+            ApplySpoolSettingsLocked();
+            ApplyManifestsLocked();
+            enabled = m_enabled;
+        }
+    }
+    if (callback)
+    {
+        callback(enabled);
+    }
+}
+
+void Component::ApplySpoolSettingsLocked()
+{
+    const std::string path = m_config->EventFilePath();
+    const std::string directory = WithSlash(path.empty() ? m_installPath : path) + "ioc/";
+    const std::string name = m_config->EventFileName();
+    const std::string prefix = name.empty() ? kDefaultEventFileName : name;
+    if (m_spool && directory == m_spoolDirectory && prefix == m_spoolPrefix)
+    {
+        m_spool->Update(SpoolSettings(*m_config));
+        return;
+    }
+    CreateDirectory(directory);
+    // A new place or name: the batches spooled so far stay where they are.
+    m_spool.reset();
+    m_spool = std::make_unique<common::SpoolStorage>(m_scheduler, directory, prefix,
+                                                     std::make_unique<common::SpoolRawDataFormatter>(),
+                                                     SpoolSettings(*m_config), kMaxSpoolFiles);
+    m_spoolDirectory = directory;
+    m_spoolPrefix = prefix;
+}
+
+void Component::ApplyManifestsLocked()
+{
+    const auto manifests = m_config->GetManifests();
+    const bool loaded = m_ruleManager->LoadManifests(manifests);
+    if (loaded)
+    {
+        EDR_LOG_DEBUG("Ioc::Component: Gateway url prefix is '"
+                      << (m_ruleManager->HasGatewayUrl() ? m_ruleManager->GetGatewayUrl() : std::string())
+                      << "'");
+        InstallRulesLocked();
+    }
+    else
+    {
+        RemoveRulesLocked();
+    }
+    if (manifests.empty())
+    {
+        EDR_LOG_INFO("Disabling IOC");
+        ClearSnapshotLocked();
+        m_enabled = false;
+        return;
+    }
+    m_enabled = loaded;
+    if (m_enabled)
+    {
+        WriteBootTime();
+    }
+}
+
+void Component::InstallRulesLocked()
+{
+    if (!m_registered)
+    {
+        m_ruleEngine.RegisterEventHandlers(
+            kTag, [this](edr::Event& event) { OnEvent(event); }, [this] { OnRulesInvalidated(); });
+        m_registered = true;
+    }
+    try
+    {
+        // The rules of the previous policy go first: ids may be reused.
+        m_ruleEngine.DeleteRules(kTag);
+        m_ruleEngine.AddRules(m_ruleManager->GetAuditRules(), kTag);
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Ioc::Component: Failed to install rules: " << e.what());
+    }
+}
+
+void Component::RemoveRulesLocked()
+{
+    if (m_registered)
+    {
+        try
+        {
+            m_ruleEngine.UnregisterEventHandlers(kTag);
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("Ioc::Component: Failed to unregister handlers: " << e.what());
+        }
+        m_registered = false;
+    }
+    try
+    {
+        m_ruleEngine.DeleteRules(kTag);
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Ioc::Component: Failed to delete rules: " << e.what());
+    }
+}
+
+void Component::ClearSnapshotLocked()
+{
+    m_processTree->Clear();
+    const auto result = m_snapshot->DeleteAll();
+    const auto processes = m_snapshot->Clear(internal::SnapshotSqlDataFormatter::kTtlProcesses);
+    if (result.success && processes.success)
+    {
+        EDR_LOG_INFO("Successfully cleared sql storage");
+    }
+    else
+    {
+        EDR_LOG_ERROR("Failed to clear sql storage");
+    }
+}
+
+void Component::WriteBootTime()
+{
+    const auto result = internal::ClientInformation::Write(
+        *m_snapshot, internal::SnapshotSqlDataFormatter::kBootTime, std::to_string(m_bootTime));
+    if (!result.success)
+    {
+        EDR_LOG_ERROR("Ioc::Component: Failed to write the boot time: " << result.error);
+    }
+}
+
+void Component::OnEvent(const edr::Event& event)
+{
+    m_queue.Push(std::shared_ptr<edr::Event>(event.Clone()));
+    ConsumeQueuedEvents();
+}
+
+void Component::OnRulesInvalidated()
+{
+    try
+    {
+        m_ruleEngine.AddRules(m_ruleManager->GetAuditRules(), kTag);
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Ioc::Component: Failed to install rules again: " << e.what());
+    }
+}
+
+void Component::ConsumeQueuedEvents()
+{
+    if (m_queue.Size() == 0)
+    {
+        return;
+    }
+    const auto events = m_queue.PopAll();
+    const auto rules = m_ruleManager->GetRules();
+    for (const auto& event : events)
+    {
+        TrackProcess(*event);
+        std::vector<std::string> matched;
+        std::vector<std::string> whitelisted;
+        for (const auto& rule : *rules)
+        {
+            try
+            {
+                if (rule->Matches(*event))
+                {
+                    (rule->GetType() == 0 ? whitelisted : matched).push_back(rule->GetId());
+                }
+            }
+            catch (const std::exception& e)
+            {
+                EDR_LOG_ERROR("Failed to process event: " << e.what());
+            }
+        }
+        EDR_LOG_DEBUG("Ioc::Component: Handled " << internal::EventFields::Describe(*event)
+                                                 << ", matching rules " << Join(matched)
+                                                 << ", whitelisted by " << Join(whitelisted));
+    }
+}
+
+void Component::TrackProcess(const edr::Event& event)
+{
+    try
+    {
+        const auto type = event.GetType();
+        if (type == edr::EventType::Running)
+        {
+            m_processTree->AddOrUpdate(event);
+        }
+        else if (type == edr::EventType::Exit || type == edr::EventType::AbnormalEnd)
+        {
+            m_processTree->MarkTerminated(event.GetActorProcessId());
+        }
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("Failed to update process info: " << e.what());
+    }
+    if (m_processTree->DeleteStaleProcesses())
+    {
+        m_processTree->Save(*m_snapshot);
+    }
+}
+
+bool Component::IsEnabled() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_enabled;
+}
+
+uint64_t Component::GetSequenceNumber() const
+{
+    return m_sequenceNumber->Current();
+}
+
+} // namespace vantor::ioc

@@ -1,0 +1,167 @@
+#pragma once
+
+#include "common/SynchronizedQueue.h"
+#include "edr/Event.h"
+#include "ioc/Config.h"
+
+#include <rapidjson/document.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace vantor::common
+{
+class HttpUploader;
+class Scheduler;
+class SpoolStorage;
+class SqlStorage;
+} // namespace vantor::common
+
+namespace vantor::edr
+{
+class EventRuleEngine;
+class LibMagicWrapper;
+} // namespace vantor::edr
+
+namespace vantor::ioc
+{
+
+class TtlProcessTree;
+
+namespace internal
+{
+class ConfigUpdateTask;
+class EventRuleManager;
+class SequenceNumber;
+} // namespace internal
+
+// Indicators of compromise: owns the IOC configuration, the rule manager with
+// the policy of the configured manifests, the snapshot database
+// ("SnapshotEdr.db" in <installPath>/edr, with the persistent batch
+// sequence number), the spool of event batches and the queue of events to
+// process, and ties them to the daemon's event rule engine under the tag
+// "IOC": the kernel rules of the policy's file, directory, process and
+// network rules are installed under that tag, and the events they produce
+// reach the component's handler.
+//
+// Enabled while at least one manifest is loaded; a configuration without
+// manifests disables it and clears the snapshot ("Disabling IOC"); one whose
+// manifests all fail disables it until a usable one arrives. Disabled, it
+// has no kernel rules and no handlers.
+//
+// The TTL process tree is loaded from the snapshot at construction and saved
+// after each stale-process sweep and at destruction.
+//
+// The handler copies each event onto the processing queue. Until the
+// processing thread and its engines exist, the queue is consumed right away
+// on the handler's thread: process-running events add or update their
+// process in the TTL process tree, exits mark it terminated, a sweep of
+// stale processes runs (at most once a second), and each event is matched
+// against the policy's rules and logged at debug level ("Ioc::Component: Handled <action> event <id> of
+// process <pid> (<executable>)" with the rules it matched). Nothing is
+// reported upstream yet.
+//
+// UpdateConfig may be called from any thread; updates run one at a time, in
+// order, on an asynchronous task. The engine must outlive the component.
+class Component
+{
+public:
+    static constexpr const char* kTag = "IOC";
+    static constexpr const char* kSnapshotDirectory = "/edr";
+    static constexpr const char* kSnapshotDbName = "SnapshotEdr.db";
+    static constexpr const char* kDefaultEventFileName = "ioc_events";
+    static constexpr uint64_t kMaxSpoolFiles = 10000;
+
+    using BlackoutCheck = std::function<bool()>;
+    // Told, after an update, whether IOC is enabled (false also when the
+    // update was refused).
+    using UpdateCallback = std::function<void(bool enabled)>;
+
+    // Throws std::runtime_error "ioc::Component: 'config' cannot be null" /
+    // "ioc::Component: 'uploader' cannot be null", "ioc::component: sequence
+    // number out of range." and the storages' exceptions. bootTime is the
+    // host's boot time (seconds since the epoch); cpuLimit, memoryLimit,
+    // magic and blackout are kept for the processing thread and the upload
+    // schedule. The spool lives in event_file_path + "ioc/" (installPath +
+    // "/ioc/" when the path is empty). Loads the configured manifests before
+    // it returns.
+    Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
+              std::shared_ptr<const edr::LibMagicWrapper> magic, common::Scheduler& scheduler,
+              std::shared_ptr<common::HttpUploader> uploader, edr::EventRuleEngine& ruleEngine,
+              uint64_t cpuLimit, uint64_t memoryLimit, BlackoutCheck blackout,
+              const std::string& installPath);
+    ~Component();
+
+    Component(const Component&) = delete;
+    Component& operator=(const Component&) = delete;
+
+    // Queues a new "ioc_config"; it is applied on the update task: the
+    // configuration, the spool limits, the manifests, the kernel rules and
+    // the enabled state, in that order. An invalid configuration changes
+    // nothing.
+    void UpdateConfig(const rapidjson::Value& json, UpdateCallback callback = {});
+
+    bool IsEnabled() const;
+    uint64_t GetSequenceNumber() const;
+    const Ioc::Config& GetConfig() const { return *m_config; }
+    const internal::EventRuleManager& GetRuleManager() const { return *m_ruleManager; }
+    common::SpoolStorage& GetSpool() const { return *m_spool; }
+    TtlProcessTree& GetProcessTree() const { return *m_processTree; }
+
+    // The CPU and memory limits (percent) the processing thread keeps to.
+    struct Limits
+    {
+        uint64_t cpu = 0;
+        uint64_t memory = 0;
+    };
+    const Limits& GetLimits() const { return m_limits; }
+    // Whether uploads must wait now (a blackout period).
+    bool IsBlackout() const { return m_blackout && m_blackout(); }
+    const std::shared_ptr<const edr::LibMagicWrapper>& GetMagic() const { return m_magic; }
+
+private:
+    void ApplyConfig(const std::string& json, const UpdateCallback& callback);
+    // Reads the manifests and sets rules, handlers and state accordingly.
+    void ApplyManifestsLocked();
+    void InstallRulesLocked();
+    void RemoveRulesLocked();
+    void ClearSnapshotLocked();
+    void WriteBootTime();
+    void ApplySpoolSettingsLocked();
+
+    void OnEvent(const edr::Event& event);
+    void OnRulesInvalidated();
+    void ConsumeQueuedEvents();
+    void TrackProcess(const edr::Event& event);
+
+    // In construction order; destroyed in reverse.
+    const uint64_t m_bootTime;
+    std::unique_ptr<Ioc::Config> m_config;
+    std::shared_ptr<common::HttpUploader> m_uploader;
+    std::shared_ptr<const edr::LibMagicWrapper> m_magic;
+    common::Scheduler& m_scheduler;
+    edr::EventRuleEngine& m_ruleEngine;
+    const Limits m_limits;
+    const BlackoutCheck m_blackout;
+    const std::string m_installPath;
+    std::unique_ptr<common::SqlStorage> m_snapshot;
+    std::unique_ptr<internal::SequenceNumber> m_sequenceNumber;
+    std::unique_ptr<TtlProcessTree> m_processTree;
+    std::unique_ptr<common::SpoolStorage> m_spool;
+    std::unique_ptr<internal::EventRuleManager> m_ruleManager;
+    common::SynchronizedQueue<edr::Event> m_queue;
+
+    mutable std::mutex m_mutex;
+    bool m_enabled = false;
+    bool m_registered = false;
+    std::string m_spoolDirectory;
+    std::string m_spoolPrefix;
+
+    // Last: no update runs once the members above start to go.
+    std::unique_ptr<internal::ConfigUpdateTask> m_updates;
+};
+
+} // namespace vantor::ioc

@@ -1,0 +1,95 @@
+#include "ioc/EventFields.h"
+
+#include <sys/stat.h>
+
+#include <sstream>
+
+namespace vantor::ioc::internal
+{
+
+namespace
+{
+
+template <typename Read>
+auto Optional(Read read) -> std::optional<decltype(read())>
+{
+    try
+    {
+        return read();
+    }
+    catch (const edr::EventException&)
+    {
+        return std::nullopt;
+    }
+}
+
+std::optional<std::string> NonEmpty(std::optional<std::string> text)
+{
+    if (text && text->empty())
+    {
+        return std::nullopt;
+    }
+    return text;
+}
+
+} // namespace
+
+std::optional<std::string> EventFields::File(const edr::Event& event)
+{
+    return NonEmpty(Optional([&] { return event.GetFile(); }));
+}
+
+std::optional<std::string> EventFields::NewFile(const edr::Event& event)
+{
+    return NonEmpty(Optional([&] { return event.GetNewFile(); }));
+}
+
+std::optional<std::string> EventFields::Image(const edr::Event& event)
+{
+    return NonEmpty(Optional([&] { return event.GetImage(); }));
+}
+
+std::optional<pid_t> EventFields::ProcessId(const edr::Event& event)
+{
+    return Optional([&] { return event.GetActorProcessId(); });
+}
+
+std::optional<pid_t> EventFields::ParentProcessId(const edr::Event& event)
+{
+    return Optional([&] { return event.GetActorParentProcessId(); });
+}
+
+bool EventFields::IsFileEvent(edr::EventType type)
+{
+    return edr::IsFileEventType(type);
+}
+
+bool EventFields::IsNetworkEvent(edr::EventType type)
+{
+    return type == edr::EventType::Connect || type == edr::EventType::Accept || type == edr::EventType::Bind;
+}
+
+bool EventFields::IsDirectory(const edr::Event& event)
+{
+    return Optional([&] { return event.GetFileType(); }) == static_cast<uint32_t>(S_IFDIR);
+}
+
+std::string EventFields::Describe(const edr::Event& event)
+{
+    std::ostringstream text;
+    text << Optional([&] { return event.GetActionName(); }).value_or("Unknown") << " event "
+         << Optional([&] { return event.GetEventId(); }).value_or(0) << " of process ";
+    const auto pid = ProcessId(event);
+    if (pid)
+    {
+        text << *pid;
+    }
+    else
+    {
+        text << "?";
+    }
+    text << " (" << Image(event).value_or("") << ")";
+    return text.str();
+}
+
+} // namespace vantor::ioc::internal

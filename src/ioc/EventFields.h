@@ -1,0 +1,37 @@
+#pragma once
+
+#include "edr/Event.h"
+
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+namespace vantor::ioc::internal
+{
+
+// What IOC reads of an event, without the exceptions: every event class
+// answers only what it carries (the others throw edr::EventException), and
+// a question an event cannot answer must count as "no value", never fail
+// the event.
+class EventFields
+{
+public:
+    // The file a file event is about, and the new name of a rename; empty
+    // when the event has none.
+    static std::optional<std::string> File(const edr::Event& event);
+    static std::optional<std::string> NewFile(const edr::Event& event);
+    // The executable of the acting process.
+    static std::optional<std::string> Image(const edr::Event& event);
+    static std::optional<pid_t> ProcessId(const edr::Event& event);
+    static std::optional<pid_t> ParentProcessId(const edr::Event& event);
+
+    static bool IsFileEvent(edr::EventType type);
+    static bool IsNetworkEvent(edr::EventType type);
+    // Whether the object of a file event is a directory.
+    static bool IsDirectory(const edr::Event& event);
+
+    // "<action> event <id> of process <pid> (<executable>)" for log lines.
+    static std::string Describe(const edr::Event& event);
+};
+
+} // namespace vantor::ioc::internal

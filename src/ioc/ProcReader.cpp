@@ -1,0 +1,273 @@
+#include "ioc/ProcReader.h"
+
+#include "common/Logging.h"
+
+#include <unistd.h>
+
+#include <charconv>
+#include <climits>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+namespace vantor::ioc::internal
+{
+
+namespace
+{
+
+template <typename T>
+bool ParseNumber(std::string_view text, T& value)
+{
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return ec == std::errc() && end == text.data() + text.size();
+}
+
+// The value after a "Name:" line's label, e.g. the four ids of "Uid:".
+std::optional<std::vector<std::string>> LineFields(const std::string& text, const std::string& label)
+{
+    std::istringstream lines(text);
+    std::string line;
+    while (std::getline(lines, line))
+    {
+        if (line.compare(0, label.size(), label) == 0)
+        {
+            std::istringstream fields(line.substr(label.size()));
+            std::vector<std::string> values;
+            for (std::string field; fields >> field;)
+            {
+                values.push_back(field);
+            }
+            return values;
+        }
+    }
+    return std::nullopt;
+}
+
+bool IsLibrary(const std::string& path)
+{
+    const auto slash = path.rfind('/');
+    const std::string name = path.substr(slash == std::string::npos ? 0 : slash + 1);
+    const auto so = name.find(".so");
+    return so != std::string::npos && (so + 3 == name.size() || name[so + 3] == '.');
+}
+
+} // namespace
+
+ProcReader::ProcReader(std::string root)
+    : m_root(std::move(root))
+    , m_ticksPerSecond(sysconf(_SC_CLK_TCK) > 0 ? sysconf(_SC_CLK_TCK) : 100)
+{
+}
+
+bool ProcReader::ReadFile(const std::string& path, std::string& text)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+    {
+        return false;
+    }
+    std::ostringstream content;
+    content << file.rdbuf();
+    text = content.str();
+    return !file.bad();
+}
+
+std::string ProcReader::PidPath(pid_t pid, const char* entry) const
+{
+    return m_root + "/" + std::to_string(pid) + "/" + entry;
+}
+
+std::optional<int64_t> ProcReader::BootTime() const
+{
+    std::string text;
+    if (!ReadFile(m_root + "/stat", text))
+    {
+        EDR_LOG_ERROR("Failed to find bootTime: cannot read " << m_root << "/stat");
+        return std::nullopt;
+    }
+    const auto fields = LineFields(text, "btime");
+    if (!fields)
+    {
+        EDR_LOG_ERROR("Failed to find bootTime: no btime line in " << m_root << "/stat");
+        return std::nullopt;
+    }
+    int64_t bootTime = 0;
+    if (fields->size() != 1 || !ParseNumber(fields->front(), bootTime))
+    {
+        EDR_LOG_ERROR("Failed to parse bootTime: " << (fields->empty() ? std::string() : fields->front()));
+        return std::nullopt;
+    }
+    return bootTime;
+}
+
+std::optional<ProcReader::Stat> ProcReader::ReadStat(pid_t pid) const
+{
+    std::string text;
+    if (!ReadFile(PidPath(pid, "stat"), text))
+    {
+        return std::nullopt;
+    }
+    // The command name may hold spaces and parentheses: the fields start
+    // after the last ')'.
+    const auto close = text.rfind(')');
+    std::vector<std::string> fields;
+    if (close != std::string::npos)
+    {
+        std::istringstream rest(text.substr(close + 1));
+        for (std::string field; rest >> field;)
+        {
+            fields.push_back(field);
+        }
+    }
+    Stat stat;
+    // fields[0] is the third field of the file (state); the start time is
+    // the 22nd.
+    if (fields.size() < 20 || fields[0].size() != 1 || !ParseNumber(fields[1], stat.parentPid) ||
+        !ParseNumber(fields[15], stat.priority) || !ParseNumber(fields[19], stat.startTicks))
+    {
+        EDR_LOG_ERROR("Failed to parse startTime: malformed " << PidPath(pid, "stat"));
+        return std::nullopt;
+    }
+    stat.state = fields[0][0];
+    return stat;
+}
+
+std::optional<int64_t> ProcReader::StartTime(pid_t pid) const
+{
+    const auto stat = ReadStat(pid);
+    if (!stat)
+    {
+        return std::nullopt;
+    }
+    const auto bootTime = BootTime();
+    if (!bootTime)
+    {
+        return std::nullopt;
+    }
+    const int64_t startTime =
+        *bootTime * 1000 +
+        static_cast<int64_t>(stat->startTicks * 1000 / static_cast<uint64_t>(m_ticksPerSecond));
+    EDR_LOG_DEBUG("Read process start time as " << startTime);
+    return startTime;
+}
+
+std::optional<std::string> ProcReader::ReadLink(const std::string& path) const
+{
+    std::string target(PATH_MAX, '\0');
+    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
+    if (length < 0)
+    {
+        return std::nullopt;
+    }
+    target.resize(static_cast<size_t>(length));
+    return target;
+}
+
+std::optional<std::string> ProcReader::ReadImage(pid_t pid) const
+{
+    auto image = ReadLink(PidPath(pid, "exe"));
+    if (!image)
+    {
+        EDR_LOG_DEBUG("Failed to get real file path: " << PidPath(pid, "exe"));
+        return std::nullopt;
+    }
+    constexpr std::string_view kDeleted = " (deleted)";
+    if (image->size() > kDeleted.size() &&
+        image->compare(image->size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0)
+    {
+        image->resize(image->size() - kDeleted.size());
+    }
+    return image;
+}
+
+std::optional<std::vector<std::string>> ProcReader::ReadArguments(pid_t pid) const
+{
+    std::string text;
+    if (!ReadFile(PidPath(pid, "cmdline"), text))
+    {
+        EDR_LOG_ERROR("Failed to read process arguments from " << PidPath(pid, "cmdline"));
+        return std::nullopt;
+    }
+    std::vector<std::string> arguments;
+    for (size_t start = 0; start < text.size();)
+    {
+        const auto end = text.find('\0', start);
+        arguments.push_back(text.substr(start, end == std::string::npos ? std::string::npos : end - start));
+        start = end == std::string::npos ? text.size() : end + 1;
+    }
+    return arguments;
+}
+
+std::optional<std::string> ProcReader::ReadCwd(pid_t pid) const
+{
+    return ReadLink(PidPath(pid, "cwd"));
+}
+
+std::optional<ProcReader::Ids> ProcReader::ReadIds(pid_t pid) const
+{
+    const std::string path = PidPath(pid, "status");
+    std::string text;
+    if (!ReadFile(path, text))
+    {
+        EDR_LOG_ERROR("Failed to read uid and gid of process from " << path);
+        return std::nullopt;
+    }
+    const auto uids = LineFields(text, "Uid:");
+    Ids ids;
+    if (!uids || uids->size() < 2 || !ParseNumber((*uids)[0], ids.uid) || !ParseNumber((*uids)[1], ids.euid))
+    {
+        EDR_LOG_ERROR("Failed to parse Uid of process: " << path);
+        return std::nullopt;
+    }
+    const auto gids = LineFields(text, "Gid:");
+    if (!gids || gids->empty() || !ParseNumber(gids->front(), ids.gid))
+    {
+        EDR_LOG_ERROR("Failed to parse Gid of process: " << path);
+        return std::nullopt;
+    }
+    EDR_LOG_DEBUG("Read uid=" << ids.uid << ", gid=" << ids.gid << " from " << path);
+    return ids;
+}
+
+std::optional<int64_t> ProcReader::ReadLoginUid(pid_t pid) const
+{
+    std::string text;
+    int64_t auid = 0;
+    if (!ReadFile(PidPath(pid, "loginuid"), text) || !ParseNumber(text, auid))
+    {
+        return std::nullopt;
+    }
+    return auid;
+}
+
+std::optional<std::vector<std::string>> ProcReader::ReadLibraries(pid_t pid) const
+{
+    std::string text;
+    if (!ReadFile(PidPath(pid, "maps"), text))
+    {
+        EDR_LOG_ERROR("Failed to read library path from " << PidPath(pid, "maps"));
+        return std::nullopt;
+    }
+    std::vector<std::string> libraries;
+    std::set<std::string> seen;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+    {
+        // address perms offset dev inode path
+        const auto slash = line.find('/');
+        if (slash == std::string::npos)
+        {
+            continue;
+        }
+        const std::string path = line.substr(slash);
+        if (IsLibrary(path) && seen.insert(path).second)
+        {
+            EDR_LOG_TRACE("Added library path " << path << " in list for processing");
+            libraries.push_back(path);
+        }
+    }
+    return libraries;
+}
+
+} // namespace vantor::ioc::internal

@@ -1,0 +1,558 @@
+#include "ioc/TtlProcessTree.h"
+
+#include "common/Logging.h"
+#include "common/SqlStorage.h"
+#include "edr/Event.h"
+#include "ioc/SnapshotSqlDataFormatter.h"
+#include "ioc/TtlProcessRow.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace vantor::ioc
+{
+
+using internal::SnapshotSqlDataFormatter;
+using internal::TtlProcessRow;
+
+TtlProcessTree::TtlProcessTree(std::string procRoot, std::chrono::seconds ttl, Clock clock)
+    : m_proc(std::move(procRoot))
+    , m_ttl(ttl)
+    , m_clock(std::move(clock))
+{
+}
+
+bool TtlProcessTree::SameStart(int64_t a, int64_t b)
+{
+    return std::llabs(a - b) <= kStartTimeToleranceMs;
+}
+
+TtlProcessTree::Entry* TtlProcessTree::FindLocked(pid_t pid)
+{
+    const auto it = m_entries.find(pid);
+    return it == m_entries.end() ? nullptr : &it->second;
+}
+
+void TtlProcessTree::AddOrUpdate(const edr::Event& event)
+{
+    const pid_t pid = event.GetActorProcessId();
+    if (pid <= 0)
+    {
+        throw TtlProcessTreeException(std::to_string(pid) + " cannot be added as actor process information");
+    }
+    const auto startTime = m_proc.StartTime(pid);
+    auto process =
+        ProcessInfo::FromEvent(event, startTime ? *startTime : static_cast<int64_t>(event.GetTimestamp()));
+    if (const auto stat = startTime ? m_proc.ReadStat(pid) : std::nullopt)
+    {
+        process.priority = stat->priority;
+        process.state = ProcessInfo::StateOf(stat->state);
+    }
+
+    std::lock_guard lock(m_mutex);
+    Entry* entry = FindLocked(pid);
+    if (entry && !SameStart(entry->info.creationTime, process.creationTime))
+    {
+        EDR_LOG_DEBUG("Reuse of pid detected for " << pid);
+        DeleteLocked(pid);
+        entry = nullptr;
+    }
+    if (!entry)
+    {
+        AddLocked(std::move(process));
+        return;
+    }
+    // The same process ran another image: what the engines gave it stays.
+    process.children = std::move(entry->info.children);
+    process.tags = std::move(entry->info.tags);
+    process.verdicts = std::move(entry->info.verdicts);
+    process.creationTime = entry->info.creationTime;
+    const pid_t oldParent = entry->info.parentPid;
+    entry->info = std::move(process);
+    ++m_generation;
+    if (oldParent != entry->info.parentPid)
+    {
+        EDR_LOG_DEBUG("Updating Parent of PID: " << pid << "Old Parent PID:"
+                                                 << " " << oldParent << "New Parent PID:"
+                                                 << " " << entry->info.parentPid);
+        UnlinkFromParentLocked(pid, oldParent);
+        LinkToParentLocked(pid, entry->info.parentPid);
+    }
+}
+
+void TtlProcessTree::Add(ProcessInfo process)
+{
+    std::lock_guard lock(m_mutex);
+    if (m_entries.count(process.pid) != 0)
+    {
+        throw TtlProcessTreeException("Process with pid " + std::to_string(process.pid) +
+                                      " already exists in the process tree");
+    }
+    AddLocked(std::move(process));
+}
+
+void TtlProcessTree::AddLocked(ProcessInfo process)
+{
+    const pid_t pid = process.pid;
+    const pid_t parentPid = process.parentPid;
+    ++m_generation;
+    m_removed.erase(pid);
+    auto& entry = m_entries[pid];
+    entry = Entry{};
+    entry.info = std::move(process);
+    // Children that named this pid as their parent before it was known.
+    if (const auto waiting = m_waitingChildren.find(pid); waiting != m_waitingChildren.end())
+    {
+        for (const pid_t child : waiting->second)
+        {
+            const Entry* known = FindLocked(child);
+            if (known && known->info.parentPid == pid && child != pid)
+            {
+                entry.info.children.insert(child);
+            }
+        }
+        m_waitingChildren.erase(waiting);
+    }
+    LinkToParentLocked(pid, parentPid);
+    if (entry.info.HasTag(kTerminated))
+    {
+        entry.terminatedAt = m_clock();
+    }
+}
+
+void TtlProcessTree::LinkToParentLocked(pid_t pid, pid_t parentPid)
+{
+    if (parentPid <= 0 || parentPid == pid)
+    {
+        return;
+    }
+    if (Entry* parent = FindLocked(parentPid))
+    {
+        parent->info.children.insert(pid);
+    }
+    else
+    {
+        EDR_LOG_TRACE("Ppid: " << parentPid << " does not exist for process: " << pid);
+        m_waitingChildren[parentPid].insert(pid);
+    }
+}
+
+void TtlProcessTree::UnlinkFromParentLocked(pid_t pid, pid_t parentPid)
+{
+    if (Entry* parent = FindLocked(parentPid))
+    {
+        parent->info.children.erase(pid);
+    }
+    else if (const auto waiting = m_waitingChildren.find(parentPid); waiting != m_waitingChildren.end())
+    {
+        waiting->second.erase(pid);
+        if (waiting->second.empty())
+        {
+            m_waitingChildren.erase(waiting);
+        }
+    }
+}
+
+void TtlProcessTree::Delete(pid_t pid)
+{
+    if (pid <= 0)
+    {
+        throw TtlProcessTreeException("ProcessTree::Delete: 'pid' is invalid");
+    }
+    std::lock_guard lock(m_mutex);
+    if (m_entries.count(pid) == 0)
+    {
+        throw TtlProcessTreeException("Process PID: " + std::to_string(pid) + " not found.");
+    }
+    DeleteLocked(pid);
+}
+
+void TtlProcessTree::DeleteLocked(pid_t pid)
+{
+    const auto it = m_entries.find(pid);
+    if (it == m_entries.end())
+    {
+        EDR_LOG_ERROR("Process PID: " << pid << " not found.");
+        return;
+    }
+    UnlinkFromParentLocked(pid, it->second.info.parentPid);
+    for (const pid_t child : it->second.info.children)
+    {
+        // The children stay; their parent link names a pid the tree no
+        // longer knows, as after any exit.
+        if (!FindLocked(child))
+        {
+            EDR_LOG_DEBUG("Child process with PID: " << child
+                                                     << " not found while deleting for Process PID: " << pid);
+        }
+    }
+    m_entries.erase(it);
+    m_removed.insert(pid);
+    ++m_generation;
+}
+
+bool TtlProcessTree::Contains(pid_t pid) const
+{
+    std::lock_guard lock(m_mutex);
+    return m_entries.count(pid) != 0;
+}
+
+size_t TtlProcessTree::Size() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_entries.size();
+}
+
+ProcessInfo TtlProcessTree::GetProcessInfo(pid_t pid) const
+{
+    std::lock_guard lock(m_mutex);
+    const auto it = m_entries.find(pid);
+    if (it == m_entries.end())
+    {
+        throw TtlProcessTreeException("ProcessInfo for pid " + std::to_string(pid) + " does not exist");
+    }
+    return it->second.info;
+}
+
+std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
+{
+    if (pid <= 0)
+    {
+        throw TtlProcessTreeException("TtlProcessTree::GetAncestors: 'pid' is invalid");
+    }
+    std::lock_guard lock(m_mutex);
+    std::vector<pid_t> ancestors;
+    std::set<pid_t> seen{pid};
+    auto it = m_entries.find(pid);
+    while (it != m_entries.end())
+    {
+        const pid_t parent = it->second.info.parentPid;
+        // A loop of stale links ends the walk.
+        if (parent <= 0 || !seen.insert(parent).second)
+        {
+            break;
+        }
+        const int64_t childStart = it->second.info.creationTime;
+        it = m_entries.find(parent);
+        // A parent that started after its child is a later process on the
+        // parent's reused pid.
+        if (it == m_entries.end() || it->second.info.creationTime > childStart + kStartTimeToleranceMs)
+        {
+            break;
+        }
+        ancestors.push_back(parent);
+    }
+    return ancestors;
+}
+
+bool TtlProcessTree::CacheEvent(EventPtr event)
+{
+    if (!event)
+    {
+        return false;
+    }
+    const pid_t pid = event->GetActorProcessId();
+    const uint32_t id = event->GetEventId();
+    std::lock_guard lock(m_mutex);
+    Entry* entry = FindLocked(pid);
+    if (!entry)
+    {
+        return false;
+    }
+    entry->events[id] = std::move(event);
+    return true;
+}
+
+std::vector<TtlProcessTree::EventPtr> TtlProcessTree::TakeCachedEvents(pid_t pid)
+{
+    std::lock_guard lock(m_mutex);
+    std::vector<EventPtr> events;
+    Entry* entry = FindLocked(pid);
+    if (!entry || entry->events.empty())
+    {
+        return events;
+    }
+    EDR_LOG_DEBUG("Adding Events from cache for PID: " << pid);
+    events.reserve(entry->events.size());
+    for (auto& [id, event] : entry->events)
+    {
+        events.push_back(std::move(event));
+    }
+    entry->events.clear();
+    return events;
+}
+
+size_t TtlProcessTree::CachedEventCount() const
+{
+    std::lock_guard lock(m_mutex);
+    size_t count = 0;
+    for (const auto& [pid, entry] : m_entries)
+    {
+        count += entry.events.size();
+    }
+    return count;
+}
+
+bool TtlProcessTree::AddTag(pid_t pid, const std::string& tag, int64_t score)
+{
+    std::lock_guard lock(m_mutex);
+    Entry* entry = FindLocked(pid);
+    if (!entry)
+    {
+        return false;
+    }
+    if (tag == kReported)
+    {
+        // A reported process is reported whatever excluded it before.
+        entry->info.tags.erase(kExcluded);
+    }
+    entry->info.tags[tag] = score;
+    ++m_generation;
+    return true;
+}
+
+bool TtlProcessTree::RemoveTag(pid_t pid, const std::string& tag)
+{
+    std::lock_guard lock(m_mutex);
+    Entry* entry = FindLocked(pid);
+    if (!entry || entry->info.tags.erase(tag) == 0)
+    {
+        EDR_LOG_DEBUG("Failed to remove tag " << tag << " from process " << pid);
+        return false;
+    }
+    ++m_generation;
+    return true;
+}
+
+bool TtlProcessTree::HasTag(pid_t pid, const std::string& tag) const
+{
+    std::lock_guard lock(m_mutex);
+    const auto it = m_entries.find(pid);
+    return it != m_entries.end() && it->second.info.HasTag(tag);
+}
+
+bool TtlProcessTree::SetVerdict(pid_t pid, const std::string& engine, int verdict)
+{
+    std::lock_guard lock(m_mutex);
+    Entry* entry = FindLocked(pid);
+    if (!entry)
+    {
+        return false;
+    }
+    entry->info.verdicts[engine] = verdict;
+    return true;
+}
+
+void TtlProcessTree::MarkTerminated(pid_t pid)
+{
+    std::lock_guard lock(m_mutex);
+    if (Entry* entry = FindLocked(pid))
+    {
+        MarkTerminatedLocked(*entry);
+    }
+}
+
+void TtlProcessTree::MarkTerminatedLocked(Entry& entry)
+{
+    if (!entry.info.HasTag(kTerminated))
+    {
+        entry.info.tags[kTerminated] = 0;
+        entry.terminatedAt = m_clock();
+        ++m_generation;
+    }
+}
+
+bool TtlProcessTree::DeleteStaleProcesses()
+{
+    std::lock_guard lock(m_mutex);
+    const auto now = m_clock();
+    if (m_lastSweep != std::chrono::steady_clock::time_point{} && now - m_lastSweep < kSweepInterval)
+    {
+        return false;
+    }
+    m_lastSweep = now;
+    std::vector<pid_t> expired;
+    for (auto& [pid, entry] : m_entries)
+    {
+        if (entry.info.HasTag(kTerminated) && now - entry.terminatedAt >= m_ttl)
+        {
+            entry.info.tags[kTtlExpired] = 0;
+            expired.push_back(pid);
+        }
+    }
+    for (const pid_t pid : expired)
+    {
+        EDR_LOG_DEBUG("DeleteStaleProcesses: Deleting ProcessInfo for PID: " << pid);
+        DeleteLocked(pid);
+    }
+    return true;
+}
+
+void TtlProcessTree::EnsureInitLocked()
+{
+    if (m_entries.count(1) != 0)
+    {
+        return;
+    }
+    try
+    {
+        AddLocked(ProcessInfo::FromProc(m_proc, 1));
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR(e.what());
+    }
+}
+
+bool TtlProcessTree::Save(common::SqlStorage& snapshot)
+{
+    SnapshotSqlDataFormatter formatter;
+    common::SqlStorage::Records records;
+    std::set<pid_t> removed;
+    uint64_t generation = 0;
+    {
+        std::lock_guard lock(m_mutex);
+        EnsureInitLocked();
+        if (m_generation == m_savedGeneration && m_removed.empty())
+        {
+            // Nothing that the rows hold has changed since the last save.
+            return true;
+        }
+        generation = m_generation;
+        EDR_LOG_DEBUG("Saving Ttl Process Tree to db");
+        records.reserve(m_entries.size());
+        for (const auto& [pid, entry] : m_entries)
+        {
+            records.emplace_back(std::to_string(pid), TtlProcessRow::Format(formatter, entry.info));
+        }
+        removed = m_removed;
+    }
+    const std::string table = SnapshotSqlDataFormatter::kTtlProcesses;
+    bool saved = snapshot.Write(table, records).success;
+    std::set<pid_t> deleted;
+    for (const pid_t pid : removed)
+    {
+        if (saved && snapshot.Delete(table, std::to_string(pid)).success)
+        {
+            deleted.insert(pid);
+        }
+        else
+        {
+            saved = false;
+        }
+    }
+    if (!saved)
+    {
+        EDR_LOG_ERROR("Failed to update '" << table << "' table in snapshot DB.");
+    }
+    std::lock_guard lock(m_mutex);
+    for (const pid_t pid : deleted)
+    {
+        m_removed.erase(pid);
+    }
+    if (saved)
+    {
+        m_savedGeneration = generation;
+    }
+    return saved;
+}
+
+void TtlProcessTree::Clear()
+{
+    std::lock_guard lock(m_mutex);
+    m_entries.clear();
+    m_waitingChildren.clear();
+    m_removed.clear();
+    ++m_generation;
+}
+
+void TtlProcessTree::ClearStored(common::SqlStorage& snapshot)
+{
+    if (snapshot.Clear(SnapshotSqlDataFormatter::kTtlProcesses).success)
+    {
+        EDR_LOG_INFO("Successfully cleared TtlProcesses table from sql storage");
+    }
+    else
+    {
+        EDR_LOG_ERROR("Failed to clear TtlProcesses table from sql storage");
+    }
+}
+
+void TtlProcessTree::Load(common::SqlStorage& snapshot)
+{
+    EDR_LOG_INFO("Loading up processes from TtlProcesses table.");
+    const auto result = snapshot.Read(SnapshotSqlDataFormatter::kTtlProcesses, "");
+    if (!result.success)
+    {
+        EDR_LOG_ERROR("Failed to load the TtlProcessTree: " << result.error);
+        return;
+    }
+    std::vector<ProcessInfo> stored;
+    for (const auto& row : result.rows)
+    {
+        try
+        {
+            stored.push_back(TtlProcessRow::Parse(row));
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("Skipping a deformed TtlProcesses row: " << e.what());
+        }
+    }
+    if (stored.empty())
+    {
+        return;
+    }
+
+    // Without a stored process 1 the rows cannot be tied to this boot.
+    const auto init = std::find_if(stored.begin(), stored.end(), [](const auto& p) { return p.pid == 1; });
+    const auto initStart = m_proc.StartTime(1);
+    if (init == stored.end() || !initStart || !SameStart(init->creationTime, *initStart))
+    {
+        if (init != stored.end())
+        {
+            const auto slash = init->image.path.rfind('/');
+            EDR_LOG_DEBUG("Start time for PID: "
+                          << "1"
+                          << " Process: " << init->image.path.substr(slash + 1)
+                          << " differs from stored start time.");
+        }
+        EDR_LOG_INFO("System reboot detected. Clearing the TtlProcessTree.");
+        Clear();
+        ClearStored(snapshot);
+        return;
+    }
+
+    std::lock_guard lock(m_mutex);
+    for (auto& process : stored)
+    {
+        const pid_t pid = process.pid;
+        const auto liveStart = m_proc.StartTime(pid);
+        if (liveStart && !SameStart(*liveStart, process.creationTime))
+        {
+            EDR_LOG_DEBUG(pid << " creation time from SnapshotDB differs with Proc creation time");
+            m_removed.insert(pid);
+            continue;
+        }
+        // Children are linked again from the parents the rows name.
+        process.children.clear();
+        if (m_entries.count(pid) != 0)
+        {
+            DeleteLocked(pid);
+        }
+        AddLocked(std::move(process));
+        Entry& entry = m_entries.at(pid);
+        if (!liveStart)
+        {
+            EDR_LOG_DEBUG("ProcessID: " << pid << " exited.");
+            MarkTerminatedLocked(entry);
+        }
+        else if (const auto stat = m_proc.ReadStat(pid))
+        {
+            entry.info.state = ProcessInfo::StateOf(stat->state);
+            entry.info.priority = stat->priority;
+        }
+    }
+}
+
+} // namespace vantor::ioc

@@ -1,0 +1,174 @@
+#pragma once
+
+#include "ioc/ProcReader.h"
+#include "ioc/ProcessInfo.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace vantor::edr
+{
+class Event;
+}
+
+namespace vantor::common
+{
+class SqlStorage;
+}
+
+namespace vantor::ioc
+{
+
+class TtlProcessTreeException : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The IOC component's own memory of processes: for every process the engines
+// have seen, its ProcessInfo with tags and verdicts, its parent and children,
+// and the events cached for it (in event id order) until it is worth
+// reporting.
+//
+// - A process-running event adds the process, or updates it when the pid is
+//   known with the same start time; a different start time is a reused pid
+//   and the new process replaces the old entry with nothing of its tags or
+//   events. A changed parent re-parents the entry.
+// - An exit marks the process "Terminated"; kTerminatedTtl later a sweep
+//   marks it "TtlExpired" and deletes it with its cached events. Sweeps run
+//   at most once a second.
+// - Save writes every process into the snapshot's "TtlProcesses" in one
+//   transaction and then deletes the rows of processes that left; a failed
+//   save keeps everything in memory and is retried at the next save. Load
+//   (at start-up) reads the rows back unless process 1 started anew (a
+//   reboot), drops rows whose pid now belongs to another process, and marks
+//   processes that no longer run "Terminated".
+//
+// Memory: one entry with typical paths and arguments and three small cached
+// events takes about 1.8 KiB, so 100,000 processes stay within 180 MiB
+// (measured by the tree bench); cached events of reported processes are
+// taken out, and exited processes leave after kTerminatedTtl.
+//
+// Every operation locks the tree's one mutex; callable from any thread.
+class TtlProcessTree
+{
+public:
+    using Clock = std::function<std::chrono::steady_clock::time_point()>;
+    using EventPtr = std::shared_ptr<const edr::Event>;
+
+    static constexpr const char* kExcluded = "Excluded";
+    static constexpr const char* kReported = "Reported";
+    static constexpr const char* kTerminated = "Terminated";
+    static constexpr const char* kTtlExpired = "TtlExpired";
+
+    // How long an exited process stays: long enough for its late events to
+    // find it (the capture queues hold seconds of events) and for a
+    // verdict's ancestor walk to see a short-lived parent, short enough that
+    // a fork storm does not pile up exited entries.
+    static constexpr std::chrono::seconds kTerminatedTtl{300};
+    static constexpr std::chrono::seconds kSweepInterval{1};
+    // Two readings of one process's start time may differ by the jitter of
+    // the boot time the kernel reports.
+    static constexpr int64_t kStartTimeToleranceMs = 1000;
+
+    explicit TtlProcessTree(std::string procRoot = "/proc", std::chrono::seconds ttl = kTerminatedTtl,
+                            Clock clock = std::chrono::steady_clock::now);
+
+    // From a process-running event. The start time comes from /proc while
+    // the process runs, else from the event's time stamp.
+    void AddOrUpdate(const edr::Event& event);
+    // Throws TtlProcessTreeException "Process with pid <pid> already exists
+    // in the process tree".
+    void Add(ProcessInfo process);
+    // Throws TtlProcessTreeException "ProcessTree::Delete: 'pid' is invalid"
+    // for a pid of 0 or below, "Process PID: <pid> not found." when absent.
+    void Delete(pid_t pid);
+
+    bool Contains(pid_t pid) const;
+    size_t Size() const;
+    // A copy; throws TtlProcessTreeException "ProcessInfo for pid <pid> does
+    // not exist".
+    ProcessInfo GetProcessInfo(pid_t pid) const;
+    // The parent, its parent, ... as far as the tree knows them (a "parent"
+    // that started after its child is a later process on a reused pid and
+    // ends the walk). Throws
+    // TtlProcessTreeException "TtlProcessTree::GetAncestors: 'pid' is
+    // invalid" for a pid of 0 or below.
+    std::vector<pid_t> GetAncestors(pid_t pid) const;
+
+    // Caches the event under its acting process (false when the process is
+    // not in the tree); an event with an id already cached replaces it.
+    bool CacheEvent(EventPtr event);
+    // Takes the cached events of a pid, in event id order.
+    std::vector<EventPtr> TakeCachedEvents(pid_t pid);
+    size_t CachedEventCount() const;
+
+    // False (and nothing changes) when the pid is not in the tree.
+    bool AddTag(pid_t pid, const std::string& tag, int64_t score = 0);
+    // Logs "Failed to remove tag <tag> from process <pid>" when the process
+    // or the tag is missing.
+    bool RemoveTag(pid_t pid, const std::string& tag);
+    bool HasTag(pid_t pid, const std::string& tag) const;
+    bool SetVerdict(pid_t pid, const std::string& engine, int verdict);
+
+    // Marks the process "Terminated" and starts its TTL.
+    void MarkTerminated(pid_t pid);
+    // Deletes the processes whose TTL ran out; does nothing when the last
+    // sweep was less than a second ago. Answers whether it swept.
+    bool DeleteStaleProcesses();
+
+    // Forgets every process (the rows stay until the caller clears them).
+    void Clear();
+
+    // Answers whether every statement succeeded. A tree unchanged since its
+    // last successful save writes nothing.
+    bool Save(common::SqlStorage& snapshot);
+    void Load(common::SqlStorage& snapshot);
+
+private:
+    struct Entry
+    {
+        ProcessInfo info;
+        std::map<uint32_t, EventPtr> events;
+        std::chrono::steady_clock::time_point terminatedAt{};
+    };
+
+    void AddLocked(ProcessInfo process);
+    void DeleteLocked(pid_t pid);
+    void LinkToParentLocked(pid_t pid, pid_t parentPid);
+    void UnlinkFromParentLocked(pid_t pid, pid_t parentPid);
+    void MarkTerminatedLocked(Entry& entry);
+    Entry* FindLocked(pid_t pid);
+    // Whether two start times name the same process.
+    static bool SameStart(int64_t a, int64_t b);
+    // Process 1 as the snapshot needs it for reboot detection.
+    void EnsureInitLocked();
+    void ClearStored(common::SqlStorage& snapshot);
+
+    const internal::ProcReader m_proc;
+    const std::chrono::seconds m_ttl;
+    const Clock m_clock;
+
+    mutable std::mutex m_mutex;
+    std::unordered_map<pid_t, Entry> m_entries;
+    // Parent pid -> children that named it while it was not in the tree.
+    std::unordered_map<pid_t, std::set<pid_t>> m_waitingChildren;
+    // Pids whose rows must go at the next save.
+    std::set<pid_t> m_removed;
+    std::chrono::steady_clock::time_point m_lastSweep{};
+    // Counts the changes of what the rows hold; a save of an unchanged tree
+    // writes nothing.
+    uint64_t m_generation = 0;
+    uint64_t m_savedGeneration = 0;
+};
+
+} // namespace vantor::ioc

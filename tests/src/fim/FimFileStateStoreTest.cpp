@@ -1,0 +1,80 @@
+#include "fim/BaselineEventSqlDataFormatter.h"
+#include "fim/FileStateStore.h"
+#include "tests/support/TempDir.h"
+
+#include "common/SqlStorage.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <memory>
+
+using vantor::fim::BaselineEventSqlDataFormatter;
+using vantor::fim::FileState;
+using vantor::fim::internal::FileStateStore;
+
+namespace
+{
+
+std::unique_ptr<vantor::common::SqlStorage> Open(const vantor::test::TempDir& dir)
+{
+    return std::make_unique<vantor::common::SqlStorage>(
+        dir.Path(), "BaselineEvents.db", std::make_unique<BaselineEventSqlDataFormatter>(), true);
+}
+
+TEST(FimFileStateStoreTest, StatesOfAnyPathAreKeptAcrossRestarts)
+{
+    vantor::test::TempDir dir;
+    const std::string hostile = "/w/it's \xff\xfe name";
+    {
+        auto storage = Open(dir);
+        FileStateStore store(storage.get());
+        EXPECT_FALSE(store.Get(hostile));
+        store.Put(hostile, FileState{42, 0100640, 1000, 100, 1700000000123456789, "ab12"});
+        store.Put("/w/other", FileState{1, 040755, 0, 0, 0, ""});
+        store.PutContentStatus(hostile, "READ_SUCCESSFUL");
+        store.Remove("/w/other");
+        store.Remove("/w/never-there");
+    }
+    auto storage = Open(dir);
+    FileStateStore store(storage.get());
+    const auto state = store.Get(hostile);
+    ASSERT_TRUE(state);
+    EXPECT_EQ(state->size, 42u);
+    EXPECT_EQ(state->mode, 0100640u);
+    EXPECT_EQ(state->uid, 1000u);
+    EXPECT_EQ(state->gid, 100u);
+    EXPECT_EQ(state->modificationTimeNs, 1700000000123456789);
+    EXPECT_EQ(state->sha256, "ab12");
+    EXPECT_FALSE(store.Get("/w/other"));
+    EXPECT_EQ(storage->Read("BaselineEvents", hostile).rows.size(), 1u);
+}
+
+TEST(FimFileStateStoreTest, AStoreOfTheFirstVersionGainsTheStateTableAndKeepsItsRows)
+{
+    vantor::test::TempDir dir;
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((dir.Path() + "/BaselineEvents.db").c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db,
+                           "CREATE TABLE [BaselineEvents]([FilePath] TEXT PRIMARY KEY, [ContentStatus] TEXT);"
+                           "INSERT INTO BaselineEvents VALUES ('/etc/hosts','READ_SUCCESSFUL');",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+
+    auto storage = Open(dir);
+    EXPECT_EQ(storage->Read("BaselineEvents", "/etc/hosts").rows.size(), 1u);
+    FileStateStore store(storage.get());
+    store.Put("/etc/hosts", FileState{7, 0100644, 0, 0, 5, ""});
+    ASSERT_TRUE(store.Get("/etc/hosts"));
+    EXPECT_EQ(store.Get("/etc/hosts")->size, 7u);
+}
+
+TEST(FimFileStateStoreTest, WithoutAStoreNothingIsKnown)
+{
+    FileStateStore store(nullptr);
+    store.Put("/x", FileState{});
+    EXPECT_FALSE(store.Get("/x"));
+}
+
+} // namespace

@@ -1,0 +1,320 @@
+// What the shipped daemon does with its FIM spool on the wire: the real
+// corvid-edr, started by the stand-in agent, uploading files found in its
+// spool at start to the stand-alone receiver, which refuses what the back
+// end refuses (uncompressed bodies, missing fixed headers, bad signatures).
+
+#include "common/util/Json.h"
+#include "tests/src/audit/AuditKernelState.h"
+#include "tests/support/DaemonHarness.h"
+
+#include <gtest/gtest.h>
+
+#include <rapidjson/document.h>
+
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace vantor::fim
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+using test::DaemonHarness;
+using test::Eventually;
+using test::ReadText;
+
+const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
+
+constexpr const char* kReceiver = CORVID_BINARY_DIR "/corvid-test-receiver";
+
+// Starts a program with its output appended to a file and, when input is
+// given, its standard input read from that descriptor.
+pid_t Spawn(const std::vector<std::string>& argv, const std::string& output, int input = -1)
+{
+    const pid_t pid = ::fork();
+    if (pid == 0)
+    {
+        const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(out, STDERR_FILENO);
+        if (input >= 0)
+        {
+            ::dup2(input, STDIN_FILENO);
+        }
+        std::vector<char*> args;
+        for (const auto& arg : argv)
+        {
+            args.push_back(const_cast<char*>(arg.c_str()));
+        }
+        args.push_back(nullptr);
+        ::execv(args[0], args.data());
+        ::_exit(127);
+    }
+    return pid;
+}
+
+void Kill(pid_t pid)
+{
+    if (pid > 0 && ::kill(pid, SIGKILL) == 0)
+    {
+        ::waitpid(pid, nullptr, 0);
+    }
+}
+
+// The value after "<key>: " on a line of text, or empty.
+std::string Field(const std::string& text, const std::string& key)
+{
+    const auto at = text.find(key + ": ");
+    if (at == std::string::npos)
+    {
+        return {};
+    }
+    const auto start = at + key.size() + 2;
+    return text.substr(start, text.find('\n', start) - start);
+}
+
+class FimUploadProcessTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (const std::string problem = DaemonHarness::CaptureProblem(); !problem.empty())
+        {
+            GTEST_SKIP() << problem;
+        }
+        if (const std::string skip = m_harness.Enter(); !skip.empty())
+        {
+            GTEST_SKIP() << skip;
+        }
+        m_state = test::AuditKernelState::Take();
+        ASSERT_NO_FATAL_FAILURE(m_harness.MountPrivateDev());
+        m_spoolFiles = Dir("spool/fim");
+        for (const auto& path : {Dir("keys"), Dir("watched"), Dir("received"), Dir("certs"), m_spoolFiles})
+        {
+            std::filesystem::create_directories(path);
+        }
+        std::ofstream(Dir("keys/edr_hmac.key")) << "upload-key-" << ::getpid() << "\n";
+        std::ofstream(Dir("fim_manifest.json"))
+            << R"({"data": {"fim": {"policyVersion": "1.0", "rules": [{"ruleId": "w", "ruleType": "directory",
+                  "imagePath": ")"
+            << Dir("watched") << R"(", "recursiveDepth": "all", "notify": ["create"]}]}}})";
+    }
+
+    void TearDown() override
+    {
+        if (m_agentInput >= 0)
+        {
+            ::close(m_agentInput);
+        }
+        Kill(m_agent);
+        Kill(test::FindChild("corvid-edr"));
+        Kill(m_receiver);
+        if (m_state)
+        {
+            m_state->Restore();
+        }
+    }
+
+    std::string Dir(const std::string& name) const { return m_harness.Dir() + "/" + name; }
+
+    // The receiver with its misbehaviour flags; answers once it listens.
+    void StartReceiver(const std::vector<std::string>& flags = {})
+    {
+        std::vector<std::string> argv{
+            kReceiver,          "--output",        Dir("received"),          "--cert-dir",
+            Dir("certs"),       "--hmac-key-file", Dir("keys/edr_hmac.key"), "--request-log",
+            Dir("requests.log")};
+        argv.insert(argv.end(), flags.begin(), flags.end());
+        m_receiver = Spawn(argv, Dir("receiver.out"));
+        ASSERT_TRUE(
+            Eventually([&] { return !Field(ReadText(Dir("receiver.out")), "public_key").empty(); }, 10s))
+            << ReadText(Dir("receiver.out"));
+        const std::string out = ReadText(Dir("receiver.out"));
+        m_url = Field(out, "url");
+        m_ca = Field(out, "ca");
+        m_publicKey = Field(out, "public_key");
+    }
+
+    // The back end's answer key where the daemon looks for it.
+    void ProvisionResponseKey() { std::filesystem::copy_file(m_publicKey, Dir("keys/edr_response.pub")); }
+
+    // Spool files as an earlier run left them: one document each.
+    void SeedSpool(const std::string& name, int count)
+    {
+        for (int i = 1; i <= count; ++i)
+        {
+            char file[32];
+            std::snprintf(file, sizeof file, "/fim_events.%04d", i);
+            std::ofstream(m_spoolFiles + file)
+                << R"({"events":[{"eventAction":"create","imagePath":")" << Path(name, i) << R"("}]})";
+        }
+    }
+
+    static std::string Path(const std::string& name, int i) { return "/" + name + "/" + std::to_string(i); }
+
+    void StartDaemon(uint64_t uploadInterval, const std::string& blackoutEvents = {})
+    {
+        m_harness.WriteConfiguration(
+            [&](rapidjson::Document& config)
+            {
+                auto& allocator = config.GetAllocator();
+                auto set = [&](rapidjson::Value& object, const char* key, const std::string& value) {
+                    object[key].SetString(value.c_str(), static_cast<rapidjson::SizeType>(value.size()),
+                                          allocator);
+                };
+                auto& common = config["common_config"];
+                set(common, "ca_cert_path", m_ca);
+                set(common, "service_url", m_url);
+                common["connection_timeout"].SetUint(2);
+                common["request_timeout"].SetUint(5);
+                if (!blackoutEvents.empty())
+                {
+                    rapidjson::Document periods(&allocator);
+                    ASSERT_TRUE(util::ParseJson(periods, blackoutEvents));
+                    common.AddMember("Blackout_Events", rapidjson::Value(periods, allocator), allocator);
+                }
+                auto& fim = config["fim_config"];
+                set(fim, "event_file_path", Dir("spool"));
+                set(fim, "service_url", m_url + "/fim");
+                set(fim, "manifest_path", Dir("fim_manifest.json"));
+                fim["upload_interval"].SetUint64(uploadInterval);
+            });
+        int input[2];
+        ASSERT_EQ(::pipe2(input, O_CLOEXEC), 0);
+        m_agent = Spawn(
+            {DaemonHarness::kOutpost, "--config", m_harness.ConfigFile(), "--start", DaemonHarness::kDaemon},
+            Dir("agent.out"), input[0]);
+        ::close(input[0]);
+        m_agentInput = input[1];
+        ASSERT_TRUE(Eventually([&] { return m_harness.LogContains("Memory threshold: softLimit"); }, 15s))
+            << m_harness.Log() << ReadText(Dir("agent.out")) << m_harness.Syslog();
+    }
+
+    void ExitDaemon()
+    {
+        const std::string word = "exit\n";
+        ASSERT_EQ(::write(m_agentInput, word.data(), word.size()), static_cast<ssize_t>(word.size()));
+        // The agent ends with the daemon's exit status.
+        int status = 0;
+        ASSERT_TRUE(Eventually([&] { return ::waitpid(m_agent, &status, WNOHANG) == m_agent; }, 15s))
+            << ReadText(Dir("agent.out"));
+        m_agent = -1;
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ReadText(Dir("agent.out"));
+    }
+
+    bool SpoolIsEmpty() const { return std::filesystem::is_empty(m_spoolFiles); }
+
+    // The image paths of the stored payloads, in arrival order.
+    std::vector<std::string> Uploaded() const
+    {
+        std::map<int, std::string> payloads;
+        for (const auto& entry : std::filesystem::directory_iterator(Dir("received")))
+        {
+            payloads[std::atoi(entry.path().stem().c_str())] = ReadText(entry.path());
+        }
+        std::vector<std::string> paths;
+        for (const auto& [number, text] : payloads)
+        {
+            rapidjson::Document payload;
+            if (!util::ParseJson(payload, text) || !payload.IsObject() || !payload.HasMember("events"))
+            {
+                ADD_FAILURE() << number << ".payload is not a FIM payload: " << text;
+                continue;
+            }
+            for (const auto& event : payload["events"].GetArray())
+            {
+                paths.emplace_back(util::GetString(event, "imagePath"));
+            }
+        }
+        return paths;
+    }
+
+    std::vector<std::string> Expected(const std::string& name, int count) const
+    {
+        std::vector<std::string> paths;
+        for (int i = 1; i <= count; ++i)
+        {
+            paths.push_back(Path(name, i));
+        }
+        return paths;
+    }
+
+    // Declared first so that it goes last.
+    DaemonHarness m_harness;
+    std::optional<test::AuditKernelState> m_state;
+    std::string m_spoolFiles;
+    pid_t m_receiver = -1;
+    pid_t m_agent = -1;
+    int m_agentInput = -1;
+    std::string m_url;
+    std::string m_ca;
+    std::string m_publicKey;
+};
+
+TEST_F(FimUploadProcessTest, UploadsGoCompressedAndAnswersAreValidated)
+{
+    // The first answer is signed with another key: the daemon must not take
+    // it for a success, keep the file and send it again.
+    ASSERT_NO_FATAL_FAILURE(StartReceiver({"--bad-signature", "1"}));
+    ProvisionResponseKey();
+    SeedSpool("wire", 1);
+    ASSERT_NO_FATAL_FAILURE(StartDaemon(1));
+    ASSERT_TRUE(Eventually([&] { return SpoolIsEmpty(); }, 20s)) << m_harness.Log();
+    EXPECT_EQ(Uploaded(), (std::vector<std::string>{"/wire/1", "/wire/1"}));
+    EXPECT_TRUE(m_harness.LogContains("Request payload data is LZMA compressed."));
+    EXPECT_TRUE(m_harness.LogContains("Response signature validation failed"));
+    EXPECT_FALSE(m_harness.LogContains("answers are not validated"));
+    const std::string requests = ReadText(Dir("requests.log"));
+    EXPECT_EQ(requests, "POST /upload/fim 200 Content-Encoding=LZMA Accept-Encoding=LZMA\n"
+                        "POST /upload/fim 200 Content-Encoding=LZMA Accept-Encoding=LZMA\n");
+    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
+}
+
+TEST_F(FimUploadProcessTest, BacklogIsSentInOneRunNotOneFilePerInterval)
+{
+    ASSERT_NO_FATAL_FAILURE(StartReceiver());
+    SeedSpool("backlog", 30);
+    // The first run is due at once, the next one only in five minutes.
+    ASSERT_NO_FATAL_FAILURE(StartDaemon(300));
+    ASSERT_TRUE(Eventually([&] { return SpoolIsEmpty(); }, 30s)) << Uploaded().size() << " uploaded\n"
+                                                                 << ReadText(Dir("requests.log"));
+    EXPECT_EQ(Uploaded(), Expected("backlog", 30));
+    EXPECT_TRUE(m_harness.LogContains("answers are not validated")) << "no answer key was provisioned";
+    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
+}
+
+TEST_F(FimUploadProcessTest, BlackoutPeriodHoldsUploadsBackUntilItEnds)
+{
+    ASSERT_NO_FATAL_FAILURE(StartReceiver());
+    SeedSpool("blackout", 2);
+    const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+    const auto end = now + 8;
+    ASSERT_NO_FATAL_FAILURE(StartDaemon(1, "[{\"start\": " + std::to_string(now - 60) +
+                                               ", \"end\": " + std::to_string(end) + "}]"));
+    EXPECT_TRUE(m_harness.LogContains("BlackoutManager: 1 blackout period(s) in Blackout_Events"));
+    ASSERT_TRUE(Eventually(
+        [&] { return m_harness.LogContains("UploadSchedule: Blackout period, upload postponed."); }, 5s))
+        << m_harness.Log();
+    // Nothing goes while the period lasts (the daemon took a while to start).
+    while (std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()) < end - 1)
+    {
+        ASSERT_TRUE(Uploaded().empty());
+        std::this_thread::sleep_for(200ms);
+    }
+    ASSERT_TRUE(Eventually([&] { return SpoolIsEmpty(); }, 15s)) << m_harness.Log();
+    EXPECT_EQ(Uploaded(), Expected("blackout", 2));
+    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
+}
+
+} // namespace
+} // namespace vantor::fim

@@ -1,0 +1,301 @@
+// Parsing of IOC rules and their filters: every refusal with its text, and
+// the operations each rule class answers or refuses.
+
+#include "ioc/EventRuleException.h"
+#include "ioc/FileRule.h"
+#include "ioc/NetworkRule.h"
+#include "ioc/ProcessRule.h"
+#include "ioc/WhitelistGlobalRule.h"
+#include "tests/src/ioc/IocTestJson.h"
+#include "tests/support/ExpectThrowText.h"
+#include "tests/support/LogCapture.h"
+
+#include "common/Logging.h"
+#include "common/util/Json.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+using namespace vantor;
+using ioc::internal::EventRuleException;
+using ioc::internal::FileRule;
+using ioc::internal::NetworkRule;
+using ioc::internal::ProcessRule;
+using ioc::internal::Rule;
+using ioc::internal::WhitelistGlobalRule;
+using ioc::test::Json;
+using testing::ElementsAre;
+
+namespace
+{
+
+constexpr uint64_t kMaxSize = 1024;
+
+// A rule object of the type with the given members after "ruleId".
+std::string RuleText(const std::string& type, const std::string& members)
+{
+    return R"({"ruleId": "r1", "ruleType": ")" + type + "\"" + (members.empty() ? "" : ", " + members) + "}";
+}
+
+std::shared_ptr<Rule> Make(const std::string& type, const std::string& members)
+{
+    const auto json = Json(RuleText(type, members));
+    if (type == "File" || type == "Directory")
+    {
+        return std::make_shared<FileRule>(json, kMaxSize);
+    }
+    if (type == "Process")
+    {
+        return std::make_shared<ProcessRule>(json);
+    }
+    if (type == "Network")
+    {
+        return std::make_shared<NetworkRule>(json);
+    }
+    return std::make_shared<WhitelistGlobalRule>(json);
+}
+
+void ExpectRefused(const std::string& type, const std::string& members, const std::string& text)
+{
+    SCOPED_TRACE(type + ": " + members);
+    test::ExpectThrowText<EventRuleException>([&] { Make(type, members); }, text);
+}
+
+std::string Filters(const std::string& filter)
+{
+    return R"("notify": ["start"], "exclusionFilters": [{"filterType": [)" + filter + "]}]";
+}
+
+std::string NetworkFilter(const std::string& members)
+{
+    return R"("notify": ["establish"], "inclusionFilters": [{"filterType": [{"objectType": "network", )" +
+           members + "}]}]";
+}
+
+} // namespace
+
+TEST(IocRuleParseTest, RulesWithoutNotifyActionsAreRefused)
+{
+    for (const char* type : {"File", "Directory", "Process", "Network"})
+    {
+        const std::string path = R"("path": "/etc")";
+        ExpectRefused(type, path + R"(, "notify": [])",
+                      "Invalid rule.No notify action provided for the rule");
+        ExpectRefused(type, path, "Invalid rule.No notify action provided for the rule");
+        ExpectRefused(type, path + R"(, "notify": "write")",
+                      "Invalid rule.No notify action provided for the rule");
+    }
+}
+
+TEST(IocRuleParseTest, UnknownNotifyWordsAreRefusedWithTheirClassText)
+{
+    ExpectRefused("Process", R"("notify": ["start", "launch"])", "Invalid process action in notify");
+    ExpectRefused("Network", R"("notify": ["connect"])", "Invalid network action in notify");
+    ExpectRefused("File", R"("path": "/etc/passwd", "notify": ["modify"])", "Invalid file action in notify");
+    // Directory words belong to directory rules only.
+    ExpectRefused("File", R"("path": "/etc/passwd", "notify": ["directoryCreate"])",
+                  "Invalid file action in notify");
+    ExpectRefused("Process", R"("notify": [9])", "Invalid process action in notify");
+}
+
+TEST(IocRuleParseTest, FileRulesNeedAnAbsolutePath)
+{
+    test::LogCapture log(common::Logging::Edr());
+    ExpectRefused("File", R"("notify": ["write"])", "Invalid Rule");
+    EXPECT_TRUE(log.Contains("Empty Rule Path for id: r1"));
+    ExpectRefused("Directory", R"("path": "", "notify": ["write"])", "Invalid Rule");
+    ExpectRefused("Directory", R"("path": "etc", "notify": ["write"])", "Invalid Rule");
+    test::ExpectThrowText<EventRuleException>([] { FileRule(Json(R"([1])"), kMaxSize); }, "Invalid Rule");
+    test::ExpectThrowText<EventRuleException>(
+        [] {
+            FileRule(Json(R"({"ruleId": 5, "ruleType": "File", "path": "/etc", "notify": ["write"]})"),
+                     kMaxSize);
+        },
+        "Missing or invalid ruleId");
+}
+
+TEST(IocRuleParseTest, FilterGroupsAreCheckedMemberByMember)
+{
+    ExpectRefused("Process", R"("notify": ["start"], "exclusionFilters": {})", "Not an array of filters");
+    ExpectRefused("Process", R"("notify": ["start"], "inclusionFilters": [{}])",
+                  "Missing or invalid filter type array");
+    ExpectRefused("Process", R"("notify": ["start"], "inclusionFilters": [{"filterType": []}])",
+                  "Missing or invalid filter type array");
+    ExpectRefused("Process", Filters(R"({"patterns": ["x"]})"),
+                  "Missing or invalid object type in filterType");
+    ExpectRefused("Process", Filters(R"({"objectType": "registryKey", "patterns": ["x"]})"),
+                  "Unsupported value: registryKey provided in filterType");
+    ExpectRefused("Process", Filters(R"({"objectType": "file"})"),
+                  "Missing or invalid patterns in filterType");
+    ExpectRefused("Process", Filters(R"({"objectType": "directory", "patterns": "x"})"),
+                  "Missing or invalid patterns in filterType");
+    ExpectRefused("Process", Filters(R"({"objectType": "file", "patterns": [""]})"),
+                  "Filter pattern cannot be empty");
+    ExpectRefused("Process", Filters(R"({"objectType": "process", "patterns": ["x"]})"),
+                  "Missing or invalid actorProcess in filterType");
+    ExpectRefused("Process", Filters(R"({"objectType": "parentProcess", "parentProcesses": ["x"]})"),
+                  "Missing or invalid parentProcesses in filterType");
+    ExpectRefused("Process", Filters(R"({"objectType": "parentProcess", "parentProcess": ["(unclosed"]})"),
+                  "Invalid pattern provided");
+    ExpectRefused("Process", Filters(R"({"objectType": "user", "patterns": [7]})"),
+                  "Invalid value for filter patterns");
+    ExpectRefused("Process",
+                  Filters(R"({"objectType": "time", "startTime": "22:00:00", "endTime": "06:00:00"})"),
+                  "Start time cannot be later than End time");
+}
+
+TEST(IocRuleParseTest, NetworkFiltersAreCheckedMemberByMember)
+{
+    ExpectRefused("Network", NetworkFilter(R"("localPort": [{"number": 22}])"),
+                  "Missing or invalid protocol in filterType");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "icmp")"),
+                  "Unsupported value: icmp provided in filterType");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "localPort": {"number": 22})"),
+                  "Missing or invalid localPort in filterType");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [22])"),
+                  "Missing or invalid remotePort in filterType");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "localIPAddress": "10.0.0.1")"),
+                  "Missing or invalid localIPAddress in filterType");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remoteIPAddress": ["10.(0"])"),
+                  "Missing or invalid remoteIPAddress in filterType");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{"range": [443, 80]}])"),
+                  "Invalid Port Range");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{"number": 65536}])"),
+                  "Invalid Port numbers in manifest");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{"number": -1}])"),
+                  "Invalid Port numbers in manifest");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{"range": [1]}])"),
+                  "Invalid Port numbers in manifest");
+    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{}])"),
+                  "Empty port object in manifest");
+    // The edges of the valid range and a one-port range are fine.
+    EXPECT_NO_THROW(
+        Make("Network", NetworkFilter(R"("protocol": "udp", "localPort": [{"range": [0, 65535]}, )"
+                                      R"({"range": [80, 80]}, {"number": 0}])")));
+}
+
+TEST(IocRuleParseTest, FileTypeFiltersAreChecked)
+{
+    const std::string head = R"("path": "/tmp", "notify": ["create"], "fileTypeToInclude": )";
+    ExpectRefused("Directory", head + R"({"patterns": ["ELF*"]})",
+                  "Not an array of fileTypeToInclude filters");
+    ExpectRefused("Directory", head + R"([{"pattern": ["ELF*"]}])", "Failed to parse file type filters");
+    ExpectRefused("Directory", head + R"(["ELF*"])", "Failed to parse file type filters");
+    ExpectRefused("Directory", head + R"([{"patterns": [5]}])", "Invalid value for FileType patterns");
+    ExpectRefused("Directory", head + R"([{"patterns": [""]}])", "FileType Pattern cannot be empty");
+    const auto rule =
+        Make("Directory", head + R"([{"patterns": ["ELF*"]}, {"patterns": ["*script*", "PE32*"]}])");
+    ASSERT_EQ(rule->GetFileTypeFilters().size(), 2u);
+    EXPECT_THAT(rule->GetFileTypeFilters()[1].GetPatterns(), ElementsAre("*script*", "PE32*"));
+}
+
+TEST(IocRuleParseTest, WhitelistRulesNeedTheirClassAndValidApplyTo)
+{
+    ExpectRefused("EDR", R"("ruleClass": "Blacklist")", "Invalid ruleClass for EDR rule type");
+    ExpectRefused("EDR", "", "Invalid ruleClass for EDR rule type");
+    ExpectRefused("EDR", R"("ruleClass": "WhitelistGlobal", "applyTo": "/usr/bin/dpkg")",
+                  "applyTo is not array");
+    ExpectRefused("EDR", R"("ruleClass": "WhitelistGlobal", "applyTo": ["/usr/bin/[dpkg"])",
+                  "Invalid pattern provided inside applyTo");
+    const auto rule = Make("EDR", R"("ruleClass": "WhitelistGlobal", "applyTo": ["/usr/bin/apt.*"])");
+    EXPECT_EQ(rule->GetApplyTo().Size(), 1u);
+    EXPECT_EQ(rule->GetType(), 0u) << "never a kernel rule";
+}
+
+TEST(IocRuleParseTest, NotifyWordsBecomeTheActionsTheKernelNeeds)
+{
+    using edr::EventType;
+    const auto a = [](EventType type) { return static_cast<edr::EventRule::Action>(type); };
+
+    const auto directory =
+        Make("Directory", R"("path": "/var/tmp/", "notify": ["write", "directoryCreate", "read"])");
+    EXPECT_EQ(directory->GetType(), edr::EventRule::DirectoryPathRule);
+    EXPECT_THAT(directory->GetPaths(), ElementsAre("/var/tmp")) << "trailing slash dropped";
+    EXPECT_THAT(directory->GetActions(), ElementsAre(a(EventType::Read), a(EventType::Write)));
+    EXPECT_THAT(directory->GetDirectoryActions(), ElementsAre(a(EventType::Create)));
+
+    const auto file = Make("File", R"("path": "/etc/shadow", "notify": ["attribute"])");
+    EXPECT_EQ(file->GetType(), edr::EventRule::FilePathRule);
+    EXPECT_THAT(file->GetFileActions(), ElementsAre(a(EventType::Attribute)));
+
+    // Abnormal ends need no system call; the rule still asks for them.
+    const auto process = Make("Process", R"("notify": ["start", "fork", "exit", "abnormalEnd"])");
+    EXPECT_EQ(process->GetType(), edr::EventRule::ProcessRule);
+    EXPECT_THAT(process->GetActions(),
+                ElementsAre(a(EventType::Running), a(EventType::Clone), a(EventType::Exit)));
+    EXPECT_EQ(process->GetProcessActions().count(a(EventType::AbnormalEnd)), 1u);
+
+    const auto network = Make("Network", R"("notify": ["establish", "listen", "close"])");
+    EXPECT_THAT(network->GetActions(),
+                ElementsAre(a(EventType::Accept), a(EventType::Connect), a(EventType::Bind)));
+    const auto closing = Make("Network", R"("notify": ["close"])");
+    EXPECT_TRUE(closing->GetActions().empty());
+
+    const auto other = std::make_shared<ProcessRule>(Json(R"({"ruleId": "r2", "notify": ["exit"]})"));
+    const auto merged =
+        ProcessRule::Merge("merged", {std::static_pointer_cast<const ProcessRule>(process), other});
+    EXPECT_EQ(merged->GetId(), "merged");
+    EXPECT_EQ(merged->GetActions(), process->GetActions());
+    EXPECT_TRUE(merged->GetExclusions().empty());
+}
+
+TEST(IocRuleParseTest, EveryRuleRefusesWhatItsClassDoesNotOffer)
+{
+    struct Case
+    {
+        std::shared_ptr<Rule> rule;
+        std::vector<std::pair<std::function<void(const Rule&)>, std::string>> refusals;
+    };
+    const auto path = [](const Rule& r) { r.GetPath(); };
+    const auto paths = [](const Rule& r) { r.GetPaths(); };
+    const auto fileActions = [](const Rule& r) { r.GetFileActions(); };
+    const auto directoryActions = [](const Rule& r) { r.GetDirectoryActions(); };
+    const auto processActions = [](const Rule& r) { r.GetProcessActions(); };
+    const auto networkActions = [](const Rule& r) { r.GetNetworkActions(); };
+    const auto applyTo = [](const Rule& r) { r.GetApplyTo(); };
+    const auto fileTypes = [](const Rule& r) { r.GetFileTypeFilters(); };
+    const auto actions = [](const Rule& r) { r.GetActions(); };
+    const std::string whitelist = "Function not defined for whitelistglobal EDR rule";
+    const std::vector<Case> cases{
+        {Make("File", R"("path": "/etc/passwd", "notify": ["write"])"),
+         {{directoryActions, "Fetching Directory actions for non-directory rule"},
+          {processActions, "No process actions defined for file rule"},
+          {networkActions, "Function not defined for file rule"},
+          {applyTo, "Function not defined for neither file nor directory"}}},
+        {Make("Process", R"("notify": ["start"])"),
+         {{path, "Fetching path not supported for process rule"},
+          {paths, "Fetching path not supported for process rule"},
+          {fileActions, "Fetching File actions for rule that is neither file nor directory"},
+          {directoryActions, "Fetching Directory actions for non-directory rule"},
+          {networkActions, "Function not defined for neither process rule"},
+          {applyTo, "Function not defined for neither process rule"},
+          {fileTypes, "Function not defined for neither process rule"}}},
+        {Make("Network", R"("notify": ["listen"])"),
+         {{path, "Function not defined for network rule"},
+          {paths, "Function not defined for network rule"},
+          {fileActions, "Fetching File actions for rule that is neither file nor directory"},
+          {directoryActions, "Fetching Directory actions for non-directory rule"},
+          {processActions, "No process actions defined for network rule"},
+          {applyTo, "Function not defined for network rule"},
+          {fileTypes, "Function not defined for network rule"}}},
+        {Make("EDR", R"("ruleClass": "WhitelistGlobal")"),
+         {{path, whitelist},
+          {paths, whitelist},
+          {actions, whitelist},
+          {fileActions, whitelist},
+          {directoryActions, whitelist},
+          {processActions, whitelist},
+          {networkActions, whitelist},
+          {fileTypes, whitelist}}}};
+    for (const auto& c : cases)
+    {
+        for (const auto& refusal : c.refusals)
+        {
+            SCOPED_TRACE(c.rule->GetRuleType() + ": " + refusal.second);
+            test::ExpectThrowText<EventRuleException>([&] { refusal.first(*c.rule); }, refusal.second);
+        }
+    }
+}
