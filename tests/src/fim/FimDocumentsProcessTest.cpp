@@ -33,25 +33,9 @@ using namespace std::chrono_literals;
 using test::DaemonHarness;
 using test::Eventually;
 using test::ReadText;
+using test::RunProgram;
 
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
-
-void RunProgram(std::vector<std::string> argv)
-{
-    const pid_t pid = ::fork();
-    if (pid == 0)
-    {
-        std::vector<char*> args;
-        for (auto& arg : argv)
-        {
-            args.push_back(arg.data());
-        }
-        args.push_back(nullptr);
-        ::execv(args[0], args.data());
-        ::_exit(127);
-    }
-    EXPECT_EQ(test::WaitForChild(pid, 5s), 0) << argv[0];
-}
 
 // One document as found in the spool, its path already unescaped.
 struct Document
