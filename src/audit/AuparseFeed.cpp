@@ -164,6 +164,18 @@ void AuparseFeed::FeedLines(const char* begin, const char* end)
             FeedRaw(run, static_cast<size_t>(line - run));
             run = next;
         }
+        else if (auto endOfEvent =
+                     m_loneRecords.EndOfEventFor(std::string_view(line, static_cast<size_t>(next - line))))
+        {
+            FeedRaw(run, static_cast<size_t>(next - run));
+            if (lineEnd == nullptr)
+            {
+                FeedRaw("\n", 1);
+            }
+            endOfEvent->push_back('\n');
+            FeedRaw(endOfEvent->data(), endOfEvent->size());
+            run = next;
+        }
         line = next;
     }
     FeedRaw(run, static_cast<size_t>(end - run));

@@ -2,6 +2,7 @@
 
 #include "audit/AuditEventClass.h"
 #include "audit/EventBuilder.h"
+#include "audit/LoneRecordCloser.h"
 
 #include <auparse.h>
 
@@ -47,12 +48,11 @@ public:
 
     // Completes the events that libauparse has held for more than about two
     // seconds of wall-clock time and answers them with what they let through.
-    // libauparse hands events on in order and completes a lone record that
-    // is not known to stand alone only on its end-of-event record, which the
-    // kernel does not send for every event (nor for the daemon's own excluded
-    // calls, and the daemon excludes them all), or when a record at least
-    // three seconds newer arrives: on a quiet host one such record would hold
-    // back every event behind it. Call when no text has come for a while.
+    // libauparse hands events on in order and completes an event that its
+    // PROCTITLE or EOE record does not end (lone records aside, see
+    // LoneRecordCloser) only when a record at least three seconds newer
+    // arrives: on a quiet host one such event would hold back every event
+    // behind it. Call when no text has come for a while.
     Events Age();
 
     // The event class of an x86-64 system call, or nothing when the call is
@@ -78,6 +78,8 @@ private:
     std::string m_pending;
     // Set while the rest of an over-long line is being skipped.
     bool m_skippingLine = false;
+    // Ends the events of lone records, which libauparse would hold.
+    LoneRecordCloser m_loneRecords;
 };
 
 } // namespace vantor::audit

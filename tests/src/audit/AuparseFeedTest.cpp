@@ -201,36 +201,60 @@ TEST(AuparseFeedTest, EventsCompleteAtEndOfEventOrAtTheNextEventOrFlush)
     EXPECT_EQ(rest[0]->GetEventId(), 22u);
 }
 
-TEST(AuparseFeedTest, ALoneRecordHoldsBackLaterEventsUntilAged)
+TEST(AuparseFeedTest, ALoneRecordHoldsNothingBack)
 {
     // What joining the multicast group while audit is on, or a rule change
-    // by an excluded process, sends: one record of the syscall range with
-    // neither PROCTITLE nor EOE behind it.
+    // by a process whose calls are not audited, sends: one record of the
+    // system-call range with neither PROCTITLE nor EOE behind it.
     const std::string lone = "type=EVENT_LISTENER msg=" + Stamp(60) +
                              "pid=7 uid=0 auid=4294967295 tty=(none) ses=4294967295 comm=\"corvid-edr\" "
                              "exe=\"/usr/bin/corvid-edr\" nl-mcgrp=1 op=connect res=1\n";
     std::string event = SyscallEvent(61, 83);
     event.erase(event.find("type=EOE"));
+    // A call that logs a record while it runs, before its SYSCALL record.
+    std::string logging = "type=CONFIG_CHANGE msg=" + Stamp(62) +
+                          "auid=0 ses=1 op=add_rule key=\"k\" res=1\n" + SyscallEvent(62, 85);
+    logging.erase(logging.find("type=EOE"));
     test::RecordingEventBuilder builder;
     AuparseFeed feed(builder);
-    const auto text = lone + event;
-    EXPECT_TRUE(feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size()).empty())
-        << "libauparse hands events on in order";
+    const auto text = lone + event + logging;
+    const auto now = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    ASSERT_EQ(now.size(), 2u) << "at once, not when a much newer record comes";
+    EXPECT_EQ(now[0]->GetEventId(), 61u);
+    EXPECT_EQ(now[1]->GetEventId(), 62u);
+    ASSERT_EQ(builder.Built().size(), 2u);
+    EXPECT_EQ(builder.Built()[1].eventClass, Class::Create) << "built from its SYSCALL record";
+    EXPECT_EQ(builder.Built()[1].names, std::vector<std::string>{"/tmp/x"});
+    EXPECT_TRUE(feed.Flush().empty());
+}
+
+TEST(AuparseFeedTest, AnEventWithoutItsEndHoldsLaterOnesUntilAged)
+{
+    // The kernel cut the event short (no PROCTITLE, no EOE); the next one
+    // is complete but libauparse hands events on in order.
+    std::string cut = SyscallEvent(63, 83);
+    cut.erase(cut.find("type=PROCTITLE"));
+    std::string next = SyscallEvent(64, 83);
+    next.erase(next.find("type=EOE"));
+    test::RecordingEventBuilder builder;
+    AuparseFeed feed(builder);
+    const auto text = cut + next;
+    EXPECT_TRUE(feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size()).empty());
     // The records are from 2023: long past the age at which libauparse
     // gives up waiting.
     const auto aged = feed.Age();
-    ASSERT_EQ(aged.size(), 1u);
-    EXPECT_EQ(aged[0]->GetEventId(), 61u);
-    EXPECT_TRUE(feed.Flush().empty());
+    ASSERT_EQ(aged.size(), 2u);
+    EXPECT_EQ(aged[0]->GetEventId(), 63u);
+    EXPECT_EQ(aged[1]->GetEventId(), 64u);
 
     // Records of now are not aged before their time.
     test::RecordingEventBuilder fresh;
-    AuparseFeed now(fresh);
-    const auto seconds = static_cast<int>(std::time(nullptr) - 1700000000);
-    const std::string recent =
-        "type=CONFIG_CHANGE msg=" + Stamp(70, seconds) + "op=add_rule key=\"k\" res=1\n";
-    now.Feed(reinterpret_cast<const uint8_t*>(recent.data()), recent.size());
-    EXPECT_TRUE(now.Age().empty());
+    AuparseFeed recent(fresh);
+    std::string current = SyscallEvent(70, 83, "/tmp/x", static_cast<int>(std::time(nullptr) - 1700000000));
+    current.erase(current.find("type=PROCTITLE"));
+    recent.Feed(reinterpret_cast<const uint8_t*>(current.data()), current.size());
+    EXPECT_TRUE(recent.Age().empty());
+    EXPECT_EQ(recent.Flush().size(), 1u);
 }
 
 TEST(AuparseFeedTest, HostileInputNeverCrashesAndParsingRecovers)
