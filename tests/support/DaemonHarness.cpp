@@ -173,6 +173,27 @@ std::string DaemonHarness::Enter()
     return {};
 }
 
+void SetString(rapidjson::Document& config, rapidjson::Value& object, const char* key,
+               const std::string& value)
+{
+    object[key].SetString(value.c_str(), static_cast<rapidjson::SizeType>(value.size()),
+                          config.GetAllocator());
+}
+
+std::string DaemonHarness::EnterForCapture()
+{
+    if (std::string problem = CaptureProblem(); !problem.empty())
+    {
+        return problem;
+    }
+    if (std::string skip = Enter(); !skip.empty())
+    {
+        return skip;
+    }
+    MountPrivateDev();
+    return {};
+}
+
 void DaemonHarness::MountPrivateDev()
 {
     const std::string dev = m_dir + "/dev";

@@ -33,6 +33,10 @@ pid_t ParentOf(pid_t pid, std::string& comm);
 // A child of this process with that command name, or -1.
 pid_t FindChild(const std::string& name);
 
+// Sets a string member of a configuration object.
+void SetString(rapidjson::Document& config, rapidjson::Value& object, const char* key,
+               const std::string& value);
+
 class DaemonHarness
 {
 public:
@@ -57,6 +61,10 @@ public:
     static std::string CaptureProblem();
     // A /dev with the few nodes the daemon opens and our own syslog socket.
     void MountPrivateDev();
+    // For a test that runs a capturing daemon: CaptureProblem(), Enter() and
+    // MountPrivateDev() in one. Answers why the test has to be skipped; check
+    // for a fatal failure as well.
+    std::string EnterForCapture();
 
     // The shipped default configuration, pointed at the directory (logging at
     // debug level into Dir()/edr.log unless logFile says otherwise), after

@@ -68,18 +68,12 @@ bool ReadPayload(const std::string& text, std::vector<FimDocument>& documents)
 
 void FimEndToEndFixture::SetUp()
 {
-    const std::string problem = DaemonHarness::CaptureProblem();
-    if (!problem.empty())
-    {
-        GTEST_SKIP() << problem;
-    }
-    const std::string skip = m_harness.Enter();
-    if (!skip.empty())
+    if (const std::string skip = m_harness.EnterForCapture(); !skip.empty())
     {
         GTEST_SKIP() << skip;
     }
+    ASSERT_FALSE(HasFatalFailure());
     m_state = AuditKernelState::Take();
-    ASSERT_NO_FATAL_FAILURE(m_harness.MountPrivateDev());
     const std::string& dir = m_harness.Dir();
     m_watched = dir + "/watched";
     m_spool = m_watched + "/spool/";
@@ -147,10 +141,8 @@ void FimEndToEndFixture::StartDaemon(const std::string& dispatcherSocket,
         [&](rapidjson::Document& config)
         {
             auto& allocator = config.GetAllocator();
-            auto set = [&](rapidjson::Value& object, const char* key, const std::string& value) {
-                object[key].SetString(value.c_str(), static_cast<rapidjson::SizeType>(value.size()),
-                                      allocator);
-            };
+            auto set = [&](rapidjson::Value& object, const char* key, const std::string& value)
+            { SetString(config, object, key, value); };
             config["outpost_pid"].SetInt(agentPid);
             auto& common = config["common_config"];
             set(common, "ca_cert_path", m_receiver->CaFile());

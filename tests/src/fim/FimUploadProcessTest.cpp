@@ -88,16 +88,12 @@ class FimUploadProcessTest : public testing::Test
 protected:
     void SetUp() override
     {
-        if (const std::string problem = DaemonHarness::CaptureProblem(); !problem.empty())
-        {
-            GTEST_SKIP() << problem;
-        }
-        if (const std::string skip = m_harness.Enter(); !skip.empty())
+        if (const std::string skip = m_harness.EnterForCapture(); !skip.empty())
         {
             GTEST_SKIP() << skip;
         }
+        ASSERT_FALSE(HasFatalFailure());
         m_state = test::AuditKernelState::Take();
-        ASSERT_NO_FATAL_FAILURE(m_harness.MountPrivateDev());
         m_spoolFiles = Dir("spool/fim");
         for (const auto& path : {Dir("keys"), Dir("watched"), Dir("received"), Dir("certs"), m_spoolFiles})
         {
@@ -168,10 +164,8 @@ protected:
             [&](rapidjson::Document& config)
             {
                 auto& allocator = config.GetAllocator();
-                auto set = [&](rapidjson::Value& object, const char* key, const std::string& value) {
-                    object[key].SetString(value.c_str(), static_cast<rapidjson::SizeType>(value.size()),
-                                          allocator);
-                };
+                auto set = [&](rapidjson::Value& object, const char* key, const std::string& value)
+                { test::SetString(config, object, key, value); };
                 auto& common = config["common_config"];
                 set(common, "ca_cert_path", m_ca);
                 set(common, "service_url", m_url);

@@ -106,18 +106,12 @@ class IocEndToEndProcessTest : public testing::Test
 protected:
     void SetUp() override
     {
-        const std::string problem = DaemonHarness::CaptureProblem();
-        if (!problem.empty())
-        {
-            GTEST_SKIP() << problem;
-        }
-        const std::string skip = m_harness.Enter();
-        if (!skip.empty())
+        if (const std::string skip = m_harness.EnterForCapture(); !skip.empty())
         {
             GTEST_SKIP() << skip;
         }
+        ASSERT_FALSE(HasFatalFailure());
         m_state = test::AuditKernelState::Take();
-        ASSERT_NO_FATAL_FAILURE(m_harness.MountPrivateDev());
         const std::string& dir = m_harness.Dir();
         m_watched = dir + "/watched";
         m_iocManifest = dir + "/ioc_manifest.json";
@@ -134,11 +128,8 @@ protected:
         m_harness.WriteConfiguration(
             [&](rapidjson::Document& config)
             {
-                auto& allocator = config.GetAllocator();
-                auto set = [&](rapidjson::Value& object, const char* key, const std::string& value) {
-                    object[key].SetString(value.c_str(), static_cast<rapidjson::SizeType>(value.size()),
-                                          allocator);
-                };
+                auto set = [&](rapidjson::Value& object, const char* key, const std::string& value)
+                { test::SetString(config, object, key, value); };
                 auto& fim = config["fim_config"];
                 set(fim, "event_file_path", dir + "/spool/");
                 set(fim, "manifest_path", dir + "/fim_manifest.json");
