@@ -340,7 +340,7 @@ void KernelIOChannel::StartDecoding()
         std::lock_guard lock(m_pendingMutex);
         m_stopDecoding = false;
     }
-    m_decoding = std::thread([this] { DecodeLoop(); });
+    m_decoding.Start([this] { DecodeLoop(); });
 }
 
 void KernelIOChannel::StopDecoding()
@@ -350,10 +350,7 @@ void KernelIOChannel::StopDecoding()
         m_stopDecoding = true;
     }
     m_pendingChanged.notify_one();
-    if (m_decoding.joinable())
-    {
-        m_decoding.join();
-    }
+    m_decoding.Join();
 }
 
 void KernelIOChannel::DecodeLoop()

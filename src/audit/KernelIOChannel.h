@@ -3,6 +3,7 @@
 #include "audit/AuditNetlink.h"
 #include "audit/KernelRecordDecoder.h"
 #include "common/IOChannel.h"
+#include "common/WorkerThread.h"
 
 #include <atomic>
 #include <chrono>
@@ -10,7 +11,6 @@
 #include <deque>
 #include <mutex>
 #include <string>
-#include <thread>
 
 namespace vantor::audit
 {
@@ -115,7 +115,7 @@ private:
     std::deque<std::vector<uint8_t>> m_pending;
     size_t m_pendingBytes = 0;
     bool m_stopDecoding = false;
-    std::thread m_decoding;
+    common::WorkerThread m_decoding{"KernelIOChannel decoding"};
 };
 
 } // namespace vantor::audit
