@@ -2,6 +2,7 @@
 // transaction, as the baseline pass writes them) against many records in one
 // write (one transaction). Rates are per wall-clock second: the disk sync
 // at each commit is the cost that matters.
+#include "bench/BenchDir.h"
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
 #include "fim/BaselineEventSqlDataFormatter.h"
@@ -19,28 +20,7 @@ namespace
 using vantor::common::SqlStorage;
 using vantor::fim::BaselineEventSqlDataFormatter;
 
-class BenchDir
-{
-public:
-    BenchDir()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "corvid-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-        {
-            std::abort();
-        }
-        m_path = pattern;
-    }
-    ~BenchDir()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    const std::string& Path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
+using vantor::bench::BenchDir;
 
 std::unique_ptr<SqlStorage> OpenStore(const BenchDir& dir)
 {

@@ -4,6 +4,7 @@
 // deletes half of them, and of saving the tree to the snapshot database;
 // and the memory the tree holds (resident set growth while it is built, and
 // the peak of the whole run).
+#include "bench/BenchDir.h"
 #include "bench/ResourceUsage.h"
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
@@ -67,31 +68,16 @@ private:
     std::string m_file;
 };
 
-class BenchDir
+// A bench directory with a proc root where no process runs: start times
+// come from the events, and /proc reads fail fast.
+class BenchDir : public vantor::bench::BenchDir
 {
 public:
     BenchDir()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "corvid-ttl-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-        {
-            std::abort();
-        }
-        m_path = pattern;
-        // A proc root where no process runs: start times come from the
-        // events, and /proc reads fail fast.
-        std::filesystem::create_directories(m_path + "/proc");
-        std::ofstream(m_path + "/proc/stat") << "btime 1700000000\n";
+        std::filesystem::create_directories(Path() + "/proc");
+        std::ofstream(Path() + "/proc/stat") << "btime 1700000000\n";
     }
-    ~BenchDir()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    const std::string& Path() const { return m_path; }
-
-private:
-    std::string m_path;
 };
 
 uint64_t CurrentRssKb()

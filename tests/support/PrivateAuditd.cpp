@@ -1,5 +1,7 @@
 #include "tests/support/PrivateAuditd.h"
 
+#include "tests/src/audit/AuditKernelState.h"
+
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -14,6 +16,19 @@ namespace vantor::test
 {
 
 using namespace std::chrono_literals;
+
+std::string PrivateAuditd::WhyUnavailable()
+{
+    if (StatusValue("pid").value_or(0) != 0)
+    {
+        return "an audit daemon is already running";
+    }
+    if (::access("/usr/sbin/auditd", X_OK) != 0)
+    {
+        return "auditd is not installed";
+    }
+    return {};
+}
 
 PrivateAuditd::PrivateAuditd(const std::string& dir)
     : m_dir(dir)

@@ -12,6 +12,10 @@ namespace vantor::test
 class PrivateAuditd
 {
 public:
+    // Why no private auditd can run here (an audit daemon already runs, or
+    // auditd is not installed); empty when one can.
+    static std::string WhyUnavailable();
+
     explicit PrivateAuditd(const std::string& dir);
     ~PrivateAuditd();
     PrivateAuditd(const PrivateAuditd&) = delete;

@@ -81,13 +81,9 @@ protected:
     // Skips when the dispatcher cannot be tried here.
     void RequireOwnAuditd()
     {
-        if (test::StatusValue("pid").value_or(0) != 0)
+        if (const std::string why = test::PrivateAuditd::WhyUnavailable(); !why.empty())
         {
-            GTEST_SKIP() << "an audit daemon is already running";
-        }
-        if (::access("/usr/sbin/auditd", X_OK) != 0)
-        {
-            GTEST_SKIP() << "auditd is not installed";
+            GTEST_SKIP() << why;
         }
     }
 

@@ -74,13 +74,9 @@ protected:
         }
         if (GetParam() == Channel::Dispatcher)
         {
-            if (test::StatusValue("pid").value_or(0) != 0)
+            if (const std::string why = test::PrivateAuditd::WhyUnavailable(); !why.empty())
             {
-                GTEST_SKIP() << "an audit daemon is already running";
-            }
-            if (::access("/usr/sbin/auditd", X_OK) != 0)
-            {
-                GTEST_SKIP() << "auditd is not installed";
+                GTEST_SKIP() << why;
             }
         }
         PlantForeignState();

@@ -280,13 +280,9 @@ TEST_F(FimDocumentsProcessTest, DocumentsTellWhatHappenedOnTheKernelChannel)
 
 TEST_F(FimDocumentsProcessTest, DocumentsTellWhatHappenedThroughTheDispatcher)
 {
-    if (test::StatusValue("pid").value_or(0) != 0)
+    if (const std::string why = test::PrivateAuditd::WhyUnavailable(); !why.empty())
     {
-        GTEST_SKIP() << "an audit daemon is already running";
-    }
-    if (::access("/usr/sbin/auditd", X_OK) != 0)
-    {
-        GTEST_SKIP() << "auditd is not installed";
+        GTEST_SKIP() << why;
     }
     const std::string auditdDir = m_harness.Dir() + "/auditd";
     std::filesystem::create_directory(auditdDir);
