@@ -1,6 +1,6 @@
 #include "fim/DocumentWriter.h"
 
-#include "fim/PathEscape.h"
+#include "edr/PathEscape.h"
 
 namespace vantor::fim::internal
 {
@@ -19,7 +19,7 @@ void DocumentWriter::String(std::string_view value)
 void DocumentWriter::PathMember(const char* key, std::string_view path)
 {
     Key(key);
-    const std::string escaped = PathEscape::Escape(path);
+    const std::string escaped = edr::PathEscape::Escape(path);
     m_writer.String(escaped.data(), static_cast<rapidjson::SizeType>(escaped.size()));
 }
 
@@ -29,7 +29,7 @@ const std::string& DocumentWriter::ValidUtf8(std::string_view text, std::string&
     size_t pos = 0;
     while (pos < text.size())
     {
-        const size_t length = PathEscape::ValidSequenceLength(text.substr(pos));
+        const size_t length = edr::PathEscape::ValidSequenceLength(text.substr(pos));
         if (length > 0)
         {
             scratch.append(text.substr(pos, length));

@@ -10,19 +10,6 @@ namespace vantor::ioc::internal
 namespace
 {
 
-template <typename Read>
-auto Optional(Read read) -> std::optional<decltype(read())>
-{
-    try
-    {
-        return read();
-    }
-    catch (const edr::EventException&)
-    {
-        return std::nullopt;
-    }
-}
-
 std::optional<std::string> NonEmpty(std::optional<std::string> text)
 {
     if (text && text->empty())
@@ -36,27 +23,27 @@ std::optional<std::string> NonEmpty(std::optional<std::string> text)
 
 std::optional<std::string> EventFields::File(const edr::Event& event)
 {
-    return NonEmpty(Optional([&] { return event.GetFile(); }));
+    return NonEmpty(Try([&] { return event.GetFile(); }));
 }
 
 std::optional<std::string> EventFields::NewFile(const edr::Event& event)
 {
-    return NonEmpty(Optional([&] { return event.GetNewFile(); }));
+    return NonEmpty(Try([&] { return event.GetNewFile(); }));
 }
 
 std::optional<std::string> EventFields::Image(const edr::Event& event)
 {
-    return NonEmpty(Optional([&] { return event.GetImage(); }));
+    return NonEmpty(Try([&] { return event.GetImage(); }));
 }
 
 std::optional<pid_t> EventFields::ProcessId(const edr::Event& event)
 {
-    return Optional([&] { return event.GetActorProcessId(); });
+    return Try([&] { return event.GetActorProcessId(); });
 }
 
 std::optional<pid_t> EventFields::ParentProcessId(const edr::Event& event)
 {
-    return Optional([&] { return event.GetActorParentProcessId(); });
+    return Try([&] { return event.GetActorParentProcessId(); });
 }
 
 bool EventFields::IsFileEvent(edr::EventType type)
@@ -71,14 +58,14 @@ bool EventFields::IsNetworkEvent(edr::EventType type)
 
 bool EventFields::IsDirectory(const edr::Event& event)
 {
-    return Optional([&] { return event.GetFileType(); }) == static_cast<uint32_t>(S_IFDIR);
+    return Try([&] { return event.GetFileType(); }) == static_cast<uint32_t>(S_IFDIR);
 }
 
 std::string EventFields::Describe(const edr::Event& event)
 {
     std::ostringstream text;
-    text << Optional([&] { return event.GetActionName(); }).value_or("Unknown") << " event "
-         << Optional([&] { return event.GetEventId(); }).value_or(0) << " of process ";
+    text << Try([&] { return event.GetActionName(); }).value_or("Unknown") << " event "
+         << Try([&] { return event.GetEventId(); }).value_or(0) << " of process ";
     const auto pid = ProcessId(event);
     if (pid)
     {

@@ -32,6 +32,20 @@ public:
 
     // "<action> event <id> of process <pid> (<executable>)" for log lines.
     static std::string Describe(const edr::Event& event);
+
+    // What read() answers, or nothing when the event does not carry it.
+    template <typename Read>
+    static auto Try(Read read) -> std::optional<decltype(read())>
+    {
+        try
+        {
+            return read();
+        }
+        catch (const edr::EventException&)
+        {
+            return std::nullopt;
+        }
+    }
 };
 
 } // namespace vantor::ioc::internal

@@ -5,7 +5,7 @@
 
 #include "audit/AuditEventBuilder.h"
 #include "audit/AuparseFeed.h"
-#include "fim/PathEscape.h"
+#include "edr/PathEscape.h"
 #include "tests/src/fim/ProcessorFixture.h"
 
 #include <fcntl.h>
@@ -18,7 +18,7 @@
 #include <sstream>
 
 using vantor::edr::EventType;
-using vantor::fim::internal::PathEscape;
+using vantor::edr::PathEscape;
 
 namespace
 {

@@ -3,7 +3,7 @@
 // content comes from.
 
 #include "fim/AccountNames.h"
-#include "fim/PathEscape.h"
+#include "edr/PathEscape.h"
 #include "tests/src/fim/ProcessorFixture.h"
 
 #include "common/util/Sha256.h"

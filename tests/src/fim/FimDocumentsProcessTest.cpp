@@ -6,7 +6,7 @@
 // out of the watched tree, a removed directory and a name that is not UTF-8.
 
 #include "common/util/Json.h"
-#include "fim/PathEscape.h"
+#include "edr/PathEscape.h"
 #include "tests/src/audit/AuditKernelState.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/DaemonHarness.h"
@@ -160,7 +160,7 @@ protected:
             {
                 Document doc;
                 doc.action = util::GetString(event, "eventAction");
-                const auto path = internal::PathEscape::Unescape(util::GetString(event, "imagePath"));
+                const auto path = vantor::edr::PathEscape::Unescape(util::GetString(event, "imagePath"));
                 EXPECT_TRUE(path) << util::GetString(event, "imagePath");
                 doc.path = path.value_or("");
                 doc.json.CopyFrom(event, doc.json.GetAllocator());
@@ -197,7 +197,7 @@ protected:
         std::string text;
         for (const auto& doc : Spooled())
         {
-            text += doc.action + " " + internal::PathEscape::Escape(doc.path) + "\n";
+            text += doc.action + " " + vantor::edr::PathEscape::Escape(doc.path) + "\n";
         }
         return text;
     }

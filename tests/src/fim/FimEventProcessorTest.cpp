@@ -1,7 +1,7 @@
 #include "fim/EventProcessor.h"
 #include "fim/EventRuleManager.h"
 #include "fim/JsonDataFormatter.h"
-#include "fim/PathEscape.h"
+#include "edr/PathEscape.h"
 #include "fim/PostProcessor.h"
 #include "tests/src/fim/ProcessorFixture.h"
 
@@ -19,6 +19,7 @@
 
 using namespace vantor::fim::internal;
 using vantor::edr::EventType;
+using vantor::edr::PathEscape;
 using vantor::fim::test::RecordingRuleEngine;
 using vantor::fim::test::TestEvent;
 using namespace std::chrono_literals;

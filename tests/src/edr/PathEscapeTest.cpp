@@ -1,5 +1,5 @@
 #include "fim/DocumentWriter.h"
-#include "fim/PathEscape.h"
+#include "edr/PathEscape.h"
 
 #include "common/util/Json.h"
 
@@ -10,7 +10,7 @@
 #include <string>
 
 using vantor::fim::internal::DocumentWriter;
-using vantor::fim::internal::PathEscape;
+using vantor::edr::PathEscape;
 
 namespace
 {
@@ -29,7 +29,7 @@ bool IsValidUtf8(const std::string& text)
     return true;
 }
 
-TEST(FimPathEscapeTest, InvalidBytesAndBackslashesAreEscapedTheRestIsKept)
+TEST(PathEscapeTest, InvalidBytesAndBackslashesAreEscapedTheRestIsKept)
 {
     EXPECT_EQ(PathEscape::Escape("/etc/h\xc3\xb6sts \xf0\x9f\x98\x80"), "/etc/h\xc3\xb6sts \xf0\x9f\x98\x80");
     EXPECT_EQ(PathEscape::Escape("/w/bad\xff\xfe.txt"), "/w/bad\\xFF\\xFE.txt");
@@ -43,7 +43,7 @@ TEST(FimPathEscapeTest, InvalidBytesAndBackslashesAreEscapedTheRestIsKept)
     EXPECT_EQ(PathEscape::Escape(std::string("new\nline\x01", 9)), std::string("new\nline\x01", 9));
 }
 
-TEST(FimPathEscapeTest, EveryByteStringComesBackAndTwoNamesNeverShareATextForm)
+TEST(PathEscapeTest, EveryByteStringComesBackAndTwoNamesNeverShareATextForm)
 {
     std::mt19937 random(1234);
     // Bytes biased towards the troublesome ones: backslash, 'x', hex digits,
@@ -70,7 +70,7 @@ TEST(FimPathEscapeTest, EveryByteStringComesBackAndTwoNamesNeverShareATextForm)
     }
 }
 
-TEST(FimPathEscapeTest, TextsThatNoNameMakesAreRefused)
+TEST(PathEscapeTest, TextsThatNoNameMakesAreRefused)
 {
     EXPECT_EQ(PathEscape::Unescape("/w/a\\\\b\\xFF"), std::string("/w/a\\b\xff"));
     EXPECT_EQ(PathEscape::Unescape("trailing\\"), std::nullopt);
@@ -81,7 +81,7 @@ TEST(FimPathEscapeTest, TextsThatNoNameMakesAreRefused)
     EXPECT_EQ(PathEscape::Unescape("raw\xff"), std::nullopt);
 }
 
-TEST(FimPathEscapeTest, ADocumentPathSurvivesJsonByteForByte)
+TEST(PathEscapeTest, ADocumentPathSurvivesJsonByteForByte)
 {
     const std::string path = "/w/quote\"back\\slash\xff\xfe\nend";
     DocumentWriter w;

@@ -4,12 +4,13 @@
 #include <string>
 #include <string_view>
 
-namespace vantor::fim::internal
+namespace vantor::edr
 {
 
-// The text form of a file path in an event document. Linux names are bytes,
-// not text, but a document must be valid UTF-8; so a path is written so that
-// it stays valid UTF-8 and every byte can be recovered:
+// The text form of a host path (or name, argument) wherever text must be
+// valid UTF-8: FIM's JSON documents and IOC's protobuf string fields. Linux
+// names are bytes, not text; so a path is written so that it stays valid
+// UTF-8 and every byte can be recovered:
 //
 // - each byte that does not belong to a valid UTF-8 sequence is written as
 //   the four characters \xNN (a backslash, "x", two upper-case hex digits);
@@ -26,6 +27,9 @@ class PathEscape
 {
 public:
     static std::string Escape(std::string_view path);
+    // The same into out (its content replaced, its capacity reused), for
+    // writers that refill the same strings.
+    static void EscapeTo(std::string_view path, std::string& out);
 
     // The bytes of an escaped path; nothing when the text is not a form that
     // Escape makes (a lone backslash, "\x" without two hex digits, an invalid
@@ -38,4 +42,4 @@ public:
     static size_t ValidSequenceLength(std::string_view text);
 };
 
-} // namespace vantor::fim::internal
+} // namespace vantor::edr

@@ -1,9 +1,9 @@
-#include "fim/PathEscape.h"
+#include "edr/PathEscape.h"
 
 #include <rapidjson/encodings.h>
 #include <rapidjson/memorystream.h>
 
-namespace vantor::fim::internal
+namespace vantor::edr
 {
 
 namespace
@@ -51,6 +51,13 @@ size_t PathEscape::ValidSequenceLength(std::string_view text)
 std::string PathEscape::Escape(std::string_view path)
 {
     std::string out;
+    EscapeTo(path, out);
+    return out;
+}
+
+void PathEscape::EscapeTo(std::string_view path, std::string& out)
+{
+    out.clear();
     out.reserve(path.size());
     size_t pos = 0;
     while (pos < path.size())
@@ -75,7 +82,6 @@ std::string PathEscape::Escape(std::string_view path)
         out.push_back(kHexDigits[byte & 0x0F]);
         ++pos;
     }
-    return out;
 }
 
 std::optional<std::string> PathEscape::Unescape(std::string_view text)
@@ -118,4 +124,4 @@ std::optional<std::string> PathEscape::Unescape(std::string_view text)
     return out;
 }
 
-} // namespace vantor::fim::internal
+} // namespace vantor::edr

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Poco
+{
+class RegularExpression;
+}
+
+namespace vantor::edr
+{
+class LibMagicWrapper;
+}
+
+namespace vantor::ioc::internal
+{
+
+// The "type" text of a reported file. By the file's kind first:
+// "regularfile", "symbolicLink", "blockdevicefile", "characterdevicefile",
+// else "unknown". A regular file's magic description is then searched
+// (case-insensitively, Perl syntax) with each pattern in turn and the type
+// of the first that matches replaces the kind ("Matched Type: <type>" at
+// debug level); a description that no pattern matches keeps "regularfile"
+// ("FileTypeIdentifier: Failed to match: <description>" at debug level).
+//
+// The built-in patterns, most specific first (a PHP or Python script is
+// "script text executable" too, an XHTML document an "HTML document"):
+// "EICAR Virus Test" -> "EICAR", "Perl script text" -> "Perl",
+// "PHP script" -> "PHP", "Python script" -> "Python", "Ruby script" ->
+// "Ruby", "script text exec" -> "Script", "XHTML document" -> "XHTML",
+// "HTML document" -> "HTML", "JPEG image" -> "JPEG", "SQLite .* database"
+// -> "SQLite".
+//
+// Immutable after construction; Identify is safe from any thread (the magic
+// wrapper serialises its own lookups).
+class FileTypeIdentifier
+{
+public:
+    struct Pattern
+    {
+        std::string expression;
+        std::string type;
+    };
+
+    static constexpr const char* kRegularFile = "regularfile";
+    static constexpr const char* kSymbolicLink = "symbolicLink";
+    static constexpr const char* kBlockDevice = "blockdevicefile";
+    static constexpr const char* kCharacterDevice = "characterdevicefile";
+    static constexpr const char* kUnknown = "unknown";
+
+    static const std::vector<Pattern>& DefaultPatterns();
+
+    // magic may be null: regular files then stay "regularfile". A pattern
+    // list that does not compile logs "FileTypeIdentifier: Failed to
+    // compile patterns: <error>" and leaves the identifier without patterns.
+    explicit FileTypeIdentifier(std::shared_ptr<const edr::LibMagicWrapper> magic,
+                                const std::vector<Pattern>& patterns = DefaultPatterns());
+    ~FileTypeIdentifier();
+
+    FileTypeIdentifier(const FileTypeIdentifier&) = delete;
+    FileTypeIdentifier& operator=(const FileTypeIdentifier&) = delete;
+
+    // The type text of the file at path whose st_mode type bits are mode. A
+    // file the magic database cannot describe keeps its kind.
+    std::string Identify(const std::string& path, uint32_t mode) const;
+    // The type text of a regular file with this magic description.
+    std::string Classify(const std::string& description) const;
+
+    // The kind text of st_mode type bits.
+    static const char* KindText(uint32_t mode);
+
+private:
+    struct Compiled
+    {
+        std::unique_ptr<const Poco::RegularExpression> expression;
+        std::string type;
+    };
+
+    const std::shared_ptr<const edr::LibMagicWrapper> m_magic;
+    std::vector<Compiled> m_patterns;
+};
+
+} // namespace vantor::ioc::internal

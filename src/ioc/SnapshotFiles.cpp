@@ -1,0 +1,148 @@
+#include "ioc/SnapshotFiles.h"
+
+#include "common/Logging.h"
+#include "common/SqlRowIterator.h"
+#include "common/SqlStorage.h"
+#include "common/util/Digest.h"
+#include "ioc/SnapshotSqlDataFormatter.h"
+
+#include <stdexcept>
+
+namespace vantor::ioc::internal
+{
+
+namespace
+{
+
+constexpr const char* kFile = "File";
+constexpr const char* kDirectory = "Directory";
+
+// The first row of a keyed read, as values in column order.
+std::optional<std::vector<common::SqlRowIterator::Value>> ReadRow(common::SqlStorage& snapshot,
+                                                                  const char* table, const std::string& key)
+{
+    auto result = snapshot.Read(table, key);
+    if (!result.success)
+    {
+        throw std::runtime_error(result.error);
+    }
+    if (result.rows.empty())
+    {
+        return std::nullopt;
+    }
+    common::SqlRowIterator rows(SnapshotSqlDataFormatter::GetColumnTypes(table));
+    rows.Add(std::move(result.rows.front()));
+    return rows.Next();
+}
+
+int64_t Int(const std::vector<common::SqlRowIterator::Value>& row, size_t column)
+{
+    return std::get<int64_t>(row.at(column));
+}
+
+const std::string& Text(const std::vector<common::SqlRowIterator::Value>& row, size_t column)
+{
+    return std::get<std::string>(row.at(column));
+}
+
+void AppendTimes(SnapshotSqlDataFormatter& formatter, const SnapshotFiles::Times& times)
+{
+    formatter.AppendInt64(times.creation);
+    formatter.AppendInt64(times.lastWrite);
+    formatter.AppendInt64(times.lastAccess);
+    formatter.AppendInt64(times.lastChange);
+}
+
+SnapshotFiles::Times TimesAt(const std::vector<common::SqlRowIterator::Value>& row, size_t first)
+{
+    return {Int(row, first), Int(row, first + 1), Int(row, first + 2), Int(row, first + 3)};
+}
+
+bool Store(common::SqlStorage& snapshot, const char* table, const std::string& key, std::string record)
+{
+    const auto result = snapshot.Write(table, {{key, std::move(record)}});
+    if (!result.success)
+    {
+        EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
+    }
+    return result.success;
+}
+
+bool Remove(common::SqlStorage& snapshot, const char* table, const std::string& key)
+{
+    const auto result = snapshot.Delete(table, key);
+    if (!result.success)
+    {
+        EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
+    }
+    return result.success;
+}
+
+} // namespace
+
+SnapshotFiles::SnapshotFiles(common::SqlStorage& snapshot)
+    : m_snapshot(snapshot)
+{
+}
+
+std::string SnapshotFiles::RowIdOf(std::string_view path)
+{
+    return util::Digest::HexOf(util::Digest::Algorithm::Sha256, path);
+}
+
+std::optional<SnapshotFiles::FileRow> SnapshotFiles::ReadFile(const std::string& rowId) const
+{
+    const auto row = ReadRow(m_snapshot, kFile, rowId);
+    if (!row)
+    {
+        return std::nullopt;
+    }
+    return FileRow{Text(*row, 0), Text(*row, 1), Int(*row, 2), TimesAt(*row, 3),
+                   Text(*row, 7), Text(*row, 8), Text(*row, 9)};
+}
+
+std::optional<SnapshotFiles::DirectoryRow> SnapshotFiles::ReadDirectory(const std::string& rowId) const
+{
+    const auto row = ReadRow(m_snapshot, kDirectory, rowId);
+    if (!row)
+    {
+        return std::nullopt;
+    }
+    return DirectoryRow{Text(*row, 0), Text(*row, 1), TimesAt(*row, 2)};
+}
+
+bool SnapshotFiles::WriteFile(const FileRow& row)
+{
+    SnapshotSqlDataFormatter formatter;
+    formatter.Start();
+    formatter.AppendString(row.rowId);
+    formatter.AppendString(row.parentId);
+    formatter.AppendInt64(row.size);
+    AppendTimes(formatter, row.times);
+    formatter.AppendString(row.md5);
+    formatter.AppendString(row.sha1);
+    formatter.AppendString(row.sha256);
+    return Store(m_snapshot, kFile, row.rowId, formatter.TakeBuffer());
+}
+
+bool SnapshotFiles::WriteDirectory(const DirectoryRow& row)
+{
+    SnapshotSqlDataFormatter formatter;
+    formatter.Start();
+    formatter.AppendString(row.rowId);
+    formatter.AppendString(row.path);
+    AppendTimes(formatter, row.times);
+    return Store(m_snapshot, kDirectory, row.rowId, formatter.TakeBuffer());
+}
+
+bool SnapshotFiles::DeleteFile(const std::string& rowId)
+{
+    return Remove(m_snapshot, kFile, rowId);
+}
+
+bool SnapshotFiles::DeleteDirectory(const std::string& rowId)
+{
+    return Remove(m_snapshot, kDirectory, rowId);
+}
+
+} // namespace vantor::ioc::internal

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vantor::common
+{
+class SqlStorage;
+}
+
+namespace vantor::ioc::internal
+{
+
+// The "File" and "Directory" rows of the snapshot database: what was last
+// reported of each file and directory. A row is keyed by the RowID of its
+// path (RowIdOf), so a parent directory's id follows from its path alone
+// and a file's row is found again by the path of a later event.
+//
+// Times are milliseconds since the epoch, 0 when unknown. Storage failures
+// are answered (false, or std::runtime_error from reads), never hidden.
+// Stateless over the storage; thread-safe as the storage is.
+class SnapshotFiles
+{
+public:
+    struct Times
+    {
+        int64_t creation = 0;
+        int64_t lastWrite = 0;
+        int64_t lastAccess = 0;
+        int64_t lastChange = 0;
+    };
+
+    struct FileRow
+    {
+        std::string rowId;
+        std::string parentId;
+        int64_t size = 0;
+        Times times;
+        std::string md5;
+        std::string sha1;
+        std::string sha256;
+    };
+
+    struct DirectoryRow
+    {
+        std::string rowId;
+        std::string path;
+        Times times;
+    };
+
+    explicit SnapshotFiles(common::SqlStorage& snapshot);
+
+    // Lower-case hex SHA-256 of the path's bytes.
+    static std::string RowIdOf(std::string_view path);
+
+    // Throw std::runtime_error with the storage's reason when the table
+    // cannot be read.
+    std::optional<FileRow> ReadFile(const std::string& rowId) const;
+    std::optional<DirectoryRow> ReadDirectory(const std::string& rowId) const;
+
+    bool WriteFile(const FileRow& row);
+    bool WriteDirectory(const DirectoryRow& row);
+    bool DeleteFile(const std::string& rowId);
+    bool DeleteDirectory(const std::string& rowId);
+
+private:
+    common::SqlStorage& m_snapshot;
+};
+
+} // namespace vantor::ioc::internal
