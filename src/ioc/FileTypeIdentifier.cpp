@@ -14,9 +14,16 @@ namespace vantor::ioc::internal
 const std::vector<FileTypeIdentifier::Pattern>& FileTypeIdentifier::DefaultPatterns()
 {
     static const std::vector<Pattern> patterns{
-        {"EICAR Virus Test", "EICAR"},    {"Perl script text", "Perl"}, {"PHP script", "PHP"},
-        {"Python script", "Python"},      {"Ruby script", "Ruby"},      {"script text exec", "Script"},
-        {"XHTML document", "XHTML"},      {"HTML document", "HTML"},    {"JPEG image", "JPEG"},
+        {"EICAR Virus Test", "EICAR"},
+        {"Perl script text", "Perl"},
+        {"PHP script", "PHP"},
+        {"Python script", "Python"},
+        {"Ruby script", "Ruby"}, // Older databases say "shell script text executable", newer ones
+        // "shell script, ASCII text executable".
+        {"script(,[ \\w-]*)? text exec", "Script"},
+        {"XHTML document", "XHTML"},
+        {"HTML document", "HTML"},
+        {"JPEG image", "JPEG"},
         {"SQLite .* database", "SQLite"},
     };
     return patterns;

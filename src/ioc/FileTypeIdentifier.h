@@ -30,7 +30,7 @@ namespace vantor::ioc::internal
 // "script text executable" too, an XHTML document an "HTML document"):
 // "EICAR Virus Test" -> "EICAR", "Perl script text" -> "Perl",
 // "PHP script" -> "PHP", "Python script" -> "Python", "Ruby script" ->
-// "Ruby", "script text exec" -> "Script", "XHTML document" -> "XHTML",
+// "Ruby", "script text exec" (also "script, ASCII text exec") -> "Script", "XHTML document" -> "XHTML",
 // "HTML document" -> "HTML", "JPEG image" -> "JPEG", "SQLite .* database"
 // -> "SQLite".
 //

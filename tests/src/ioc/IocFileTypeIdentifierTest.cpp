@@ -1,0 +1,74 @@
+#include "ioc/FileTypeIdentifier.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+
+#include "common/Logging.h"
+#include "edr/LibMagicWrapper.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+using vantor::ioc::internal::FileTypeIdentifier;
+
+namespace
+{
+
+const std::string kMagicDatabase = "/usr/share/misc/magic.mgc";
+
+} // namespace
+
+TEST(IocFileTypeIdentifierTest, RealFilesAreTypedByTheirMagicDescription)
+{
+    vantor::test::TempDir dir;
+    const FileTypeIdentifier types(std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase));
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {"X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*", "EICAR"},
+        {"#!/usr/bin/perl\nprint 1;\n", "Perl"},
+        {"#!/usr/bin/python3\nprint(1)\n", "Python"},
+        {"#!/usr/bin/ruby\nputs 1\n", "Ruby"},
+        {"<?php echo 1; ?>\n", "PHP"},
+        {"#!/bin/sh\necho 1\n", "Script"},
+        {"<!DOCTYPE html>\n<html><body>x</body></html>\n", "HTML"},
+        {std::string("\xff\xd8\xff\xe0\x00\x10JFIF\x00\x01\x01\x00\x00\x01\x00\x01\x00\x00", 20), "JPEG"},
+        {"just some words\n", "regularfile"},
+    };
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
+    for (size_t i = 0; i < cases.size(); ++i)
+    {
+        SCOPED_TRACE(cases[i].second);
+        const std::string path = dir.Write("file" + std::to_string(i), cases[i].first);
+        EXPECT_EQ(types.Identify(path, S_IFREG), cases[i].second);
+    }
+    EXPECT_TRUE(log.Contains("Matched Type: Perl"));
+    EXPECT_TRUE(log.Contains("FileTypeIdentifier: Failed to match: ASCII text"));
+    // Only regular files are described; a file that is gone keeps its kind.
+    EXPECT_EQ(types.Identify(dir.File("file1"), S_IFLNK), "symbolicLink");
+    EXPECT_EQ(types.Identify(dir.File("gone"), S_IFREG), "regularfile");
+}
+
+TEST(IocFileTypeIdentifierTest, KindsAndDescriptionsOfOtherDatabases)
+{
+    const FileTypeIdentifier types(nullptr);
+    EXPECT_EQ(FileTypeIdentifier::KindText(S_IFREG), std::string("regularfile"));
+    EXPECT_EQ(FileTypeIdentifier::KindText(S_IFLNK), std::string("symbolicLink"));
+    EXPECT_EQ(FileTypeIdentifier::KindText(S_IFBLK), std::string("blockdevicefile"));
+    EXPECT_EQ(FileTypeIdentifier::KindText(S_IFCHR), std::string("characterdevicefile"));
+    EXPECT_EQ(FileTypeIdentifier::KindText(S_IFDIR), std::string("unknown"));
+    // Without a magic database a regular file is only a regular file.
+    EXPECT_EQ(types.Identify("/etc/passwd", S_IFREG), "regularfile");
+
+    // The more specific description wins where a general pattern matches too.
+    EXPECT_EQ(types.Classify("XHTML document, ASCII text"), "XHTML");
+    EXPECT_EQ(types.Classify("POSIX shell script text executable"), "Script");
+    EXPECT_EQ(types.Classify("Python script text executable"), "Python");
+    EXPECT_EQ(types.Classify("SQLite 3.x database, last written using SQLite version 3040001"), "SQLite");
+}
+
+TEST(IocFileTypeIdentifierTest, PatternsThatDoNotCompileLeaveEveryFileUnmatched)
+{
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
+    const FileTypeIdentifier types(nullptr, {{"Perl script", "Perl"}, {"(unclosed", "Broken"}});
+    EXPECT_TRUE(log.Contains("FileTypeIdentifier: Failed to compile patterns: "));
+    EXPECT_EQ(types.Classify("Perl script text executable"), "regularfile");
+}
