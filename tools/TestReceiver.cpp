@@ -4,6 +4,7 @@
 #include "common/util/Base64.h"
 #include "common/util/Digest.h"
 #include "common/util/Lzma.h"
+#include "tools/IocBatchPrinter.h"
 
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPRequestHandler.h>
@@ -21,6 +22,7 @@
 
 #include <charconv>
 #include <fstream>
+#include <iostream>
 #include <stdexcept>
 #include <strings.h>
 
@@ -410,6 +412,10 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
                 }
             }
         }
+        if (received.rejection.empty() && !fail && IocBatchChecker::ParseRoute(uri.getPath()))
+        {
+            CheckIocBatch(uri.getPath(), received);
+        }
         if (fail)
         {
             status = failStatus;
@@ -463,7 +469,33 @@ void TestReceiver::LogRequest(const Received& received)
         << received.method << " " << received.uri << " " << received.status
         << " Content-Encoding=" << header("Content-Encoding")
         << " Accept-Encoding=" << header("Accept-Encoding")
-        << (received.rejection.empty() ? "" : " refused: " + received.rejection) << "\n";
+        << (received.rejection.empty() ? "" : " refused: " + received.rejection)
+        << (received.iocWarning.empty() ? "" : " ioc: " + received.iocWarning) << "\n";
+}
+
+void TestReceiver::CheckIocBatch(const std::string& path, Received& received)
+{
+    const auto result = IocBatchChecker::Check(path, received.headers, received.payload);
+    received.rejection = result.rejection;
+    if (!received.rejection.empty())
+    {
+        return;
+    }
+    received.iocWarning = m_iocBatches.Take(result);
+    received.iocLines = IocBatchPrinter::Describe(result.batch);
+    if (m_options.printIocEvents)
+    {
+        std::lock_guard lock(m_mutex);
+        for (const auto& line : received.iocLines)
+        {
+            std::cout << line << "\n";
+        }
+        if (!received.iocWarning.empty())
+        {
+            std::cout << "warning: " << received.iocWarning << "\n";
+        }
+        std::cout.flush();
+    }
 }
 
 } // namespace vantor::tools

@@ -21,7 +21,8 @@ void Usage()
         << "usage: corvid-test-receiver --output DIR [--port N] [--cert-dir DIR] [--hmac-key-file FILE]\n"
            "         [--customer-id ID] [--agent-id ID] [--fail N] [--fail-status S]\n"
            "         [--stall N] [--stall-ms MS] [--drop-csrv N] [--bad-signature N]\n"
-           "         [--request-log FILE]\n";
+           "         [--request-log FILE] [--print-ioc]\n"
+           "  --print-ioc prints every stored IOC event batch, one line per event\n";
 }
 
 } // namespace
@@ -38,6 +39,11 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; ++i)
     {
         const std::string arg = argv[i];
+        if (arg == "--print-ioc")
+        {
+            options.printIocEvents = true;
+            continue;
+        }
         if (i + 1 >= argc)
         {
             Usage();
@@ -111,11 +117,13 @@ int main(int argc, char** argv)
         receiver.Start();
         std::cout << "url: " << receiver.Url() << "\n"
                   << "ca: " << receiver.Certificate().certPath << "\n"
-                  << "public_key: " << receiver.Certificate().publicKeyPath << std::endl;
+                  << "public_key: " << receiver.Certificate().publicKeyPath << "\n"
+                  << "ioc: " << receiver.Url("/linuxagentevent/v1/customer/<c>/agent/<a>") << std::endl;
         int received = 0;
         sigwait(&signals, &received);
         receiver.Stop();
-        std::cout << "stored: " << receiver.StoredCount() << std::endl;
+        std::cout << "stored: " << receiver.StoredCount() << "\n"
+                  << "ioc sequence errors: " << receiver.IocSequenceErrors() << std::endl;
     }
     catch (const std::exception& e)
     {
