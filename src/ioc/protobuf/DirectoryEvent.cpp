@@ -82,15 +82,9 @@ std::optional<Added> DirectoryEvent::AddTo(pb::IoCEvent& batch, const Input& inp
 void DirectoryEvent::UpdateSnapshot(SnapshotFiles& files, pb::EventAction action, const std::string& oldPath,
                                     const SnapshotFiles::DirectoryRow& row)
 {
-    bool stored = true;
-    if (action == pb::DELETE || action == pb::RENAME)
-    {
-        stored = files.DeleteDirectory(SnapshotFiles::RowIdOf(oldPath));
-    }
-    if (action != pb::DELETE)
-    {
-        stored = files.WriteDirectory(row) && stored;
-    }
+    const bool stored = UpdateRow(
+        action, [&] { return files.DeleteDirectory(SnapshotFiles::RowIdOf(oldPath)); },
+        [&] { return files.WriteDirectory(row); });
     if (!stored)
     {
         EDR_LOG_ERROR("Failed to update 'Directory' table in snapshot for " << row.path);

@@ -116,6 +116,23 @@ protected:
         }
         return {1, Framed(message->ByteSizeLong())};
     }
+    // Brings the snapshot row of an event's object up to date: a delete or a
+    // rename removes the row of the old path, anything but a delete writes
+    // the row of the new one. Answers whether every step succeeded.
+    template <typename RemoveOld, typename WriteNew>
+    static bool UpdateRow(pb::EventAction action, RemoveOld removeOld, WriteNew writeNew)
+    {
+        bool stored = true;
+        if (action == pb::DELETE || action == pb::RENAME)
+        {
+            stored = removeOld();
+        }
+        if (action != pb::DELETE)
+        {
+            stored = writeNew() && stored;
+        }
+        return stored;
+    }
     // The bytes a nested message of this size takes in its parent.
     static std::size_t Framed(std::size_t size);
 

@@ -201,15 +201,9 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
 void FileEvent::UpdateSnapshot(SnapshotFiles& files, pb::EventAction action, const std::string& oldPath,
                                const std::string& path, const SnapshotFiles::FileRow& row)
 {
-    bool stored = true;
-    if (action == pb::DELETE || action == pb::RENAME)
-    {
-        stored = files.DeleteFile(SnapshotFiles::RowIdOf(oldPath));
-    }
-    if (action != pb::DELETE)
-    {
-        stored = files.WriteFile(row) && stored;
-    }
+    const bool stored = UpdateRow(
+        action, [&] { return files.DeleteFile(SnapshotFiles::RowIdOf(oldPath)); },
+        [&] { return files.WriteFile(row); });
     if (!stored)
     {
         EDR_LOG_ERROR("Failed to update 'File' table in snapshot DB for file " << path);

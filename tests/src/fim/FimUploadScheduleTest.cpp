@@ -3,12 +3,9 @@
 #include "fim/UploadSchedule.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/UploadTarget.h"
 
-#include "common/HmacRequestSigner.h"
-#include "common/HttpService.h"
-#include "common/HttpUploader.h"
 #include "common/Logging.h"
-#include "common/LzmaHttpInterceptor.h"
 #include "common/Scheduler.h"
 #include "common/SpoolStorage.h"
 #include "common/util/Json.h"
@@ -32,29 +29,9 @@ class FimUploadScheduleTest : public testing::Test
 protected:
     void SetUp() override
     {
-        std::filesystem::create_directories(m_dir.File("out"));
         std::filesystem::create_directories(m_dir.File("spool"));
-        std::ofstream(m_dir.File("hmac.key")) << "fim-test-key\n";
-        TestReceiver::Options options;
-        options.outputDir = m_dir.File("out");
-        options.certDir = m_dir.Path();
-        options.hmacKey = "fim-test-key";
-        m_receiver = std::make_unique<TestReceiver>(options);
-        m_receiver->Start();
-
-        HttpServiceSettings settings;
-        settings.connectionTimeout = 2s;
-        settings.requestTimeout = 3s;
-        settings.caCertPath = m_receiver->Certificate().certPath;
-        settings.useSystemProxy = false;
-        settings.retryAttempts = 0;
-        settings.customerId = "cust";
-        settings.agentId = "agent";
-        m_service = std::make_shared<HttpService>(
-            settings, std::make_shared<HmacRequestSigner>(m_dir.File("hmac.key")));
-        m_service->AddInterceptor(std::make_shared<LzmaHttpInterceptor>());
-        m_service->Start();
-
+        m_target = std::make_unique<vantor::test::UploadTarget>(m_dir.Path());
+        m_receiver = &m_target->Receiver();
         rapidjson::Document json;
         json.Parse(
             ("{\"service_url\":\"" + m_receiver->Url("/upload/fim") + "\",\"upload_interval\":30}").c_str());
@@ -63,7 +40,7 @@ protected:
                                                  std::make_unique<JsonDataFormatter>(),
                                                  SpoolStorage::Settings{}, 1000);
         m_schedule = std::make_shared<UploadSchedule>(
-            *m_config, *m_spool, std::make_shared<HttpUploader>(m_service, 1),
+            *m_config, *m_spool, m_target->Uploader(),
             [this] { return m_blackout || ++m_blackoutChecks > m_blackoutAfter; });
     }
 
@@ -71,8 +48,7 @@ protected:
     {
         m_schedule.reset();
         m_spool.reset();
-        m_service->Stop();
-        m_receiver.reset();
+        m_target.reset();
     }
 
     // One spool file holding one event document.
@@ -104,8 +80,8 @@ protected:
 
     vantor::test::TempDir m_dir;
     Scheduler m_scheduler;
-    std::unique_ptr<TestReceiver> m_receiver;
-    std::shared_ptr<HttpService> m_service;
+    std::unique_ptr<vantor::test::UploadTarget> m_target;
+    TestReceiver* m_receiver = nullptr;
     std::unique_ptr<vantor::fim::Config> m_config;
     std::unique_ptr<SpoolStorage> m_spool;
     std::shared_ptr<UploadSchedule> m_schedule;

@@ -192,6 +192,43 @@ TEST_F(IocDataFormatterTest, DeleteIsReportedOnlyForAFileReportedBefore)
     EXPECT_TRUE(log.Contains("Ignoring content hash for event with ID 2"));
 }
 
+TEST_F(IocDataFormatterTest, DirectoriesAreReportedWithTheirRowsLikeFiles)
+{
+    test::LogCapture log(common::Logging::Edr());
+    auto directory = [&](EventType type, const std::string& name, uint32_t id)
+    {
+        auto event = File(type, name, id);
+        event.fileType = S_IFDIR;
+        return event;
+    };
+    auto create = directory(EventType::Create, "made", 1);
+    auto rename = directory(EventType::Rename, "made", 2);
+    rename.newFile = m_dir.File("files/moved");
+    auto removeOld = directory(EventType::Delete, "made", 3);
+    auto removeNew = directory(EventType::Delete, "moved", 4);
+    auto noPath = directory(EventType::Write, "", 5);
+    noPath.file.clear();
+
+    m_formatter->Start();
+    EXPECT_TRUE(m_formatter->Append(create));
+    EXPECT_TRUE(m_formatter->Append(rename));
+    EXPECT_FALSE(m_formatter->Append(removeOld));
+    EXPECT_TRUE(log.Contains("Dropping delete event for unreported directory: " + m_dir.File("files/made")));
+    EXPECT_TRUE(m_formatter->Append(removeNew));
+    EXPECT_FALSE(m_formatter->Append(noPath));
+    EXPECT_TRUE(log.Contains("Skip adding directory event: in protobuf"));
+    EXPECT_TRUE(m_formatter->Finish());
+
+    const auto batch = Batches().at(0);
+    EXPECT_EQ(batch.fileevent_size(), 0);
+    ASSERT_EQ(batch.directoryevent_size(), 3);
+    EXPECT_EQ(batch.directoryevent(1).eventaction(), pb::RENAME);
+    EXPECT_EQ(batch.directoryevent(1).path(), m_dir.File("files/moved"));
+    // The rename kept the creation time the create reported.
+    EXPECT_EQ(batch.directoryevent(2).creationtime(), static_cast<int64_t>(create.timestamp));
+    EXPECT_FALSE(SnapshotFiles(*m_snapshot).ReadDirectory(SnapshotFiles::RowIdOf(m_dir.File("files/moved"))));
+}
+
 TEST_F(IocDataFormatterTest, EachBatchTakesTheNextNumberAlsoAfterReopening)
 {
     const auto event = File(EventType::Write, "numbered");

@@ -3,12 +3,9 @@
 #include "ioc/protobuf/IocEvents.pb.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/UploadTarget.h"
 
-#include "common/HmacRequestSigner.h"
-#include "common/HttpService.h"
-#include "common/HttpUploader.h"
 #include "common/Logging.h"
-#include "common/LzmaHttpInterceptor.h"
 #include "common/Scheduler.h"
 #include "common/SpoolRawDataFormatter.h"
 #include "common/SpoolStorage.h"
@@ -17,10 +14,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 using namespace vantor;
-using namespace std::chrono_literals;
 using tools::TestReceiver;
 namespace pb = ::com::corvid::ioc::model::proto::event;
 
@@ -34,46 +29,24 @@ class IocUploadScheduleTest : public testing::Test
 protected:
     void SetUp() override
     {
-        std::filesystem::create_directories(m_dir.File("out"));
         std::filesystem::create_directories(m_dir.File("spool"));
-        std::ofstream(m_dir.File("hmac.key")) << "ioc-test-key\n";
-        TestReceiver::Options options;
-        options.outputDir = m_dir.File("out");
-        options.certDir = m_dir.Path();
-        options.hmacKey = "ioc-test-key";
-        options.customerId = "cust";
-        options.agentId = "agent";
-        m_receiver = std::make_unique<TestReceiver>(options);
-        m_receiver->Start();
-
-        common::HttpServiceSettings settings;
-        settings.connectionTimeout = 2s;
-        settings.requestTimeout = 3s;
-        settings.caCertPath = m_receiver->Certificate().certPath;
-        settings.useSystemProxy = false;
-        settings.retryAttempts = 0;
-        settings.customerId = "cust";
-        settings.agentId = "agent";
-        m_service = std::make_shared<common::HttpService>(
-            settings, std::make_shared<common::HmacRequestSigner>(m_dir.File("hmac.key")));
-        m_service->AddInterceptor(std::make_shared<common::LzmaHttpInterceptor>());
-        m_service->Start();
-
+        m_target = std::make_unique<test::UploadTarget>(m_dir.Path());
+        m_receiver = &m_target->Receiver();
         m_config = std::make_unique<ioc::Ioc::Config>(R"({"service_url":")" + m_receiver->Url("/service") +
                                                       R"(","upload_interval":30})");
         m_spool = std::make_unique<common::SpoolStorage>(m_scheduler, m_dir.File("spool"), "ioc",
                                                          std::make_unique<common::SpoolRawDataFormatter>(),
                                                          common::SpoolStorage::Settings{}, 1000);
         m_schedule = std::make_shared<ioc::internal::UploadSchedule>(
-            *m_config, "cust", "agent", *m_spool, std::make_shared<common::HttpUploader>(m_service, 1));
+            *m_config, test::UploadTarget::kCustomerId, test::UploadTarget::kAgentId, *m_spool,
+            m_target->Uploader());
     }
 
     void TearDown() override
     {
         m_schedule.reset();
         m_spool.reset();
-        m_service->Stop();
-        m_receiver.reset();
+        m_target.reset();
     }
 
     // One spool file holding one batch.
@@ -91,8 +64,8 @@ protected:
 
     test::TempDir m_dir;
     common::Scheduler m_scheduler;
-    std::unique_ptr<TestReceiver> m_receiver;
-    std::shared_ptr<common::HttpService> m_service;
+    std::unique_ptr<test::UploadTarget> m_target;
+    TestReceiver* m_receiver = nullptr;
     std::unique_ptr<ioc::Ioc::Config> m_config;
     std::unique_ptr<common::SpoolStorage> m_spool;
     std::shared_ptr<ioc::internal::UploadSchedule> m_schedule;
