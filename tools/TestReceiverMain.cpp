@@ -117,8 +117,11 @@ int main(int argc, char** argv)
         receiver.Start();
         std::cout << "url: " << receiver.Url() << "\n"
                   << "ca: " << receiver.Certificate().certPath << "\n"
-                  << "public_key: " << receiver.Certificate().publicKeyPath << "\n"
-                  << "ioc: " << receiver.Url("/linuxagentevent/v1/customer/<c>/agent/<a>") << std::endl;
+                  << "public_key: " << receiver.Certificate().publicKeyPath
+                  << "\n"
+                  // IOC's service_url (or gateway_url): the daemon adds
+                  // /linuxagentevent/v1/customer/<c>/agent/<a> itself.
+                  << "ioc_service_url: " << receiver.Url("") << std::endl;
         int received = 0;
         sigwait(&signals, &received);
         receiver.Stop();
