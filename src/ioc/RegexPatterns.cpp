@@ -22,19 +22,27 @@ RegexPatterns RegexPatterns::Parse(const rapidjson::Value& patterns, const std::
         {
             throw EventRuleException(error);
         }
-        std::string text(pattern.GetString(), pattern.GetStringLength());
-        try
+        if (!result.Add(std::string(pattern.GetString(), pattern.GetStringLength())))
         {
-            auto expression = std::make_shared<const Poco::RegularExpression>(text);
-            result.m_patterns.push_back({std::move(text), std::move(expression)});
-        }
-        catch (const Poco::Exception& e)
-        {
-            EDR_LOG_ERROR("Poco RegularExpression exception occurred: " << e.displayText());
             throw EventRuleException(error);
         }
     }
     return result;
+}
+
+bool RegexPatterns::Add(std::string text)
+{
+    try
+    {
+        auto expression = std::make_shared<const Poco::RegularExpression>(text);
+        m_patterns.push_back({std::move(text), std::move(expression)});
+        return true;
+    }
+    catch (const Poco::Exception& e)
+    {
+        EDR_LOG_ERROR("Poco RegularExpression exception occurred: " << e.displayText());
+        return false;
+    }
 }
 
 bool RegexPatterns::Matches(size_t index, const std::string& value) const

@@ -19,7 +19,7 @@ namespace vantor::ioc::internal
 // "110.0.3.4". An error while matching is logged as "Poco RegularExpression
 // exception occurred: " + its text and counts as no match.
 //
-// Immutable after construction; matching is safe from any thread.
+// Built by Parse or Add, then only read: matching is safe from any thread.
 class RegexPatterns
 {
 public:
@@ -28,6 +28,9 @@ public:
     // Compiles a JSON array of non-empty strings. Throws EventRuleException
     // with error for anything else, or for a pattern that does not compile.
     static RegexPatterns Parse(const rapidjson::Value& patterns, const std::string& error);
+    // Compiles one more pattern; one that does not compile is logged as Parse
+    // logs it, answers false and leaves the list as it was.
+    bool Add(std::string text);
 
     bool Empty() const { return m_patterns.empty(); }
     size_t Size() const { return m_patterns.size(); }

@@ -555,4 +555,71 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
     }
 }
 
+std::vector<pid_t> TtlProcessTree::GetSiblings(pid_t pid) const
+{
+    std::lock_guard lock(m_mutex);
+    std::vector<pid_t> siblings;
+    const auto it = m_entries.find(pid);
+    if (it == m_entries.end() || it->second.info.parentPid <= 0)
+    {
+        return siblings;
+    }
+    const pid_t parentPid = it->second.info.parentPid;
+    const std::set<pid_t>* children = nullptr;
+    if (const auto parent = m_entries.find(parentPid); parent != m_entries.end())
+    {
+        children = &parent->second.info.children;
+    }
+    else if (const auto waiting = m_waitingChildren.find(parentPid); waiting != m_waitingChildren.end())
+    {
+        children = &waiting->second;
+    }
+    if (children != nullptr)
+    {
+        for (const pid_t child : *children)
+        {
+            if (child != pid && m_entries.count(child) != 0)
+            {
+                siblings.push_back(child);
+            }
+        }
+    }
+    return siblings;
+}
+
+void TtlProcessTree::VisitProcesses(const std::vector<pid_t>& pids,
+                                    const std::function<void(const ProcessInfo&)>& visit) const
+{
+    std::lock_guard lock(m_mutex);
+    for (const pid_t pid : pids)
+    {
+        if (const auto it = m_entries.find(pid); it != m_entries.end())
+        {
+            visit(it->second.info);
+        }
+    }
+}
+
+std::vector<pid_t> TtlProcessTree::AddTagToProcesses(const std::vector<pid_t>& pids, const std::string& tag,
+                                                     int64_t score,
+                                                     const std::function<bool(const ProcessInfo&)>& accept)
+{
+    std::lock_guard lock(m_mutex);
+    std::vector<pid_t> receivers;
+    for (const pid_t pid : pids)
+    {
+        Entry* entry = FindLocked(pid);
+        if (entry && !entry->info.HasTag(tag) && (!accept || accept(entry->info)))
+        {
+            entry->info.tags[tag] = score;
+            receivers.push_back(pid);
+        }
+    }
+    if (!receivers.empty())
+    {
+        ++m_generation;
+    }
+    return receivers;
+}
+
 } // namespace vantor::ioc

@@ -134,6 +134,24 @@ public:
     bool Save(common::SqlStorage& snapshot);
     void Load(common::SqlStorage& snapshot);
 
+    // The other processes the tree knows under the pid's parent (also while
+    // the parent itself is unknown), in pid order; empty for an unknown pid
+    // or one without a parent.
+    std::vector<pid_t> GetSiblings(pid_t pid) const;
+    // Calls visit with each of the pids' processes that the tree holds, in
+    // the order given. Nothing is copied: visit runs under the tree's lock
+    // and must not call the tree.
+    void VisitProcesses(const std::vector<pid_t>& pids,
+                        const std::function<void(const ProcessInfo&)>& visit) const;
+    // Adds the tag with its score, under one lock, to each of the pids that
+    // the tree holds, that does not carry the tag yet and that accept (when
+    // given) approves; a carried tag keeps its score, so scores only grow.
+    // Answers the pids that received it, in the order given. accept runs
+    // under the tree's lock and must not call the tree.
+    std::vector<pid_t> AddTagToProcesses(const std::vector<pid_t>& pids, const std::string& tag,
+                                         int64_t score,
+                                         const std::function<bool(const ProcessInfo&)>& accept = {});
+
 private:
     struct Entry
     {

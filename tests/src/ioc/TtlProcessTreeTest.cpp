@@ -170,6 +170,33 @@ TEST_F(TtlProcessTreeTest, TagsVerdictsAndStates)
     EXPECT_TRUE(m_tree.RemoveTag(20, TtlProcessTree::kReported));
 }
 
+TEST_F(TtlProcessTreeTest, SiblingsAndATagForManyProcesses)
+{
+    Start(10, 1, 400);
+    Start(20, 10, 500);
+    Start(21, 10, 510);
+    Start(22, 10, 520);
+    Start(31, 30, 610); // the parent is not known (yet)
+    Start(32, 30, 620);
+    EXPECT_THAT(m_tree.GetSiblings(21), ElementsAre(20, 22));
+    EXPECT_THAT(m_tree.GetSiblings(31), ElementsAre(32)) << "a shared parent pid makes siblings";
+    EXPECT_THAT(m_tree.GetSiblings(99), IsEmpty());
+
+    ASSERT_TRUE(m_tree.AddTag(21, "Execution", 9));
+    m_tree.AddOrUpdate(*Running(22, 10, "/usr/bin/vim"));
+    const auto received =
+        m_tree.AddTagToProcesses({20, 21, 22, 99}, "Execution", 4,
+                                 [](const ProcessInfo& p) { return p.image.path != "/usr/bin/vim"; });
+    EXPECT_THAT(received, ElementsAre(20)) << "unknown, refused and carrying processes receive nothing";
+    EXPECT_EQ(m_tree.GetProcessInfo(20).tags.at("Execution"), 4);
+    EXPECT_EQ(m_tree.GetProcessInfo(21).tags.at("Execution"), 9) << "a carried tag keeps its score";
+    EXPECT_FALSE(m_tree.HasTag(22, "Execution"));
+
+    std::vector<pid_t> visited;
+    m_tree.VisitProcesses({22, 99, 20}, [&](const ProcessInfo& p) { visited.push_back(p.pid); });
+    EXPECT_THAT(visited, ElementsAre(22, 20));
+}
+
 TEST_F(TtlProcessTreeTest, MisuseIsRefusedWithItsText)
 {
     Start(20, 1, 500);
