@@ -214,21 +214,19 @@ ProcessInfo TtlProcessTree::GetProcessInfo(pid_t pid) const
     return it->second.info;
 }
 
-std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
+template <typename Visit>
+bool TtlProcessTree::WalkLineageLocked(pid_t pid, Visit&& visit) const
 {
-    if (pid <= 0)
-    {
-        throw TtlProcessTreeException("TtlProcessTree::GetAncestors: 'pid' is invalid");
-    }
-    std::lock_guard lock(m_mutex);
-    std::vector<pid_t> ancestors;
-    std::set<pid_t> seen{pid};
     auto it = m_entries.find(pid);
-    while (it != m_entries.end())
+    if (it == m_entries.end())
+    {
+        return false;
+    }
+    // No lineage is longer than the tree; a loop of stale links ends there.
+    for (size_t steps = 0; steps <= m_entries.size() && visit(it->second.info); ++steps)
     {
         const pid_t parent = it->second.info.parentPid;
-        // A loop of stale links ends the walk.
-        if (parent <= 0 || !seen.insert(parent).second)
+        if (parent <= 0 || parent == it->first)
         {
             break;
         }
@@ -240,9 +238,41 @@ std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
         {
             break;
         }
-        ancestors.push_back(parent);
     }
+    return true;
+}
+
+std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
+{
+    if (pid <= 0)
+    {
+        throw TtlProcessTreeException("TtlProcessTree::GetAncestors: 'pid' is invalid");
+    }
+    std::lock_guard lock(m_mutex);
+    std::vector<pid_t> ancestors;
+    std::set<pid_t> seen{pid};
+    WalkLineageLocked(pid,
+                      [&](const ProcessInfo& process)
+                      {
+                          if (process.pid == pid)
+                          {
+                              return true;
+                          }
+                          // A loop of stale links ends the walk.
+                          if (!seen.insert(process.pid).second)
+                          {
+                              return false;
+                          }
+                          ancestors.push_back(process.pid);
+                          return true;
+                      });
     return ancestors;
+}
+
+bool TtlProcessTree::VisitLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& visit) const
+{
+    std::lock_guard lock(m_mutex);
+    return WalkLineageLocked(pid, visit);
 }
 
 bool TtlProcessTree::CacheEvent(EventPtr event)

@@ -104,6 +104,11 @@ public:
     // TtlProcessTreeException "TtlProcessTree::GetAncestors: 'pid' is
     // invalid" for a pid of 0 or below.
     std::vector<pid_t> GetAncestors(pid_t pid) const;
+    // Calls visit with the process and then with each ancestor, walked as
+    // GetAncestors walks them, until visit answers false; answers whether
+    // the process is in the tree. Nothing is copied: visit runs under the
+    // tree's lock and must not call the tree.
+    bool VisitLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& visit) const;
 
     // Caches the event under its acting process (false when the process is
     // not in the tree); an event with an id already cached replaces it.
@@ -148,6 +153,8 @@ private:
     void UnlinkFromParentLocked(pid_t pid, pid_t parentPid);
     void MarkTerminatedLocked(Entry& entry);
     Entry* FindLocked(pid_t pid);
+    template <typename Visit>
+    bool WalkLineageLocked(pid_t pid, Visit&& visit) const;
     // Whether two start times name the same process.
     static bool SameStart(int64_t a, int64_t b);
     // Process 1 as the snapshot needs it for reboot detection.
