@@ -214,34 +214,6 @@ ProcessInfo TtlProcessTree::GetProcessInfo(pid_t pid) const
     return it->second.info;
 }
 
-template <typename Visit>
-bool TtlProcessTree::WalkLineageLocked(pid_t pid, Visit&& visit) const
-{
-    auto it = m_entries.find(pid);
-    if (it == m_entries.end())
-    {
-        return false;
-    }
-    // No lineage is longer than the tree; a loop of stale links ends there.
-    for (size_t steps = 0; steps <= m_entries.size() && visit(it->second.info); ++steps)
-    {
-        const pid_t parent = it->second.info.parentPid;
-        if (parent <= 0 || parent == it->first)
-        {
-            break;
-        }
-        const int64_t childStart = it->second.info.creationTime;
-        it = m_entries.find(parent);
-        // A parent that started after its child is a later process on the
-        // parent's reused pid.
-        if (it == m_entries.end() || it->second.info.creationTime > childStart + kStartTimeToleranceMs)
-        {
-            break;
-        }
-    }
-    return true;
-}
-
 std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
 {
     if (pid <= 0)
@@ -251,28 +223,22 @@ std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
     std::lock_guard lock(m_mutex);
     std::vector<pid_t> ancestors;
     std::set<pid_t> seen{pid};
-    WalkLineageLocked(pid,
-                      [&](const ProcessInfo& process)
-                      {
-                          if (process.pid == pid)
-                          {
-                              return true;
-                          }
-                          // A loop of stale links ends the walk.
-                          if (!seen.insert(process.pid).second)
-                          {
-                              return false;
-                          }
-                          ancestors.push_back(process.pid);
-                          return true;
-                      });
+    const auto collect = [&](const ProcessInfo& process)
+    {
+        if (process.pid == pid)
+        {
+            return true;
+        }
+        // A loop of stale links ends the walk.
+        if (!seen.insert(process.pid).second)
+        {
+            return false;
+        }
+        ancestors.push_back(process.pid);
+        return true;
+    };
+    WalkLineageLocked(pid, collect);
     return ancestors;
-}
-
-bool TtlProcessTree::VisitLineage(pid_t pid, const std::function<bool(const ProcessInfo&)>& visit) const
-{
-    std::lock_guard lock(m_mutex);
-    return WalkLineageLocked(pid, visit);
 }
 
 bool TtlProcessTree::CacheEvent(EventPtr event)
