@@ -1,5 +1,6 @@
 // The filtering engine: exits and file events of reported processes, the
-// policy's rules, and whitelist exclusions that mark their process.
+// policy's rules, which a whitelist overrides only for unreported
+// processes (see also the event processor's tests).
 
 #include "ioc/FilteringEngine.h"
 #include "ioc/NetworkRule.h"
@@ -53,56 +54,39 @@ TEST(FilteringEngineTest, ReportsWhatTheRulesMatchAndEverythingOfReportedProcess
     }
     tree.AddTag(20, TtlProcessTree::kReported);
 
-    const auto process = [](edr::EventType type, pid_t pid, const std::string& image)
+    // A connection to 10.0.0.8:80, or an event of another type on /etc/hosts.
+    const auto event = [](edr::EventType type, pid_t pid, const std::string& image = "/usr/bin/curl")
     {
-        auto event = ioc::test::ProcessEvent(type, image);
-        event.pid = pid;
-        return event;
+        auto made = type == edr::EventType::Connect ? ioc::test::NetworkEvent(type, "10.0.0.8", 80)
+                                                    : ioc::test::FileEvent(type, "/etc/hosts");
+        made.type = type;
+        made.pid = pid;
+        made.image = image;
+        return std::make_shared<IocTestEvent>(made);
     };
-    const auto connect = [](pid_t pid, uint16_t port)
+    using edr::EventType;
+    const std::vector<std::tuple<const char*, std::shared_ptr<IocTestEvent>, Verdict>> cases{
+        {"exit of an unreported process", event(EventType::Exit, 10), Verdict::Clean},
+        {"exit of a reported process", event(EventType::Exit, 20), Verdict::Unknown},
+        {"abnormal end of a reported process", event(EventType::AbnormalEnd, 20), Verdict::Unknown},
+        {"file event no rule asks for", event(EventType::Write, 10), Verdict::Clean},
+        {"file event of a reported process", event(EventType::Write, 20), Verdict::Unknown},
+        {"start the process rule matches", event(EventType::Running, 10), Verdict::Unknown},
+        {"start outside the process rule", event(EventType::Running, 10, "/opt/tool"), Verdict::Clean},
+        {"whitelisted connection of a reported process", event(EventType::Connect, 20), Verdict::Unknown},
+        {"connection the whitelist does not cover", event(EventType::Connect, 10, "/usr/bin/wget"),
+         Verdict::Unknown}};
+    test::LogCapture log(common::Logging::Edr());
+    for (const auto& [name, subject, verdict] : cases)
     {
-        auto event = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", port);
-        event.pid = pid;
-        event.image = "/usr/bin/curl";
-        return event;
-    };
-    const auto write = [](pid_t pid)
-    {
-        auto event = ioc::test::FileEvent(edr::EventType::Write, "/etc/hosts");
-        event.pid = pid;
-        return event;
-    };
-    const std::vector<std::tuple<const char*, IocTestEvent, Verdict>> cases{
-        {"exit of an unreported process", process(edr::EventType::Exit, 10, "/usr/bin/curl"), Verdict::Clean},
-        {"exit of a reported process", process(edr::EventType::Exit, 20, "/usr/bin/curl"), Verdict::Unknown},
-        {"abnormal end of a reported process", process(edr::EventType::AbnormalEnd, 20, "/usr/bin/curl"),
-         Verdict::Unknown},
-        {"file event no rule asks for", write(10), Verdict::Clean},
-        {"file event of a reported process", write(20), Verdict::Unknown},
-        {"start the process rule matches", process(edr::EventType::Running, 10, "/usr/bin/curl"),
-         Verdict::Unknown},
-        {"start outside the process rule", process(edr::EventType::Running, 10, "/opt/tool"), Verdict::Clean},
-        {"connection outside the whitelist", connect(10, 443), Verdict::Unknown},
-        {"whitelisted connection of a reported process", connect(20, 80), Verdict::Unknown}};
-    for (const auto& [name, event, verdict] : cases)
-    {
-        EXPECT_EQ(engine.GetVerdict(std::make_shared<IocTestEvent>(event)), verdict) << name;
+        EXPECT_EQ(engine.GetVerdict(subject), verdict) << name;
     }
     EXPECT_FALSE(tree.HasTag(10, TtlProcessTree::kExcluded));
-
-    test::LogCapture log(common::Logging::Edr());
-    EXPECT_EQ(engine.GetVerdict(std::make_shared<IocTestEvent>(connect(10, 80))), Verdict::Clean);
-    EXPECT_TRUE(tree.HasTag(10, TtlProcessTree::kExcluded));
-    EXPECT_FALSE(tree.HasTag(20, TtlProcessTree::kExcluded));
-    EXPECT_TRUE(
-        log.Contains("Adding verdict 'Clean' to Test event for unreported process (curl ( pid: 10) as "
-                     "WhitelistGlobal exclusion filter matched"));
-    engine.GetVerdict(std::make_shared<IocTestEvent>(connect(10, 443)));
-    EXPECT_TRUE(log.Contains("Adding verdict 'Unknown' to Test event for process (curl (ID: 10) matches with "
+    EXPECT_TRUE(log.Contains("Adding verdict 'Unknown' to Test event for process (wget (ID: 10) matches with "
                              "rule IDconnects"));
 
     engine.SetRules(nullptr);
-    EXPECT_EQ(engine.GetVerdict(std::make_shared<IocTestEvent>(connect(10, 443))), Verdict::Clean)
+    EXPECT_EQ(engine.GetVerdict(event(EventType::Connect, 10, "/usr/bin/wget")), Verdict::Clean)
         << "no policy, no report";
 }
 
