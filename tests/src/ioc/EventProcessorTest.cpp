@@ -56,9 +56,7 @@ protected:
 
     static IocTestEvent Event(edr::EventType type, pid_t pid, uint32_t id)
     {
-        IocTestEvent event;
-        event.type = type;
-        event.pid = pid;
+        auto event = ioc::test::By(pid, ioc::test::FileEvent(type, "/tmp/file"));
         event.id = id;
         return event;
     }
@@ -67,10 +65,8 @@ protected:
                                 const std::string& image = "/usr/bin/tool",
                                 std::vector<std::string> arguments = {})
     {
-        auto event = Event(edr::EventType::Running, pid, id);
-        event.ppid = parent;
-        event.image = image;
-        event.arguments = std::move(arguments);
+        auto event = ioc::test::RunningEvent(pid, parent, image, std::move(arguments));
+        event.id = id;
         return event;
     }
 
@@ -186,8 +182,7 @@ TEST_F(EventProcessorTest, AWhitelistExcludesAProcessUntilOneOfItsEventsIsReport
     m_tree.AddOrUpdate(Running(10, 1, 1, "/usr/bin/curl"));
     const auto connect = [](uint32_t id, uint16_t port)
     {
-        auto event = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", port);
-        event.pid = 10;
+        auto event = ioc::test::By(10, ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", port));
         event.id = id;
         event.image = "/usr/bin/curl";
         return event;

@@ -46,21 +46,17 @@ TEST(FilteringEngineTest, ReportsWhatTheRulesMatchAndEverythingOfReportedProcess
     TtlProcessTree tree(proc.Root());
     FilteringEngine engine(tree);
     engine.SetRules(Policy());
-    for (const pid_t pid : {10, 20})
-    {
-        auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
-        start.pid = pid;
-        tree.AddOrUpdate(start);
-    }
+    tree.AddOrUpdate(ioc::test::RunningEvent(10, 1, "/usr/bin/curl"));
+    tree.AddOrUpdate(ioc::test::RunningEvent(20, 1, "/usr/bin/curl"));
     tree.AddTag(20, TtlProcessTree::kReported);
 
     // A connection to 10.0.0.8:80, or an event of another type on /etc/hosts.
     const auto event = [](edr::EventType type, pid_t pid, const std::string& image = "/usr/bin/curl")
     {
-        auto made = type == edr::EventType::Connect ? ioc::test::NetworkEvent(type, "10.0.0.8", 80)
-                                                    : ioc::test::FileEvent(type, "/etc/hosts");
+        auto made =
+            ioc::test::By(pid, type == edr::EventType::Connect ? ioc::test::NetworkEvent(type, "10.0.0.8", 80)
+                                                               : ioc::test::FileEvent(type, "/etc/hosts"));
         made.type = type;
-        made.pid = pid;
         made.image = image;
         return std::make_shared<IocTestEvent>(made);
     };

@@ -34,11 +34,7 @@ protected:
     // Starts a process and answers the engine's verdict for its start.
     Verdict Start(pid_t pid, pid_t parent, const std::string& image)
     {
-        IocTestEvent event;
-        event.type = edr::EventType::Running;
-        event.pid = pid;
-        event.ppid = parent;
-        event.image = image;
+        const auto event = ioc::test::RunningEvent(pid, parent, image);
         m_tree.AddOrUpdate(event);
         return m_engine.GetVerdict(std::make_shared<IocTestEvent>(event));
     }
@@ -46,18 +42,14 @@ protected:
     Verdict FileEvent(pid_t pid, edr::EventType type, const std::string& file,
                       const std::string& newFile = "")
     {
-        auto event = ioc::test::FileEvent(type, file);
-        event.pid = pid;
+        auto event = ioc::test::By(pid, ioc::test::FileEvent(type, file));
         event.newFile = newFile;
         return m_engine.GetVerdict(std::make_shared<IocTestEvent>(event));
     }
 
     void Store(pid_t pid, Verdict verdict)
     {
-        auto event = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/stored");
-        event.pid = pid;
-        event.ppid = 1;
-        m_tree.AddOrUpdate(event);
+        m_tree.AddOrUpdate(ioc::test::RunningEvent(pid, 1, "/usr/bin/stored"));
         ASSERT_TRUE(m_tree.SetVerdict(pid, HashMatchingEngine::kVerdictKey, static_cast<int>(verdict)));
     }
 

@@ -33,11 +33,7 @@ protected:
 
     void Start(pid_t pid, pid_t parent, const std::string& image)
     {
-        auto event = ioc::test::ProcessEvent(edr::EventType::Running, image);
-        event.pid = pid;
-        event.ppid = parent;
-        event.arguments = {image, "--run"};
-        m_tree.AddOrUpdate(event);
+        m_tree.AddOrUpdate(ioc::test::RunningEvent(pid, parent, image, {image, "--run"}));
     }
 
     Verdict Judge(const IocTestEvent& event)
@@ -52,23 +48,12 @@ protected:
 
 IocTestEvent Connect(pid_t pid, const std::string& address, uint16_t port)
 {
-    auto event = ioc::test::NetworkEvent(edr::EventType::Connect, address, port);
-    event.pid = pid;
-    return event;
-}
-
-IocTestEvent Exit(pid_t pid)
-{
-    auto event = ioc::test::ProcessEvent(edr::EventType::Exit, "/usr/bin/tool");
-    event.pid = pid;
-    return event;
+    return ioc::test::By(pid, ioc::test::NetworkEvent(edr::EventType::Connect, address, port));
 }
 
 IocTestEvent Write(pid_t pid, const std::string& path)
 {
-    auto event = ioc::test::FileEvent(edr::EventType::Write, path);
-    event.pid = pid;
-    return event;
+    return ioc::test::By(pid, ioc::test::FileEvent(edr::EventType::Write, path));
 }
 
 TEST_F(HeuristicsEngineTest, OneBehaviourIsOneEventOfOneCommandLineageWhateverItsPids)
@@ -80,7 +65,8 @@ TEST_F(HeuristicsEngineTest, OneBehaviourIsOneEventOfOneCommandLineageWhateverIt
         {"other file", Write(10, "/tmp/a"), Write(10, "/tmp/b"), false},
         {"another run of the command", Write(10, "/tmp/a"), Write(11, "/tmp/a"), true},
         {"the command under another parent", Write(10, "/tmp/a"), Write(12, "/tmp/a"), false},
-        {"other kind of event", Write(10, "/tmp/a"), Exit(10), false}};
+        {"other kind of event", Write(10, "/tmp/a"),
+         ioc::test::By(10, ioc::test::ProcessEvent(edr::EventType::Exit, "/usr/bin/tool")), false}};
     for (const auto& [name, first, second, same] : cases)
     {
         m_engine.Reconfigure(true, 1);
