@@ -55,8 +55,12 @@ TEST(VerdictChainConcurrencyTest, EnginesAreReconfiguredWhileEventsAreProcessed)
             }
         });
 
+    while (updates.load() == 0)
+    {
+        std::this_thread::yield();
+    }
     constexpr pid_t kProcesses = 50;
-    for (uint32_t id = 1; id <= 3000; ++id)
+    for (uint32_t id = 1; id <= 3000 || updates.load() < 100; ++id)
     {
         const pid_t pid = 100 + static_cast<pid_t>(id % kProcesses);
         IocTestEvent event;
@@ -80,7 +84,19 @@ TEST(VerdictChainConcurrencyTest, EnginesAreReconfiguredWhileEventsAreProcessed)
     }
     done = true;
     updater.join();
-    EXPECT_GT(updates.load(), 0);
-    EXPECT_GT(reported.load(), 0u);
     EXPECT_EQ(tree.Size(), static_cast<size_t>(kProcesses));
+
+    // The last configuration holds for the next events: a connection of a
+    // process the chain has not seen is reported.
+    filtering.SetRules(connects);
+    hashMatching.Reset({}, 1024);
+    heuristics.Reconfigure(false);
+    const uint64_t before = reported.load();
+    auto start = ioc::test::RunningEvent(999, 1, tool);
+    start.id = 1;
+    processor.Process(std::make_shared<IocTestEvent>(start));
+    auto connect = ioc::test::By(999, ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.1", 1));
+    connect.id = 2;
+    processor.Process(std::make_shared<IocTestEvent>(connect));
+    EXPECT_EQ(reported.load() - before, 1u);
 }
