@@ -79,7 +79,7 @@ void EventProcessor::Handle(const EventPtr& event)
     }
     const edr::EventType type = event->GetType();
     const pid_t pid = event->GetActorProcessId();
-    const bool reported = m_tree.HasTag(pid, TtlProcessTree::kReported);
+    bool reported = m_tree.HasTag(pid, TtlProcessTree::kReported);
     if (reported)
     {
         ReportPending(pid);
@@ -89,6 +89,8 @@ void EventProcessor::Handle(const EventPtr& event)
     if (running)
     {
         m_tree.AddOrUpdate(*event);
+        // A reused pid is a new process that nobody reported yet.
+        reported = reported && m_tree.HasTag(pid, TtlProcessTree::kReported);
     }
     else if (type == edr::EventType::Exit || type == edr::EventType::AbnormalEnd)
     {

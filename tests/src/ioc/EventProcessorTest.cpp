@@ -165,6 +165,11 @@ TEST_F(EventProcessorTest, CachedEventsAreReportedInIdOrderWithTheirProcess)
     EXPECT_THAT(TakeReported(), ElementsAre(12, 14, 16));
     EXPECT_TRUE(log.Contains("Processing pending Event: Test. Event ID: 12. PID: 10"));
     EXPECT_EQ(m_tree.CachedEventCount(), 0u);
+
+    auto reuse = Running(10, 1, 20);
+    reuse.timestamp = 99000;
+    Process(reuse);
+    EXPECT_THAT(TakeReported(), IsEmpty()) << "a reused pid is another process";
 }
 
 TEST_F(EventProcessorTest, AWhitelistExcludesAProcessUntilOneOfItsEventsIsReported)
