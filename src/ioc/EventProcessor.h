@@ -24,9 +24,9 @@ namespace vantor::ioc::internal
 //     event id order;
 //  3. a process-running event adds or updates its process in the tree, an
 //     exit or abnormal end marks it terminated; the heuristics engine
-//     drops behaviour seen often enough ("Clean"); every other event is
-//     cached under its process (the start of a process too, so that a
-//     process reported later is reported with its start);
+//     drops behaviour seen often enough ("Clean"); an event it keeps is
+//     cached under its process (a start too, so that a process reported
+//     later is reported with its start);
 //  4. the hash matching engine judges the process;
 //  5. the event is reported when that verdict is worse than
 //     "CleanWithoutHash"; when it is "CleanWithoutHash" (a known
