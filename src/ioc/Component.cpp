@@ -10,7 +10,11 @@
 #include "ioc/ClientInformation.h"
 #include "ioc/ConfigUpdateTask.h"
 #include "ioc/EventFields.h"
+#include "ioc/EventProcessor.h"
 #include "ioc/EventRuleManager.h"
+#include "ioc/FilteringEngine.h"
+#include "ioc/HashMatchingEngine.h"
+#include "ioc/HeuristicsEngine.h"
 #include "ioc/SequenceNumber.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessTree.h"
@@ -74,16 +78,6 @@ common::SpoolStorage::Settings SpoolSettings(const Ioc::Config& config)
     return settings;
 }
 
-std::string Join(const std::vector<std::string>& ids)
-{
-    std::string text = "[";
-    for (const auto& id : ids)
-    {
-        text += (text.size() > 1 ? ", " : "") + id;
-    }
-    return text + "]";
-}
-
 } // namespace
 
 Component::Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
@@ -110,6 +104,7 @@ Component::Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
     m_processTree->Load(*m_snapshot);
     ApplySpoolSettingsLocked();
     m_ruleManager = std::make_unique<internal::EventRuleManager>();
+    MakeEngines();
     m_updates = std::make_unique<internal::ConfigUpdateTask>();
     {
         std::lock_guard lock(m_mutex);
@@ -188,6 +183,7 @@ void Component::ApplyManifestsLocked()
     const bool loaded = m_ruleManager->LoadManifests(manifests);
     if (loaded)
     {
+        ConfigureEnginesLocked();
         EDR_LOG_DEBUG("Ioc::Component: Gateway url prefix is '"
                       << (m_ruleManager->HasGatewayUrl() ? m_ruleManager->GetGatewayUrl() : std::string())
                       << "'");
@@ -304,54 +300,58 @@ void Component::ConsumeQueuedEvents()
     {
         return;
     }
-    const auto events = m_queue.PopAll();
-    const auto rules = m_ruleManager->GetRules();
-    for (const auto& event : events)
+    for (const auto& event : m_queue.PopAll())
     {
-        TrackProcess(*event);
-        std::vector<std::string> matched;
-        std::vector<std::string> whitelisted;
-        for (const auto& rule : *rules)
-        {
-            try
-            {
-                if (rule->Matches(*event))
-                {
-                    (rule->GetType() == 0 ? whitelisted : matched).push_back(rule->GetId());
-                }
-            }
-            catch (const std::exception& e)
-            {
-                EDR_LOG_ERROR("Failed to process event: " << e.what());
-            }
-        }
-        EDR_LOG_DEBUG("Ioc::Component: Handled " << internal::EventFields::Describe(*event)
-                                                 << ", matching rules " << Join(matched)
-                                                 << ", whitelisted by " << Join(whitelisted));
+        m_processor->Process(event);
     }
 }
 
-void Component::TrackProcess(const edr::Event& event)
+void Component::OnReported(const std::shared_ptr<const edr::Event>& event)
 {
+    ++m_reportedCount;
+    EDR_LOG_DEBUG("Ioc::Component: Reported " << internal::EventFields::Describe(*event));
+}
+
+void Component::OnSwept()
+{
+    m_processTree->Save(*m_snapshot);
+}
+
+void Component::MakeEngines()
+{
+    m_filteringEngine = std::make_unique<internal::FilteringEngine>(*m_processTree);
+    m_hashMatchingEngine = std::make_unique<internal::HashMatchingEngine>(*m_processTree);
+    m_heuristicsEngine = std::make_unique<internal::HeuristicsEngine>(*m_processTree, false);
+    m_taggingEngine = MakeTaggingEngine();
+    m_processor = std::make_unique<internal::EventProcessor>(
+        *m_processTree, *m_filteringEngine, *m_hashMatchingEngine, *m_heuristicsEngine, *m_taggingEngine,
+        [this](const auto& event) { OnReported(event); }, [this] { OnSwept(); });
+}
+
+std::unique_ptr<internal::Engine> Component::MakeTaggingEngine()
+{
+    // replaced by the TaggingEngine when it lands
+    struct CleanEngine : internal::Engine
+    {
+        Verdict GetVerdict(const EventPtr&) override { return Verdict::Clean; }
+    };
+    return std::make_unique<CleanEngine>();
+}
+
+void Component::ConfigureEnginesLocked()
+{
+    m_filteringEngine->SetRules(m_ruleManager->GetRules());
+    m_hashMatchingEngine->Reset(m_ruleManager->GetKnownProcessPaths(),
+                                m_ruleManager->GetMaxFileSizeToProcess());
     try
     {
-        const auto type = event.GetType();
-        if (type == edr::EventType::Running)
-        {
-            m_processTree->AddOrUpdate(event);
-        }
-        else if (type == edr::EventType::Exit || type == edr::EventType::AbnormalEnd)
-        {
-            m_processTree->MarkTerminated(event.GetActorProcessId());
-        }
+        m_heuristicsEngine->Reconfigure(m_ruleManager->IsHeuristicsEnabled(),
+                                        internal::HeuristicsEngine::kMaxCount);
     }
-    catch (const std::exception& e)
+    catch (const std::invalid_argument& e)
     {
-        EDR_LOG_ERROR("Failed to update process info: " << e.what());
-    }
-    if (m_processTree->DeleteStaleProcesses())
-    {
-        m_processTree->Save(*m_snapshot);
+        // The previous settings stay.
+        EDR_LOG_ERROR(e.what());
     }
 }
 

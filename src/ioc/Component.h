@@ -6,6 +6,7 @@
 
 #include <rapidjson/document.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -34,7 +35,12 @@ class TtlProcessTree;
 namespace internal
 {
 class ConfigUpdateTask;
+class Engine;
+class EventProcessor;
 class EventRuleManager;
+class FilteringEngine;
+class HashMatchingEngine;
+class HeuristicsEngine;
 class SequenceNumber;
 } // namespace internal
 
@@ -56,13 +62,15 @@ class SequenceNumber;
 // after each stale-process sweep and at destruction.
 //
 // The handler copies each event onto the processing queue. Until the
-// processing thread and its engines exist, the queue is consumed right away
-// on the handler's thread: process-running events add or update their
-// process in the TTL process tree, exits mark it terminated, a sweep of
-// stale processes runs (at most once a second), and each event is matched
-// against the policy's rules and logged at debug level ("Ioc::Component: Handled <action> event <id> of
-// process <pid> (<executable>)" with the rules it matched). Nothing is
-// reported upstream yet.
+// processing thread exists, the queue is consumed right away on the
+// handler's thread: each event runs through the verdict chain (filtering,
+// hash matching, heuristics and tagging engines, see EventProcessor), and
+// the events it reports are counted and logged at debug level
+// ("Ioc::Component: Reported <action> event <id> of process <pid>
+// (<executable>)"); they go nowhere else yet. A configuration update gives
+// the engines the new policy: the filtering engine its rules, the hash
+// matching engine its known executables (forgetting the hashes taken), the
+// heuristics engine its switch and an empty cache.
 //
 // UpdateConfig may be called from any thread; updates run one at a time, in
 // order, on an asynchronous task. The engine must outlive the component.
@@ -110,6 +118,8 @@ public:
     const internal::EventRuleManager& GetRuleManager() const { return *m_ruleManager; }
     common::SpoolStorage& GetSpool() const { return *m_spool; }
     TtlProcessTree& GetProcessTree() const { return *m_processTree; }
+    // Events the verdict chain reported since construction.
+    uint64_t GetReportedCount() const { return m_reportedCount.load(); }
 
     // The CPU and memory limits (percent) the processing thread keeps to.
     struct Limits
@@ -131,11 +141,15 @@ private:
     void ClearSnapshotLocked();
     void WriteBootTime();
     void ApplySpoolSettingsLocked();
+    void ConfigureEnginesLocked();
+    void MakeEngines();
+    static std::unique_ptr<internal::Engine> MakeTaggingEngine();
 
     void OnEvent(const edr::Event& event);
     void OnRulesInvalidated();
     void ConsumeQueuedEvents();
-    void TrackProcess(const edr::Event& event);
+    void OnReported(const std::shared_ptr<const edr::Event>& event);
+    void OnSwept();
 
     // In construction order; destroyed in reverse.
     const uint64_t m_bootTime;
@@ -152,6 +166,14 @@ private:
     std::unique_ptr<TtlProcessTree> m_processTree;
     std::unique_ptr<common::SpoolStorage> m_spool;
     std::unique_ptr<internal::EventRuleManager> m_ruleManager;
+    // The verdict chain; each engine guards itself, so updates reach them
+    // while events are processed.
+    std::unique_ptr<internal::FilteringEngine> m_filteringEngine;
+    std::unique_ptr<internal::HashMatchingEngine> m_hashMatchingEngine;
+    std::unique_ptr<internal::HeuristicsEngine> m_heuristicsEngine;
+    std::unique_ptr<internal::Engine> m_taggingEngine;
+    std::unique_ptr<internal::EventProcessor> m_processor;
+    std::atomic<uint64_t> m_reportedCount{0};
     common::SynchronizedQueue<edr::Event> m_queue;
 
     mutable std::mutex m_mutex;

@@ -41,6 +41,16 @@ std::optional<pid_t> EventFields::ProcessId(const edr::Event& event)
     return Try([&] { return event.GetActorProcessId(); });
 }
 
+std::optional<std::string> EventFields::NetworkAddress(const edr::Event& event)
+{
+    return NonEmpty(Optional([&] { return event.GetNetworkAddress(); }));
+}
+
+std::optional<uint16_t> EventFields::NetworkPort(const edr::Event& event)
+{
+    return Optional([&] { return event.GetNetworkPort(); });
+}
+
 std::optional<pid_t> EventFields::ParentProcessId(const edr::Event& event)
 {
     return Try([&] { return event.GetActorParentProcessId(); });
@@ -59,6 +69,17 @@ bool EventFields::IsNetworkEvent(edr::EventType type)
 bool EventFields::IsDirectory(const edr::Event& event)
 {
     return Try([&] { return event.GetFileType(); }) == static_cast<uint32_t>(S_IFDIR);
+}
+
+bool EventFields::IsSuccessful(const edr::Event& event)
+{
+    return Optional([&] { return event.IsSuccessful(); }).value_or(true);
+}
+
+std::string EventFields::ProcessName(const edr::Event& event)
+{
+    const std::string image = Image(event).value_or("");
+    return image.substr(image.rfind('/') + 1);
 }
 
 std::string EventFields::Describe(const edr::Event& event)

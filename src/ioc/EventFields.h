@@ -23,12 +23,21 @@ public:
     // The executable of the acting process.
     static std::optional<std::string> Image(const edr::Event& event);
     static std::optional<pid_t> ProcessId(const edr::Event& event);
+    // The remote (or, for a bind, local) end of a network event.
+    static std::optional<std::string> NetworkAddress(const edr::Event& event);
+    static std::optional<uint16_t> NetworkPort(const edr::Event& event);
     static std::optional<pid_t> ParentProcessId(const edr::Event& event);
 
     static bool IsFileEvent(edr::EventType type);
     static bool IsNetworkEvent(edr::EventType type);
     // Whether the object of a file event is a directory.
     static bool IsDirectory(const edr::Event& event);
+
+    // Whether the call succeeded; an event without a success flag counts as
+    // successful.
+    static bool IsSuccessful(const edr::Event& event);
+    // The base name of the acting process's executable, for log lines.
+    static std::string ProcessName(const edr::Event& event);
 
     // "<action> event <id> of process <pid> (<executable>)" for log lines.
     static std::string Describe(const edr::Event& event);

@@ -223,25 +223,21 @@ std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
     std::lock_guard lock(m_mutex);
     std::vector<pid_t> ancestors;
     std::set<pid_t> seen{pid};
-    auto it = m_entries.find(pid);
-    while (it != m_entries.end())
+    const auto collect = [&](const ProcessInfo& process)
     {
-        const pid_t parent = it->second.info.parentPid;
+        if (process.pid == pid)
+        {
+            return true;
+        }
         // A loop of stale links ends the walk.
-        if (parent <= 0 || !seen.insert(parent).second)
+        if (!seen.insert(process.pid).second)
         {
-            break;
+            return false;
         }
-        const int64_t childStart = it->second.info.creationTime;
-        it = m_entries.find(parent);
-        // A parent that started after its child is a later process on the
-        // parent's reused pid.
-        if (it == m_entries.end() || it->second.info.creationTime > childStart + kStartTimeToleranceMs)
-        {
-            break;
-        }
-        ancestors.push_back(parent);
-    }
+        ancestors.push_back(process.pid);
+        return true;
+    };
+    WalkLineageLocked(pid, collect);
     return ancestors;
 }
 

@@ -104,6 +104,17 @@ public:
     // TtlProcessTreeException "TtlProcessTree::GetAncestors: 'pid' is
     // invalid" for a pid of 0 or below.
     std::vector<pid_t> GetAncestors(pid_t pid) const;
+    // Calls visit (bool(const ProcessInfo&)) with the process and then with
+    // each ancestor, walked as GetAncestors walks them, until visit answers
+    // false; answers whether the process is in the tree. Nothing is copied
+    // or allocated: visit runs under the tree's lock and must not call the
+    // tree.
+    template <typename Visit>
+    bool VisitLineage(pid_t pid, Visit&& visit) const
+    {
+        std::lock_guard lock(m_mutex);
+        return WalkLineageLocked(pid, visit);
+    }
 
     // Caches the event under its acting process (false when the process is
     // not in the tree); an event with an id already cached replaces it.
@@ -166,6 +177,8 @@ private:
     void UnlinkFromParentLocked(pid_t pid, pid_t parentPid);
     void MarkTerminatedLocked(Entry& entry);
     Entry* FindLocked(pid_t pid);
+    template <typename Visit>
+    bool WalkLineageLocked(pid_t pid, Visit& visit) const;
     // Whether two start times name the same process.
     static bool SameStart(int64_t a, int64_t b);
     // Process 1 as the snapshot needs it for reboot detection.
@@ -188,5 +201,33 @@ private:
     uint64_t m_generation = 0;
     uint64_t m_savedGeneration = 0;
 };
+
+template <typename Visit>
+bool TtlProcessTree::WalkLineageLocked(pid_t pid, Visit& visit) const
+{
+    auto it = m_entries.find(pid);
+    if (it == m_entries.end())
+    {
+        return false;
+    }
+    // No lineage is longer than the tree; a loop of stale links ends there.
+    for (size_t steps = 0; steps <= m_entries.size() && visit(it->second.info); ++steps)
+    {
+        const pid_t parent = it->second.info.parentPid;
+        if (parent <= 0 || parent == it->first)
+        {
+            break;
+        }
+        const int64_t childStart = it->second.info.creationTime;
+        it = m_entries.find(parent);
+        // A parent that started after its child is a later process on the
+        // parent's reused pid.
+        if (it == m_entries.end() || it->second.info.creationTime > childStart + kStartTimeToleranceMs)
+        {
+            break;
+        }
+    }
+    return true;
+}
 
 } // namespace vantor::ioc

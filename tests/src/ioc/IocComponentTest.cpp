@@ -235,20 +235,25 @@ TEST_F(IocComponentTest, TheRulesOfTheManifestsGoToTheEngineUnderTheTagAndTheirE
     EXPECT_EQ(SnapshotRow(SnapshotSqlDataFormatter::kBootTime), std::to_string(kBootTime));
     EXPECT_TRUE(std::filesystem::is_directory(m_dir.File("ioc")));
 
+    // The verdict chain reports what it has not seen before when the rules
+    // ask for it; the whitelist spares only processes not reported yet.
+    auto web = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", 80);
+    web.pid = 4321;
+    web.id = 16;
+    web.image = "/usr/bin/curl";
+    m_engine.DispatchEvent({"IOC"}, web);
+    EXPECT_EQ(component->GetReportedCount(), 0u);
+    EXPECT_TRUE(log.Contains("WhitelistGlobal exclusion filter matched"));
+
     auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
     start.pid = 4321;
     start.id = 17;
     m_engine.DispatchEvent({"IOC"}, start);
-    EXPECT_TRUE(
-        log.Contains("Ioc::Component: Handled Test event 17 of process 4321 (/usr/bin/curl), matching "
-                     "rules [starts], whitelisted by []"));
-
-    auto web = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", 80);
-    web.pid = 4321;
-    web.image = "/usr/bin/curl";
+    EXPECT_EQ(component->GetReportedCount(), 1u);
+    EXPECT_TRUE(log.Contains("Ioc::Component: Reported Test event 17 of process 4321 (/usr/bin/curl)"));
+    web.id = 18;
     m_engine.DispatchEvent({"IOC"}, web);
-    EXPECT_TRUE(
-        log.Contains("of process 4321 (/usr/bin/curl), matching rules [connects], whitelisted by [quiet]"));
+    EXPECT_EQ(component->GetReportedCount(), 2u);
 
     // The kernel lost the rules: they are submitted again.
     m_engine.InvalidateEventHandlers();
@@ -391,4 +396,32 @@ TEST_F(IocComponentTest, TheProcessTreeIsSavedAtShutdownAndLoadedAtTheNextStart)
         EXPECT_EQ(tree.Size(), 0u);
     }
     EXPECT_EQ(Make({m_manifest})->GetProcessTree().Size(), 0u);
+}
+
+TEST_F(IocComponentTest, AnUpdateGivesTheEnginesTheHeuristicsSwitchOfTheManifest)
+{
+    const auto withHeuristics = [&](const char* enabled)
+    {
+        std::string manifest = kManifest;
+        manifest.insert(manifest.find('{') + 1, std::string(R"("heuristicsEnabled": )") + enabled + ", ");
+        return m_dir.Write("heuristics.json", manifest);
+    };
+    auto component = Make({m_manifest});
+    auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
+    start.pid = 4321;
+    m_engine.DispatchEvent({"IOC"}, start);
+    auto web = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", 443);
+    web.pid = 4321;
+    web.image = "/usr/bin/curl";
+    for (const char* enabled : {"true", "false"})
+    {
+        SCOPED_TRACE(enabled);
+        ASSERT_TRUE(Update(*component, ConfigText({withHeuristics(enabled)})));
+        const uint64_t before = component->GetReportedCount();
+        for (int i = 0; i < 11; ++i)
+        {
+            m_engine.DispatchEvent({"IOC"}, web);
+        }
+        EXPECT_EQ(component->GetReportedCount() - before, enabled == std::string("true") ? 10u : 11u);
+    }
 }

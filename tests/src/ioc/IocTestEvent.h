@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace vantor::ioc::test
 {
@@ -75,6 +76,24 @@ inline IocTestEvent ProcessEvent(edr::EventType type, std::string image)
     event.image = std::move(image);
     event.file.clear();
     event.category = static_cast<uint32_t>(edr::EventCategory::Process);
+    return event;
+}
+
+// A process-running event of pid, started by parent.
+inline IocTestEvent RunningEvent(pid_t pid, pid_t parent, std::string image,
+                                 std::vector<std::string> arguments = {})
+{
+    IocTestEvent event = ProcessEvent(edr::EventType::Running, std::move(image));
+    event.pid = pid;
+    event.ppid = parent;
+    event.arguments = std::move(arguments);
+    return event;
+}
+
+// The event, done by the process pid.
+inline IocTestEvent By(pid_t pid, IocTestEvent event)
+{
+    event.pid = pid;
     return event;
 }
 
