@@ -17,6 +17,7 @@
 #include "ioc/HeuristicsEngine.h"
 #include "ioc/SequenceNumber.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
+#include "ioc/TaggingEngine.h"
 #include "ioc/TtlProcessTree.h"
 
 #include <rapidjson/stringbuffer.h>
@@ -322,20 +323,10 @@ void Component::MakeEngines()
     m_filteringEngine = std::make_unique<internal::FilteringEngine>(*m_processTree);
     m_hashMatchingEngine = std::make_unique<internal::HashMatchingEngine>(*m_processTree);
     m_heuristicsEngine = std::make_unique<internal::HeuristicsEngine>(*m_processTree, false);
-    m_taggingEngine = MakeTaggingEngine();
+    m_taggingEngine = std::make_unique<internal::TaggingEngine>(*m_processTree);
     m_processor = std::make_unique<internal::EventProcessor>(
         *m_processTree, *m_filteringEngine, *m_hashMatchingEngine, *m_heuristicsEngine, *m_taggingEngine,
         [this](const auto& event) { OnReported(event); }, [this] { OnSwept(); });
-}
-
-std::unique_ptr<internal::Engine> Component::MakeTaggingEngine()
-{
-    // replaced by the TaggingEngine when it lands
-    struct CleanEngine : internal::Engine
-    {
-        Verdict GetVerdict(const EventPtr&) override { return Verdict::Clean; }
-    };
-    return std::make_unique<CleanEngine>();
 }
 
 void Component::ConfigureEnginesLocked()
@@ -343,6 +334,8 @@ void Component::ConfigureEnginesLocked()
     m_filteringEngine->SetRules(m_ruleManager->GetRules());
     m_hashMatchingEngine->Reset(m_ruleManager->GetKnownProcessPaths(),
                                 m_ruleManager->GetMaxFileSizeToProcess());
+    // No "tags" in any manifest switches tagging off.
+    m_taggingEngine->ApplySettings(m_ruleManager->GetTaggingSettings());
     try
     {
         m_heuristicsEngine->Reconfigure(m_ruleManager->IsHeuristicsEnabled(),

@@ -41,6 +41,7 @@ class EventRuleManager;
 class FilteringEngine;
 class HashMatchingEngine;
 class HeuristicsEngine;
+class TaggingEngine;
 class SequenceNumber;
 } // namespace internal
 
@@ -143,7 +144,6 @@ private:
     void ApplySpoolSettingsLocked();
     void ConfigureEnginesLocked();
     void MakeEngines();
-    static std::unique_ptr<internal::Engine> MakeTaggingEngine();
 
     void OnEvent(const edr::Event& event);
     void OnRulesInvalidated();
@@ -171,7 +171,7 @@ private:
     std::unique_ptr<internal::FilteringEngine> m_filteringEngine;
     std::unique_ptr<internal::HashMatchingEngine> m_hashMatchingEngine;
     std::unique_ptr<internal::HeuristicsEngine> m_heuristicsEngine;
-    std::unique_ptr<internal::Engine> m_taggingEngine;
+    std::unique_ptr<internal::TaggingEngine> m_taggingEngine;
     std::unique_ptr<internal::EventProcessor> m_processor;
     std::atomic<uint64_t> m_reportedCount{0};
     common::SynchronizedQueue<edr::Event> m_queue;

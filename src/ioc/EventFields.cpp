@@ -43,12 +43,12 @@ std::optional<pid_t> EventFields::ProcessId(const edr::Event& event)
 
 std::optional<std::string> EventFields::NetworkAddress(const edr::Event& event)
 {
-    return NonEmpty(Optional([&] { return event.GetNetworkAddress(); }));
+    return NonEmpty(Try([&] { return event.GetNetworkAddress(); }));
 }
 
 std::optional<uint16_t> EventFields::NetworkPort(const edr::Event& event)
 {
-    return Optional([&] { return event.GetNetworkPort(); });
+    return Try([&] { return event.GetNetworkPort(); });
 }
 
 std::optional<pid_t> EventFields::ParentProcessId(const edr::Event& event)
@@ -73,7 +73,7 @@ bool EventFields::IsDirectory(const edr::Event& event)
 
 bool EventFields::IsSuccessful(const edr::Event& event)
 {
-    return Optional([&] { return event.IsSuccessful(); }).value_or(true);
+    return Try([&] { return event.IsSuccessful(); }).value_or(true);
 }
 
 std::string EventFields::ProcessName(const edr::Event& event)

@@ -31,15 +31,6 @@ std::string Describe(const ProcessInfo& process)
            std::to_string(process.pid) + ")";
 }
 
-std::shared_ptr<TtlProcessTree> Required(std::shared_ptr<TtlProcessTree> tree)
-{
-    if (!tree)
-    {
-        throw std::invalid_argument("TaggingEngine: 'tree' cannot be null");
-    }
-    return tree;
-}
-
 bool DebugEnabled()
 {
     return common::Logging::Edr().is(Poco::Message::PRIO_DEBUG);
@@ -47,8 +38,8 @@ bool DebugEnabled()
 
 } // namespace
 
-TaggingEngine::TaggingEngine(std::shared_ptr<TtlProcessTree> tree)
-    : m_tree(Required(std::move(tree)))
+TaggingEngine::TaggingEngine(TtlProcessTree& tree)
+    : m_tree(tree)
     , m_tags{std::make_unique<CredentialAccessTag>(), std::make_unique<DefenseEvasionTag>(),
              std::make_unique<ExecutionTag>(),        std::make_unique<ExfiltrationTag>(),
              std::make_unique<PersistenceTag>(),      std::make_unique<PrivilegeEscalationTag>()}
@@ -169,7 +160,7 @@ Verdict TaggingEngine::GetVerdict(const EventPtr& event)
     {
         return Verdict::Clean;
     }
-    ProcessInfo process = m_tree->GetProcessInfo(*pid);
+    ProcessInfo process = m_tree.GetProcessInfo(*pid);
     if (event->GetType() == edr::EventType::Running)
     {
         InheritLocked(process);
@@ -204,7 +195,7 @@ Verdict TaggingEngine::GetVerdict(const EventPtr& event)
 
 bool TaggingEngine::AddLocked(ProcessInfo& process, const Tag& tag)
 {
-    if (m_tree->AddTagToProcesses({process.pid}, tag.Name(), tag.Score()).empty())
+    if (m_tree.AddTagToProcesses({process.pid}, tag.Name(), tag.Score()).empty())
     {
         return false;
     }
@@ -221,14 +212,14 @@ void TaggingEngine::InheritLocked(ProcessInfo& process)
     std::vector<pid_t> givers{process.parentPid};
     if (process.parentPid > 1)
     {
-        const auto siblings = m_tree->GetSiblings(process.pid);
+        const auto siblings = m_tree.GetSiblings(process.pid);
         givers.insert(givers.end(), siblings.begin(), siblings.end());
     }
     // The first giver of each tag that the process may receive, parent
     // first, with its name when the log line will be written.
     const bool logging = DebugEnabled();
     std::array<std::optional<std::pair<pid_t, std::string>>, kTagCount> givenBy;
-    m_tree->VisitProcesses(
+    m_tree.VisitProcesses(
         givers,
         [&](const ProcessInfo& giver)
         {
@@ -263,7 +254,7 @@ void TaggingEngine::SpreadLocked(const ProcessInfo& giver, const Tag& tag)
     }
     if (giver.parentPid > 1)
     {
-        const auto siblings = m_tree->GetSiblings(giver.pid);
+        const auto siblings = m_tree.GetSiblings(giver.pid);
         if (!siblings.empty())
         {
             EDR_LOG_DEBUG("Applying tag '" << tag.Name() << "' to sibling processes");
@@ -276,19 +267,19 @@ void TaggingEngine::GiveLocked(const ProcessInfo& giver, const Tag& tag, const s
 {
     const bool logging = DebugEnabled();
     std::map<pid_t, std::string> names;
-    const auto received = m_tree->AddTagToProcesses(receivers, tag.Name(), tag.Score(),
-                                                    [&](const ProcessInfo& receiver)
-                                                    {
-                                                        if (tag.IsExcluded(receiver))
-                                                        {
-                                                            return false;
-                                                        }
-                                                        if (logging)
-                                                        {
-                                                            names.emplace(receiver.pid, Describe(receiver));
-                                                        }
-                                                        return true;
-                                                    });
+    const auto received = m_tree.AddTagToProcesses(receivers, tag.Name(), tag.Score(),
+                                                   [&](const ProcessInfo& receiver)
+                                                   {
+                                                       if (tag.IsExcluded(receiver))
+                                                       {
+                                                           return false;
+                                                       }
+                                                       if (logging)
+                                                       {
+                                                           names.emplace(receiver.pid, Describe(receiver));
+                                                       }
+                                                       return true;
+                                                   });
     if (logging)
     {
         for (const pid_t pid : received)

@@ -57,8 +57,8 @@ public:
     static constexpr size_t kTagCount = 6;
 
     // Starts switched off, every tag disabled with its default patterns.
-    // Throws std::invalid_argument "TaggingEngine: 'tree' cannot be null".
-    explicit TaggingEngine(std::shared_ptr<TtlProcessTree> tree);
+    // The tree must outlive the engine.
+    explicit TaggingEngine(TtlProcessTree& tree);
     ~TaggingEngine() override;
 
     // The "tags" object as JSON text; empty or invalid text switches tagging
@@ -84,7 +84,7 @@ private:
     void SpreadLocked(const ProcessInfo& giver, const Tag& tag);
     void GiveLocked(const ProcessInfo& giver, const Tag& tag, const std::vector<pid_t>& receivers);
 
-    const std::shared_ptr<TtlProcessTree> m_tree;
+    TtlProcessTree& m_tree;
     const std::array<std::unique_ptr<Tag>, kTagCount> m_tags;
     // Written under the engine's mutex; atomic for the accessors.
     std::atomic<bool> m_enabled = false;

@@ -49,7 +49,7 @@ class TaggingEngineTest : public testing::Test
 protected:
     TaggingEngineTest()
         : m_tree(std::make_shared<TtlProcessTree>(m_proc.Root()))
-        , m_engine(m_tree)
+        , m_engine(*m_tree)
     {
     }
 
