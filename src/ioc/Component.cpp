@@ -7,6 +7,7 @@
 #include "common/SpoolStorage.h"
 #include "common/SqlStorage.h"
 #include "edr/EventRuleEngine.h"
+#include "ioc/BatchWriter.h"
 #include "ioc/ClientInformation.h"
 #include "ioc/ConfigUpdateTask.h"
 #include "ioc/EventFields.h"
@@ -15,15 +16,19 @@
 #include "ioc/FilteringEngine.h"
 #include "ioc/HashMatchingEngine.h"
 #include "ioc/HeuristicsEngine.h"
+#include "ioc/ProcessingThread.h"
 #include "ioc/SequenceNumber.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TaggingEngine.h"
 #include "ioc/TtlProcessTree.h"
+#include "ioc/UploadSchedule.h"
+#include "ioc/protobuf/DataFormatter.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include <filesystem>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -85,7 +90,7 @@ Component::Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
                      std::shared_ptr<const edr::LibMagicWrapper> magic, common::Scheduler& scheduler,
                      std::shared_ptr<common::HttpUploader> uploader, edr::EventRuleEngine& ruleEngine,
                      uint64_t cpuLimit, uint64_t memoryLimit, BlackoutCheck blackout,
-                     const std::string& installPath)
+                     const std::string& installPath, internal::protobuf::AgentIdentity identity)
     : m_bootTime(bootTime)
     , m_config(CheckConfig(std::move(config)))
     , m_uploader(CheckUploader(std::move(uploader)))
@@ -95,6 +100,7 @@ Component::Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
     , m_limits{cpuLimit, memoryLimit}
     , m_blackout(std::move(blackout))
     , m_installPath(installPath)
+    , m_identity(std::move(identity))
 {
     const std::string snapshotDirectory = installPath + kSnapshotDirectory;
     CreateDirectory(snapshotDirectory);
@@ -103,9 +109,12 @@ Component::Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
     m_sequenceNumber = std::make_unique<internal::SequenceNumber>(*m_snapshot);
     m_processTree = std::make_unique<TtlProcessTree>();
     m_processTree->Load(*m_snapshot);
-    ApplySpoolSettingsLocked();
     m_ruleManager = std::make_unique<internal::EventRuleManager>();
     MakeEngines();
+    {
+        std::lock_guard lock(m_mutex);
+        ApplySpoolSettingsLocked();
+    }
     m_updates = std::make_unique<internal::ConfigUpdateTask>();
     {
         std::lock_guard lock(m_mutex);
@@ -121,6 +130,8 @@ Component::~Component()
         std::lock_guard lock(m_mutex);
         // After this no handler runs, so the parts can go.
         RemoveRulesLocked();
+        // What is queued is processed and the open batch spooled.
+        DropBatchPipelineLocked();
         if (m_enabled)
         {
             m_processTree->Save(*m_snapshot);
@@ -170,12 +181,59 @@ void Component::ApplySpoolSettingsLocked()
     }
     CreateDirectory(directory);
     // A new place or name: the batches spooled so far stay where they are.
+    DropBatchPipelineLocked();
     m_spool.reset();
     m_spool = std::make_unique<common::SpoolStorage>(m_scheduler, directory, prefix,
                                                      std::make_unique<common::SpoolRawDataFormatter>(),
                                                      SpoolSettings(*m_config), kMaxSpoolFiles);
     m_spoolDirectory = directory;
     m_spoolPrefix = prefix;
+    MakeBatchPipelineLocked();
+}
+
+void Component::MakeBatchPipelineLocked()
+{
+    m_formatter = std::make_unique<internal::protobuf::DataFormatter>(
+        m_identity, internal::protobuf::DataFormatter::Services{*m_snapshot, *m_sequenceNumber, *m_spool,
+                                                                *m_config, *m_ruleManager, m_magic});
+    m_batchWriter = std::make_unique<internal::BatchWriter>(*m_formatter);
+    m_processingThread = std::make_unique<internal::ProcessingThread>(
+        *m_processor, [writer = m_batchWriter.get()](bool stopping) { writer->FinishIfDue(stopping); });
+    m_uploadSchedule = std::make_shared<internal::UploadSchedule>(
+        *m_config, m_identity.customerId, m_identity.agentId, *m_spool, m_uploader, m_blackout);
+    m_uploadSchedule->SetGatewayUrlPrefix(m_ruleManager->HasGatewayUrl() ? m_ruleManager->GetGatewayUrl()
+                                                                         : "");
+    m_scheduler.RegisterSchedule(m_uploadSchedule);
+    m_processingThread->Start();
+}
+
+void Component::DropBatchPipelineLocked()
+{
+    if (!m_processingThread)
+    {
+        return;
+    }
+    m_processingThread->Stop();
+    m_scheduler.UnregisterSchedule(m_uploadSchedule);
+    m_uploadSchedule->Stop();
+    m_droppedBefore += m_processingThread->DroppedCount();
+    m_lostBefore += m_batchWriter->LostEvents();
+    m_uploadSchedule.reset();
+    m_processingThread.reset();
+    m_batchWriter.reset();
+    m_formatter.reset();
+}
+
+uint64_t Component::GetDroppedEventCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_droppedBefore + (m_processingThread ? m_processingThread->DroppedCount() : 0);
+}
+
+uint64_t Component::GetLostBatchEventCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_lostBefore + (m_batchWriter ? m_batchWriter->LostEvents() : 0);
 }
 
 void Component::ApplyManifestsLocked()
@@ -185,9 +243,8 @@ void Component::ApplyManifestsLocked()
     if (loaded)
     {
         ConfigureEnginesLocked();
-        EDR_LOG_DEBUG("Ioc::Component: Gateway url prefix is '"
-                      << (m_ruleManager->HasGatewayUrl() ? m_ruleManager->GetGatewayUrl() : std::string())
-                      << "'");
+        m_uploadSchedule->SetGatewayUrlPrefix(m_ruleManager->HasGatewayUrl() ? m_ruleManager->GetGatewayUrl()
+                                                                             : std::string());
         InstallRulesLocked();
     }
     else
@@ -279,8 +336,9 @@ void Component::WriteBootTime()
 
 void Component::OnEvent(const edr::Event& event)
 {
-    m_queue.Push(std::shared_ptr<edr::Event>(event.Clone()));
-    ConsumeQueuedEvents();
+    // Handlers run only while rules are installed, and the pipeline is
+    // replaced only with the handlers' lock held by the update.
+    m_processingThread->Enqueue(std::shared_ptr<const edr::Event>(event.Clone()));
 }
 
 void Component::OnRulesInvalidated()
@@ -295,22 +353,23 @@ void Component::OnRulesInvalidated()
     }
 }
 
-void Component::ConsumeQueuedEvents()
-{
-    if (m_queue.Size() == 0)
-    {
-        return;
-    }
-    for (const auto& event : m_queue.PopAll())
-    {
-        m_processor->Process(event);
-    }
-}
-
 void Component::OnReported(const std::shared_ptr<const edr::Event>& event)
 {
     ++m_reportedCount;
     EDR_LOG_DEBUG("Ioc::Component: Reported " << internal::EventFields::Describe(*event));
+    std::optional<ProcessInfo> actor;
+    if (const auto pid = internal::EventFields::ProcessId(*event); pid && m_processTree->Contains(*pid))
+    {
+        try
+        {
+            actor = m_processTree->GetProcessInfo(*pid);
+        }
+        catch (const TtlProcessTreeException&)
+        {
+            // Gone since the check: the message goes without its actor.
+        }
+    }
+    m_batchWriter->Append(*event, actor ? &*actor : nullptr);
 }
 
 void Component::OnSwept()

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "common/SynchronizedQueue.h"
 #include "edr/Event.h"
 #include "ioc/Config.h"
+#include "ioc/protobuf/AgentIdentity.h"
 
 #include <rapidjson/document.h>
 
@@ -34,6 +34,10 @@ class TtlProcessTree;
 
 namespace internal
 {
+namespace protobuf
+{
+class DataFormatter;
+}
 class ConfigUpdateTask;
 class Engine;
 class EventProcessor;
@@ -41,6 +45,9 @@ class EventRuleManager;
 class FilteringEngine;
 class HashMatchingEngine;
 class HeuristicsEngine;
+class BatchWriter;
+class ProcessingThread;
+class UploadSchedule;
 class TaggingEngine;
 class SequenceNumber;
 } // namespace internal
@@ -62,14 +69,20 @@ class SequenceNumber;
 // The TTL process tree is loaded from the snapshot at construction and saved
 // after each stale-process sweep and at destruction.
 //
-// The handler copies each event onto the processing queue. Until the
-// processing thread exists, the queue is consumed right away on the
-// handler's thread: each event runs through the verdict chain (filtering,
-// hash matching, heuristics and tagging engines, see EventProcessor), and
-// the events it reports are counted and logged at debug level
-// ("Ioc::Component: Reported <action> event <id> of process <pid>
-// (<executable>)"); they go nowhere else yet. A configuration update gives
-// the engines the new policy: the filtering engine its rules, the hash
+// The handler copies each event onto the queue of the processing thread
+// ("EdrProcessingThread"), which runs it through the verdict chain
+// (filtering, hash matching, heuristics and tagging engines, see
+// EventProcessor). Reported events become messages of the open protobuf
+// batch, which BatchWriter closes by size and age into the spool; the upload
+// schedule sends spooled batches to the gateway (or the service URL) at the
+// configured interval, and keeps a batch whose upload failed. Moving the
+// spool (a new event_file_path or event_file_name) stops the thread, which
+// closes its batch into the old spool, and starts it again over the new one.
+// At destruction the rules go first, then the thread processes what is
+// queued and closes its batch, then the tree is saved.
+//
+// A configuration update gives the engines the new policy: the filtering
+// engine its rules, the tagging engine its tag settings, the hash
 // matching engine its known executables (forgetting the hashes taken), the
 // heuristics engine its switch and an empty cache.
 //
@@ -92,16 +105,17 @@ public:
     // Throws std::runtime_error "ioc::Component: 'config' cannot be null" /
     // "ioc::Component: 'uploader' cannot be null", "ioc::component: sequence
     // number out of range." and the storages' exceptions. bootTime is the
-    // host's boot time (seconds since the epoch); cpuLimit, memoryLimit,
-    // magic and blackout are kept for the processing thread and the upload
-    // schedule. The spool lives in event_file_path + "ioc/" (installPath +
+    // host's boot time (seconds since the epoch); identity names the agent
+    // in every batch and in the upload path; magic types the files of file
+    // events; blackout holds uploads back. cpuLimit and memoryLimit are kept
+    // (GetLimits). The spool lives in event_file_path + "ioc/" (installPath +
     // "/ioc/" when the path is empty). Loads the configured manifests before
     // it returns.
     Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
               std::shared_ptr<const edr::LibMagicWrapper> magic, common::Scheduler& scheduler,
               std::shared_ptr<common::HttpUploader> uploader, edr::EventRuleEngine& ruleEngine,
-              uint64_t cpuLimit, uint64_t memoryLimit, BlackoutCheck blackout,
-              const std::string& installPath);
+              uint64_t cpuLimit, uint64_t memoryLimit, BlackoutCheck blackout, const std::string& installPath,
+              internal::protobuf::AgentIdentity identity = {});
     ~Component();
 
     Component(const Component&) = delete;
@@ -121,8 +135,13 @@ public:
     TtlProcessTree& GetProcessTree() const { return *m_processTree; }
     // Events the verdict chain reported since construction.
     uint64_t GetReportedCount() const { return m_reportedCount.load(); }
+    // Totals since construction: events dropped because the processing
+    // queue was full, and messages of batches the spool refused or that
+    // could not be serialized.
+    uint64_t GetDroppedEventCount() const;
+    uint64_t GetLostBatchEventCount() const;
 
-    // The CPU and memory limits (percent) the processing thread keeps to.
+    // The CPU and memory limits (percent) of the daemon.
     struct Limits
     {
         uint64_t cpu = 0;
@@ -147,7 +166,10 @@ private:
 
     void OnEvent(const edr::Event& event);
     void OnRulesInvalidated();
-    void ConsumeQueuedEvents();
+    // The batch formatter, its writer, the processing thread and the upload
+    // schedule over the current spool.
+    void MakeBatchPipelineLocked();
+    void DropBatchPipelineLocked();
     void OnReported(const std::shared_ptr<const edr::Event>& event);
     void OnSwept();
 
@@ -174,7 +196,14 @@ private:
     std::unique_ptr<internal::TaggingEngine> m_taggingEngine;
     std::unique_ptr<internal::EventProcessor> m_processor;
     std::atomic<uint64_t> m_reportedCount{0};
-    common::SynchronizedQueue<edr::Event> m_queue;
+    const internal::protobuf::AgentIdentity m_identity;
+    std::unique_ptr<internal::protobuf::DataFormatter> m_formatter;
+    std::unique_ptr<internal::BatchWriter> m_batchWriter;
+    std::unique_ptr<internal::ProcessingThread> m_processingThread;
+    std::shared_ptr<internal::UploadSchedule> m_uploadSchedule;
+    // Losses of earlier batch pipelines (a spool move replaces them).
+    uint64_t m_droppedBefore = 0;
+    uint64_t m_lostBefore = 0;
 
     mutable std::mutex m_mutex;
     bool m_enabled = false;

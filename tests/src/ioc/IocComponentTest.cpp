@@ -12,6 +12,7 @@
 #include "tests/src/ioc/IocTestEvent.h"
 #include "tests/src/ioc/IocTestJson.h"
 #include "tests/src/ioc/RecordingRuleEngine.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
@@ -242,18 +243,22 @@ TEST_F(IocComponentTest, TheRulesOfTheManifestsGoToTheEngineUnderTheTagAndTheirE
     web.id = 16;
     web.image = "/usr/bin/curl";
     m_engine.DispatchEvent({"IOC"}, web);
+    // Events run on the processing thread, not the handler's.
+    EXPECT_TRUE(test::Eventually([&] { return log.Contains("WhitelistGlobal exclusion filter matched"); },
+                                 std::chrono::seconds(5)));
     EXPECT_EQ(component->GetReportedCount(), 0u);
-    EXPECT_TRUE(log.Contains("WhitelistGlobal exclusion filter matched"));
 
     auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
     start.pid = 4321;
     start.id = 17;
     m_engine.DispatchEvent({"IOC"}, start);
-    EXPECT_EQ(component->GetReportedCount(), 1u);
+    EXPECT_TRUE(
+        test::Eventually([&] { return component->GetReportedCount() == 1u; }, std::chrono::seconds(5)));
     EXPECT_TRUE(log.Contains("Ioc::Component: Reported Test event 17 of process 4321 (/usr/bin/curl)"));
     web.id = 18;
     m_engine.DispatchEvent({"IOC"}, web);
-    EXPECT_EQ(component->GetReportedCount(), 2u);
+    EXPECT_TRUE(
+        test::Eventually([&] { return component->GetReportedCount() == 2u; }, std::chrono::seconds(5)));
 
     // The kernel lost the rules: they are submitted again.
     m_engine.InvalidateEventHandlers();
@@ -374,7 +379,8 @@ TEST_F(IocComponentTest, TheProcessTreeIsSavedAtShutdownAndLoadedAtTheNextStart)
         start.pid = getpid();
         start.ppid = getppid();
         m_engine.DispatchEvent({"IOC"}, start);
-        ASSERT_TRUE(component->GetProcessTree().Contains(getpid()));
+        ASSERT_TRUE(test::Eventually([&] { return component->GetProcessTree().Contains(getpid()); },
+                                     std::chrono::seconds(5)));
         ASSERT_TRUE(component->GetProcessTree().AddTag(getpid(), "Execution", 10));
 
         // An exit of a process the tree does not know changes nothing.
@@ -417,11 +423,16 @@ TEST_F(IocComponentTest, AnUpdateGivesTheEnginesTheHeuristicsSwitchOfTheManifest
     {
         SCOPED_TRACE(enabled);
         ASSERT_TRUE(Update(*component, ConfigText({withHeuristics(enabled)})));
+        test::LogCapture log(common::Logging::Edr());
         const uint64_t before = component->GetReportedCount();
         for (int i = 0; i < 11; ++i)
         {
             m_engine.DispatchEvent({"IOC"}, web);
         }
-        EXPECT_EQ(component->GetReportedCount() - before, enabled == std::string("true") ? 10u : 11u);
+        const bool on = enabled == std::string("true");
+        EXPECT_TRUE(test::Eventually([&]
+                                     { return component->GetReportedCount() - before == (on ? 10u : 11u); },
+                                     std::chrono::seconds(5)));
+        EXPECT_EQ(on, log.Contains("based on heuristics"));
     }
 }

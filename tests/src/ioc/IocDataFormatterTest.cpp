@@ -12,6 +12,7 @@
 #include "common/SqlStorage.h"
 #include "common/util/Digest.h"
 #include "edr/PathEscape.h"
+#include "ioc/BatchWriter.h"
 #include "ioc/ClientInformation.h"
 #include "ioc/Config.h"
 #include "ioc/EventRuleManager.h"
@@ -395,3 +396,38 @@ TEST_F(IocDataFormatterTest, ProcessNetworkAndModuleMessagesCarryTheActorAndTheP
 }
 
 } // namespace
+
+TEST_F(IocDataFormatterTest, BatchesCloseWhenTheyHoldTheirMostEventsOrReachTheirAgeAndNeverEmpty)
+{
+    std::chrono::steady_clock::time_point now{};
+    BatchWriter writer(*m_formatter, [&] { return now; });
+    auto connect = ioc::test::NetworkEvent(EventType::Connect, "10.0.0.9", 443);
+    writer.FinishIfDue(true);
+    EXPECT_TRUE(m_spool->FileIndices().empty()) << "nothing to close";
+
+    // Appends until a batch closes by itself: by count, or earlier by the
+    // size a spool file can hold.
+    uint32_t appended = 0;
+    while (m_spool->FileIndices().empty() && appended <= BatchWriter::kMaxEvents)
+    {
+        connect.id = ++appended;
+        writer.Append(connect, nullptr);
+    }
+    ASSERT_EQ(Batches().size(), 1u);
+    EXPECT_EQ(Batches()[0].networkevent_size(), static_cast<int>(appended));
+    EXPECT_LE(std::filesystem::file_size(m_spool->FileName(m_spool->FileIndices()[0])),
+              m_formatter->BatchByteLimit());
+    connect.id = ++appended;
+    writer.Append(connect, nullptr);
+
+    now += BatchWriter::kMaxAge - std::chrono::milliseconds(1);
+    writer.FinishIfDue(false);
+    EXPECT_EQ(Batches().size(), 1u);
+    now += std::chrono::milliseconds(1);
+    writer.FinishIfDue(false);
+    const auto batches = Batches();
+    ASSERT_EQ(batches.size(), 2u);
+    EXPECT_EQ(batches[1].networkevent_size(), 1);
+    EXPECT_EQ(batches[1].sequenceno(), batches[0].sequenceno() + 1);
+    EXPECT_EQ(writer.LostEvents(), 0u);
+}

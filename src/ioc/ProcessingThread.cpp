@@ -1,0 +1,96 @@
+#include "ioc/ProcessingThread.h"
+
+#include "common/Logging.h"
+#include "ioc/EventProcessor.h"
+
+#include <chrono>
+
+namespace vantor::ioc::internal
+{
+
+namespace
+{
+constexpr std::chrono::seconds kIdleWake{1};
+}
+
+ProcessingThread::ProcessingThread(EventProcessor& processor, AfterPass afterPass, size_t capacity,
+                                   size_t resumeBelow)
+    : common::ThreadedClass(kThreadName)
+    , m_processor(processor)
+    , m_afterPass(std::move(afterPass))
+    , m_capacity(capacity)
+    , m_resumeBelow(resumeBelow < capacity ? resumeBelow : capacity)
+{
+}
+
+ProcessingThread::~ProcessingThread()
+{
+    Stop();
+}
+
+bool ProcessingThread::Enqueue(EventPtr event)
+{
+    // The size check and the push are not one step: with one enqueuing
+    // thread (the capture side) the queue cannot overshoot.
+    if (m_queue.Size() >= m_capacity)
+    {
+        const uint64_t dropped = m_dropped.fetch_add(1, std::memory_order_relaxed) + 1;
+        if (!m_dropping.exchange(true, std::memory_order_relaxed))
+        {
+            EDR_LOG_ERROR("IOC processing queue is full (" << m_capacity << " events): dropping events, "
+                                                           << dropped << " dropped so far");
+        }
+        return false;
+    }
+    m_queue.Push(std::move(event));
+    return true;
+}
+
+void ProcessingThread::Run()
+{
+    while (!IsStopping())
+    {
+        if (m_queue.WaitForData(kIdleWake))
+        {
+            ProcessQueued();
+        }
+        if (m_afterPass)
+        {
+            m_afterPass(false);
+        }
+    }
+    // Stopped: what is queued is still owed to the batches.
+    if (m_queue.Size() != 0)
+    {
+        ProcessQueued();
+    }
+    if (m_afterPass)
+    {
+        m_afterPass(true);
+    }
+}
+
+void ProcessingThread::OnStop()
+{
+    m_queue.Wake();
+}
+
+void ProcessingThread::ProcessQueued()
+{
+    auto events = m_queue.PopAll();
+    EDR_LOG_DEBUG("Active event processing queue size: " << events.size());
+    for (const auto& event : events)
+    {
+        m_processor.Process(event);
+    }
+    if (m_dropping.load(std::memory_order_relaxed) && m_queue.Size() < m_resumeBelow)
+    {
+        m_dropping.store(false, std::memory_order_relaxed);
+        const uint64_t dropped = m_dropped.load(std::memory_order_relaxed);
+        EDR_LOG_WARNING("IOC processing queue accepts events again; " << dropped - m_droppedAtEpisodeStart
+                                                                      << " dropped while it was full");
+        m_droppedAtEpisodeStart = dropped;
+    }
+}
+
+} // namespace vantor::ioc::internal
