@@ -1,7 +1,6 @@
 #include "fim/PathEscape.h"
 
-#include <rapidjson/encodings.h>
-#include <rapidjson/memorystream.h>
+#include "common/util/Utf8.h"
 
 namespace vantor::fim::internal
 {
@@ -10,13 +9,6 @@ namespace
 {
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
-
-// Discards what the validator copies; only the length is wanted.
-struct NullOutput
-{
-    using Ch = char;
-    void Put(char) {}
-};
 
 int HexValue(char c)
 {
@@ -35,17 +27,7 @@ int HexValue(char c)
 
 size_t PathEscape::ValidSequenceLength(std::string_view text)
 {
-    if (text.empty())
-    {
-        return 0;
-    }
-    if (static_cast<unsigned char>(text.front()) < 0x80)
-    {
-        return 1;
-    }
-    rapidjson::MemoryStream input(text.data(), text.size());
-    NullOutput output;
-    return rapidjson::UTF8<>::Validate(input, output) ? input.Tell() : 0;
+    return util::Utf8SequenceLength(text);
 }
 
 std::string PathEscape::Escape(std::string_view path)

@@ -19,17 +19,6 @@ namespace
 constexpr uint64_t kDefaultInterval = 60;
 } // namespace
 
-// The answer of one upload, shared with its callback, which may run after a
-// cancelled run has left.
-struct UploadSchedule::Pending
-{
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool done = false;
-    bool cancelled = false;
-    bool success = false;
-};
-
 std::chrono::seconds UploadSchedule::IntervalOf(const Config& config)
 {
     const uint64_t interval = config.UploadInterval();
@@ -75,9 +64,7 @@ void UploadSchedule::OnCancel()
     std::lock_guard lock(m_mutex);
     if (m_pending)
     {
-        std::lock_guard pendingLock(m_pending->mutex);
-        m_pending->cancelled = true;
-        m_pending->cv.notify_all();
+        m_pending->Cancel();
     }
 }
 
@@ -161,37 +148,24 @@ bool UploadSchedule::UploadOldest()
     std::string body(buffer.GetString(), buffer.GetSize());
     EDR_LOG_DEBUG("Payload data (uncompressed): " << body);
 
-    auto pending = std::make_shared<Pending>();
+    auto pending = std::make_shared<common::UploadWaiter>();
     {
         std::lock_guard lock(m_mutex);
         m_pending = pending;
     }
     m_uploader->Upload(m_config.ServiceUrl(), std::move(body), "application/json", "fim",
-                       [pending](bool success)
-                       {
-                           std::lock_guard lock(pending->mutex);
-                           pending->success = success;
-                           pending->done = true;
-                           pending->cv.notify_all();
-                       });
-    bool success = false;
-    bool cancelled = false;
-    {
-        std::unique_lock lock(pending->mutex);
-        pending->cv.wait(lock, [&] { return pending->done || pending->cancelled; });
-        success = pending->done && pending->success;
-        cancelled = !pending->done;
-    }
+                       pending->Completion());
+    const auto outcome = pending->Wait();
     {
         std::lock_guard lock(m_mutex);
         m_pending.reset();
     }
-    if (cancelled)
+    if (outcome == common::UploadWaiter::Outcome::Cancelled)
     {
         EDR_LOG_INFO("UploadSchedule: Upload cancelled; the file is kept.");
         return false;
     }
-    if (!success)
+    if (outcome == common::UploadWaiter::Outcome::Failed)
     {
         EDR_LOG_ERROR("UploadSchedule: Failed to upload data. The next upload will be tried "
                       << m_config.UploadInterval() << " seconds later.");

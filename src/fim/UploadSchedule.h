@@ -2,9 +2,9 @@
 
 #include "common/AsyncTask.h"
 #include "common/PeriodicSchedule.h"
+#include "common/UploadWaiter.h"
 #include "fim/Config.h"
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -56,8 +56,6 @@ protected:
     void OnCancel() override;
 
 private:
-    struct Pending;
-
     static std::chrono::seconds IntervalOf(const Config& config);
     // Sends the oldest file and deletes it; answers whether the run may go
     // on with the next one.
@@ -68,7 +66,7 @@ private:
     const std::shared_ptr<common::HttpUploader> m_uploader;
     const BlackoutCheck m_blackout;
     std::mutex m_mutex;
-    std::shared_ptr<Pending> m_pending;
+    std::shared_ptr<common::UploadWaiter> m_pending;
     common::SystemTimePoint m_lastRun;
 };
 

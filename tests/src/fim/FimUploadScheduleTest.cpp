@@ -1,14 +1,13 @@
 #include "fim/Config.h"
 #include "fim/JsonDataFormatter.h"
 #include "fim/UploadSchedule.h"
+#include "tests/support/LocalUploadService.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
-#include "common/HmacRequestSigner.h"
 #include "common/HttpService.h"
 #include "common/HttpUploader.h"
 #include "common/Logging.h"
-#include "common/LzmaHttpInterceptor.h"
 #include "common/Scheduler.h"
 #include "common/SpoolStorage.h"
 #include "common/util/Json.h"
@@ -32,28 +31,10 @@ class FimUploadScheduleTest : public testing::Test
 protected:
     void SetUp() override
     {
-        std::filesystem::create_directories(m_dir.File("out"));
         std::filesystem::create_directories(m_dir.File("spool"));
-        std::ofstream(m_dir.File("hmac.key")) << "fim-test-key\n";
-        TestReceiver::Options options;
-        options.outputDir = m_dir.File("out");
-        options.certDir = m_dir.Path();
-        options.hmacKey = "fim-test-key";
-        m_receiver = std::make_unique<TestReceiver>(options);
-        m_receiver->Start();
-
-        HttpServiceSettings settings;
-        settings.connectionTimeout = 2s;
-        settings.requestTimeout = 3s;
-        settings.caCertPath = m_receiver->Certificate().certPath;
-        settings.useSystemProxy = false;
-        settings.retryAttempts = 0;
-        settings.customerId = "cust";
-        settings.agentId = "agent";
-        m_service = std::make_shared<HttpService>(
-            settings, std::make_shared<HmacRequestSigner>(m_dir.File("hmac.key")));
-        m_service->AddInterceptor(std::make_shared<LzmaHttpInterceptor>());
-        m_service->Start();
+        m_upload = std::make_unique<vantor::test::LocalUploadService>(m_dir);
+        m_receiver = &m_upload->Receiver();
+        m_service = m_upload->Service();
 
         rapidjson::Document json;
         json.Parse(
@@ -71,8 +52,7 @@ protected:
     {
         m_schedule.reset();
         m_spool.reset();
-        m_service->Stop();
-        m_receiver.reset();
+        m_upload.reset();
     }
 
     // One spool file holding one event document.
@@ -104,7 +84,8 @@ protected:
 
     vantor::test::TempDir m_dir;
     Scheduler m_scheduler;
-    std::unique_ptr<TestReceiver> m_receiver;
+    std::unique_ptr<vantor::test::LocalUploadService> m_upload;
+    TestReceiver* m_receiver = nullptr;
     std::shared_ptr<HttpService> m_service;
     std::unique_ptr<vantor::fim::Config> m_config;
     std::unique_ptr<SpoolStorage> m_spool;
