@@ -168,6 +168,8 @@ int Daemon::StartUp()
     const auto& limits = m_watchdog->GetLimits();
     EDR_LOG_DEBUG("Memory threshold: softLimit: " << limits.softKb << " KB "
                                                   << " HardLimit: " << limits.hardKb << " KB.");
+    m_components->StartHealthMonitor(*m_watchdog);
+    RecordConfig(AHSStatusCode::kConfigLoaded, {});
     return kExitOk;
 }
 
@@ -300,6 +302,13 @@ void Daemon::MainLoop(std::unique_lock<std::mutex>& lock)
         if (m_watchdog->Check())
         {
             EDR_LOG_DEBUG("MEMCHECK: Shutting down as memory usage is beyond set hard limit.");
+            if (auto* status = m_components->HealthStatus())
+            {
+                // Uploaded by the next daemon: the store outlives this one.
+                status->Write(AHSContext::kDaemonMemory, AHSStatusCode::kMemoryShutdown, AHSState::Failed,
+                              {{"strikes", uint64_t{m_watchdog->Strikes()}},
+                               {"hardLimitKb", m_watchdog->GetLimits().hardKb}});
+            }
             g_shutdown.store(true);
         }
     }
@@ -348,22 +357,31 @@ void Daemon::HandleCommand()
 void Daemon::ApplyConfig(const rapidjson::Value& command)
 {
     EDR_LOG_INFO("Command 'config' received from agent");
+    const std::string refused = ApplyConfigFile(command);
+    if (refused.empty())
+    {
+        RecordConfig(AHSStatusCode::kConfigLoaded, {});
+        return;
+    }
+    EDR_LOG_ERROR(refused);
+    RecordConfig(AHSStatusCode::kConfigRefused, refused);
+}
+
+std::string Daemon::ApplyConfigFile(const rapidjson::Value& command)
+{
     const auto fileIt = command.FindMember("config_file");
     if (fileIt == command.MemberEnd() || !fileIt->value.IsString())
     {
-        EDR_LOG_ERROR("Incomplete 'config' command received from the agent");
-        return;
+        return "Incomplete 'config' command received from the agent";
     }
     const std::string path(fileIt->value.GetString(), fileIt->value.GetStringLength());
     ConfigurationFile file;
     switch (file.Load(path))
     {
     case ConfigurationFile::Status::Unreadable:
-        EDR_LOG_ERROR("Failed to read config file: " << path);
-        return;
+        return "Failed to read config file: " + path;
     case ConfigurationFile::Status::Invalid:
-        EDR_LOG_ERROR("Invalid configuration file.");
-        return;
+        return "Invalid configuration file.";
     case ConfigurationFile::Status::Ok:
         break;
     }
@@ -373,8 +391,7 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
     if (!file.HasSections({"common_config", "fim_config", "ioc_config"}) ||
         !file.ReadOutpost(outpostPid, outpostPath))
     {
-        EDR_LOG_ERROR("Incomplete configuration file: " << path);
-        return;
+        return "Incomplete configuration file: " + path;
     }
     try
     {
@@ -400,7 +417,25 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
     catch (const std::exception& e)
     {
         // Updates applied so far stay applied; the later ones are skipped.
-        EDR_LOG_ERROR("Failed to update configuration: " << e.what());
+        return std::string("Failed to update configuration: ") + e.what();
+    }
+    return {};
+}
+
+void Daemon::RecordConfig(int64_t statusCode, const std::string& reason)
+{
+    AHSRecordWriter* status = m_components ? m_components->HealthStatus() : nullptr;
+    if (status == nullptr)
+    {
+        return;
+    }
+    if (reason.empty())
+    {
+        status->Write(AHSContext::kDaemonConfig, statusCode, AHSState::Ok);
+    }
+    else
+    {
+        status->Write(AHSContext::kDaemonConfig, statusCode, AHSState::Failed, {{"reason", reason}});
     }
 }
 

@@ -62,6 +62,10 @@ private:
     // Runs with the daemon mutex held, for every message after the first.
     void HandleCommand();
     void ApplyConfig(const rapidjson::Value& command);
+    // Answers why the command was refused; empty when it was applied.
+    std::string ApplyConfigFile(const rapidjson::Value& command);
+    // The outcome of a configuration as a health-status record.
+    void RecordConfig(int64_t statusCode, const std::string& reason);
     void ExportProxyEnvironment();
     void ShutDown();
 

@@ -6,16 +6,22 @@
 #include "common/Logging.h"
 #include "common/LzmaHttpInterceptor.h"
 #include "common/SigValidationHttpInterceptor.h"
+#include "common/SqlStorage.h"
+#include "edr/AHSServiceSettings.h"
+#include "edr/AHSSqlDataFormatter.h"
 #include "edr/PseudoRunningEvent.h"
 #include "edr/PseudoTerminateEvent.h"
 #include "edr/ResourceMonitor.h"
+#include "edr/daemon/HealthSources.h"
 #include "edr/daemon/ProcessTreeLookup.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
 #include "ioc/Component.h"
 #include "ioc/Config.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 
 namespace vantor::edr
 {
@@ -94,12 +100,14 @@ void DaemonComponents::BuildUploadersAndComponents(
 {
     // One HTTP thread serves every uploader.
     m_httpService = StartHttpService(std::move(requestSigner));
+    m_statusUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
+    OpenHealthStatusStore();
     m_fimBlackout =
         std::make_shared<const BlackoutManager>(BlackoutManager::kKind, m_common.BlackoutEvents());
     m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
-    m_fim = std::make_unique<fim::Component>(std::move(fimConfig), m_fimUploader, m_scheduler, m_ruleEngine,
-                                             m_common.AgentInstallPath(), m_fimBlackout,
-                                             std::make_shared<const ProcessTreeLookup>(m_processTree));
+    m_fim = std::make_unique<fim::Component>(
+        std::move(fimConfig), m_fimUploader, m_scheduler, m_ruleEngine, m_common.AgentInstallPath(),
+        m_fimBlackout, std::make_shared<const ProcessTreeLookup>(m_processTree), m_healthStatus);
 
     // IOC's periods, built in their place in the start-up order, for the IOC
     // component that follows FIM.
@@ -117,7 +125,88 @@ void DaemonComponents::BuildUploadersAndComponents(
     {
         // FIM and the health status go on without IOC.
         EDR_LOG_ERROR("Failed to create the IOC component: " << e.what());
+        if (m_healthStatus)
+        {
+            m_healthStatus->Write(AHSContext::kIocComponent, AHSStatusCode::kComponentFailed,
+                                  AHSState::Failed, {{"reason", std::string(e.what())}});
+        }
     }
+
+    if (m_healthStatus)
+    {
+        m_statusUpload = std::make_shared<AHSUploadSchedule>(m_healthStatus->Store(), m_statusUploader,
+                                                             AHSServiceSettings::From(m_common, m_edr));
+        m_scheduler.RegisterSchedule(m_statusUpload);
+    }
+}
+
+void DaemonComponents::OpenHealthStatusStore()
+{
+    const std::string directory = m_common.AgentInstallPath();
+    const auto open = [&directory]
+    {
+        return std::make_shared<common::SqlStorage>(directory, AHSRecordWriter::kDbFileName,
+                                                    std::make_unique<AHSSqlDataFormatter>(), false);
+    };
+    std::shared_ptr<common::SqlStorage> store;
+    try
+    {
+        store = open();
+    }
+    catch (const std::exception& e)
+    {
+        // Records not yet uploaded are lost with the file, but a store that
+        // cannot be read would keep every later record from the back end.
+        EDR_LOG_ERROR("Failed to open the health-status store: " << e.what() << "; making it anew");
+        std::remove((directory + "/" + AHSRecordWriter::kDbFileName).c_str());
+        try
+        {
+            store = open();
+        }
+        catch (const std::exception& again)
+        {
+            EDR_LOG_ERROR("No health-status records: " << again.what());
+            return;
+        }
+    }
+    m_healthStatus = std::make_shared<AHSRecordWriter>(std::move(store));
+}
+
+void DaemonComponents::StartHealthMonitor(const MemoryWatchdog& watchdog)
+{
+    if (!m_healthStatus)
+    {
+        return;
+    }
+    // Often enough that a loss is placed in time, never less often than the
+    // records are uploaded.
+    const auto uploadInterval = m_statusUpload->Settings().interval;
+    m_healthMonitor = std::make_shared<HealthMonitor>(
+        m_healthStatus, std::min<std::chrono::seconds>(uploadInterval, std::chrono::seconds(60)));
+    const auto add = [this](HealthSources::Sources sources)
+    {
+        for (auto& source : sources)
+        {
+            m_healthMonitor->AddSource(std::move(source));
+        }
+    };
+    m_healthMonitor->AddSource(HealthSources::KernelAudit());
+    if (m_capture)
+    {
+        add(HealthSources::Capture(*m_capture, *m_ruleEngine));
+    }
+    if (m_fim)
+    {
+        add(HealthSources::Fim(*m_fim));
+    }
+    m_healthMonitor->AddSource(HealthSources::IocQueue());
+    add(HealthSources::Uploads(AHSContext::kFimUpload, m_fimUploader, true));
+    add(HealthSources::Uploads(AHSContext::kIocUpload, m_iocUploader, true));
+    // Successes of its own uploads would give every upload a record to send.
+    add(HealthSources::Uploads(AHSContext::kStatusUpload, m_statusUploader, false));
+    m_healthMonitor->AddSource(HealthSources::StatusStore(*m_statusUpload));
+    m_healthMonitor->AddSource(HealthSources::Memory(watchdog));
+    m_scheduler.RegisterSchedule(m_healthMonitor);
 }
 
 void DaemonComponents::StartAuditCapture(std::unique_ptr<common::IOChannel> auditChannel)
@@ -154,6 +243,14 @@ void DaemonComponents::StopCapture()
 
 void DaemonComponents::DestroyComponents()
 {
+    if (m_healthMonitor)
+    {
+        // What the stop of the capture dropped is counted too; the sources
+        // go from here on.
+        m_healthMonitor->Close();
+        m_scheduler.UnregisterSchedule(m_healthMonitor);
+        m_healthMonitor.reset();
+    }
     m_fim.reset();
     m_ioc.reset();
 }
@@ -168,6 +265,8 @@ void DaemonComponents::DestroyAuditCore()
 
 void DaemonComponents::DestroyUploaders()
 {
+    // Its run waits for an answer of the HTTP service: stopped before that.
+    m_statusUpload.reset();
     // Uploads still in flight complete (or are cancelled) before the
     // uploaders go.
     if (m_httpService)
@@ -176,6 +275,8 @@ void DaemonComponents::DestroyUploaders()
     }
     m_fimUploader.reset();
     m_iocUploader.reset();
+    m_statusUploader.reset();
+    m_healthStatus.reset();
     m_httpService.reset();
     m_fimBlackout.reset();
     m_iocBlackout.reset();
