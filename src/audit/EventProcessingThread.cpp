@@ -153,6 +153,13 @@ void EventProcessingThread::Enqueue(Events&& events)
         m_cv.wait(lock, [this] { return m_bufferQueue.empty() || m_stop; });
         EDR_LOG_INFO("Enabling the processing queue");
     }
+    if (m_stop)
+    {
+        // Nothing will take them any more.
+        m_droppedAtStop.fetch_add(events.size(), std::memory_order_relaxed);
+        events.clear();
+        return;
+    }
     m_bufferQueue.reserve(m_bufferQueue.size() + events.size());
     for (auto& event : events)
     {
