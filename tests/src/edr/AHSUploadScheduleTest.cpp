@@ -214,7 +214,8 @@ TEST_F(AHSUploadScheduleTest, BacklogIsBoundedOldestFirst)
 
     m_schedule.RunOnce();
     EXPECT_EQ(m_schedule.EvictedRecords(), 2u);
-    const auto status = LastStatus()["status"].GetArray();
+    const auto payload = LastStatus();
+    const auto status = payload["status"].GetArray();
     ASSERT_EQ(status.Size(), AHSUploadSchedule::kMaxRecordsPerRun);
     EXPECT_STREQ(status[0]["contextId"].GetString(), "n2");
     EXPECT_EQ(Stored(), static_cast<int64_t>(AHSUploadSchedule::kMaxStoredRecords -
