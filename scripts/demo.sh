@@ -58,6 +58,7 @@ common.update(log_config_file=work + "/logging.properties", agent_install_path=w
               ca_cert_path=ca, service_url=url)
 cfg["fim_config"].update(event_file_path=work + "/spool/", service_url=url + "/fim",
                          manifest_path=work + "/fim_manifest.json", upload_interval=3, max_file_age_sec=1)
+cfg["edr_config"]["status_upload_interval"] = 3
 cfg["ioc_config"].update(event_file_path=work + "/spool/", service_url=url + "/ioc",
                          manifests=[{"manifest_path": work + "/ioc_manifest.json", "manifest_type": "ioc"}])
 json.dump(cfg, open(work + "/corvid-edr.json", "w"), indent=2)
@@ -138,6 +139,22 @@ print("   %d documents: %s" % (len(docs), ", ".join("%s %d" % kv for kv in sorte
 print()
 print("   first document in full:")
 print("\n".join("     " + line for line in json.dumps(docs[0], indent=2).splitlines()))
+PY
+
+echo
+echo "== health-status records the receiver got (route /edr/status)"
+python3 - "$work/received" <<'PY'
+import glob, json, os, sys
+records = []
+for path in sorted(glob.glob(sys.argv[1] + "/*.status"), key=lambda p: int(os.path.basename(p).split(".")[0])):
+    records.extend(json.load(open(path, encoding="utf-8")).get("status", []))
+if not records:
+    print("   no health-status records were uploaded")
+    sys.exit(1)
+for record in records:
+    fields = record.get("additionalFields")
+    print("   %s %-22s %4d state %d %s" % (record["dateTime"], record["contextId"], record["statusCode"],
+          record["state"], json.dumps(fields) if fields is not None else ""))
 PY
 
 echo

@@ -3,6 +3,7 @@
 #include "common/HmacRequestSigner.h"
 #include "common/util/Base64.h"
 #include "common/util/Digest.h"
+#include "common/util/Json.h"
 #include "common/util/Lzma.h"
 #include "tools/IocBatchPrinter.h"
 
@@ -43,6 +44,48 @@ constexpr FixedHeader kFixedHeaders[] = {
     {"C-PROTOCLNTARCH", "x64"}, {"C-PROTOTYPE", nullptr},   {"C-CUSTID", nullptr},
     {"C-CLNTID", nullptr},      {"C-PAYLOADHASH", nullptr}, {"X-Correlation-Id", nullptr},
 };
+
+// Why the back end would refuse a health-status upload; empty when it
+// takes it: a JSON body {"status": [...]} of records with their time,
+// context, status code and state, and additional fields only when there are
+// some.
+std::string CheckStatus(const TestReceiver::Received& received)
+{
+    if (received.headers.Get("C-PROTOTYPE") != std::optional<std::string>("status"))
+    {
+        return "status: C-PROTOTYPE is not status";
+    }
+    const auto type = received.headers.Get("Content-Type");
+    if (!type || type->rfind("application/json", 0) != 0)
+    {
+        return "status: not application/json";
+    }
+    rapidjson::Document payload;
+    if (!util::ParseJson(payload, received.payload) || !payload.IsObject() || !payload.HasMember("status") ||
+        !payload["status"].IsArray() || payload["status"].Empty())
+    {
+        return "status: no status array";
+    }
+    for (const auto& record : payload["status"].GetArray())
+    {
+        if (!record.IsObject() || !record.HasMember("dateTime") || !record["dateTime"].IsString() ||
+            record["dateTime"].GetStringLength() != 20 || !record.HasMember("contextId") ||
+            !record["contextId"].IsString() || record["contextId"].GetStringLength() == 0 ||
+            !record.HasMember("statusCode") || !record["statusCode"].IsInt64() ||
+            !record.HasMember("state") || !record["state"].IsInt64())
+        {
+            return "status: incomplete record";
+        }
+        const auto fields = record.FindMember("additionalFields");
+        if (fields != record.MemberEnd() &&
+            (fields->value.IsObject() ? fields->value.ObjectEmpty()
+                                      : !fields->value.IsString() || fields->value.GetStringLength() == 0))
+        {
+            return "status: empty additionalFields";
+        }
+    }
+    return {};
+}
 
 std::string Sign(const std::string& keyPath, const std::string& body)
 {
@@ -164,6 +207,12 @@ void TestReceiver::Stop()
     m_cv.notify_all();
     m_server->stopAll(true);
     m_server.reset();
+}
+
+bool TestReceiver::IsStatusRoute(const std::string& path)
+{
+    const std::string_view route("/status");
+    return path.size() >= route.size() && path.compare(path.size() - route.size(), route.size(), route) == 0;
 }
 
 std::string TestReceiver::Url(const std::string& path) const
@@ -412,7 +461,13 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
                 }
             }
         }
-        if (received.rejection.empty() && !fail && IocBatchChecker::ParseRoute(uri.getPath()))
+        const bool statusRoute = IsStatusRoute(uri.getPath());
+        const bool iocRoute = IocBatchChecker::ParseRoute(uri.getPath()).has_value();
+        if (received.rejection.empty() && statusRoute)
+        {
+            received.rejection = CheckStatus(received);
+        }
+        if (received.rejection.empty() && !fail && iocRoute)
         {
             CheckIocBatch(uri.getPath(), received);
         }
@@ -433,7 +488,10 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
                 std::lock_guard lock(m_mutex);
                 number = ++m_stored;
             }
-            std::ofstream out(m_options.outputDir + "/" + std::to_string(number) + ".payload",
+            std::ofstream out(m_options.outputDir + "/" + std::to_string(number) +
+                                  (statusRoute ? kStatusSuffix
+                                   : iocRoute  ? kIocSuffix
+                                               : kPayloadSuffix),
                               std::ios::binary);
             out.write(received.payload.data(), static_cast<std::streamsize>(received.payload.size()));
             answer = R"({"stored":)" + std::to_string(number) + "}";

@@ -25,9 +25,12 @@ namespace vantor::tools
 // A local HTTPS upload receiver for tests and demos, on 127.0.0.1 with a
 // certificate made at start. It refuses (400) what the back end refuses: a
 // missing or wrong fixed header, a payload hash or HMAC signature that does
-// not match, and a body that is not LZMA-compressed ("Content-Encoding:
-// LZMA"). An accepted upload is decompressed and stored as
-// <outputDir>/<n>.payload (n = 1, 2, ...). Answers carry C-SRV and, for 2xx,
+// not match, a body that is not LZMA-compressed ("Content-Encoding: LZMA"),
+// and on the health-status route (a path ending in "/status") an upload
+// that is not a status upload (C-PROTOTYPE "status", "application/json",
+// {"status": [records]}, no empty additionalFields). An accepted upload is
+// decompressed and stored as <outputDir>/<n>.payload, a status upload as
+// <outputDir>/<n>.status (n = 1, 2, ...). Answers carry C-SRV and, for 2xx,
 // an X-CRVD-Signature made with the certificate's key; they are
 // LZMA-compressed when the request accepts it.
 //
@@ -76,6 +79,11 @@ public:
         std::string iocWarning;
     };
 
+    static constexpr const char* kPayloadSuffix = ".payload";
+    static constexpr const char* kStatusSuffix = ".status";
+    // IOC batches (protobuf), apart from the JSON documents.
+    static constexpr const char* kIocSuffix = ".ioc";
+
     explicit TestReceiver(Options options);
     ~TestReceiver();
     TestReceiver(const TestReceiver&) = delete;
@@ -101,6 +109,8 @@ public:
     std::size_t IocSequenceErrors() const { return m_iocBatches.SequenceErrors(); }
     // Waits until at least count requests arrived; false on time-out.
     bool WaitForRequests(std::size_t count, std::chrono::milliseconds timeout) const;
+
+    static bool IsStatusRoute(const std::string& path);
 
     // Generated content of the download endpoint.
     static std::string DownloadContent(std::size_t size);

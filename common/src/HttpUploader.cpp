@@ -3,10 +3,17 @@
 #include "common/Logging.h"
 #include "common/MutableHttpRequest.h"
 
+#include <mutex>
 #include <stdexcept>
 
 namespace vantor::common
 {
+
+struct HttpUploader::Tally
+{
+    std::mutex mutex;
+    Outcomes outcomes;
+};
 
 // State of one upload across its attempts. The service is held weakly: an
 // upload in flight must not keep a stopped service alive.
@@ -15,11 +22,30 @@ struct HttpUploader::Attempt
     std::weak_ptr<HttpService> service;
     MutableHttpRequest request;
     Callback callback;
+    std::shared_ptr<Tally> tally;
     unsigned maxRetries = 1;
     unsigned attempt = 0;
+    bool finished = false;
 
-    void Finish(bool success)
+    void Finish(bool success, const std::string& reason = {})
     {
+        if (finished)
+        {
+            return;
+        }
+        finished = true;
+        {
+            std::lock_guard lock(tally->mutex);
+            if (success)
+            {
+                ++tally->outcomes.succeeded;
+            }
+            else
+            {
+                ++tally->outcomes.failed;
+                tally->outcomes.lastError = reason;
+            }
+        }
         if (callback)
         {
             auto cb = std::move(callback);
@@ -32,6 +58,7 @@ struct HttpUploader::Attempt
 HttpUploader::HttpUploader(std::shared_ptr<HttpService> service, unsigned maxRetries)
     : m_service(std::move(service))
     , m_maxRetries(maxRetries)
+    , m_tally(std::make_shared<Tally>())
 {
     if (maxRetries == 0)
     {
@@ -50,6 +77,7 @@ void HttpUploader::Upload(const std::string& url, std::string payload, const std
     attempt->service = m_service;
     attempt->maxRetries = m_maxRetries;
     attempt->callback = std::move(callback);
+    attempt->tally = m_tally;
     attempt->request.SetMethod(HttpMethod::Post);
     attempt->request.SetUrl(url);
     attempt->request.SetContentType(contentType);
@@ -75,7 +103,7 @@ void HttpUploader::Send(const std::shared_ptr<Attempt>& attempt)
     catch (const std::exception& e)
     {
         EDR_LOG_ERROR("HttpUploader: Upload failed. (" << e.what() << ") (Retry " << attempt->attempt << ")");
-        attempt->Finish(false);
+        attempt->Finish(false, e.what());
     }
 }
 
@@ -85,7 +113,7 @@ void HttpUploader::OnResponse(const std::shared_ptr<Attempt>& attempt,
     if (response->GetOutcome() == HttpResponse::Outcome::Cancelled)
     {
         EDR_LOG_WARNING("HttpUploader: Upload cancelled.");
-        attempt->Finish(false);
+        attempt->Finish(false, "cancelled");
         return;
     }
     if (response->IsSuccess())
@@ -101,10 +129,16 @@ void HttpUploader::OnResponse(const std::shared_ptr<Attempt>& attempt,
     EDR_LOG_ERROR("HttpUploader: Upload failed. (" << reason << ") (Retry " << attempt->attempt << ")");
     if (attempt->attempt >= attempt->maxRetries)
     {
-        attempt->Finish(false);
+        attempt->Finish(false, reason);
         return;
     }
     Send(attempt);
+}
+
+HttpUploader::Outcomes HttpUploader::GetOutcomes() const
+{
+    std::lock_guard lock(m_tally->mutex);
+    return m_tally->outcomes;
 }
 
 } // namespace vantor::common

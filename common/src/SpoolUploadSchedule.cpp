@@ -2,22 +2,10 @@
 
 #include "common/HttpUploader.h"
 #include "common/Logging.h"
-
-#include <condition_variable>
+#include "common/UploadWaiter.h"
 
 namespace vantor::common
 {
-
-// The answer of one upload, shared with its callback, which may run after a
-// cancelled run has left.
-struct SpoolUploadSchedule::Pending
-{
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool done = false;
-    bool cancelled = false;
-    bool success = false;
-};
 
 std::chrono::seconds SpoolUploadSchedule::IntervalOf(uint64_t seconds)
 {
@@ -61,9 +49,7 @@ void SpoolUploadSchedule::OnCancel()
     std::lock_guard lock(m_mutex);
     if (m_pending)
     {
-        std::lock_guard pendingLock(m_pending->mutex);
-        m_pending->cancelled = true;
-        m_pending->cv.notify_all();
+        m_pending->Cancel();
     }
 }
 
@@ -142,31 +128,23 @@ bool SpoolUploadSchedule::UploadOldest()
 
 std::optional<bool> SpoolUploadSchedule::Send(Payload payload)
 {
-    auto pending = std::make_shared<Pending>();
+    auto pending = std::make_shared<UploadWaiter>();
     {
         std::lock_guard lock(m_mutex);
         m_pending = pending;
     }
     m_uploader->Upload(payload.url, std::move(payload.body), payload.contentType, payload.protocolType,
-                       [pending](bool success)
-                       {
-                           std::lock_guard lock(pending->mutex);
-                           pending->success = success;
-                           pending->done = true;
-                           pending->cv.notify_all();
-                       });
-    std::optional<bool> result;
+                       pending->Completion());
+    const auto outcome = pending->Wait();
     {
-        std::unique_lock lock(pending->mutex);
-        pending->cv.wait(lock, [&] { return pending->done || pending->cancelled; });
-        if (pending->done)
-        {
-            result = pending->success;
-        }
+        std::lock_guard lock(m_mutex);
+        m_pending.reset();
     }
-    std::lock_guard lock(m_mutex);
-    m_pending.reset();
-    return result;
+    if (outcome == UploadWaiter::Outcome::Cancelled)
+    {
+        return std::nullopt;
+    }
+    return outcome == UploadWaiter::Outcome::Succeeded;
 }
 
 } // namespace vantor::common

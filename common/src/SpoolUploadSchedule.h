@@ -16,6 +16,7 @@ namespace vantor::common
 {
 
 class HttpUploader;
+class UploadWaiter;
 
 // Sends a component's spool files, oldest first, at a configured interval.
 // The Scheduler thread only launches the run; reading, the upload and the
@@ -80,8 +81,6 @@ protected:
     void OnCancel() override;
 
 private:
-    struct Pending;
-
     static std::chrono::seconds IntervalOf(uint64_t seconds);
     // Sends the oldest file and deletes it; answers whether the run may go
     // on with the next one.
@@ -94,7 +93,7 @@ private:
     const std::shared_ptr<HttpUploader> m_uploader;
     const BlackoutCheck m_blackout;
     std::mutex m_mutex;
-    std::shared_ptr<Pending> m_pending;
+    std::shared_ptr<UploadWaiter> m_pending;
 };
 
 } // namespace vantor::common

@@ -50,6 +50,7 @@ void AuditEventBuilder::BuildSyscallEvent(AuditEventClass eventClass, auparse_st
             }
             catch (const std::exception& e)
             {
+                m_failedReplacedDeletes.fetch_add(1, std::memory_order_relaxed);
                 EDR_LOG_ERROR("Failed to create pseudo delete event for rename event with ID:"
                               << rename->GetEventId() << ": " << e.what());
             }

@@ -3,6 +3,7 @@
 #include "audit/EventBuilder.h"
 #include "edr/LibMagicWrapper.h"
 
+#include <atomic>
 #include <memory>
 
 namespace vantor::audit
@@ -19,8 +20,16 @@ public:
     void BuildSyscallEvent(AuditEventClass eventClass, auparse_state_t* state, Events& out) override;
     void BuildAbendEvent(auparse_state_t* state, Events& out) override;
 
+    // Renames whose replaced target got no delete event (logged); readable
+    // from any thread.
+    uint64_t GetFailedReplacedDeleteCount() const
+    {
+        return m_failedReplacedDeletes.load(std::memory_order_relaxed);
+    }
+
 private:
     std::shared_ptr<const edr::LibMagicWrapper> m_magic;
+    std::atomic<uint64_t> m_failedReplacedDeletes{0};
 };
 
 } // namespace vantor::audit

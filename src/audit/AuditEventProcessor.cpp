@@ -129,6 +129,7 @@ void AuditEventProcessor::ProcessEvent(EventPtr event)
     catch (const std::exception& e)
     {
         m_pseudoEvents.clear();
+        m_failedEvents.fetch_add(1, std::memory_order_relaxed);
         if (type == edr::EventType::Exit)
         {
             EDR_LOG_ERROR("Failed to process exit event: " << e.what());
@@ -230,6 +231,7 @@ void AuditEventProcessor::ProcessCachedFileEvents()
         }
         catch (const std::exception& e)
         {
+            m_failedEvents.fetch_add(1, std::memory_order_relaxed);
             EDR_LOG_ERROR("Failed to process cached file event with ID " << EventIdOf(*event) << ": "
                                                                          << e.what());
         }
@@ -256,6 +258,7 @@ void AuditEventProcessor::CleanProcessTree()
         }
         catch (const std::exception& e)
         {
+            m_failedEvents.fetch_add(1, std::memory_order_relaxed);
             EDR_LOG_ERROR("Failed to process exit event: " << e.what());
         }
     }

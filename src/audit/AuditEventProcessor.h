@@ -6,6 +6,7 @@
 #include "audit/ProcessTreeUpdater.h"
 #include "edr/Event.h"
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -67,6 +68,9 @@ public:
 
     const std::shared_ptr<ProcessTree>& GetProcessTree() const { return m_treeUpdater.GetProcessTree(); }
 
+    // Events whose handling failed (logged); readable from any thread.
+    uint64_t GetFailedEventCount() const { return m_failedEvents.load(std::memory_order_relaxed); }
+
 private:
     // Filters, then routes.
     void Handle(edr::Event& event);
@@ -81,6 +85,7 @@ private:
 
     std::vector<EventPtr> m_cachedFileEvents;
     ProcessTree::Events m_pseudoEvents;
+    std::atomic<uint64_t> m_failedEvents{0};
 };
 
 } // namespace vantor::audit

@@ -68,8 +68,9 @@ std::optional<AuditEventClass> AuparseFeed::ClassOfSyscall(long long number)
     return static_cast<AuditEventClass>(kSyscallTable[static_cast<size_t>(number)] - 1);
 }
 
-AuparseFeed::AuparseFeed(EventBuilder& builder)
+AuparseFeed::AuparseFeed(EventBuilder& builder, Tally* tally)
     : m_builder(builder)
+    , m_tally(tally != nullptr ? *tally : m_ownTally)
 {
     m_state = ::auparse_init(AUSOURCE_FEED, nullptr);
     if (m_state == nullptr)
@@ -142,6 +143,7 @@ void AuparseFeed::HoldUnfinished(const char* begin, const char* end)
     {
         EDR_LOG_WARNING("AuparseFeed: Dropping an audit text line longer than " << kMaxLineLength
                                                                                 << " bytes");
+        m_tally.overlongLines.fetch_add(1, std::memory_order_relaxed);
         m_pending.clear();
         m_skippingLine = true;
         return;
@@ -257,6 +259,7 @@ void AuparseFeed::OnEvent(auparse_state_t* state)
                 number ? ClassOfSyscall(*number) : std::optional<AuditEventClass>();
             if (!eventClass)
             {
+                m_tally.unsupportedSyscalls.fetch_add(1, std::memory_order_relaxed);
                 EDR_LOG_TRACE("Unsupported syscall in event: " << (text != nullptr ? text : "(none)"));
                 return;
             }
@@ -269,6 +272,7 @@ void AuparseFeed::OnEvent(auparse_state_t* state)
             m_builder.BuildAbendEvent(state, m_scratch);
             break;
         default:
+            m_tally.otherRecords.fetch_add(1, std::memory_order_relaxed);
             EDR_LOG_TRACE("Ignoring event with ID: " << serial << " record type: " << recordType);
             return;
         }
@@ -276,6 +280,7 @@ void AuparseFeed::OnEvent(auparse_state_t* state)
     catch (const std::exception& e)
     {
         EDR_LOG_DEBUG("Dropping audit event with ID: " << serial << ": " << e.what());
+        m_tally.malformedEvents.fetch_add(1, std::memory_order_relaxed);
         m_scratch.clear();
         return;
     }

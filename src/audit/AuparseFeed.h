@@ -6,6 +6,7 @@
 
 #include <auparse.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -24,6 +25,16 @@ class AuparseFeed
 public:
     using Events = EventBuilder::Events;
 
+    // What the feed left out (see CaptureCounters); bumped by the feeding
+    // thread, readable from any thread.
+    struct Tally
+    {
+        std::atomic<uint64_t> unsupportedSyscalls{0};
+        std::atomic<uint64_t> otherRecords{0};
+        std::atomic<uint64_t> malformedEvents{0};
+        std::atomic<uint64_t> overlongLines{0};
+    };
+
     // A line longer than this is not audit text (a kernel record is at most
     // 8970 bytes, the enriched form of it a few times that); the rest of such
     // a line is dropped so that a stream without line ends cannot grow the
@@ -31,7 +42,9 @@ public:
     static constexpr size_t kMaxLineLength = 1024 * 1024;
 
     // Throws std::runtime_error "AuparseFeed: Failed to initialise auparse".
-    explicit AuparseFeed(EventBuilder& builder);
+    // tally, when given, must outlive the feed; otherwise the feed counts
+    // into its own.
+    explicit AuparseFeed(EventBuilder& builder, Tally* tally = nullptr);
     ~AuparseFeed();
 
     AuparseFeed(const AuparseFeed&) = delete;
@@ -59,6 +72,8 @@ public:
     // not one the intake builds events for.
     static std::optional<AuditEventClass> ClassOfSyscall(long long number);
 
+    const Tally& GetTally() const { return m_tally; }
+
 private:
     static void OnEventReady(auparse_state_t* state, auparse_cb_event_t type, void* self);
     void OnEvent(auparse_state_t* state);
@@ -70,6 +85,8 @@ private:
     Events TakeCompleted();
 
     EventBuilder& m_builder;
+    Tally m_ownTally;
+    Tally& m_tally;
     auparse_state_t* m_state = nullptr;
     Events m_completed;
     // Reused for each event, so that a rejected event leaves nothing behind.

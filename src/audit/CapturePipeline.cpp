@@ -28,6 +28,7 @@ CapturePipeline::CapturePipeline(std::unique_ptr<common::IOChannel> channel,
                                  AuditEventProcessor& processor, Limits limits,
                                  const std::function<CpuUsage()>& makeCpuUsage)
     : m_channel(std::move(channel))
+    , m_processor(processor)
     , m_builder(std::move(magic))
     , m_processing(processor, limits.cpuPercent, Sampler(makeCpuUsage))
     , m_parser(
@@ -48,6 +49,16 @@ CapturePipeline::CapturePipeline(std::unique_ptr<common::IOChannel> channel,
 CapturePipeline::~CapturePipeline()
 {
     Stop();
+}
+
+CaptureCounters CapturePipeline::GetCounters() const
+{
+    CaptureCounters counters;
+    m_parser.AddCounters(counters);
+    m_processing.AddCounters(counters);
+    counters.malformedEvents += m_builder.GetFailedReplacedDeleteCount();
+    counters.failedEvents += m_processor.GetFailedEventCount();
+    return counters;
 }
 
 void CapturePipeline::Start()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "audit/AuditEventBuilder.h"
+#include "audit/CaptureCounters.h"
 #include "audit/EventProcessingThread.h"
 #include "audit/ParserThread.h"
 #include "common/IOChannel.h"
@@ -49,8 +50,13 @@ public:
     // The channel, for what it counts (KernelIOChannel::GetOverflowCount).
     const common::IOChannel& GetChannel() const { return *m_channel; }
 
+    // What the parser, the intake and the processing lost so far, and their
+    // CPU pauses; callable from any thread.
+    CaptureCounters GetCounters() const;
+
 private:
     std::unique_ptr<common::IOChannel> m_channel;
+    const AuditEventProcessor& m_processor;
     AuditEventBuilder m_builder;
     EventProcessingThread m_processing;
     ParserThread m_parser;

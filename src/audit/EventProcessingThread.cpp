@@ -96,6 +96,21 @@ void EventProcessingThread::Stop()
     }
     EDR_LOG_INFO("Stopping parsed events processing thread");
     AsyncTask::Stop();
+    std::lock_guard lock(m_mutex);
+    if (!m_bufferQueue.empty())
+    {
+        EDR_LOG_INFO("Dropping " << m_bufferQueue.size() << " events not yet processed");
+        m_droppedAtStop.fetch_add(m_bufferQueue.size(), std::memory_order_relaxed);
+        m_bufferQueue.clear();
+    }
+}
+
+void EventProcessingThread::AddCounters(CaptureCounters& counters) const
+{
+    counters.failedEvents += m_failedEvents.load(std::memory_order_relaxed);
+    counters.droppedAtStop += m_droppedAtStop.load(std::memory_order_relaxed);
+    counters.processingCpuPauses += m_cpuPauses.load(std::memory_order_relaxed);
+    counters.processingPausedMs += m_pausedMs.load(std::memory_order_relaxed);
 }
 
 void EventProcessingThread::OnCancel()
@@ -137,6 +152,13 @@ void EventProcessingThread::Enqueue(Events&& events)
         EDR_LOG_WARNING("Processing queue threshold hit. Stopped adding events to que");
         m_cv.wait(lock, [this] { return m_bufferQueue.empty() || m_stop; });
         EDR_LOG_INFO("Enabling the processing queue");
+    }
+    if (m_stop)
+    {
+        // Nothing will take them any more.
+        m_droppedAtStop.fetch_add(events.size(), std::memory_order_relaxed);
+        events.clear();
+        return;
     }
     m_bufferQueue.reserve(m_bufferQueue.size() + events.size());
     for (auto& event : events)
@@ -194,21 +216,23 @@ void EventProcessingThread::Run()
 
         SortBatch(m_activeQueue);
         EDR_LOG_DEBUG("Audit active event processing queue size: " << m_activeQueue.size() << " events");
-        for (auto& event : m_activeQueue)
+        for (size_t i = 0; i < m_activeQueue.size(); ++i)
         {
             // A stop does not wait for the rest of a large batch: what is
             // still queued at shutdown is dropped, as the parser's text is.
             if (IsCancelling())
             {
+                m_droppedAtStop.fetch_add(m_activeQueue.size() - i, std::memory_order_relaxed);
                 break;
             }
             PauseWhileBusy();
             try
             {
-                m_processor.ProcessEvent(std::move(event));
+                m_processor.ProcessEvent(std::move(m_activeQueue[i]));
             }
             catch (const std::exception& e)
             {
+                m_failedEvents.fetch_add(1, std::memory_order_relaxed);
                 EDR_LOG_ERROR(e.what());
             }
         }
@@ -224,16 +248,29 @@ void EventProcessingThread::PauseWhileBusy()
     {
         return;
     }
+    std::chrono::steady_clock::time_point start{};
     while (m_cpuUsage() > static_cast<float>(m_cpuThreshold))
     {
         {
             std::lock_guard lock(m_mutex);
             if (m_stop)
             {
-                return;
+                break;
             }
         }
+        if (start == std::chrono::steady_clock::time_point{})
+        {
+            start = std::chrono::steady_clock::now();
+            m_cpuPauses.fetch_add(1, std::memory_order_relaxed);
+        }
         std::this_thread::sleep_for(kCpuPause);
+    }
+    if (start != std::chrono::steady_clock::time_point{})
+    {
+        const auto paused = std::chrono::steady_clock::now() - start;
+        m_pausedMs.fetch_add(
+            static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(paused).count()),
+            std::memory_order_relaxed);
     }
 }
 

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "audit/AuditEventProcessor.h"
+#include "audit/CaptureCounters.h"
 #include "common/AsyncTask.h"
 #include "edr/Event.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -24,7 +26,8 @@ namespace vantor::audit
 // it full blocks until the worker has drained it, so nothing is dropped here
 // and back-pressure reaches the parser's own byte-bounded queue. The worker
 // pauses while the process's CPU use is above the threshold. Stop() returns
-// after the event in hand; the rest of the batch is dropped.
+// after the event in hand; the rest of the batch is dropped, and counted, as
+// are events whose processing failed and the CPU pauses.
 class EventProcessingThread : private common::AsyncTask
 {
 public:
@@ -53,6 +56,10 @@ public:
     void SetQueueSize(uint64_t memoryBudget);
     size_t GetQueueSize() const;
 
+    // Adds this thread's counts (failed and dropped events, CPU pauses) to
+    // counters; callable from any thread.
+    void AddCounters(CaptureCounters& counters) const;
+
     // Sorts a batch in processing order: timestamp, then serial, a serial
     // just past the 32-bit wrap after one just before it. Pseudo events
     // (serial 0) keep their place next to the event that preceded them.
@@ -75,6 +82,11 @@ private:
     bool m_stop = false;
     // Touched by the worker only.
     Events m_activeQueue;
+
+    std::atomic<uint64_t> m_failedEvents{0};
+    std::atomic<uint64_t> m_droppedAtStop{0};
+    std::atomic<uint64_t> m_cpuPauses{0};
+    std::atomic<uint64_t> m_pausedMs{0};
 };
 
 } // namespace vantor::audit

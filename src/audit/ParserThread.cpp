@@ -74,6 +74,7 @@ void ParserThread::Stop()
     {
         EDR_LOG_INFO("Audit parser thread: Discarding " << (m_queuedBytes.load() / 1024)
                                                         << " KB of unparsed audit text");
+        m_discardedBytes.fetch_add(m_queuedBytes.load(), std::memory_order_relaxed);
     }
     m_queue.clear();
     m_queuedBytes = 0;
@@ -98,6 +99,8 @@ void ParserThread::Enqueue(std::vector<uint8_t> buffer)
             // drained to the resume threshold.
             if (m_queuedBytes.load(std::memory_order_relaxed) > m_resumeThresholdBytes)
             {
+                m_droppedBuffers.fetch_add(1, std::memory_order_relaxed);
+                m_droppedBytes.fetch_add(cost, std::memory_order_relaxed);
                 return;
             }
             m_queueingDisabled = false;
@@ -107,6 +110,8 @@ void ParserThread::Enqueue(std::vector<uint8_t> buffer)
         {
             m_queueingDisabled = true;
             EDR_LOG_WARNING("Audit parser queue threshold hit. Disabling queueing of events.");
+            m_droppedBuffers.fetch_add(1, std::memory_order_relaxed);
+            m_droppedBytes.fetch_add(cost, std::memory_order_relaxed);
             return;
         }
         const uint64_t queued = m_queuedBytes.fetch_add(cost, std::memory_order_relaxed) + cost;
@@ -156,11 +161,27 @@ bool ParserThread::IsRunning() const
     return m_thread.Joinable();
 }
 
+void ParserThread::AddCounters(CaptureCounters& counters) const
+{
+    const auto read = [](const std::atomic<uint64_t>& counter)
+    { return counter.load(std::memory_order_relaxed); };
+    counters.queueDroppedBuffers += read(m_droppedBuffers);
+    counters.queueDroppedBytes += read(m_droppedBytes);
+    counters.discardedBytesAtStop += read(m_discardedBytes);
+    counters.feedErrors += read(m_feedErrors);
+    counters.unsupportedSyscalls += read(m_feedTally.unsupportedSyscalls);
+    counters.otherRecords += read(m_feedTally.otherRecords);
+    counters.malformedEvents += read(m_feedTally.malformedEvents);
+    counters.overlongLines += read(m_feedTally.overlongLines);
+    counters.parserCpuPauses += read(m_cpuPauses);
+    counters.parserPausedMs += read(m_pausedMs);
+}
+
 void ParserThread::Run()
 {
     try
     {
-        AuparseFeed feed(m_builder);
+        AuparseFeed feed(m_builder, &m_feedTally);
         ProcessLoop(feed);
         Deliver(feed.Flush());
     }
@@ -198,6 +219,7 @@ void ParserThread::ProcessLoop(AuparseFeed& feed)
         }
         catch (const std::exception& e)
         {
+            m_feedErrors.fetch_add(1, std::memory_order_relaxed);
             EDR_LOG_ERROR("Audit parser thread: " << e.what());
         }
         buffer = std::vector<uint8_t>();
@@ -213,6 +235,7 @@ void ParserThread::PauseWhileCpuIsHigh()
     }
     double usage = m_cpuUsage();
     std::unique_lock lock(m_mutex);
+    bool paused = false;
     while (!m_stop)
     {
         const uint64_t threshold = m_cpuThreshold.load(std::memory_order_relaxed);
@@ -220,12 +243,23 @@ void ParserThread::PauseWhileCpuIsHigh()
         {
             return;
         }
+        if (!paused)
+        {
+            paused = true;
+            m_cpuPauses.fetch_add(1, std::memory_order_relaxed);
+        }
         EDR_LOG_DEBUG("Audit parser thread: Pausing thread as cpu usage ("
                       << usage << ") is higher than configured threshold (" << threshold << ")");
         // The queue's notifications must not shorten the pause; only a stop
         // ends it early.
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-        if (m_changed.wait_until(lock, deadline, [this] { return m_stop; }))
+        const auto start = std::chrono::steady_clock::now();
+        const bool stopped =
+            m_changed.wait_until(lock, start + std::chrono::seconds(1), [this] { return m_stop; });
+        m_pausedMs.fetch_add(static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                       std::chrono::steady_clock::now() - start)
+                                                       .count()),
+                             std::memory_order_relaxed);
+        if (stopped)
         {
             return;
         }

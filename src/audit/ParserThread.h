@@ -1,5 +1,7 @@
 #pragma once
 
+#include "audit/AuparseFeed.h"
+#include "audit/CaptureCounters.h"
 #include "audit/EventBuilder.h"
 #include "common/WorkerThread.h"
 
@@ -22,6 +24,9 @@ namespace vantor::audit
 // is above the configured threshold. After a second without text it ages the
 // events libauparse holds back (AuparseFeed::Age), so that a quiet stream
 // delivers what it carried.
+//
+// What it drops (text refused by the queue or discarded at stop, what the
+// feed leaves out) and its CPU pauses are counted, readable from any thread.
 class ParserThread
 {
 public:
@@ -63,6 +68,9 @@ public:
     bool IsQueueingDisabled() const;
     bool IsRunning() const;
 
+    // Adds this thread's counts (queue, intake, CPU pauses) to counters.
+    void AddCounters(CaptureCounters& counters) const;
+
 private:
     void Run();
     void ProcessLoop(class AuparseFeed& feed);
@@ -82,6 +90,14 @@ private:
     bool m_stop = false;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
+
+    std::atomic<uint64_t> m_droppedBuffers{0};
+    std::atomic<uint64_t> m_droppedBytes{0};
+    std::atomic<uint64_t> m_discardedBytes{0};
+    std::atomic<uint64_t> m_feedErrors{0};
+    std::atomic<uint64_t> m_cpuPauses{0};
+    std::atomic<uint64_t> m_pausedMs{0};
+    AuparseFeed::Tally m_feedTally;
 
     std::mutex m_startStopMutex;
     common::WorkerThread m_thread{"ParserThread"};

@@ -41,7 +41,9 @@ bool Config::IsValid(const rapidjson::Value& json)
         return false;
     }
     const auto path = json.FindMember("dispatcher_socket_path");
-    return path == json.MemberEnd() || path->value.IsString();
+    const auto interval = json.FindMember("status_upload_interval");
+    return (path == json.MemberEnd() || path->value.IsString()) &&
+           (interval == json.MemberEnd() || interval->value.IsUint64());
 }
 
 void Config::Take(const rapidjson::Value& json)
@@ -53,6 +55,8 @@ void Config::Take(const rapidjson::Value& json)
     m_dispatcherSocketPath = path == json.MemberEnd()
                                  ? std::string()
                                  : std::string(path->value.GetString(), path->value.GetStringLength());
+    const auto interval = json.FindMember("status_upload_interval");
+    m_statusUploadInterval = interval == json.MemberEnd() ? 0 : interval->value.GetUint64();
 }
 
 uint64_t Config::AuditBacklogLimit() const
@@ -77,6 +81,12 @@ std::string Config::DispatcherSocketPath() const
 {
     std::lock_guard lock(m_mutex);
     return m_dispatcherSocketPath;
+}
+
+uint64_t Config::StatusUploadInterval() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_statusUploadInterval;
 }
 
 bool Config::UseDispatcher() const

@@ -24,6 +24,9 @@ public:
     uint64_t MemoryLimit() const;
     std::string DispatcherSocketPath() const;
     bool UseDispatcher() const;
+    // Seconds between health-status uploads (optional
+    // "status_upload_interval"); 0 when not given.
+    uint64_t StatusUploadInterval() const;
 
 private:
     static bool IsValid(const rapidjson::Value& json);
@@ -34,6 +37,7 @@ private:
     uint64_t m_cpuLimit = 0;
     uint64_t m_memoryLimit = 0;
     std::string m_dispatcherSocketPath;
+    uint64_t m_statusUploadInterval = 0;
 };
 
 } // namespace vantor::edr::EDR

@@ -31,12 +31,14 @@ private:
     std::atomic<std::thread::id>& m_owner;
 };
 
+// Answers whether the call returned normally.
 template <typename Call>
-void CallGuarded(Call&& call)
+bool CallGuarded(Call&& call)
 {
     try
     {
         call();
+        return true;
     }
     catch (const std::exception& e)
     {
@@ -46,6 +48,7 @@ void CallGuarded(Call&& call)
     {
         EDR_LOG_ERROR("Exception: unknown");
     }
+    return false;
 }
 
 } // namespace
@@ -122,7 +125,10 @@ void EventRuleEngine::DispatchEvent(const Tags& tags, Event& event)
         const auto it = m_handlers.find(tag);
         if (it != m_handlers.end())
         {
-            CallGuarded([&] { it->second.ruleMatched(event); });
+            if (!CallGuarded([&] { it->second.ruleMatched(event); }))
+            {
+                m_handlerFailures.fetch_add(1, std::memory_order_relaxed);
+            }
         }
     }
 }

@@ -69,6 +69,10 @@ public:
     // Removes everything AddRules installed under the tag.
     virtual void DeleteRules(const std::string& tag) = 0;
 
+    // Handler calls that threw (logged, and the event lost to that handler);
+    // readable from any thread.
+    uint64_t GetHandlerFailureCount() const { return m_handlerFailures.load(std::memory_order_relaxed); }
+
 protected:
     // Calls the rule-matched handler of every tag in the set that has one.
     void DispatchEvent(const Tags& tags, Event& event);
@@ -90,6 +94,7 @@ private:
     // The thread that is running handlers right now (only one can, as they run
     // under m_mutex); lets a re-entrant call fail instead of deadlocking.
     std::atomic<std::thread::id> m_dispatchingThread{};
+    std::atomic<uint64_t> m_handlerFailures{0};
 };
 
 } // namespace vantor::edr

@@ -1,7 +1,6 @@
 #include "edr/PathEscape.h"
 
-#include <rapidjson/encodings.h>
-#include <rapidjson/memorystream.h>
+#include "common/util/Utf8.h"
 
 namespace vantor::edr
 {
@@ -10,13 +9,6 @@ namespace
 {
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
-
-// Discards what the validator copies; only the length is wanted.
-struct NullOutput
-{
-    using Ch = char;
-    void Put(char) {}
-};
 
 int HexValue(char c)
 {
@@ -32,21 +24,6 @@ int HexValue(char c)
 }
 
 } // namespace
-
-size_t PathEscape::ValidSequenceLength(std::string_view text)
-{
-    if (text.empty())
-    {
-        return 0;
-    }
-    if (static_cast<unsigned char>(text.front()) < 0x80)
-    {
-        return 1;
-    }
-    rapidjson::MemoryStream input(text.data(), text.size());
-    NullOutput output;
-    return rapidjson::UTF8<>::Validate(input, output) ? input.Tell() : 0;
-}
 
 std::string PathEscape::Escape(std::string_view path)
 {
@@ -69,7 +46,7 @@ void PathEscape::EscapeTo(std::string_view path, std::string& out)
             ++pos;
             continue;
         }
-        const size_t length = ValidSequenceLength(path.substr(pos));
+        const size_t length = util::Utf8SequenceLength(path.substr(pos));
         if (length > 0)
         {
             out.append(path.substr(pos, length));
@@ -93,7 +70,7 @@ std::optional<std::string> PathEscape::Unescape(std::string_view text)
     {
         if (text[pos] != '\\')
         {
-            const size_t length = ValidSequenceLength(text.substr(pos));
+            const size_t length = util::Utf8SequenceLength(text.substr(pos));
             if (length == 0)
             {
                 return std::nullopt;

@@ -35,11 +35,6 @@ public:
     // Escape makes (a lone backslash, "\x" without two hex digits, an invalid
     // UTF-8 byte).
     static std::optional<std::string> Unescape(std::string_view text);
-
-    // Length of the valid UTF-8 sequence at the start of text, 0 when the
-    // first byte does not start one (overlong forms and surrogates are not
-    // valid).
-    static size_t ValidSequenceLength(std::string_view text);
 };
 
 } // namespace vantor::edr

@@ -56,12 +56,14 @@ std::unique_ptr<Config> CheckConfig(std::unique_ptr<Config> config)
 Component::Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
                      common::Scheduler& scheduler, std::shared_ptr<edr::EventRuleEngine> ruleEngine,
                      const std::string& installPath, std::shared_ptr<const edr::BlackoutManager> blackout,
-                     std::shared_ptr<const edr::ProcessLookup> processes)
+                     std::shared_ptr<const edr::ProcessLookup> processes,
+                     std::shared_ptr<edr::AHSRecordWriter> healthStatus)
     : m_config(CheckConfig(std::move(config)))
     , m_uploader(std::move(uploader))
     , m_ruleEngine(std::move(ruleEngine))
     , m_blackout(std::move(blackout))
     , m_processes(std::move(processes))
+    , m_healthStatus(std::move(healthStatus))
     , m_scheduler(scheduler)
 {
     if (!m_uploader)
@@ -126,12 +128,17 @@ Component::~Component()
 void Component::Enable()
 {
     std::lock_guard lock(m_mutex);
-    const auto reason = m_ruleManager->LoadManifest(m_config->ManifestPath());
+    const std::string manifest = m_config->ManifestPath();
+    const auto reason = m_ruleManager->LoadManifest(manifest);
     if (reason)
     {
+        Record(edr::AHSContext::kFimManifest, edr::AHSStatusCode::kManifestRefused, edr::AHSState::Failed,
+               {{"path", manifest}, {"reason", *reason}});
         DisableLocked();
         return;
     }
+    Record(edr::AHSContext::kFimManifest, edr::AHSStatusCode::kConfigLoaded, edr::AHSState::Ok,
+           {{"path", manifest}, {"rules", uint64_t{m_ruleManager->GetRules()->rules.size()}}});
     BaselineAddedRulesLocked();
     if (!m_registered)
     {
@@ -196,8 +203,10 @@ void Component::UpdateConfig(const rapidjson::Value& json, const UpdateCallback&
     {
         m_config->Update(json);
     }
-    catch (const std::invalid_argument&)
+    catch (const std::invalid_argument& e)
     {
+        Record(edr::AHSContext::kFimConfig, edr::AHSStatusCode::kConfigRefused, edr::AHSState::Failed,
+               {{"reason", std::string(e.what())}});
         if (callback)
         {
             callback(false);
@@ -249,6 +258,27 @@ void Component::BaselineAddedRulesLocked()
 uint64_t Component::GetDocumentOverflowCount() const
 {
     return m_processor->GetOverflowCount();
+}
+
+Component::LossCounts Component::GetLossCounts() const
+{
+    LossCounts counts;
+    counts.documentOverflows = m_processor->GetOverflowCount();
+    counts.unreadableContent = m_processor->GetUnreadableCount();
+    counts.failedDocuments = m_processor->GetFailedCount();
+    const auto dropped = m_spool->Dropped();
+    counts.spoolDroppedFiles = dropped.files;
+    counts.spoolDroppedBytes = dropped.bytes;
+    return counts;
+}
+
+void Component::Record(const char* contextId, int64_t statusCode, edr::AHSState state,
+                       const std::vector<edr::AHSRecordWriter::Field>& fields) const
+{
+    if (m_healthStatus)
+    {
+        m_healthStatus->Write(contextId, statusCode, state, fields);
+    }
 }
 
 void Component::FlushDocuments()

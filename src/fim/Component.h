@@ -1,5 +1,6 @@
 #pragma once
 
+#include "edr/AHSRecordWriter.h"
 #include "edr/BlackoutManager.h"
 #include "edr/EventRuleEngine.h"
 #include "edr/ProcessLookup.h"
@@ -42,6 +43,9 @@ class UploadSchedule;
 // pass over its path. Documents are built on the processor's own thread;
 // destruction builds what still waits before the spool goes.
 //
+// With a health-status writer it records how each configuration and
+// manifest went (loaded, or refused and why).
+//
 // Thread-safe: UpdateConfig, Disable and the accessors may be called from
 // any thread while events arrive.
 class Component
@@ -53,6 +57,20 @@ public:
 
     using UpdateCallback = std::function<void(bool success)>;
 
+    // What FIM lost or held back so far, as totals.
+    struct LossCounts
+    {
+        // Documents built before their files settled (none is lost).
+        uint64_t documentOverflows = 0;
+        // Objects whose content could not be read for a document.
+        uint64_t unreadableContent = 0;
+        // Events and documents that never reached the spool.
+        uint64_t failedDocuments = 0;
+        // Spool files (and bytes) given up before their upload.
+        uint64_t spoolDroppedFiles = 0;
+        uint64_t spoolDroppedBytes = 0;
+    };
+
     // Throws std::runtime_error "FimComponent: 'config' cannot be null" /
     // "FimComponent: 'uploader' cannot be null" / "FimComponent: 'ruleEngine'
     // cannot be null", and the storages' exceptions when the spool or the
@@ -62,11 +80,13 @@ public:
     // The spool lives in event_file_path + "fim/" (created when missing), the
     // baseline store in installPath. blackout holds the periods in which
     // uploads wait (null: none); processes is the daemon's process tree
-    // (null: none known).
+    // (null: none known); healthStatus receives the component's
+    // health-status records (null: none are written).
     Component(std::unique_ptr<Config> config, std::shared_ptr<common::HttpUploader> uploader,
               common::Scheduler& scheduler, std::shared_ptr<edr::EventRuleEngine> ruleEngine,
               const std::string& installPath, std::shared_ptr<const edr::BlackoutManager> blackout = nullptr,
-              std::shared_ptr<const edr::ProcessLookup> processes = nullptr);
+              std::shared_ptr<const edr::ProcessLookup> processes = nullptr,
+              std::shared_ptr<edr::AHSRecordWriter> healthStatus = nullptr);
     ~Component();
 
     Component(const Component&) = delete;
@@ -92,6 +112,7 @@ public:
     // Events whose documents were built before their files settled because
     // too many were waiting.
     uint64_t GetDocumentOverflowCount() const;
+    LossCounts GetLossCounts() const;
 
     bool IsEnabled() const;
     const Config& GetConfig() const { return *m_config; }
@@ -105,6 +126,8 @@ private:
     void DisableLocked();
     void UnregisterLocked();
     void BaselineAddedRulesLocked();
+    void Record(const char* contextId, int64_t statusCode, edr::AHSState state,
+                const std::vector<edr::AHSRecordWriter::Field>& fields) const;
 
     // In construction order; destroyed in reverse.
     std::unique_ptr<Config> m_config;
@@ -112,6 +135,7 @@ private:
     std::shared_ptr<edr::EventRuleEngine> m_ruleEngine;
     const std::shared_ptr<const edr::BlackoutManager> m_blackout;
     const std::shared_ptr<const edr::ProcessLookup> m_processes;
+    const std::shared_ptr<edr::AHSRecordWriter> m_healthStatus;
     common::Scheduler& m_scheduler;
     std::unique_ptr<internal::EventRuleManager> m_ruleManager;
     std::unique_ptr<common::SpoolStorage> m_spool;

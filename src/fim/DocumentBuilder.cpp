@@ -90,6 +90,7 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
     {
         const auto observed = FileState::Observe(group.objectPath);
         content = ReadFor(group.objectPath, rules, collectHashes);
+        CountRead(*content);
         settled = WithHash(observed, *content);
     }
 
@@ -181,7 +182,16 @@ void DocumentBuilder::BuildOne(const PendingDocument& document, const std::optio
     }
     catch (const std::exception& e)
     {
+        m_failed.fetch_add(1, std::memory_order_relaxed);
         EDR_LOG_ERROR("Event exception: " << e.what());
+    }
+}
+
+void DocumentBuilder::CountRead(const ContentReader::Content& content)
+{
+    if (content.status == ContentReader::ContentStatus::ReadFailure)
+    {
+        m_unreadable.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
@@ -195,6 +205,7 @@ void DocumentBuilder::BuildBaseline(const std::string& path, const std::vector<c
         return;
     }
     const auto content = ReadFor(path, rules, collectHashes);
+    CountRead(content);
     m_store.PutContentStatus(path, ContentReader::ContentStatusText(content.status));
     EventDocument::Input input;
     input.path = path;
@@ -212,6 +223,7 @@ void DocumentBuilder::BuildBaseline(const std::string& path, const std::vector<c
     }
     catch (const std::exception& e)
     {
+        m_failed.fetch_add(1, std::memory_order_relaxed);
         EDR_LOG_ERROR("Event exception: " << e.what());
     }
 }

@@ -5,6 +5,7 @@
 #include "fim/FileStateStore.h"
 #include "fim/PendingDocuments.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -60,6 +61,12 @@ public:
     static ContentReader::Content ReadFor(const std::string& path, const std::vector<const EventRule*>& rules,
                                           bool collectHashes);
 
+    // Objects whose content could not be read when a document needed it
+    // (the document says READ_FAILURE), and documents that could not be
+    // built (logged, and lost); readable from any thread.
+    uint64_t GetUnreadableCount() const { return m_unreadable.load(std::memory_order_relaxed); }
+    uint64_t GetFailedCount() const { return m_failed.load(std::memory_order_relaxed); }
+
     // The state with the hash of content, when it has one.
     static std::optional<FileState> WithHash(std::optional<FileState> state,
                                              const ContentReader::Content& content);
@@ -70,8 +77,13 @@ private:
     static std::string ActionOf(const PendingDocument& document, const std::optional<FileState>& before,
                                 const std::optional<FileState>& after);
 
+    // Counts a content that could not be read.
+    void CountRead(const ContentReader::Content& content);
+
     FileStateStore& m_store;
     DocumentSink m_sink;
+    std::atomic<uint64_t> m_unreadable{0};
+    std::atomic<uint64_t> m_failed{0};
 };
 
 } // namespace vantor::fim::internal

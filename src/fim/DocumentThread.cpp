@@ -46,6 +46,7 @@ void DocumentThread::Build(PendingDocuments::Group& group)
     }
     catch (const std::exception& e)
     {
+        m_failed.fetch_add(1, std::memory_order_relaxed);
         EDR_LOG_ERROR("Event exception: " << e.what());
     }
 }
@@ -145,6 +146,7 @@ void DocumentThread::Run()
             }
             catch (const std::exception& e)
             {
+                m_failed.fetch_add(1, std::memory_order_relaxed);
                 EDR_LOG_ERROR("Baseline pass failed: " << e.what());
             }
             lock.lock();

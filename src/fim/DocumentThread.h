@@ -53,6 +53,8 @@ public:
     static constexpr uint64_t kDefaultBaselineRate = 200;
 
     uint64_t GetOverflowCount() const { return m_overflows.load(); }
+    // Groups of documents and baseline steps that failed (logged).
+    uint64_t GetFailedCount() const { return m_failed.load(std::memory_order_relaxed); }
     size_t GetPendingCount() const;
 
 protected:
@@ -82,6 +84,7 @@ private:
     Clock::duration m_settleTime = std::chrono::milliseconds(1000);
     Clock::duration m_baselineInterval;
     std::atomic<uint64_t> m_overflows{0};
+    std::atomic<uint64_t> m_failed{0};
 };
 
 } // namespace vantor::fim::internal

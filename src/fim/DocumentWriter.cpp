@@ -1,5 +1,6 @@
 #include "fim/DocumentWriter.h"
 
+#include "common/util/Utf8.h"
 #include "edr/PathEscape.h"
 
 namespace vantor::fim::internal
@@ -25,23 +26,7 @@ void DocumentWriter::PathMember(const char* key, std::string_view path)
 
 const std::string& DocumentWriter::ValidUtf8(std::string_view text, std::string& scratch)
 {
-    scratch.clear();
-    size_t pos = 0;
-    while (pos < text.size())
-    {
-        const size_t length = edr::PathEscape::ValidSequenceLength(text.substr(pos));
-        if (length > 0)
-        {
-            scratch.append(text.substr(pos, length));
-            pos += length;
-        }
-        else
-        {
-            scratch.append("\xEF\xBF\xBD");
-            pos += 1;
-        }
-    }
-    return scratch;
+    return util::ValidUtf8(text, scratch);
 }
 
 } // namespace vantor::fim::internal

@@ -179,15 +179,22 @@ void EventProcessor::HandleEvent(edr::Event& event)
     }
     catch (const std::exception& e)
     {
+        m_failedEvents.fetch_add(1, std::memory_order_relaxed);
         EDR_LOG_ERROR("Event exception: " << e.what());
     }
+}
+
+uint64_t EventProcessor::GetFailedCount() const
+{
+    return m_failedEvents.load(std::memory_order_relaxed) + m_builder.GetFailedCount() +
+           m_thread.GetFailedCount() + m_failedWrites->load(std::memory_order_relaxed);
 }
 
 void EventProcessor::Spool(std::string document)
 {
     // The callback runs on the spool's task: it must not touch the event.
     m_spool.WriteAsync(std::move(document),
-                       [](const common::SpoolStorage::WriteResult& result)
+                       [failed = m_failedWrites](const common::SpoolStorage::WriteResult& result)
                        {
                            if (result.Succeeded())
                            {
@@ -195,6 +202,7 @@ void EventProcessor::Spool(std::string document)
                            }
                            else
                            {
+                               failed->fetch_add(1, std::memory_order_relaxed);
                                EDR_LOG_ERROR("Failed to write Event json to disc: " << result.message);
                            }
                        });

@@ -7,8 +7,10 @@
 #include "fim/EventRuleManager.h"
 #include "fim/FileStateStore.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -83,6 +85,11 @@ public:
     // Adds that found every pending place taken (their documents were built
     // early).
     uint64_t GetOverflowCount() const { return m_thread.GetOverflowCount(); }
+    // Objects whose content could not be read for a document.
+    uint64_t GetUnreadableCount() const { return m_builder.GetUnreadableCount(); }
+    // Events and documents lost on the way to the spool: handling that
+    // failed, documents that could not be built or written.
+    uint64_t GetFailedCount() const;
     bool HasBaselineWork() const { return m_baselineWalk.HasWork(); }
 
 private:
@@ -90,6 +97,10 @@ private:
 
     const EventRuleManager& m_ruleManager;
     common::SpoolStorage& m_spool;
+    std::atomic<uint64_t> m_failedEvents{0};
+    // Shared with the spool's write callbacks, which may run after the
+    // processor has gone (the spool's last flush).
+    const std::shared_ptr<std::atomic<uint64_t>> m_failedWrites = std::make_shared<std::atomic<uint64_t>>(0);
     FileStateStore m_store;
     DocumentBuilder m_builder;
     BaselineWalk m_baselineWalk;

@@ -1,21 +1,13 @@
 #include "edr/daemon/Daemon.h"
 
-#include "audit/CapturePipeline.h"
 #include "audit/DispatcherIOChannel.h"
 #include "audit/KernelIOChannel.h"
-#include "audit/ProcessTree.h"
 #include "audit/RuleEngine.h"
-#include "common/HttpServiceSettings.h"
 #include "common/Logging.h"
-#include "common/LzmaHttpInterceptor.h"
-#include "common/SigValidationHttpInterceptor.h"
 #include "common/SignalHandler.h"
 #include "common/UnixClientStreamSockIOChannel.h"
 #include "common/util/Json.h"
-#include "edr/PseudoRunningEvent.h"
-#include "edr/PseudoTerminateEvent.h"
 #include "edr/daemon/ConfigurationFile.h"
-#include "edr/daemon/ProcessTreeLookup.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
 #include "ioc/Component.h"
@@ -159,10 +151,12 @@ int Daemon::StartUp()
     }
     m_scheduler->Start();
 
-    BuildAuditCore();
+    m_components = std::make_unique<DaemonComponents>(*m_commonConfig, *m_edrConfig, *m_scheduler);
+    m_components->BuildAuditCore(m_outpostPid, m_outpostPath);
     ExportProxyEnvironment();
-    BuildUploadersAndComponents();
-    StartAuditCapture();
+    m_components->BuildUploadersAndComponents(std::move(m_fimConfig), std::move(m_iocConfig),
+                                              std::move(m_requestSigner));
+    m_components->StartAuditCapture(std::move(m_auditChannel));
 
     common::SignalHandler::Unblock({SIGINT, SIGTERM});
 
@@ -174,6 +168,8 @@ int Daemon::StartUp()
     const auto& limits = m_watchdog->GetLimits();
     EDR_LOG_DEBUG("Memory threshold: softLimit: " << limits.softKb << " KB "
                                                   << " HardLimit: " << limits.hardKb << " KB.");
+    m_components->StartHealthMonitor(*m_watchdog);
+    RecordConfig(AHSStatusCode::kConfigLoaded, {});
     return kExitOk;
 }
 
@@ -280,105 +276,6 @@ bool Daemon::Initialize()
     return true;
 }
 
-void Daemon::BuildAuditCore()
-{
-    auto makeRunning = [](const audit::ProcessInfo& info) -> std::unique_ptr<Event>
-    {
-        PseudoRunningEvent::Process process;
-        process.pid = info.GetPid();
-        process.parentPid = info.GetParentPid();
-        process.uid = info.GetUserId();
-        process.euid = info.GetEffectiveUserId();
-        process.auid = info.GetAuditUserId();
-        process.image = info.GetImage();
-        process.arguments = info.GetArguments();
-        process.timestamp = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                      std::chrono::system_clock::now().time_since_epoch())
-                                                      .count());
-        return std::make_unique<PseudoRunningEvent>(std::move(process));
-    };
-    auto makeTerminate = [](const audit::ProcessInfo& info) -> std::unique_ptr<Event>
-    {
-        const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::system_clock::now().time_since_epoch());
-        return std::make_unique<PseudoTerminateEvent>(EventType::Exit, info.GetPid(), info.GetParentPid(),
-                                                      info.GetImage(), static_cast<uint64_t>(now.count()));
-    };
-    m_processTree = std::make_shared<audit::ProcessTree>("/proc", makeRunning, makeTerminate);
-    m_magic = std::make_shared<const LibMagicWrapper>(kMagicDatabasePath);
-    m_ruleEngine = std::make_shared<audit::RuleEngine>(m_outpostPid, m_outpostPath, m_processTree,
-                                                       m_edrConfig->AuditBacklogLimit(),
-                                                       m_commonConfig->AgentInstallPath());
-}
-
-std::shared_ptr<common::HttpService> Daemon::StartHttpService() const
-{
-    auto service = std::make_shared<common::HttpService>(m_commonConfig->HttpSettings(), m_requestSigner);
-    // Request sides run in this order and answers in reverse: an answer's
-    // signature is checked over the body as received, before decompression.
-    service->AddInterceptor(std::make_shared<common::LzmaHttpInterceptor>());
-    const std::string keyPath = m_commonConfig->ResponseKeyPath();
-    try
-    {
-        service->AddInterceptor(std::make_shared<common::SigValidationHttpInterceptor>(keyPath));
-    }
-    catch (const std::runtime_error& e)
-    {
-        // Like a missing request key: the agent has not provisioned its keys
-        // yet, and refusing every answer would only hold the spool back.
-        EDR_LOG_ERROR(e.what() << "; answers are not validated");
-    }
-    service->Start();
-    return service;
-}
-
-void Daemon::BuildUploadersAndComponents()
-{
-    // One HTTP thread serves every uploader.
-    m_httpService = StartHttpService();
-    m_fimBlackout =
-        std::make_shared<const BlackoutManager>(BlackoutManager::kKind, m_commonConfig->BlackoutEvents());
-    m_fimUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
-    m_fim = std::make_unique<fim::Component>(std::move(m_fimConfig), m_fimUploader, *m_scheduler,
-                                             m_ruleEngine, m_commonConfig->AgentInstallPath(), m_fimBlackout,
-                                             std::make_shared<const ProcessTreeLookup>(m_processTree));
-
-    // IOC's periods, built in their place in the start-up order, for the IOC
-    // component that follows FIM.
-    m_iocBlackout =
-        std::make_shared<const BlackoutManager>(BlackoutManager::kKind, m_commonConfig->BlackoutEvents());
-    m_iocUploader = std::make_shared<common::HttpUploader>(m_httpService, kUploadRetries);
-    try
-    {
-        m_ioc = std::make_unique<ioc::Component>(
-            m_processTree->GetBootTime(), std::move(m_iocConfig), m_magic, *m_scheduler, m_iocUploader,
-            *m_ruleEngine, m_edrConfig->CpuLimit(), m_edrConfig->MemoryLimit(),
-            [blackout = m_iocBlackout] { return blackout->IsBlackout(); },
-            m_commonConfig->AgentInstallPath());
-    }
-    catch (const std::exception& e)
-    {
-        // FIM and the health status go on without IOC.
-        EDR_LOG_ERROR("Failed to create the IOC component: " << e.what());
-    }
-}
-
-void Daemon::StartAuditCapture()
-{
-    const uint64_t cpuLimit = m_edrConfig->CpuLimit();
-    const uint64_t memoryLimit = m_edrConfig->MemoryLimit();
-    const uint64_t totalKb = ResourceMonitor(cpuLimit, memoryLimit).TotalMemoryKb();
-    m_capture = std::make_unique<audit::CapturePipeline>(
-        std::move(m_auditChannel), m_magic, m_ruleEngine->GetEventProcessor(),
-        audit::CapturePipeline::Limits{cpuLimit, memoryLimit, totalKb},
-        [cpuLimit, memoryLimit]() -> audit::CapturePipeline::CpuUsage
-        {
-            auto monitor = std::make_shared<ResourceMonitor>(cpuLimit, memoryLimit);
-            return [monitor] { return monitor->CpuUsage(); };
-        });
-    m_capture->Start();
-}
-
 void Daemon::ExportProxyEnvironment()
 {
     EDR_LOG_INFO("Setting the proxy environment variables");
@@ -405,6 +302,13 @@ void Daemon::MainLoop(std::unique_lock<std::mutex>& lock)
         if (m_watchdog->Check())
         {
             EDR_LOG_DEBUG("MEMCHECK: Shutting down as memory usage is beyond set hard limit.");
+            if (auto* status = m_components->HealthStatus())
+            {
+                // Uploaded by the next daemon: the store outlives this one.
+                status->Write(AHSContext::kDaemonMemory, AHSStatusCode::kMemoryShutdown, AHSState::Failed,
+                              {{"strikes", uint64_t{m_watchdog->Strikes()}},
+                               {"hardLimitKb", m_watchdog->GetLimits().hardKb}});
+            }
             g_shutdown.store(true);
         }
     }
@@ -453,22 +357,31 @@ void Daemon::HandleCommand()
 void Daemon::ApplyConfig(const rapidjson::Value& command)
 {
     EDR_LOG_INFO("Command 'config' received from agent");
+    const std::string refused = ApplyConfigFile(command);
+    if (refused.empty())
+    {
+        RecordConfig(AHSStatusCode::kConfigLoaded, {});
+        return;
+    }
+    EDR_LOG_ERROR(refused);
+    RecordConfig(AHSStatusCode::kConfigRefused, refused);
+}
+
+std::string Daemon::ApplyConfigFile(const rapidjson::Value& command)
+{
     const auto fileIt = command.FindMember("config_file");
     if (fileIt == command.MemberEnd() || !fileIt->value.IsString())
     {
-        EDR_LOG_ERROR("Incomplete 'config' command received from the agent");
-        return;
+        return "Incomplete 'config' command received from the agent";
     }
     const std::string path(fileIt->value.GetString(), fileIt->value.GetStringLength());
     ConfigurationFile file;
     switch (file.Load(path))
     {
     case ConfigurationFile::Status::Unreadable:
-        EDR_LOG_ERROR("Failed to read config file: " << path);
-        return;
+        return "Failed to read config file: " + path;
     case ConfigurationFile::Status::Invalid:
-        EDR_LOG_ERROR("Invalid configuration file.");
-        return;
+        return "Invalid configuration file.";
     case ConfigurationFile::Status::Ok:
         break;
     }
@@ -478,23 +391,25 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
     if (!file.HasSections({"common_config", "fim_config", "ioc_config"}) ||
         !file.ReadOutpost(outpostPid, outpostPath))
     {
-        EDR_LOG_ERROR("Incomplete configuration file: " << path);
-        return;
+        return "Incomplete configuration file: " + path;
     }
     try
     {
         common::Logging::RefreshLevels(m_commonConfig->LogConfigFile());
-        if (m_fim)
+        fim::Component* fim = m_components ? m_components->Fim() : nullptr;
+        ioc::Component* ioc = m_components ? m_components->Ioc() : nullptr;
+        audit::RuleEngine* ruleEngine = m_components ? m_components->RuleEngine() : nullptr;
+        if (fim != nullptr)
         {
-            m_fim->UpdateConfig(root["fim_config"]);
+            fim->UpdateConfig(root["fim_config"]);
         }
-        if (m_ioc)
+        if (ioc != nullptr)
         {
-            m_ioc->UpdateConfig(root["ioc_config"]);
+            ioc->UpdateConfig(root["ioc_config"]);
         }
         m_outpostPid = outpostPid;
         m_outpostPath = outpostPath;
-        if (m_ruleEngine && !m_ruleEngine->RefreshOutpostExclusionRules(outpostPid, outpostPath))
+        if (ruleEngine != nullptr && !ruleEngine->RefreshOutpostExclusionRules(outpostPid, outpostPath))
         {
             EDR_LOG_ERROR("RuleEngine: Failed to refresh exclusion rules in audit with new outpost pid");
         }
@@ -502,7 +417,25 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
     catch (const std::exception& e)
     {
         // Updates applied so far stay applied; the later ones are skipped.
-        EDR_LOG_ERROR("Failed to update configuration: " << e.what());
+        return std::string("Failed to update configuration: ") + e.what();
+    }
+    return {};
+}
+
+void Daemon::RecordConfig(int64_t statusCode, const std::string& reason)
+{
+    AHSRecordWriter* status = m_components ? m_components->HealthStatus() : nullptr;
+    if (status == nullptr)
+    {
+        return;
+    }
+    if (reason.empty())
+    {
+        status->Write(AHSContext::kDaemonConfig, statusCode, AHSState::Ok);
+    }
+    else
+    {
+        status->Write(AHSContext::kDaemonConfig, statusCode, AHSState::Failed, {{"reason", reason}});
     }
 }
 
@@ -516,41 +449,34 @@ void Daemon::ShutDown()
     // The kernel rules go first: the audit state is the host's, and nothing
     // later in the shutdown (a slow stop, a kill by an impatient agent) may
     // leave rules of ours in it.
-    if (m_ruleEngine)
+    if (m_components)
     {
-        m_ruleEngine->RemoveKernelRules();
-    }
-    if (m_capture)
-    {
-        m_capture->Stop();
+        m_components->RemoveKernelRules();
+        m_components->StopCapture();
     }
     if (m_agentChannel)
     {
         m_agentChannel->Stop();
     }
-    m_fim.reset();
-    m_ioc.reset();
+    if (m_components)
+    {
+        m_components->DestroyComponents();
+    }
     if (m_scheduler)
     {
         m_scheduler->Stop();
     }
-    m_capture.reset();
-    m_ruleEngine.reset();
-    m_processTree.reset();
-    m_magic.reset();
+    if (m_components)
+    {
+        m_components->DestroyAuditCore();
+    }
     m_agentChannel.reset();
     m_scheduler.reset();
-    // Uploads still in flight complete (or are cancelled) before the
-    // uploaders go.
-    if (m_httpService)
+    if (m_components)
     {
-        m_httpService->Stop();
+        m_components->DestroyUploaders();
     }
-    m_fimUploader.reset();
-    m_iocUploader.reset();
-    m_httpService.reset();
-    m_fimBlackout.reset();
-    m_iocBlackout.reset();
+    m_components.reset();
 }
 
 void Daemon::OnAgentData(std::vector<uint8_t> data)

@@ -1,15 +1,12 @@
 #pragma once
 
 #include "common/HmacRequestSigner.h"
-#include "common/HttpService.h"
-#include "common/HttpUploader.h"
 #include "common/IOChannel.h"
 #include "common/Scheduler.h"
-#include "edr/BlackoutManager.h"
 #include "edr/CommonConfig.h"
 #include "edr/Config.h"
-#include "edr/LibMagicWrapper.h"
 #include "edr/ResourceMonitor.h"
+#include "edr/daemon/DaemonComponents.h"
 #include "edr/daemon/MemoryWatchdog.h"
 
 #include <rapidjson/document.h>
@@ -23,28 +20,6 @@
 #include <string>
 #include <vector>
 
-namespace vantor::audit
-{
-class CapturePipeline;
-class ProcessTree;
-class RuleEngine;
-} // namespace vantor::audit
-
-namespace vantor::fim
-{
-class Component;
-class Config;
-} // namespace vantor::fim
-
-namespace vantor::ioc
-{
-class Component;
-namespace Ioc
-{
-class Config;
-}
-} // namespace vantor::ioc
-
 namespace vantor::edr
 {
 
@@ -56,10 +31,8 @@ class Daemon
 {
 public:
     static constexpr const char* kAgentSocketPath = "/var/run/corvid/outpost/sock/agent_edr.sock";
-    static constexpr const char* kMagicDatabasePath = "/etc/corvid/outpost/magic.mgc";
     static constexpr const char* kMemtestPath = "/tmp/memtest";
     static constexpr int kAgentReconnectTimeout = 30;
-    static constexpr unsigned kUploadRetries = 3;
 
     enum ExitStatus : int
     {
@@ -89,16 +62,11 @@ private:
     // Runs with the daemon mutex held, for every message after the first.
     void HandleCommand();
     void ApplyConfig(const rapidjson::Value& command);
+    // Answers why the command was refused; empty when it was applied.
+    std::string ApplyConfigFile(const rapidjson::Value& command);
+    // The outcome of a configuration as a health-status record.
+    void RecordConfig(int64_t statusCode, const std::string& reason);
     void ExportProxyEnvironment();
-    // The audit rule engine with the process tree and the magic database
-    // that the events need.
-    void BuildAuditCore();
-    void BuildUploadersAndComponents();
-    // The one HTTP service of the uploaders, with the payload compression
-    // and the answer validation that the back end expects; started.
-    std::shared_ptr<common::HttpService> StartHttpService() const;
-    // Parser and processing threads, then the audit channel that feeds them.
-    void StartAuditCapture();
     void ShutDown();
 
     void OnAgentData(std::vector<uint8_t> data);
@@ -119,20 +87,9 @@ private:
 
     std::unique_ptr<common::Scheduler> m_scheduler;
     std::unique_ptr<common::IOChannel> m_agentChannel;
-    std::shared_ptr<audit::ProcessTree> m_processTree;
-    std::shared_ptr<const LibMagicWrapper> m_magic;
-    std::shared_ptr<audit::RuleEngine> m_ruleEngine;
-    std::shared_ptr<common::HttpService> m_httpService;
-    // Reduced-activity periods of FIM's uploads and of IOC's.
-    std::shared_ptr<const BlackoutManager> m_fimBlackout;
-    std::shared_ptr<const BlackoutManager> m_iocBlackout;
-    std::shared_ptr<common::HttpUploader> m_fimUploader;
-    std::unique_ptr<fim::Component> m_fim;
-    std::shared_ptr<common::HttpUploader> m_iocUploader;
-    std::unique_ptr<ioc::Component> m_ioc;
     // Built with the configuration, handed to the capture pipeline at start.
     std::unique_ptr<common::IOChannel> m_auditChannel;
-    std::unique_ptr<audit::CapturePipeline> m_capture;
+    std::unique_ptr<DaemonComponents> m_components;
     std::unique_ptr<ResourceMonitor> m_resourceMonitor;
     std::unique_ptr<MemoryWatchdog> m_watchdog;
     std::FILE* m_memtest = nullptr;

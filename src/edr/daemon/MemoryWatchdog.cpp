@@ -65,6 +65,7 @@ bool MemoryWatchdog::Check()
     if (usageKb > m_limits.hardKb)
     {
         ++m_strikes;
+        m_totalStrikes.fetch_add(1, std::memory_order_relaxed);
         EDR_LOG_DEBUG("MEMCHECK: Strike : " << m_strikes << " as memory went over hard limit:  "
                                             << m_limits.hardKb << " KB.");
         return m_strikes == kStrikesToStop;

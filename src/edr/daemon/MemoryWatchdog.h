@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -40,6 +41,9 @@ public:
 
     const Limits& GetLimits() const { return m_limits; }
     uint32_t Strikes() const { return m_strikes; }
+    // Strikes since the watchdog was made, resets aside; readable from any
+    // thread.
+    uint64_t TotalStrikes() const { return m_totalStrikes.load(std::memory_order_relaxed); }
 
 private:
     std::chrono::steady_clock::time_point Now() const;
@@ -50,6 +54,7 @@ private:
     SteadyClock m_clock;
     Trim m_trim;
     uint32_t m_strikes = 0;
+    std::atomic<uint64_t> m_totalStrikes{0};
     std::chrono::steady_clock::time_point m_lastCheck;
 };
 

@@ -40,9 +40,10 @@ std::string SyscallEvent(unsigned long serial, long long syscall, const std::str
            stamp + "proctitle=746F756368\ntype=EOE msg=" + stamp + "\n";
 }
 
-std::vector<test::BuiltEvent> FeedAll(const std::string& text, test::RecordingEventBuilder& builder)
+std::vector<test::BuiltEvent> FeedAll(const std::string& text, test::RecordingEventBuilder& builder,
+                                      AuparseFeed::Tally* tally = nullptr)
 {
-    AuparseFeed feed(builder);
+    AuparseFeed feed(builder, tally);
     auto events = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
     auto rest = feed.Flush();
     EXPECT_EQ(events.size() + rest.size(), builder.Built().size()) << "every built event is handed out";
@@ -107,9 +108,10 @@ TEST(AuparseFeedTest, AbendEofOnlyOtherTypesAndRejectedEvents)
     test::LogCapture events(common::Logging::Events());
     std::string garbledSyscall = notANumber;
     garbledSyscall.replace(garbledSyscall.find("syscall=0"), 9, "syscall=0x");
+    AuparseFeed::Tally tally;
     const auto built = FeedAll(abend + eoeOnly + user + negative + garbledSyscall + SyscallEvent(12, 87) +
                                    SyscallEvent(13, 87),
-                               builder);
+                               builder, &tally);
 
     ASSERT_EQ(built.size(), 2u);
     EXPECT_FALSE(built[0].eventClass.has_value());
@@ -123,6 +125,10 @@ TEST(AuparseFeedTest, AbendEofOnlyOtherTypesAndRejectedEvents)
     EXPECT_TRUE(log.Contains("Unsupported syscall in event: -1"));
     EXPECT_TRUE(log.Contains("Unsupported syscall in event: 0x"));
     EXPECT_TRUE(log.Contains("Dropping audit event with ID: 12: Rejected by the test builder"));
+    // Each event left out is counted once, under its reason.
+    EXPECT_EQ(tally.otherRecords.load(), 1u);
+    EXPECT_EQ(tally.unsupportedSyscalls.load(), 2u);
+    EXPECT_EQ(tally.malformedEvents.load(), 1u);
 }
 
 TEST(AuparseFeedTest, RecordsSplitAnywhereStillAssemble)
@@ -301,6 +307,7 @@ TEST(AuparseFeedTest, HostileInputNeverCrashesAndParsingRecovers)
         feedText(longLine);
     }
     EXPECT_EQ(log.Count("Dropping an audit text line longer than"), 1u);
+    EXPECT_EQ(feed.GetTally().overlongLines.load(), 1u);
 
     builder.Clear();
     feedText("\n" + SyscallEvent(60, 84));

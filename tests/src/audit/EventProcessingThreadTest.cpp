@@ -244,6 +244,11 @@ TEST_F(EventProcessingThreadFlowTest, StopLeavesTheRestOfABatchAndReleasesABlock
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
     EXPECT_LT(handled.load(), 5000U);
     EXPECT_EQ(producer.wait_for(std::chrono::seconds(1)), std::future_status::ready);
+    // What was not handled is counted as dropped at the stop: the rest of
+    // the batch, the queue and the late producer's event.
+    CaptureCounters counters;
+    thread.AddCounters(counters);
+    EXPECT_EQ(counters.droppedAtStop + handled.load(), 15001U);
 }
 
 TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
@@ -271,6 +276,10 @@ TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     EXPECT_EQ(handled.load(), 1);
+    CaptureCounters counters;
+    thread.AddCounters(counters);
+    EXPECT_EQ(counters.processingCpuPauses, 1U);
+    EXPECT_GE(counters.processingPausedMs, 90U);
 
     // Stop is not held up by a pause.
     busy = true;

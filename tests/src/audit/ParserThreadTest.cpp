@@ -199,6 +199,7 @@ TEST_F(GatedParserTest, BurstDisablesQueueingUntilDrainedBelowHalf)
     EXPECT_GE(highest, maximum);
     EXPECT_LE(highest, maximum + cost) << "memory stays bounded";
     EXPECT_EQ(log.Count("Audit parser queue threshold hit. Disabling queueing of events."), 1u);
+    const uint64_t refused = 150 - highest / cost;
 
     // Drained, but not yet to half: still dropping.
     const size_t queued = parser.QueuedBytes() / cost;
@@ -216,6 +217,11 @@ TEST_F(GatedParserTest, BurstDisablesQueueingUntilDrainedBelowHalf)
     EXPECT_FALSE(parser.IsQueueingDisabled());
     EXPECT_EQ(log.Count("Enabling the audit parser queue"), 1u);
     EXPECT_EQ(log.Count("Audit parser queue threshold hit"), 1u);
+    // Every buffer refused is counted, with its bytes; the ones taken are not.
+    CaptureCounters counters;
+    parser.AddCounters(counters);
+    EXPECT_EQ(counters.queueDroppedBuffers, refused + 1);
+    EXPECT_EQ(counters.queueDroppedBytes, (refused + 1) * cost);
 
     gate.Open();
     ASSERT_TRUE(sink.WaitFor(2, 5000ms));
@@ -253,6 +259,10 @@ TEST(ParserThreadTest, HighCpuPausesOncePerSecondAndStopWakesAtOnce)
 
     usage = 10.0;
     ASSERT_TRUE(sink.WaitFor(11, 3000ms));
+    CaptureCounters counters;
+    parser.AddCounters(counters);
+    EXPECT_EQ(counters.parserCpuPauses, 1u) << "one pause of several seconds";
+    EXPECT_GE(counters.parserPausedMs, 1000u);
 
     // Paused again (after the last buffer or this one): stop must not wait.
     usage = 95.5;

@@ -1,5 +1,6 @@
-#include "fim/DocumentWriter.h"
 #include "edr/PathEscape.h"
+#include "common/util/Utf8.h"
+#include "fim/DocumentWriter.h"
 
 #include "common/util/Json.h"
 
@@ -9,8 +10,8 @@
 #include <set>
 #include <string>
 
-using vantor::fim::internal::DocumentWriter;
 using vantor::edr::PathEscape;
+using vantor::fim::internal::DocumentWriter;
 
 namespace
 {
@@ -19,7 +20,7 @@ bool IsValidUtf8(const std::string& text)
 {
     for (size_t pos = 0; pos < text.size();)
     {
-        const size_t length = PathEscape::ValidSequenceLength(std::string_view(text).substr(pos));
+        const size_t length = vantor::util::Utf8SequenceLength(std::string_view(text).substr(pos));
         if (length == 0)
         {
             return false;

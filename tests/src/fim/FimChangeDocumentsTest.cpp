@@ -196,6 +196,9 @@ TEST_F(FimChangeDocumentsTest, RenameReadsTheDestinationAndIsReportedWhereItIsWa
     lost.newFile = inside + "/never.txt";
     doc = One(lost);
     EXPECT_STREQ(doc["contentStatus"].GetString(), "READ_FAILURE");
+    // Only the content that could not be read is counted as such.
+    EXPECT_EQ(m_processor->GetUnreadableCount(), 1u);
+    EXPECT_EQ(m_processor->GetFailedCount(), 0u);
 }
 
 TEST_F(FimChangeDocumentsTest, ARuleWithoutTheActionGetsNoDocument)

@@ -1,0 +1,261 @@
+#include "edr/AHSUploadSchedule.h"
+#include "edr/AHSRecordWriter.h"
+#include "edr/AHSSqlDataFormatter.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/UploadTarget.h"
+
+#include "common/HttpUploader.h"
+#include "common/Logging.h"
+#include "common/Serializer.h"
+#include "common/SqlDataFormatterException.h"
+#include "common/SqlStorage.h"
+#include "common/util/Json.h"
+
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+using namespace vantor::edr;
+using vantor::common::SqlStorage;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+constexpr const char* kTable = AHSSqlDataFormatter::kTableName;
+
+AHSRecord Record(const std::string& context, int64_t code, const std::string& fields = {})
+{
+    return AHSRecord{"2024-05-01T10:00:00Z", context, code, 1, fields};
+}
+
+TEST(AHSSqlDataFormatterTest, StatementTexts)
+{
+    AHSSqlDataFormatter formatter;
+    EXPECT_EQ(
+        formatter.GetCreateStatements(),
+        (std::vector<std::string>{"CREATE TABLE [AgentStatus]([Time] TEXT, [ContextId] TEXT, [StatusCode] "
+                                  "INTEGER, [State] INTEGER, [AdditionalFields] TEXT)",
+                                  "PRAGMA user_version = 1;"}));
+    EXPECT_EQ(formatter.GetSchemaVersionQuery(), "PRAGMA user_version");
+    EXPECT_EQ(formatter.GetDeleteAllStatement(), "Drop table AgentStatus;");
+    EXPECT_TRUE(formatter.GetUpgradeStatements(1).empty());
+    const auto upgrade = formatter.GetUpgradeStatements(0);
+    ASSERT_EQ(upgrade.size(), 3u);
+    EXPECT_EQ(upgrade[0], "Drop table AgentStatus;");
+
+    const std::string record =
+        AHSSqlDataFormatter::FormatRecord(Record("fim.manifest", 1002, R"({"a":"it's"})"));
+    EXPECT_EQ(formatter.GetInsertStatement(kTable, record),
+              "INSERT or REPLACE INTO AgentStatus VALUES ('2024-05-01T10:00:00Z', 'fim.manifest', 1002, 1, "
+              "'{\"a\":\"it''s\"}')");
+    EXPECT_EQ(formatter.GetSelectStatement(kTable, "count"), "SELECT count(*) FROM AgentStatus");
+    EXPECT_EQ(formatter.GetSelectStatement(kTable, ""), "SELECT * from AgentStatus order by time limit 1");
+    EXPECT_EQ(formatter.GetSelectStatement(kTable, AHSSqlDataFormatter::FilterClause(3000, 3999, "Time", 5)),
+              "SELECT * from AgentStatus  WHERE [StatusCode] >= 3000 AND [StatusCode] <= 3999 ORDER BY Time "
+              "DESC LIMIT 5");
+    EXPECT_EQ(formatter.GetDeleteStatement(kTable, " WHERE [State] = 0"),
+              "DELETE FROM AgentStatus WHERE [State] = 0");
+    EXPECT_THROW(formatter.GetSelectStatement("Other", "count"), vantor::common::SqlDataFormatterException);
+
+    const AHSRecord back = AHSSqlDataFormatter::ParseRecord(record);
+    EXPECT_EQ(back.contextId, "fim.manifest");
+    EXPECT_EQ(back.statusCode, 1002);
+    EXPECT_EQ(back.additionalFields, R"({"a":"it's"})");
+    EXPECT_THROW(AHSSqlDataFormatter::ParseRecord(record.substr(0, record.size() - 1)), std::out_of_range);
+}
+
+// A store left by an older version: no user_version, other columns.
+TEST(AHSSqlDataFormatterTest, OlderSchemaIsDroppedAndMadeAgain)
+{
+    vantor::test::TempDir dir;
+    const std::string file = dir.File(AHSRecordWriter::kDbFileName);
+    {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db,
+                               "CREATE TABLE AgentStatus (Old TEXT); INSERT INTO AgentStatus VALUES ('x');",
+                               nullptr, nullptr, nullptr),
+                  SQLITE_OK);
+        sqlite3_close(db);
+    }
+    SqlStorage store(dir.Path(), AHSRecordWriter::kDbFileName, std::make_unique<AHSSqlDataFormatter>(),
+                     false);
+    const auto count = store.Read(kTable, "count");
+    ASSERT_TRUE(count.success);
+    EXPECT_EQ(vantor::common::Serializer(count.rows.at(0)).GetInt64(), 0);
+    EXPECT_TRUE(
+        store.Write(kTable, {{{}, AHSSqlDataFormatter::FormatRecord(Record("edr.config", 1000))}}).success);
+    const auto oldest = store.Read(kTable, "");
+    ASSERT_EQ(oldest.rows.size(), 1u);
+    EXPECT_EQ(AHSSqlDataFormatter::ParseRecord(oldest.rows[0]).contextId, "edr.config");
+}
+
+class AHSUploadScheduleTest : public testing::Test
+{
+protected:
+    AHSUploadScheduleTest()
+        : m_upload(m_dir.Path())
+        , m_store(std::make_shared<SqlStorage>(m_dir.Path(), AHSRecordWriter::kDbFileName,
+                                               std::make_unique<AHSSqlDataFormatter>(), false))
+        , m_writer(m_store, [] { return std::chrono::system_clock::time_point(1714557600s); })
+        , m_uploader(m_upload.Uploader())
+        , m_schedule(m_store, m_uploader, AHSServiceSettings{m_upload.Receiver().Url("/edr/status"), 45s})
+    {
+    }
+
+    int64_t Stored()
+    {
+        return vantor::common::Serializer(m_store->Read(kTable, "count").rows.at(0)).GetInt64();
+    }
+
+    // The records of the last stored upload.
+    rapidjson::Document LastStatus()
+    {
+        rapidjson::Document payload;
+        const auto requests = m_upload.Receiver().Requests();
+        EXPECT_FALSE(requests.empty());
+        if (!requests.empty())
+        {
+            EXPECT_TRUE(vantor::util::ParseJson(payload, requests.back().payload));
+        }
+        return payload;
+    }
+
+    vantor::test::TempDir m_dir;
+    vantor::test::UploadTarget m_upload;
+    std::shared_ptr<SqlStorage> m_store;
+    AHSRecordWriter m_writer;
+    std::shared_ptr<vantor::common::HttpUploader> m_uploader;
+    AHSUploadSchedule m_schedule;
+};
+
+TEST_F(AHSUploadScheduleTest, UploadsRecordsAsStatusJsonAndDeletesThemAfterSuccess)
+{
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
+    ASSERT_TRUE(m_writer.Write("edr.config", AHSStatusCode::kConfigLoaded, AHSState::Ok));
+    ASSERT_TRUE(m_writer.Write("audit.parser.queue", AHSStatusCode::kParserQueueDropped, AHSState::Degraded,
+                               {{"buffers", uint64_t{3}}, {"reason", std::string("bad \xff byte")}}));
+
+    m_schedule.RunOnce();
+    EXPECT_EQ(Stored(), 0);
+    const auto requests = m_upload.Receiver().Requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].uri, "/edr/status");
+    EXPECT_EQ(requests[0].headers.Get("C-PROTOTYPE"), "status");
+    EXPECT_EQ(requests[0].headers.Get("Content-Type"), "application/json");
+    EXPECT_EQ(requests[0].headers.Get("Content-Encoding"), "LZMA");
+
+    const auto payload = LastStatus();
+    ASSERT_TRUE(payload.HasMember("status"));
+    const auto& status = payload["status"];
+    ASSERT_EQ(status.Size(), 2u);
+    EXPECT_STREQ(status[0]["dateTime"].GetString(), "2024-05-01T10:00:00Z");
+    EXPECT_STREQ(status[0]["contextId"].GetString(), "edr.config");
+    EXPECT_EQ(status[0]["statusCode"].GetInt64(), 1000);
+    EXPECT_EQ(status[0]["state"].GetInt64(), 0);
+    // Empty additional fields are left out; others are embedded as JSON,
+    // their texts made valid UTF-8.
+    EXPECT_FALSE(status[0].HasMember("additionalFields"));
+    EXPECT_EQ(status[1]["additionalFields"]["buffers"].GetUint64(), 3u);
+    EXPECT_STREQ(status[1]["additionalFields"]["reason"].GetString(), "bad \xEF\xBF\xBD byte");
+    EXPECT_TRUE(log.Contains("AHS: Read2 records from DB"));
+    EXPECT_TRUE(log.Contains("AHSUploadSchedule: Configuration status successfully uploaded."));
+    EXPECT_TRUE(log.Contains("AHSUploadSchedule: Loss status successfully uploaded."));
+
+    m_schedule.RunOnce(); // nothing left: no request
+    EXPECT_EQ(m_upload.Receiver().RequestCount(), 1u);
+    EXPECT_EQ(m_uploader->GetOutcomes().succeeded, 1u);
+}
+
+TEST_F(AHSUploadScheduleTest, FailedUploadKeepsTheRecordsForTheNextRun)
+{
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
+    ASSERT_TRUE(m_writer.Write("fim.upload", AHSStatusCode::kUploadFailed, AHSState::Degraded));
+    m_upload.Receiver().FailNext(1, 503);
+    m_schedule.RunOnce();
+    EXPECT_EQ(Stored(), 1);
+    EXPECT_TRUE(log.Contains("AHSUploadSchedule: Failed to upload data. The next upload will be tried 45 "
+                             "seconds later."));
+    EXPECT_EQ(m_uploader->GetOutcomes().failed, 1u);
+    EXPECT_EQ(m_uploader->GetOutcomes().lastError, "HTTP status 503");
+
+    // Written meanwhile: goes with the kept one.
+    ASSERT_TRUE(m_writer.Write("edr.config", AHSStatusCode::kConfigLoaded, AHSState::Ok));
+    m_schedule.RunOnce();
+    EXPECT_EQ(Stored(), 0);
+    EXPECT_EQ(LastStatus()["status"].Size(), 2u);
+}
+
+TEST_F(AHSUploadScheduleTest, UnknownRecordTypeStopsTheRunAndIsDropped)
+{
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
+    ASSERT_TRUE(m_writer.Write("edr.config", AHSStatusCode::kConfigLoaded, AHSState::Ok));
+    ASSERT_TRUE(m_writer.Write("from.elsewhere", 42, AHSState::Ok));
+    m_schedule.RunOnce();
+    EXPECT_EQ(m_upload.Receiver().RequestCount(), 0u);
+    EXPECT_EQ(log.Count("Invalid AHSRecordType provided. Aborting this attempt."), 1u);
+
+    m_schedule.RunOnce();
+    ASSERT_EQ(m_upload.Receiver().StoredCount(), 1u);
+    EXPECT_EQ(LastStatus()["status"].Size(), 1u);
+}
+
+TEST_F(AHSUploadScheduleTest, BacklogIsBoundedOldestFirst)
+{
+    const uint64_t backlog = AHSUploadSchedule::kMaxStoredRecords + 2;
+    SqlStorage::Records records;
+    for (uint64_t i = 0; i < backlog; ++i)
+    {
+        records.push_back({{}, AHSSqlDataFormatter::FormatRecord(Record("n" + std::to_string(i), 3001))});
+    }
+    ASSERT_TRUE(m_store->Write(kTable, records).success);
+
+    m_schedule.RunOnce();
+    EXPECT_EQ(m_schedule.EvictedRecords(), 2u);
+    const auto payload = LastStatus();
+    const auto status = payload["status"].GetArray();
+    ASSERT_EQ(status.Size(), AHSUploadSchedule::kMaxRecordsPerRun);
+    EXPECT_STREQ(status[0]["contextId"].GetString(), "n2");
+    EXPECT_EQ(Stored(), static_cast<int64_t>(AHSUploadSchedule::kMaxStoredRecords -
+                                             AHSUploadSchedule::kMaxRecordsPerRun));
+}
+
+} // namespace
+
+namespace
+{
+
+// The receiver stands in for the back end: what it would refuse on the
+// status route must be refused, or the tests above prove nothing.
+TEST_F(AHSUploadScheduleTest, ReceiverRefusesWhatTheStatusRouteWouldNot)
+{
+    const std::string record =
+        R"({"dateTime":"2024-05-01T10:00:00Z","contextId":"c","statusCode":1000,"state":0)";
+    const struct
+    {
+        std::string payload;
+        const char* uploadType;
+        const char* rejection;
+    } cases[] = {
+        {R"({"status":[)" + record + "}]}", "status", ""},
+        {R"({"status":[)" + record + "}]}", "fim", "status: C-PROTOTYPE is not status"},
+        {R"({"status":[]})", "status", "status: no status array"},
+        {R"({"events":[]})", "status", "status: no status array"},
+        {R"({"status":[{"contextId":"c"}]})", "status", "status: incomplete record"},
+        {R"({"status":[)" + record + R"(,"additionalFields":{}}]})", "status",
+         "status: empty additionalFields"},
+    };
+    for (const auto& c : cases)
+    {
+        vantor::common::UploadWaiter waiter;
+        m_uploader->Upload(m_upload.Receiver().Url("/edr/status"), c.payload, "application/json",
+                           c.uploadType, waiter.Completion());
+        EXPECT_EQ(waiter.Wait() == vantor::common::UploadWaiter::Outcome::Succeeded, *c.rejection == '\0')
+            << c.payload;
+        EXPECT_EQ(m_upload.Receiver().Requests().back().rejection, c.rejection) << c.payload;
+    }
+}
+
+} // namespace

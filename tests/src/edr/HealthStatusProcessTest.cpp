@@ -1,0 +1,171 @@
+// The daemon's health-status records on the real kernel, through the shipped
+// binary started by the stand-in agent: a flood that the parser queue cannot
+// take (the CPU limit holds the parser back) arrives at the receiver's
+// health-status route as a record whose dropped counts are not zero, beside
+// the records of the configuration and the manifest. The receiver takes a
+// status upload only as LZMA-compressed JSON with the fixed headers.
+//
+// The kernel does not lose records on purpose reliably, so its lost counter
+// is checked where it is read: the reading against `auditctl -s`.
+
+#include "edr/daemon/HealthSources.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/FimEndToEndFixture.h"
+
+#include "common/util/Json.h"
+#include "edr/AHSRecord.h"
+#include "tools/TestReceiver.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fcntl.h>
+#include <filesystem>
+#include <unistd.h>
+
+namespace vantor::edr
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+
+const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
+
+struct StatusRecord
+{
+    std::string contextId;
+    int64_t statusCode = 0;
+    rapidjson::Document fields;
+};
+
+class HealthStatusProcessTest : public test::FimEndToEndFixture
+{
+protected:
+    // Every status record the receiver took so far.
+    std::vector<StatusRecord> StatusRecords() const
+    {
+        std::vector<StatusRecord> records;
+        for (const auto& entry : std::filesystem::directory_iterator(m_receiver->Output()))
+        {
+            rapidjson::Document payload;
+            if (entry.path().extension() != tools::TestReceiver::kStatusSuffix ||
+                !util::ParseJson(payload, test::ReadText(entry.path())))
+            {
+                continue;
+            }
+            for (auto& record : payload["status"].GetArray())
+            {
+                StatusRecord received;
+                received.contextId = record["contextId"].GetString();
+                received.statusCode = record["statusCode"].GetInt64();
+                if (record.HasMember("additionalFields"))
+                {
+                    received.fields.CopyFrom(record["additionalFields"], received.fields.GetAllocator());
+                }
+                records.push_back(std::move(received));
+            }
+        }
+        return records;
+    }
+
+    static bool Has(const std::vector<StatusRecord>& records, const char* contextId, int64_t statusCode)
+    {
+        return std::any_of(records.begin(), records.end(),
+                           [&](const StatusRecord& r)
+                           { return r.contextId == contextId && r.statusCode == statusCode; });
+    }
+
+    // Bytes the parser queue dropped, by the records received.
+    static uint64_t DroppedBytes(const std::vector<StatusRecord>& records)
+    {
+        uint64_t bytes = 0;
+        for (const auto& record : records)
+        {
+            if (record.contextId == AHSContext::kParserQueue && record.fields.IsObject())
+            {
+                bytes += record.fields["bytes"].GetUint64();
+            }
+        }
+        return bytes;
+    }
+
+    // Opens a watched file for writing until stopped or the time is up.
+    pid_t Flood(std::chrono::seconds duration)
+    {
+        const std::string path = m_watched + "/flood";
+        const pid_t pid = ::fork();
+        if (pid == 0)
+        {
+            const auto end = std::chrono::steady_clock::now() + duration;
+            while (std::chrono::steady_clock::now() < end)
+            {
+                for (int i = 0; i < 1000; ++i)
+                {
+                    const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+                    if (fd >= 0)
+                    {
+                        ::close(fd);
+                    }
+                }
+            }
+            ::_exit(0);
+        }
+        return pid;
+    }
+};
+
+TEST_F(HealthStatusProcessTest, ParserQueueOverflowArrivesAsAStatusRecord)
+{
+    ASSERT_NO_FATAL_FAILURE(StartDaemon({},
+                                        [](rapidjson::Document& config)
+                                        {
+                                            auto& edr = config["edr_config"];
+                                            edr["cpu_limit"].SetUint(1);
+                                            edr["memory_limit"].SetUint(1);
+                                            edr.AddMember("status_upload_interval", 2, config.GetAllocator());
+                                        }));
+    const pid_t flood = Flood(60s);
+    const bool dropped = test::Eventually([&] { return DroppedBytes(StatusRecords()) > 0; }, 120s);
+    ::kill(flood, SIGKILL);
+    test::WaitForChild(flood, 10s);
+    ASSERT_TRUE(dropped) << m_harness.Log().substr(0, 4000);
+    EXPECT_TRUE(m_harness.LogContains("Audit parser queue threshold hit. Disabling queueing of events."));
+
+    const auto records = StatusRecords();
+    EXPECT_TRUE(Has(records, AHSContext::kDaemonConfig, AHSStatusCode::kConfigLoaded));
+    EXPECT_TRUE(Has(records, AHSContext::kFimManifest, AHSStatusCode::kConfigLoaded));
+    for (const auto& record : records)
+    {
+        if (record.contextId == AHSContext::kParserQueue)
+        {
+            EXPECT_GT(record.fields["buffers"].GetUint64(), 0u);
+        }
+    }
+    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
+}
+
+TEST(HealthSourcesKernelTest, KernelStatusIsReadAsAuditctlShowsIt)
+{
+    if (const std::string why = test::DaemonHarness::CaptureProblem(); !why.empty())
+    {
+        GTEST_SKIP() << why;
+    }
+    const auto lostBefore = test::StatusValue("lost");
+    auto source = HealthSources::KernelAudit();
+    const auto reading = source.read();
+    const auto lostAfter = test::StatusValue("lost");
+    ASSERT_TRUE(reading && lostBefore && lostAfter);
+    EXPECT_TRUE(source.fromFirstReading); // losses before the daemon are not its own
+    ASSERT_EQ(reading->totals.size(), 1u);
+    EXPECT_STREQ(reading->totals[0].first, "lost");
+    EXPECT_GE(static_cast<long long>(reading->totals[0].second), *lostBefore);
+    EXPECT_LE(static_cast<long long>(reading->totals[0].second), *lostAfter);
+    ASSERT_EQ(reading->levels.size(), 2u);
+    EXPECT_STREQ(reading->levels[1].first, "backlogLimit");
+    EXPECT_EQ(static_cast<long long>(reading->levels[1].second), test::StatusValue("backlog_limit"));
+}
+
+} // namespace
+} // namespace vantor::edr
