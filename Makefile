@@ -1,5 +1,5 @@
-# The two commands a user needs: `make test` and `make demo`. Both install
-# what is missing and build first.
+# The commands a user needs: `make test`, `make demo` and `make package`.
+# Each installs what it is missing (and only that) and builds first.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
@@ -7,16 +7,33 @@ CMAKE_ARGS ?=
 
 MAGIC_DB   := /etc/corvid/outpost/magic.mgc
 
-.PHONY: all deps build build-asan test test-unit test-asan demo install format clean magic-db
+.PHONY: all deps deps-demo deps-build build build-run build-asan test test-unit test-asan demo package \
+        install format clean magic-db
+
+# What the demo and the package run: the daemon, the stand-in agent and the
+# local receiver; no tests, no benchmarks.
+RUN_TARGETS := corvid-edr corvid-outpost corvid-test-receiver
 
 all: build
 
 deps:
-	@bash scripts/install-deps.sh
+	@bash scripts/install-deps.sh all
+
+deps-demo:
+	@bash scripts/install-deps.sh demo
+
+deps-build:
+	@bash scripts/install-deps.sh build
 
 build: deps
 	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
+
+# Only the programs, in the same build directory; without the test frameworks
+# installed the configuration leaves the tests and benchmarks out.
+build-run: deps-build
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS) >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS) --target $(RUN_TARGETS)
 
 # The sanitizer build uses clang, which also builds the libFuzzer targets.
 build-asan: deps
@@ -27,7 +44,7 @@ build-asan: deps
 # The whole suite: every test of the normal build, then the unit tests again
 # under AddressSanitizer and UndefinedBehaviorSanitizer.
 # The daemon reads its file-type database at a fixed path.
-magic-db: deps
+magic-db: deps-build
 	@[ -f $(MAGIC_DB) ] || install -D -m 0644 /usr/share/misc/magic.mgc $(MAGIC_DB)
 
 test: build build-asan magic-db
@@ -36,10 +53,14 @@ test: build build-asan magic-db
 test-unit: build
 	@cd $(BUILD) && ctest --output-on-failure -L unit -j $(JOBS)
 
-demo: build magic-db
+demo: deps-demo build-run magic-db
 	@bash scripts/demo.sh $(BUILD)
 
-install: build
+# The Debian package $(BUILD)/corvid-edr_<version>_<arch>.deb.
+package: build-run
+	@cd $(BUILD) && cpack -G DEB
+
+install: build-run
 	@cmake --install $(BUILD)
 
 format:

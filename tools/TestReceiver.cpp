@@ -363,6 +363,7 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
             body.append(chunk.data(), static_cast<std::size_t>(in.gcount()));
         }
     }
+    received.bodySize = body.size();
     const Poco::URI uri(received.uri);
 
     AnswerStyle style;
@@ -494,6 +495,7 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
                                                : kPayloadSuffix),
                               std::ios::binary);
             out.write(received.payload.data(), static_cast<std::streamsize>(received.payload.size()));
+            received.kind = PayloadKind(statusRoute, iocRoute, received);
             answer = R"({"stored":)" + std::to_string(number) + "}";
             const auto accept = received.headers.Get("Accept-Encoding");
             style.compress = accept && strcasecmp(accept->c_str(), "LZMA") == 0;
@@ -515,8 +517,51 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
     Answer(response, status, std::move(answer), style);
 }
 
+std::string TestReceiver::PayloadKind(bool statusRoute, bool iocRoute, const Received& received)
+{
+    if (iocRoute)
+    {
+        return "ioc events: " + std::to_string(received.iocLines.size());
+    }
+    rapidjson::Document document;
+    const char* member = statusRoute ? "status" : "events";
+    if (!util::ParseJson(document, received.payload) || !document.IsObject() || !document.HasMember(member) ||
+        !document[member].IsArray())
+    {
+        return "payload";
+    }
+    return std::string(statusRoute ? "status records: " : "fim documents: ") +
+           std::to_string(document[member].Size());
+}
+
+std::string TestReceiver::DescribeRequest(const Received& received)
+{
+    std::string line = received.method + " " + Poco::URI(received.uri).getPath() + " " +
+                       std::to_string(received.status) + " " + std::to_string(received.bodySize) + " bytes";
+    if (!received.kind.empty())
+    {
+        line += ", " + received.kind;
+    }
+    if (!received.rejection.empty())
+    {
+        line += ", refused: " + received.rejection;
+    }
+    // A refusal's reason may quote what came in; one request stays one line.
+    for (auto& c : line)
+    {
+        c = c == '\n' || c == '\r' ? ' ' : c;
+    }
+    return line;
+}
+
 void TestReceiver::LogRequest(const Received& received)
 {
+    if (m_options.printRequests)
+    {
+        const std::string line = DescribeRequest(received);
+        std::lock_guard lock(m_mutex);
+        std::cout << "request: " << line << std::endl;
+    }
     if (m_options.requestLog.empty())
     {
         return;

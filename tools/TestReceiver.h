@@ -63,6 +63,8 @@ public:
         std::string requestLog;
         // Print the lines of every stored IOC batch on stdout.
         bool printIocEvents = false;
+        // Print one line per request on stdout (DescribeRequest).
+        bool printRequests = false;
     };
 
     struct Received
@@ -72,7 +74,11 @@ public:
         common::HttpHeaders headers;
         std::string payload; // after LZMA decompression
         int status = 0;
-        std::string rejection; // why it was refused, empty when stored
+        std::size_t bodySize = 0; // as received
+        std::string rejection;    // why it was refused, empty when stored
+        // What a stored payload held: "fim documents: 3", "status records:
+        // 2", "ioc events: 5"; empty for a request that stored nothing.
+        std::string kind;
         // A stored IOC batch: its lines (IocBatchPrinter), and a warning
         // when its sequence number did not rise.
         std::vector<std::string> iocLines;
@@ -111,6 +117,11 @@ public:
     bool WaitForRequests(std::size_t count, std::chrono::milliseconds timeout) const;
 
     static bool IsStatusRoute(const std::string& path);
+    // One line for a request: method, path, status, size as received, what
+    // the stored payload held or why the request was refused.
+    static std::string DescribeRequest(const Received& received);
+    // The kind of a stored payload by its route, for DescribeRequest.
+    static std::string PayloadKind(bool statusRoute, bool iocRoute, const Received& received);
 
     // Generated content of the download endpoint.
     static std::string DownloadContent(std::size_t size);

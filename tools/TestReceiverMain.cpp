@@ -22,6 +22,8 @@ void Usage()
            "         [--customer-id ID] [--agent-id ID] [--fail N] [--fail-status S]\n"
            "         [--stall N] [--stall-ms MS] [--drop-csrv N] [--bad-signature N]\n"
            "         [--request-log FILE] [--print-ioc]\n"
+           "  Prints one line per request: \"request: METHOD PATH STATUS SIZE bytes\", then what a\n"
+           "  stored payload held or why the request was refused.\n"
            "  --print-ioc prints every stored IOC event batch, one line per event\n";
 }
 
@@ -30,6 +32,7 @@ void Usage()
 int main(int argc, char** argv)
 {
     vantor::tools::TestReceiver::Options options;
+    options.printRequests = true;
     unsigned fail = 0;
     int failStatus = 503;
     unsigned stall = 0;

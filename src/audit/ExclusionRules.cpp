@@ -48,6 +48,27 @@ void ExclusionRules::Remove(const AuditNetlink& netlink)
     RemoveMessageTypeRules(netlink);
 }
 
+void ExclusionRules::Forget()
+{
+    m_messageTypeRules.clear();
+    m_threadRule.reset();
+    for (auto* process : {&m_self, &m_outpost})
+    {
+        process->exclusion.reset();
+        process->exit.reset();
+    }
+}
+
+size_t ExclusionRules::InstalledCount() const
+{
+    size_t count = m_messageTypeRules.size() + (m_threadRule ? 1 : 0);
+    for (const auto* process : {&m_self, &m_outpost})
+    {
+        count += (process->exclusion ? 1 : 0) + (process->exit ? 1 : 0);
+    }
+    return count;
+}
+
 bool ExclusionRules::RefreshOutpost(const AuditNetlink& netlink, pid_t pid, const std::string& path)
 {
     m_outpostPath = path;

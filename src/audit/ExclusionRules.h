@@ -39,6 +39,11 @@ public:
     void Install(const AuditNetlink& netlink);
     // Removes from the kernel everything Install put there.
     void Remove(const AuditNetlink& netlink);
+    // Somebody else deleted rules of ours: forgets what Install put there,
+    // without asking the kernel, so that Install can run again.
+    void Forget();
+    // The number of kernel rules Install put there.
+    size_t InstalledCount() const;
 
     // The host agent restarted: replaces its exclusion rules; pid 0 only
     // removes them. Answers whether the rules are as asked.

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 
 namespace vantor::audit
 {
@@ -198,6 +199,7 @@ bool KernelRuleInstaller::DeleteRuleFromAudit(const AuditNetlink& netlink, const
     {
         EDR_LOG_INFO("RuleEngine::DeleteRuleFromAudit: Deleted rule with ID " << ruleId);
     }
+    m_unrestorable.erase(ruleId);
     // Forgotten even when the kernel refused: it no longer holds a rule
     // identical to the record (it was flushed), and keeping it would block the
     // rule from being added again.
@@ -241,6 +243,81 @@ std::vector<std::string> KernelRuleInstaller::DeleteRulesWhere(const AuditNetlin
         DeleteRuleFromAudit(netlink, id);
     }
     return ids;
+}
+
+std::optional<KernelRuleInstaller::Repair> KernelRuleInstaller::RestoreMissingRules()
+{
+    if (m_closed)
+    {
+        return Repair{};
+    }
+    const AuditNetlink netlink = OpenSocket("RuleEngine::RestoreMissingRules");
+    const auto rules = netlink.IsOpen() ? netlink.GetRules() : std::nullopt;
+    if (!rules)
+    {
+        return std::nullopt;
+    }
+    const auto found = [&rules](const std::function<bool(const AuditRule&)>& ours)
+    { return static_cast<size_t>(std::count_if(rules->begin(), rules->end(), ours)); };
+
+    Repair repair;
+    const size_t fixed = m_exclusions.InstalledCount();
+    const size_t fixedFound = found(&ExclusionRules::IsFixedRule);
+    if (fixedFound < fixed)
+    {
+        repair.missing += fixed - fixedFound;
+        DeleteDuplicateRules(netlink, &ExclusionRules::IsFixedRule);
+        m_exclusions.Forget();
+        m_exclusions.Install(netlink);
+        repair.reinstalled += m_exclusions.InstalledCount();
+    }
+
+    std::map<std::string, size_t> perTag;
+    for (const auto& [id, installed] : m_installed)
+    {
+        if (m_unrestorable.count(id) == 0)
+        {
+            perTag[installed.tag] += installed.records.size();
+        }
+    }
+    for (const auto& [tag, expected] : perTag)
+    {
+        const auto hasTag = [&tag](const AuditRule& rule) { return rule.HasKey(tag); };
+        const size_t present = found(hasTag);
+        if (present >= expected)
+        {
+            continue;
+        }
+        repair.missing += expected - present;
+        DeleteDuplicateRules(netlink, hasTag);
+        for (const auto& [id, installed] : m_installed)
+        {
+            if (installed.tag != tag)
+            {
+                continue;
+            }
+            int failure = 0;
+            for (const auto& record : installed.records)
+            {
+                const int rc = netlink.AddRule(record);
+                failure = rc < 0 ? rc : failure;
+                repair.reinstalled += rc < 0 ? 0 : 1;
+            }
+            if (failure == 0)
+            {
+                m_unrestorable.erase(id);
+            }
+            else if (m_unrestorable.insert(id).second)
+            {
+                // A watch whose directory is gone: the kernel refuses it
+                // until the directory is back. Said once; it no longer counts
+                // as missing, and is tried again with its tag's next repair.
+                EDR_LOG_ERROR("RuleEngine::RestoreMissingRules: Failed to add rule "
+                              << id << " to audit subsystem again (errno = " << -failure << ")");
+            }
+        }
+    }
+    return repair;
 }
 
 bool KernelRuleInstaller::RefreshOutpostExclusionRules(pid_t pid, const std::string& path)
@@ -305,15 +382,34 @@ void KernelRuleInstaller::SetAuditBacklogLimit(const AuditNetlink& netlink) cons
     }
 }
 
-void KernelRuleInstaller::DeleteDuplicateRules(const AuditNetlink& netlink,
-                                               const std::function<bool(const AuditRule&)>& ours)
+std::optional<size_t> KernelRuleInstaller::RemoveLeftoverRules(const std::vector<std::string>& tags)
+{
+    const AuditNetlink netlink = OpenSocket("RuleEngine::RemoveLeftoverRules");
+    if (!netlink.IsOpen())
+    {
+        return std::nullopt;
+    }
+    return DeleteDuplicateRules(netlink,
+                                [&tags](const AuditRule& rule)
+                                {
+                                    return ExclusionRules::IsFixedRule(rule) ||
+                                           std::any_of(tags.begin(), tags.end(),
+                                                       [&rule](const std::string& tag)
+                                                       { return rule.HasKey(tag); });
+                                });
+}
+
+std::optional<size_t>
+KernelRuleInstaller::DeleteDuplicateRules(const AuditNetlink& netlink,
+                                          const std::function<bool(const AuditRule&)>& ours)
 {
     EDR_LOG_DEBUG("RuleEngine::DeleteDuplicateRules: Deleting duplicate rules");
     const auto rules = netlink.GetRules();
     if (!rules)
     {
-        return;
+        return std::nullopt;
     }
+    size_t deleted = 0;
     for (const auto& rule : *rules)
     {
         if (!ours(rule))
@@ -328,8 +424,10 @@ void KernelRuleInstaller::DeleteDuplicateRules(const AuditNetlink& netlink,
         else
         {
             EDR_LOG_INFO("RuleEngine::DeleteDuplicateRules: Deleted old rule " << Describe(rule));
+            ++deleted;
         }
     }
+    return deleted;
 }
 
 } // namespace vantor::audit

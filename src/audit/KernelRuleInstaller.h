@@ -44,6 +44,16 @@ public:
         std::vector<std::string> paths;
     };
 
+    // What a comparison with the kernel's rule list found.
+    struct Repair
+    {
+        // Kernel rules of ours that were gone.
+        uint64_t missing = 0;
+        // Kernel rules installed again (a rule set with a gap is installed
+        // again whole).
+        uint64_t reinstalled = 0;
+    };
+
     // Throws RuleEngineException "RuleEngine: Failed to open audit socket"
     // when no audit socket can be opened. Failures of the fixed rules are
     // logged and the installer goes on.
@@ -72,6 +82,14 @@ public:
     // the new rules are in place.
     bool RefreshOutpostExclusionRules(pid_t pid, const std::string& path);
 
+    // Somebody else removed rules of ours (auditctl -D, auditd's rule loader
+    // at its start): compares one kernel rule list with what is installed
+    // and, for the fixed rules and for each tag that lost a rule, removes
+    // what is left and installs the whole set again, so that the kernel
+    // order (exclusions in front) holds. Nothing after RemoveAll(). Answers
+    // nullopt when the list cannot be read.
+    std::optional<Repair> RestoreMissingRules();
+
     // Removes every kernel rule installed, detection rules first, then the
     // fixed ones; from then on no rule is installed (AddRules and refreshes
     // install nothing). The destructor does the same. operation names the
@@ -84,6 +102,12 @@ public:
     bool IsRuleInstalled(const std::string& ruleId) const { return m_installed.count(ruleId) != 0; }
     pid_t GetOutpostPid() const { return m_exclusions.GetOutpostPid(); }
     const std::string& GetOutpostPath() const { return m_exclusions.GetOutpostPath(); }
+
+    // For the host after a daemon that could not clean up (killed, crashed)
+    // and before none runs again: deletes the fixed rules and the rules keyed
+    // with one of the tags from the kernel. Answers how many went; nullopt
+    // when no audit socket opens or the list cannot be read.
+    static std::optional<size_t> RemoveLeftoverRules(const std::vector<std::string>& tags);
 
     // The kernel's rule list; empty when it cannot be read.
     static std::vector<AuditRule> GetRulesFromAudit();
@@ -102,9 +126,10 @@ private:
     static AuditNetlink OpenSocket(std::string_view operation);
     static std::optional<uint32_t> GetAuditBacklogLimit(const AuditNetlink& netlink);
     void SetAuditBacklogLimit(const AuditNetlink& netlink) const;
-    // Deletes the rules of the kernel's list that ours picks.
-    static void DeleteDuplicateRules(const AuditNetlink& netlink,
-                                     const std::function<bool(const AuditRule&)>& ours);
+    // Deletes the rules of the kernel's list that ours picks; answers how
+    // many, nullopt when the list cannot be read.
+    static std::optional<size_t> DeleteDuplicateRules(const AuditNetlink& netlink,
+                                                      const std::function<bool(const AuditRule&)>& ours);
     bool HasOtherProcessRule(const std::string& tag, const std::string& ruleId) const;
     bool AddRuleToAudit(const AuditNetlink& netlink, const edr::EventRule& rule, const std::string& tag,
                         std::vector<AuditRule> records);
@@ -115,6 +140,8 @@ private:
     std::unordered_map<std::string, InstalledRecords> m_installed;
     // Tags whose rules from an earlier run have been looked for and removed.
     std::unordered_set<std::string> m_cleanedTags;
+    // Rules the kernel refused to take back after somebody removed them.
+    std::unordered_set<std::string> m_unrestorable;
     ExclusionRules m_exclusions;
     bool m_closed = false;
 };

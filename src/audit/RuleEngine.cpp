@@ -114,6 +114,12 @@ void RuleEngine::RemoveKernelRules()
     }
 }
 
+std::optional<KernelRuleInstaller::Repair> RuleEngine::RestoreMissingRules()
+{
+    std::lock_guard lock(m_rulesMutex);
+    return m_installer.RestoreMissingRules();
+}
+
 std::vector<AuditRule> RuleEngine::GetRulesFromAudit() const
 {
     return KernelRuleInstaller::GetRulesFromAudit();

@@ -86,6 +86,10 @@ public:
     // unregister as usual.
     void RemoveKernelRules();
 
+    // Installs again the kernel rules of ours that somebody else removed;
+    // see KernelRuleInstaller::RestoreMissingRules.
+    std::optional<KernelRuleInstaller::Repair> RestoreMissingRules();
+
     // The kernel's rule list; empty when it cannot be read.
     std::vector<AuditRule> GetRulesFromAudit() const;
     std::optional<uint32_t> GetAuditBacklogLimit() const;

@@ -1,24 +1,86 @@
+#include "audit/KernelRuleInstaller.h"
+#include "edr/daemon/ConfigurationCheck.h"
+#include "fim/Component.h"
+#include "ioc/Component.h"
 #include "tools/outpost/StandInAgent.h"
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <string>
 
 namespace
 {
 
-void Usage()
+void Usage(std::ostream& out)
 {
-    std::cerr << "usage: corvid-outpost --config FILE [--socket PATH] [--start CORVID_EDR]\n"
-                 "                      [--then COMMAND [--after SECONDS]]... [--exit-on-disconnect]\n"
-                 "\n"
-                 "Listens on the agent socket (default /var/run/corvid/outpost/sock/agent_edr.sock;\n"
-                 "the daemon always connects there) and names FILE in a \"config\" command when the\n"
-                 "daemon connects. --then sends exit, config, fim_status or ioc_status, --after\n"
-                 "seconds after the previous step. Control input (stdin), one word per line:\n"
-                 "exit, config, fim_status, ioc_status, close (drop the daemon and stop listening),\n"
-                 "listen, quit. With --start the tool runs the daemon itself and ends with its\n"
-                 "exit status once it has gone.\n";
+    out << "usage: corvid-outpost --config FILE [--socket PATH] [--start CORVID_EDR]\n"
+           "                      [--then COMMAND [--after SECONDS]]... [--exit-on-disconnect]\n"
+           "       corvid-outpost --check-config FILE\n"
+           "       corvid-outpost --remove-rules\n"
+           "       corvid-outpost --help | --version\n"
+           "\n"
+           "Listens on the agent socket (default /var/run/corvid/outpost/sock/agent_edr.sock;\n"
+           "the daemon always connects there) and names FILE in a \"config\" command when the\n"
+           "daemon connects. --then sends exit, config, fim_status or ioc_status, --after\n"
+           "seconds after the previous step. Control input (stdin), one word per line:\n"
+           "exit, config, fim_status, ioc_status, close (drop the daemon and stop listening),\n"
+           "listen, quit. With --start the tool runs the daemon itself and ends with its\n"
+           "exit status once it has gone.\n"
+           "\n"
+           "--check-config runs the daemon's own parsers over FILE, the FIM and IOC manifests\n"
+           "it names and the logging configuration, prints every error with the daemon's text\n"
+           "and exits 0 only when all of them load. --remove-rules deletes the kernel audit\n"
+           "rules a daemon that could not clean up left behind (none may run).\n";
+}
+
+// Process ids of running corvid-edr daemons.
+std::string RunningDaemons()
+{
+    std::string pids;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", ec))
+    {
+        std::string comm;
+        std::getline(std::ifstream(entry.path() / "comm"), comm);
+        if (comm == "corvid-edr")
+        {
+            pids += (pids.empty() ? "" : " ") + entry.path().filename().string();
+        }
+    }
+    return pids;
+}
+
+int CheckConfig(const std::string& file)
+{
+    const auto findings = vantor::edr::ConfigurationCheck::Run(file);
+    for (const auto& finding : findings)
+    {
+        std::cout << vantor::edr::ConfigurationCheck::Format(finding) << "\n";
+    }
+    const bool loads = vantor::edr::ConfigurationCheck::Loads(findings);
+    std::cout << file << (loads ? ": configuration loads" : ": configuration does not load") << std::endl;
+    return loads ? 0 : 1;
+}
+
+int RemoveRules()
+{
+    if (const std::string pids = RunningDaemons(); !pids.empty())
+    {
+        std::cerr << "corvid-outpost: corvid-edr runs (pid " << pids
+                  << "); it removes its own rules when it stops\n";
+        return 1;
+    }
+    const auto removed = vantor::audit::KernelRuleInstaller::RemoveLeftoverRules(
+        {vantor::fim::Component::kTag, vantor::ioc::Component::kTag});
+    if (!removed)
+    {
+        std::cerr << "corvid-outpost: cannot read the kernel audit rules\n";
+        return 1;
+    }
+    std::cout << "corvid-outpost: removed " << *removed << " audit rules left by corvid-edr" << std::endl;
+    return 0;
 }
 
 } // namespace
@@ -26,6 +88,26 @@ void Usage()
 int main(int argc, char** argv)
 {
     vantor::tools::StandInAgent::Options options;
+    if (argc == 2 && (std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h"))
+    {
+        Usage(std::cout);
+        return 0;
+    }
+    if (argc == 2 && std::string(argv[1]) == "--version")
+    {
+        // The agent and the daemon are built and shipped together.
+        std::cout << "corvid-outpost " << CORVID_VERSION << " (stand-in agent of corvid-edr "
+                  << CORVID_VERSION << ")" << std::endl;
+        return 0;
+    }
+    if (argc == 3 && std::string(argv[1]) == "--check-config")
+    {
+        return CheckConfig(argv[2]);
+    }
+    if (argc == 2 && std::string(argv[1]) == "--remove-rules")
+    {
+        return RemoveRules();
+    }
     for (int i = 1; i < argc; ++i)
     {
         const std::string arg = argv[i];
@@ -52,7 +134,7 @@ int main(int argc, char** argv)
             const double seconds = std::strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || seconds < 0)
             {
-                Usage();
+                Usage(std::cerr);
                 return 2;
             }
             options.steps.back().after = std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
@@ -63,13 +145,13 @@ int main(int argc, char** argv)
         }
         else
         {
-            Usage();
+            Usage(std::cerr);
             return 2;
         }
     }
     if (options.configFile.empty())
     {
-        Usage();
+        Usage(std::cerr);
         return 2;
     }
     return vantor::tools::StandInAgent(std::move(options)).Run();

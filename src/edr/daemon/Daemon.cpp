@@ -128,6 +128,7 @@ int Daemon::StartUp()
         Syslog(LOG_CRIT, "Error:corvid-edr:log config is invalid.");
         return kExitBadLogConfig;
     }
+    EDR_LOG_INFO("corvid-edr " << CORVID_VERSION << " starting");
 
     if (::setgid(m_commonConfig->AgentEffectiveGid()) != 0)
     {

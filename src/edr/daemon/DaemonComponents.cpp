@@ -1,6 +1,7 @@
 #include "edr/daemon/DaemonComponents.h"
 
 #include "audit/CapturePipeline.h"
+#include "audit/KernelRuleWatchdog.h"
 #include "audit/ProcessTree.h"
 #include "audit/RuleEngine.h"
 #include "common/Logging.h"
@@ -195,6 +196,7 @@ void DaemonComponents::StartHealthMonitor(const MemoryWatchdog& watchdog)
     if (m_capture)
     {
         add(HealthSources::Capture(*m_capture, *m_ruleEngine));
+        m_healthMonitor->AddSource(HealthSources::KernelRules(*m_ruleWatchdog));
     }
     if (m_fim)
     {
@@ -227,10 +229,16 @@ void DaemonComponents::StartAuditCapture(std::unique_ptr<common::IOChannel> audi
             return [monitor] { return monitor->CpuUsage(); };
         });
     m_capture->Start();
+    m_ruleWatchdog = std::make_shared<audit::KernelRuleWatchdog>(m_ruleEngine);
+    m_scheduler.RegisterSchedule(m_ruleWatchdog);
 }
 
 void DaemonComponents::RemoveKernelRules()
 {
+    if (m_ruleWatchdog)
+    {
+        m_scheduler.UnregisterSchedule(m_ruleWatchdog);
+    }
     if (m_ruleEngine)
     {
         m_ruleEngine->RemoveKernelRules();
@@ -261,6 +269,7 @@ void DaemonComponents::DestroyComponents()
 
 void DaemonComponents::DestroyAuditCore()
 {
+    m_ruleWatchdog.reset();
     m_capture.reset();
     m_ruleEngine.reset();
     m_processTree.reset();

@@ -25,6 +25,7 @@ class SqlStorage;
 namespace vantor::audit
 {
 class CapturePipeline;
+class KernelRuleWatchdog;
 class ProcessTree;
 class RuleEngine;
 } // namespace vantor::audit
@@ -80,7 +81,8 @@ public:
     void BuildUploadersAndComponents(std::unique_ptr<fim::Config> fimConfig,
                                      std::unique_ptr<ioc::Ioc::Config> iocConfig,
                                      std::shared_ptr<const common::HmacRequestSigner> requestSigner);
-    // Parser and processing threads, then the audit channel that feeds them.
+    // Parser and processing threads, then the audit channel that feeds them;
+    // and the watchdog that puts back kernel rules somebody else removed.
     void StartAuditCapture(std::unique_ptr<common::IOChannel> auditChannel);
     // The sampler of every loss counter, registered; watchdog is read for
     // its strikes and must outlive the sampler's close (DestroyComponents).
@@ -128,6 +130,7 @@ private:
     std::unique_ptr<ioc::Component> m_ioc;
     std::shared_ptr<AHSUploadSchedule> m_statusUpload;
     std::unique_ptr<audit::CapturePipeline> m_capture;
+    std::shared_ptr<audit::KernelRuleWatchdog> m_ruleWatchdog;
     std::shared_ptr<HealthMonitor> m_healthMonitor;
 };
 

@@ -3,6 +3,7 @@
 #include "audit/AuditNetlink.h"
 #include "audit/CapturePipeline.h"
 #include "audit/KernelIOChannel.h"
+#include "audit/KernelRuleWatchdog.h"
 #include "common/HttpUploader.h"
 #include "edr/AHSUploadSchedule.h"
 #include "edr/EventRuleEngine.h"
@@ -210,6 +211,18 @@ HealthMonitor::Source HealthSources::StatusStore(const AHSUploadSchedule& schedu
     return Make(AHSContext::kStatusStore, AHSStatusCode::kStatusEvicted, AHSState::Degraded,
                 [schedule = &schedule]() -> std::optional<Reading> {
                     return Reading{{{"records", schedule->EvictedRecords()}}, {}, {}};
+                });
+}
+
+HealthMonitor::Source HealthSources::KernelRules(const audit::KernelRuleWatchdog& watchdog)
+{
+    return Make(AHSContext::kKernelRules, AHSStatusCode::kRulesReinstalled, AHSState::Degraded,
+                [watchdog = &watchdog]() -> std::optional<Reading>
+                {
+                    return Reading{{{"missing", watchdog->TotalMissing()},
+                                    {"reinstalled", watchdog->TotalReinstalled()}},
+                                   {},
+                                   {}};
                 });
 }
 

@@ -7,6 +7,7 @@
 namespace vantor::audit
 {
 class CapturePipeline;
+class KernelRuleWatchdog;
 } // namespace vantor::audit
 
 namespace vantor::common
@@ -55,6 +56,8 @@ public:
     // Events the IOC processing queue dropped when full, and messages of
     // batches the IOC spool refused.
     static Sources Ioc(const ioc::Component& ioc);
+    // Kernel rules of ours that somebody else removed and that were put back.
+    static Source KernelRules(const audit::KernelRuleWatchdog& watchdog);
     static Source StatusStore(const AHSUploadSchedule& schedule);
     static Source Memory(const MemoryWatchdog& watchdog);
 };

@@ -220,6 +220,69 @@ TEST_F(RuleEngineCaptureTest, RulesLeftByACrashedRunAreDeletedFirst)
     }
 }
 
+TEST_F(RuleEngineCaptureTest, RulesSomebodyElseRemovedAreInstalledAgainWhole)
+{
+    const auto sortedOurs = []
+    {
+        std::vector<std::string> lines;
+        for (const auto& line : test::ListRules())
+        {
+            if (test::IsOurRule(line) || line.find(kTag) != std::string::npos)
+            {
+                lines.push_back(line);
+            }
+        }
+        std::sort(lines.begin(), lines.end());
+        return lines;
+    };
+    auto engine = MakeEngine();
+    engine->AddRules(
+        {MakeRule("p1", Rule::ProcessRule, {}, {9}), MakeRule("f1", Rule::FilePathRule, {m_file}, {5})},
+        kTag);
+    const auto installed = sortedOurs();
+    const auto nothingMissing = engine->RestoreMissingRules();
+    ASSERT_TRUE(nothingMissing);
+    EXPECT_EQ(nothingMissing->missing, 0u);
+
+    // One fixed rule and one of the tag's two: each set comes back whole,
+    // in front of the rules of others where it stood.
+    test::DeleteRules(
+        [&](const std::string& line)
+        {
+            return line.find("corvid_ignore_thread_events_rule") != std::string::npos ||
+                   line.find(m_file) != std::string::npos;
+        });
+    const auto repair = engine->RestoreMissingRules();
+    ASSERT_TRUE(repair);
+    EXPECT_EQ(repair->missing, 2u);
+    EXPECT_EQ(repair->reinstalled, installed.size());
+    EXPECT_EQ(sortedOurs(), installed);
+    const auto lines = test::ListRules();
+    EXPECT_LT(IndexOf(lines, "corvid_ignore_thread_events_rule"), IndexOf(lines, m_file));
+
+    engine->RemoveKernelRules();
+    const auto afterShutdown = engine->RestoreMissingRules();
+    ASSERT_TRUE(afterShutdown);
+    EXPECT_EQ(afterShutdown->reinstalled, 0u);
+    EXPECT_TRUE(RulesContaining("key=corvid_").empty());
+}
+
+TEST_F(RuleEngineCaptureTest, LeftoverRulesAreRemovedByKeyWithoutAnEngine)
+{
+    const std::string foreignKey = "foreign_leftover_test_" + std::to_string(::getpid());
+    test::Auditctl("-w", m_directory + " -p wa -k " + foreignKey);
+    test::Auditctl("-a", "never,exit -F arch=b64 -S all -F pid=1 -F key=corvid_ignore_rule_self");
+    test::Auditctl("-w", m_file + " -p wa -k " + kTag);
+    test::Auditctl("-a", test::OwnEoeRuleLine().substr(3));
+
+    EXPECT_EQ(KernelRuleInstaller::RemoveLeftoverRules({kTag}), 3u);
+    EXPECT_TRUE(RulesContaining("key=corvid_").empty());
+    EXPECT_TRUE(RulesContaining(kTag).empty());
+    EXPECT_TRUE(RulesContaining(test::OwnEoeRuleLine()).empty());
+    EXPECT_EQ(RulesContaining(foreignKey).size(), 1u);
+    test::Auditctl("-W", m_directory + " -p wa -k " + foreignKey);
+}
+
 TEST_F(RuleEngineCaptureTest, RemovingTheKernelRulesLeavesOnlyForeignOnesAndInstallsNoMore)
 {
     const std::string foreignKey = "foreign_engine_test_" + std::to_string(::getpid());

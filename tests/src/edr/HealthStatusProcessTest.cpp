@@ -8,6 +8,7 @@
 // The kernel does not lose records on purpose reliably, so its lost counter
 // is checked where it is read: the reading against `auditctl -s`.
 
+#include "audit/KernelRuleWatchdog.h"
 #include "edr/daemon/HealthSources.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
@@ -19,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fcntl.h>
 #include <filesystem>
@@ -143,6 +145,61 @@ TEST_F(HealthStatusProcessTest, ParserQueueOverflowArrivesAsAStatusRecord)
             EXPECT_GT(record.fields["buffers"].GetUint64(), 0u);
         }
     }
+    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
+}
+
+// auditd's rule loader begins with -D, and so may an operator: the kernel
+// loses the daemon's rules without telling it. Within the watchdog's
+// interval they are back, in the same number and form, and a record says so.
+TEST_F(HealthStatusProcessTest, KernelRulesRemovedBySomebodyElseComeBackAndAreRecorded)
+{
+    ASSERT_NO_FATAL_FAILURE(
+        StartDaemon({}, [](rapidjson::Document& config)
+                    { config["edr_config"].AddMember("status_upload_interval", 1, config.GetAllocator()); }));
+    // Ours and nobody else's, as -D would take them.
+    const auto daemonRule = [](const std::string& line)
+    {
+        return test::IsOurRule(line) || line.find("key=FIM") != std::string::npos ||
+               line.find("key=IOC") != std::string::npos;
+    };
+    const auto daemonRules = [&]
+    {
+        std::vector<std::string> lines;
+        for (const auto& line : test::ListRules())
+        {
+            if (daemonRule(line))
+            {
+                lines.push_back(line);
+            }
+        }
+        std::sort(lines.begin(), lines.end());
+        return lines;
+    };
+    const auto installed = daemonRules();
+    ASSERT_FALSE(test::RulesContaining(m_watched).empty());
+
+    test::DeleteRules(daemonRule);
+    const auto deadline = std::chrono::seconds(audit::KernelRuleWatchdog::kInterval) + 5s;
+    EXPECT_TRUE(test::Eventually([&] { return daemonRules() == installed; }, deadline))
+        << test::RunCommand("auditctl -l");
+    EXPECT_TRUE(test::Eventually(
+        [&]
+        {
+            for (const auto& record : StatusRecords())
+            {
+                if (record.contextId == AHSContext::kKernelRules && record.fields.IsObject() &&
+                    record.fields["missing"].GetUint64() == installed.size() &&
+                    record.fields["reinstalled"].GetUint64() == installed.size())
+                {
+                    return true;
+                }
+            }
+            return false;
+        },
+        30s))
+        << m_harness.Log().substr(0, 4000);
+    EXPECT_TRUE(m_harness.LogContains(std::to_string(installed.size()) +
+                                      " audit rules of ours were removed from the kernel"));
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }
 
