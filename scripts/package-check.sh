@@ -48,17 +48,15 @@ if dpkg-query -W -f='${Status}' corvid-edr 2>/dev/null | grep -q "installed"; th
 fi
 
 work=$(mktemp -d /tmp/corvid-package-XXXXXX)
-# The package owns what `make magic-db` or an earlier install may have put
+# The package owns what `make magic-db` or an earlier run may have put
 # there; the host gets it back after each purge.
-mkdir -p "$work/before"
-for path in /etc/corvid /var/lib/corvid; do
-  [ -e "$path" ] && cp -a "$path" "$work/before/"
+saved=()
+for path in etc/corvid var/lib/corvid; do
+  [ -e "/$path" ] && saved+=("$path")
 done
+[ ${#saved[@]} -eq 0 ] || tar -C / -cf "$work/before.tar" "${saved[@]}"
 restore_host() {
-  for path in /etc/corvid /var/lib/corvid; do
-    [ -e "$work/before/${path##*/}" ] && [ ! -e "$path" ] && cp -a "$work/before/${path##*/}" "$path"
-  done
-  return 0
+  [ ! -f "$work/before.tar" ] || tar -C / -xf "$work/before.tar"
 }
 receiver_pid=""
 agent_pid=""
@@ -228,6 +226,6 @@ say "left in the kernel by the killed daemon: $(our_rules | wc -l) rules"
 stop_receiver
 say "== apt-get purge corvid-edr"
 apt-get purge -y -qq corvid-edr >"$work/apt.out" 2>&1 || { cat "$work/apt.out"; fail "purge"; }
-sed 's/^/    /' "$work/apt.out"
+grep -E '^(Removing|Purging|corvid-outpost|dpkg)' "$work/apt.out" | sed 's/^/    /'
 check_nothing_left
 say "PASSED"
