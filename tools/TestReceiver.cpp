@@ -21,6 +21,7 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
+#include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <iostream>
@@ -547,10 +548,7 @@ std::string TestReceiver::DescribeRequest(const Received& received)
         line += ", refused: " + received.rejection;
     }
     // A refusal's reason may quote what came in; one request stays one line.
-    for (auto& c : line)
-    {
-        c = c == '\n' || c == '\r' ? ' ' : c;
-    }
+    std::replace_if(line.begin(), line.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
     return line;
 }
 

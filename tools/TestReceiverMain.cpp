@@ -15,13 +15,13 @@
 namespace
 {
 
-void Usage()
+void Usage(std::ostream& out)
 {
-    std::cerr
-        << "usage: corvid-test-receiver --output DIR [--port N] [--cert-dir DIR] [--hmac-key-file FILE]\n"
+    out << "usage: corvid-test-receiver --output DIR [--port N] [--cert-dir DIR] [--hmac-key-file FILE]\n"
            "         [--customer-id ID] [--agent-id ID] [--fail N] [--fail-status S]\n"
            "         [--stall N] [--stall-ms MS] [--drop-csrv N] [--bad-signature N]\n"
            "         [--request-log FILE] [--print-ioc]\n"
+           "       corvid-test-receiver --help | --version\n"
            "  Prints one line per request: \"request: METHOD PATH STATUS SIZE bytes\", then what a\n"
            "  stored payload held or why the request was refused.\n"
            "  --print-ioc prints every stored IOC event batch, one line per event\n";
@@ -42,6 +42,16 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; ++i)
     {
         const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h")
+        {
+            Usage(std::cout);
+            return 0;
+        }
+        if (arg == "--version")
+        {
+            std::cout << "corvid-test-receiver " << CORVID_VERSION << std::endl;
+            return 0;
+        }
         if (arg == "--print-ioc")
         {
             options.printIocEvents = true;
@@ -49,7 +59,7 @@ int main(int argc, char** argv)
         }
         if (i + 1 >= argc)
         {
-            Usage();
+            Usage(std::cerr);
             return 2;
         }
         const std::string value = argv[++i];
@@ -83,7 +93,7 @@ int main(int argc, char** argv)
                 options.requestLog = value;
             else
             {
-                Usage();
+                Usage(std::cerr);
                 return 2;
             }
         }
@@ -95,7 +105,7 @@ int main(int argc, char** argv)
     }
     if (options.outputDir.empty())
     {
-        Usage();
+        Usage(std::cerr);
         return 2;
     }
     if (options.certDir.empty())
