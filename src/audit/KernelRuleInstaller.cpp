@@ -280,8 +280,9 @@ std::optional<KernelRuleInstaller::Repair> KernelRuleInstaller::RestoreMissingRu
             perTag[installed.tag] += installed.records.size();
         }
     }
-    for (const auto& [tag, expected] : perTag)
+    for (const auto& [tagName, expected] : perTag)
     {
+        const std::string& tag = tagName; // clang 14 captures no structured binding
         const auto hasTag = [&tag](const AuditRule& rule) { return rule.HasKey(tag); };
         const size_t present = found(hasTag);
         if (present >= expected)
