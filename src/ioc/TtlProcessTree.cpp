@@ -551,6 +551,11 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
     }
 }
 
+bool TtlProcessTree::IsStateTag(std::string_view tag)
+{
+    return tag == kExcluded || tag == kReported || tag == kTerminated || tag == kTtlExpired;
+}
+
 std::vector<pid_t> TtlProcessTree::GetSiblings(pid_t pid) const
 {
     std::lock_guard lock(m_mutex);

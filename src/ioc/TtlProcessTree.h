@@ -12,6 +12,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -69,6 +70,8 @@ public:
     static constexpr const char* kReported = "Reported";
     static constexpr const char* kTerminated = "Terminated";
     static constexpr const char* kTtlExpired = "TtlExpired";
+    // Whether a tag is one of the states above, not a tactic with a score.
+    static bool IsStateTag(std::string_view tag);
 
     // How long an exited process stays: long enough for its late events to
     // find it (the capture queues hold seconds of events) and for a

@@ -16,7 +16,6 @@
 #include <arpa/inet.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -31,6 +30,7 @@ using namespace std::chrono_literals;
 using test::AgentCommand;
 using test::DaemonHarness;
 using test::Eventually;
+using test::EventuallyWithTraffic;
 using test::ReadText;
 using test::RulesContaining;
 
@@ -83,22 +83,6 @@ pid_t ConnectOnLoopback(uint16_t& port)
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "connect failed";
     ::close(listener);
     return pid;
-}
-
-// Waits until condition holds, running `nudge` in a new process every half
-// second meanwhile: the capture completes an event only once later audit
-// records arrive, and an otherwise idle host may send none.
-bool EventuallyWithTraffic(const std::function<bool()>& condition, const std::function<void()>& nudge)
-{
-    for (int i = 0; i < 30; ++i)
-    {
-        if (Eventually(condition, 500ms))
-        {
-            return true;
-        }
-        nudge();
-    }
-    return condition();
 }
 
 class IocEndToEndProcessTest : public testing::Test
