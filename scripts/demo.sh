@@ -33,7 +33,8 @@ receiver_pid=""
 agent_pid=""
 cleanup() {
   status=$?
-  [ -n "$agent_pid" ] && kill "$agent_pid" 2>/dev/null || true
+  # The agent stops its daemon, which takes its audit rules along, before it ends.
+  [ -n "$agent_pid" ] && { kill "$agent_pid" 2>/dev/null; wait "$agent_pid" 2>/dev/null; } || true
   [ -n "$receiver_pid" ] && kill "$receiver_pid" 2>/dev/null || true
   if [ "$status" -eq 0 ]; then
     rm -rf "$work"
@@ -60,6 +61,7 @@ receiver_pid=$!
 for _ in $(seq 50); do grep -q '^ca:' "$work/receiver.out" 2>/dev/null && break; sleep 0.1; done
 url=$(sed -n 's/^url: //p' "$work/receiver.out")
 ca=$(sed -n 's/^ca: //p' "$work/receiver.out")
+base=$(sed -n 's/^ioc_service_url: //p' "$work/receiver.out")
 [ -n "$url" ] || { echo "demo: the receiver did not start"; cat "$work/receiver.out"; exit 1; }
 # The daemon checks the receiver's answers with its public key.
 cp "$(sed -n 's/^public_key: //p' "$work/receiver.out")" "$work/outpost/keys/edr_response.pub"
@@ -122,8 +124,18 @@ cd "$root"
 # A staged script in /tmp (Execution) reads a credential file with a viewing
 # tool (CredentialAccess) and pulls data with a transfer tool (Exfiltration).
 stage="$work/stage.sh"
-printf '%s\n' "head -n 1 /etc/shadow > /dev/null" "curl -sk -o /dev/null $url/download/4096" > "$stage"
-bash "$stage";                            echo "   bash $stage: head /etc/shadow, curl $url/download/4096"
+printf '%s\n' "head -n 1 /etc/shadow > /dev/null" "wget -q --no-check-certificate -O /dev/null $base/download/4096" > "$stage"
+# File reads are audited for processes of a login session only (daemons are
+# left out); give the script one when the demo runs outside any. The first
+# run is reported because its executables are new to IOC; the second one
+# because its processes reach the tag threshold (Execution + CredentialAccess,
+# Execution + Exfiltration).
+(
+  if [ "$(cat /proc/self/loginuid)" = 4294967295 ]; then echo 0 > /proc/self/loginuid || true; fi
+  bash "$stage"
+  bash "$stage"
+)
+echo "   bash $stage, twice: head -n 1 /etc/shadow, wget $base/download/4096"
 
 wait "$agent_pid" || true
 agent_pid=""
@@ -203,11 +215,14 @@ for line in (l for l in lines if l.startswith("warning: ")):
 kinds = collections.Counter(l.split(" ", 1)[0] for l in events)
 print("   %d events: %s" % (len(events), ", ".join("%s %d" % kv for kv in sorted(kinds.items()))))
 # The workload's own: the staged script, what it ran, and the file work.
-workload = [l for l in events if stage in l or re.search(r"\((/usr)?/bin/(head|curl|mv|chmod|mkdir|cp|rm)\)", l)]
+workload = [l for l in events if stage in l or re.search(r"\((/usr)?/bin/(head|wget|mv|chmod|mkdir|cp|rm)\)", l)]
 print("   the workload's events (kind, action, pid, process, path or endpoint, tags and verdicts):")
 for line in workload:
     print("     " + line)
-if not any("/etc/shadow" in l for l in workload) or not any("curl" in l for l in workload):
+if not any("/etc/shadow" in l for l in workload) or not any("wget" in l for l in workload):
     print("   the staged script's credential read or transfer did not arrive")
+    sys.exit(1)
+if not any("/etc/shadow" in l and '"CredentialAccess"' in l for l in workload):
+    print("   the second run's credential read did not arrive with its tags")
     sys.exit(1)
 PY2
