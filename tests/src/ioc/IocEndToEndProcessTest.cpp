@@ -5,6 +5,7 @@
 // their acting process, and bad manifests leave FIM and every spooled file
 // alone.
 
+#include "ioc/protobuf/IocEvents.pb.h"
 #include "tests/src/audit/AuditKernelState.h"
 #include "tests/support/AgentEndpoint.h"
 #include "tests/support/DaemonHarness.h"
@@ -239,7 +240,10 @@ TEST_F(IocEndToEndProcessTest, ProcessAndNetworkRulesLiveInTheKernelWhileTheDaem
 TEST_F(IocEndToEndProcessTest, BadManifestsAreLoggedWithTheirTextsWhileFimRunsAndNoSpooledFileIsLost)
 {
     const std::string waiting = m_iocSpool + "/ioc_events.0001";
-    std::ofstream(waiting) << "a batch waiting for upload";
+    // A whole batch: the upload schedule deletes a file that is none.
+    com::corvid::ioc::model::proto::event::IoCEvent batch;
+    batch.set_sequenceno(7);
+    std::ofstream(waiting) << batch.SerializeAsString();
     WriteIocManifest(R"({"policyVersion": "2.-1", "policyId": "e2e", "productId": "p", "globalSettings": {},
                          "rules": []})");
     ASSERT_NO_FATAL_FAILURE(StartDaemon());
@@ -291,7 +295,7 @@ TEST_F(IocEndToEndProcessTest, BadManifestsAreLoggedWithTheirTextsWhileFimRunsAn
     WriteIocManifest(kGoodManifest);
     ASSERT_NO_FATAL_FAILURE(Reconfigure("EventRuleManager: Loaded 1 of 1 manifests with 2 rules"));
     EXPECT_TRUE(Eventually([&] { return RulesContaining("key=IOC").size() == 2; }, 5s)) << Rules("key=IOC");
-    EXPECT_TRUE(std::filesystem::exists(waiting));
+    EXPECT_TRUE(std::filesystem::exists(waiting)) << m_harness.Log();
     EXPECT_GT(FilesIn(m_fimSpool), fimFiles);
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }
