@@ -42,6 +42,8 @@ std::string Describe(const std::vector<IocEvent>& events);
 class IocEndToEndFixture : public FimEndToEndFixture
 {
 protected:
+    // Also gives this process (and so the workload) a login user id where it
+    // has none: the kernel audits file reads of login sessions only.
     void SetUp() override;
 
     // Writes the manifest (its "gateway_url" is set to the receiver) and
