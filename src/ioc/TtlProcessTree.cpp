@@ -69,7 +69,7 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
     process.creationTime = entry->info.creationTime;
     const pid_t oldParent = entry->info.parentPid;
     entry->info = std::move(process);
-    ++m_generation;
+    m_changed.insert(pid);
     if (oldParent != entry->info.parentPid)
     {
         EDR_LOG_DEBUG("Updating Parent of PID: " << pid << "Old Parent PID:"
@@ -95,7 +95,7 @@ void TtlProcessTree::AddLocked(ProcessInfo process)
 {
     const pid_t pid = process.pid;
     const pid_t parentPid = process.parentPid;
-    ++m_generation;
+    m_changed.insert(pid);
     m_removed.erase(pid);
     auto& entry = m_entries[pid];
     entry = Entry{};
@@ -129,6 +129,7 @@ void TtlProcessTree::LinkToParentLocked(pid_t pid, pid_t parentPid)
     if (Entry* parent = FindLocked(parentPid))
     {
         parent->info.children.insert(pid);
+        m_changed.insert(parentPid);
     }
     else
     {
@@ -141,7 +142,10 @@ void TtlProcessTree::UnlinkFromParentLocked(pid_t pid, pid_t parentPid)
 {
     if (Entry* parent = FindLocked(parentPid))
     {
-        parent->info.children.erase(pid);
+        if (parent->info.children.erase(pid) != 0)
+        {
+            m_changed.insert(parentPid);
+        }
     }
     else if (const auto waiting = m_waitingChildren.find(parentPid); waiting != m_waitingChildren.end())
     {
@@ -188,7 +192,7 @@ void TtlProcessTree::DeleteLocked(pid_t pid)
     }
     m_entries.erase(it);
     m_removed.insert(pid);
-    ++m_generation;
+    m_changed.erase(pid);
 }
 
 bool TtlProcessTree::Contains(pid_t pid) const
@@ -303,7 +307,7 @@ bool TtlProcessTree::AddTag(pid_t pid, const std::string& tag, int64_t score)
         entry->info.tags.erase(kExcluded);
     }
     entry->info.tags[tag] = score;
-    ++m_generation;
+    m_changed.insert(pid);
     return true;
 }
 
@@ -316,7 +320,7 @@ bool TtlProcessTree::RemoveTag(pid_t pid, const std::string& tag)
         EDR_LOG_DEBUG("Failed to remove tag " << tag << " from process " << pid);
         return false;
     }
-    ++m_generation;
+    m_changed.insert(pid);
     return true;
 }
 
@@ -354,7 +358,7 @@ void TtlProcessTree::MarkTerminatedLocked(Entry& entry)
     {
         entry.info.tags[kTerminated] = 0;
         entry.terminatedAt = m_clock();
-        ++m_generation;
+        m_changed.insert(entry.info.pid);
     }
 }
 
@@ -404,27 +408,32 @@ bool TtlProcessTree::Save(common::SqlStorage& snapshot)
 {
     SnapshotSqlDataFormatter formatter;
     common::SqlStorage::Records records;
+    std::unordered_set<pid_t> changed;
     std::set<pid_t> removed;
-    uint64_t generation = 0;
     {
         std::lock_guard lock(m_mutex);
         EnsureInitLocked();
-        if (m_generation == m_savedGeneration && m_removed.empty())
+        if (m_changed.empty() && m_removed.empty())
         {
             // Nothing that the rows hold has changed since the last save.
             return true;
         }
-        generation = m_generation;
         EDR_LOG_DEBUG("Saving Ttl Process Tree to db");
-        records.reserve(m_entries.size());
-        for (const auto& [pid, entry] : m_entries)
+        // Only the rows that changed: a busy host changes a few processes a
+        // second, not the whole tree.
+        changed.swap(m_changed);
+        records.reserve(changed.size());
+        for (const pid_t pid : changed)
         {
-            records.emplace_back(std::to_string(pid), TtlProcessRow::Format(formatter, entry.info));
+            if (const Entry* entry = FindLocked(pid))
+            {
+                records.emplace_back(std::to_string(pid), TtlProcessRow::Format(formatter, entry->info));
+            }
         }
         removed = m_removed;
     }
     const std::string table = SnapshotSqlDataFormatter::kTtlProcesses;
-    bool saved = snapshot.Write(table, records).success;
+    bool saved = records.empty() || snapshot.Write(table, records).success;
     std::set<pid_t> deleted;
     for (const pid_t pid : removed)
     {
@@ -446,9 +455,16 @@ bool TtlProcessTree::Save(common::SqlStorage& snapshot)
     {
         m_removed.erase(pid);
     }
-    if (saved)
+    if (!saved)
     {
-        m_savedGeneration = generation;
+        // Written again next time, unless they left meanwhile.
+        for (const pid_t pid : changed)
+        {
+            if (m_entries.count(pid) != 0)
+            {
+                m_changed.insert(pid);
+            }
+        }
     }
     return saved;
 }
@@ -459,7 +475,7 @@ void TtlProcessTree::Clear()
     m_entries.clear();
     m_waitingChildren.clear();
     m_removed.clear();
-    ++m_generation;
+    m_changed.clear();
 }
 
 void TtlProcessTree::ClearStored(common::SqlStorage& snapshot)
@@ -551,6 +567,11 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
     }
 }
 
+bool TtlProcessTree::IsStateTag(std::string_view tag)
+{
+    return tag == kExcluded || tag == kReported || tag == kTerminated || tag == kTtlExpired;
+}
+
 std::vector<pid_t> TtlProcessTree::GetSiblings(pid_t pid) const
 {
     std::lock_guard lock(m_mutex);
@@ -609,11 +630,8 @@ std::vector<pid_t> TtlProcessTree::AddTagToProcesses(const std::vector<pid_t>& p
         {
             entry->info.tags[tag] = score;
             receivers.push_back(pid);
+            m_changed.insert(pid);
         }
-    }
-    if (!receivers.empty())
-    {
-        ++m_generation;
     }
     return receivers;
 }

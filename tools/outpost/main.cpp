@@ -12,13 +12,14 @@ void Usage()
     std::cerr << "usage: corvid-outpost --config FILE [--socket PATH] [--start CORVID_EDR]\n"
                  "                      [--then COMMAND [--after SECONDS]]... [--exit-on-disconnect]\n"
                  "\n"
-                 "Listens on the agent socket (default /var/run/corvid/outpost/sock/agent_edr.sock;\n"
-                 "the daemon always connects there) and names FILE in a \"config\" command when the\n"
-                 "daemon connects. --then sends exit, config, fim_status or ioc_status, --after\n"
-                 "seconds after the previous step. Control input (stdin), one word per line:\n"
-                 "exit, config, fim_status, ioc_status, close (drop the daemon and stop listening),\n"
-                 "listen, quit. With --start the tool runs the daemon itself and ends with its\n"
-                 "exit status once it has gone.\n";
+                 "Listens on the agent socket (default $CORVID_EDR_AGENT_SOCKET when set, else\n"
+                 "/var/run/corvid/outpost/sock/agent_edr.sock; corvid-edr honours the same\n"
+                 "variable, and a daemon started with --start is given the path in it) and names\n"
+                 "FILE in a \"config\" command when the daemon connects. --then sends exit,\n"
+                 "config, fim_status or ioc_status, --after seconds after the previous step.\n"
+                 "Control input (stdin), one word per line: exit, config, fim_status, ioc_status,\n"
+                 "close (drop the daemon and stop listening), listen, quit. With --start the tool\n"
+                 "runs the daemon itself and ends with its exit status once it has gone.\n";
 }
 
 } // namespace
