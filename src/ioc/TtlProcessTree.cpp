@@ -3,8 +3,7 @@
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
 #include "edr/Event.h"
-#include "ioc/SnapshotSqlDataFormatter.h"
-#include "ioc/TtlProcessRow.h"
+#include "ioc/TtlProcessTable.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,8 +11,7 @@
 namespace vantor::ioc
 {
 
-using internal::SnapshotSqlDataFormatter;
-using internal::TtlProcessRow;
+using internal::TtlProcessTable;
 
 TtlProcessTree::TtlProcessTree(std::string procRoot, std::chrono::seconds ttl, Clock clock)
     : m_proc(std::move(procRoot))
@@ -406,7 +404,6 @@ void TtlProcessTree::EnsureInitLocked()
 
 bool TtlProcessTree::Save(common::SqlStorage& snapshot)
 {
-    SnapshotSqlDataFormatter formatter;
     common::SqlStorage::Records records;
     std::unordered_set<pid_t> changed;
     std::set<pid_t> removed;
@@ -427,29 +424,13 @@ bool TtlProcessTree::Save(common::SqlStorage& snapshot)
         {
             if (const Entry* entry = FindLocked(pid))
             {
-                records.emplace_back(std::to_string(pid), TtlProcessRow::Format(formatter, entry->info));
+                records.push_back(TtlProcessTable::Record(entry->info));
             }
         }
         removed = m_removed;
     }
-    const std::string table = SnapshotSqlDataFormatter::kTtlProcesses;
-    bool saved = records.empty() || snapshot.Write(table, records).success;
     std::set<pid_t> deleted;
-    for (const pid_t pid : removed)
-    {
-        if (saved && snapshot.Delete(table, std::to_string(pid)).success)
-        {
-            deleted.insert(pid);
-        }
-        else
-        {
-            saved = false;
-        }
-    }
-    if (!saved)
-    {
-        EDR_LOG_ERROR("Failed to update '" << table << "' table in snapshot DB.");
-    }
+    const bool saved = TtlProcessTable::Store(snapshot, records, removed, deleted);
     std::lock_guard lock(m_mutex);
     for (const pid_t pid : deleted)
     {
@@ -478,43 +459,15 @@ void TtlProcessTree::Clear()
     m_changed.clear();
 }
 
-void TtlProcessTree::ClearStored(common::SqlStorage& snapshot)
-{
-    if (snapshot.Clear(SnapshotSqlDataFormatter::kTtlProcesses).success)
-    {
-        EDR_LOG_INFO("Successfully cleared TtlProcesses table from sql storage");
-    }
-    else
-    {
-        EDR_LOG_ERROR("Failed to clear TtlProcesses table from sql storage");
-    }
-}
-
 void TtlProcessTree::Load(common::SqlStorage& snapshot)
 {
     EDR_LOG_INFO("Loading up processes from TtlProcesses table.");
-    const auto result = snapshot.Read(SnapshotSqlDataFormatter::kTtlProcesses, "");
-    if (!result.success)
-    {
-        EDR_LOG_ERROR("Failed to load the TtlProcessTree: " << result.error);
-        return;
-    }
-    std::vector<ProcessInfo> stored;
-    for (const auto& row : result.rows)
-    {
-        try
-        {
-            stored.push_back(TtlProcessRow::Parse(row));
-        }
-        catch (const std::exception& e)
-        {
-            EDR_LOG_ERROR("Skipping a deformed TtlProcesses row: " << e.what());
-        }
-    }
-    if (stored.empty())
+    auto read = TtlProcessTable::ReadAll(snapshot);
+    if (!read || read->empty())
     {
         return;
     }
+    auto& stored = *read;
 
     // Without a stored process 1 the rows cannot be tied to this boot.
     const auto init = std::find_if(stored.begin(), stored.end(), [](const auto& p) { return p.pid == 1; });
@@ -531,7 +484,7 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
         }
         EDR_LOG_INFO("System reboot detected. Clearing the TtlProcessTree.");
         Clear();
-        ClearStored(snapshot);
+        TtlProcessTable::Clear(snapshot);
         return;
     }
 

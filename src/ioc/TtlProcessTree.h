@@ -188,7 +188,6 @@ private:
     static bool SameStart(int64_t a, int64_t b);
     // Process 1 as the snapshot needs it for reboot detection.
     void EnsureInitLocked();
-    void ClearStored(common::SqlStorage& snapshot);
 
     const internal::ProcReader m_proc;
     const std::chrono::seconds m_ttl;
