@@ -1,6 +1,7 @@
 #pragma once
 
 #include "edr/Event.h"
+#include "edr/ProcessLookup.h"
 
 #include <string>
 #include <vector>
@@ -14,18 +15,12 @@ namespace vantor::edr
 class PseudoRunningEvent : public Event
 {
 public:
-    struct Process
+    // What a process lookup knows, and what only a made-up start carries.
+    struct Process : ProcessLookup::Process
     {
-        pid_t pid = 0;
-        pid_t parentPid = 0;
-        uint32_t uid = 0;
-        uint32_t euid = 0;
-        uint32_t auid = 4294967295U;
         std::string userName;
         std::string loginName;
-        std::string image;
         std::string cwd;
-        std::vector<std::string> arguments;
         // Milliseconds since the epoch.
         uint64_t timestamp = 0;
     };

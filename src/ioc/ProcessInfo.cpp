@@ -46,6 +46,11 @@ bool IsInterpreter(const std::string& image)
     return false;
 }
 
+bool IsSameFile(const ImageFile& a, const ImageFile& b)
+{
+    return a.path == b.path || (a.inode != 0 && a.inode == b.inode && a.deviceId == b.deviceId);
+}
+
 } // namespace
 
 ProcessInfo ProcessInfo::FromEvent(const edr::Event& event, int64_t creationTime)
@@ -62,12 +67,18 @@ ProcessInfo ProcessInfo::FromEvent(const edr::Event& event, int64_t creationTime
     info.euid = Optional<int64_t>([&] { return event.GetActorEuid(); });
     info.auid = Optional<int64_t>([&] { return event.GetActorAuid(); });
     info.image = ImageFile::FromPath(Optional<std::string>([&] { return event.GetImage(); }));
-    std::string script = Optional<std::string>([&] { return event.GetSecondaryImage(); });
-    if (script.empty())
+    // The executed file is the script when the kernel ran an interpreter for
+    // it; when it is the interpreter itself (also under another name, as
+    // /bin/bash for /usr/bin/bash), the script is among the arguments.
+    const std::string executed = Optional<std::string>([&] { return event.GetSecondaryImage(); });
+    if (!executed.empty())
     {
-        script = ScriptOf(info.image.path, arguments);
+        info.secondaryImage = ImageFile::FromPath(executed);
     }
-    info.secondaryImage = ImageFile::FromPath(script);
+    if (executed.empty() || IsSameFile(info.secondaryImage, info.image))
+    {
+        info.secondaryImage = ImageFile::FromPath(ScriptOf(info.image.path, arguments));
+    }
     info.state = State::Running;
     if (info.arguments.empty() || info.cwd.empty())
     {

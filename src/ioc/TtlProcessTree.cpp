@@ -3,8 +3,7 @@
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
 #include "edr/Event.h"
-#include "ioc/SnapshotSqlDataFormatter.h"
-#include "ioc/TtlProcessRow.h"
+#include "ioc/TtlProcessTable.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,8 +11,7 @@
 namespace vantor::ioc
 {
 
-using internal::SnapshotSqlDataFormatter;
-using internal::TtlProcessRow;
+using internal::TtlProcessTable;
 
 TtlProcessTree::TtlProcessTree(std::string procRoot, std::chrono::seconds ttl, Clock clock)
     : m_proc(std::move(procRoot))
@@ -69,7 +67,7 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
     process.creationTime = entry->info.creationTime;
     const pid_t oldParent = entry->info.parentPid;
     entry->info = std::move(process);
-    ++m_generation;
+    m_changed.insert(pid);
     if (oldParent != entry->info.parentPid)
     {
         EDR_LOG_DEBUG("Updating Parent of PID: " << pid << "Old Parent PID:"
@@ -95,7 +93,7 @@ void TtlProcessTree::AddLocked(ProcessInfo process)
 {
     const pid_t pid = process.pid;
     const pid_t parentPid = process.parentPid;
-    ++m_generation;
+    m_changed.insert(pid);
     m_removed.erase(pid);
     auto& entry = m_entries[pid];
     entry = Entry{};
@@ -129,6 +127,7 @@ void TtlProcessTree::LinkToParentLocked(pid_t pid, pid_t parentPid)
     if (Entry* parent = FindLocked(parentPid))
     {
         parent->info.children.insert(pid);
+        m_changed.insert(parentPid);
     }
     else
     {
@@ -141,7 +140,10 @@ void TtlProcessTree::UnlinkFromParentLocked(pid_t pid, pid_t parentPid)
 {
     if (Entry* parent = FindLocked(parentPid))
     {
-        parent->info.children.erase(pid);
+        if (parent->info.children.erase(pid) != 0)
+        {
+            m_changed.insert(parentPid);
+        }
     }
     else if (const auto waiting = m_waitingChildren.find(parentPid); waiting != m_waitingChildren.end())
     {
@@ -188,7 +190,7 @@ void TtlProcessTree::DeleteLocked(pid_t pid)
     }
     m_entries.erase(it);
     m_removed.insert(pid);
-    ++m_generation;
+    m_changed.erase(pid);
 }
 
 bool TtlProcessTree::Contains(pid_t pid) const
@@ -303,7 +305,7 @@ bool TtlProcessTree::AddTag(pid_t pid, const std::string& tag, int64_t score)
         entry->info.tags.erase(kExcluded);
     }
     entry->info.tags[tag] = score;
-    ++m_generation;
+    m_changed.insert(pid);
     return true;
 }
 
@@ -316,7 +318,7 @@ bool TtlProcessTree::RemoveTag(pid_t pid, const std::string& tag)
         EDR_LOG_DEBUG("Failed to remove tag " << tag << " from process " << pid);
         return false;
     }
-    ++m_generation;
+    m_changed.insert(pid);
     return true;
 }
 
@@ -354,7 +356,7 @@ void TtlProcessTree::MarkTerminatedLocked(Entry& entry)
     {
         entry.info.tags[kTerminated] = 0;
         entry.terminatedAt = m_clock();
-        ++m_generation;
+        m_changed.insert(entry.info.pid);
     }
 }
 
@@ -402,53 +404,48 @@ void TtlProcessTree::EnsureInitLocked()
 
 bool TtlProcessTree::Save(common::SqlStorage& snapshot)
 {
-    SnapshotSqlDataFormatter formatter;
     common::SqlStorage::Records records;
+    std::unordered_set<pid_t> changed;
     std::set<pid_t> removed;
-    uint64_t generation = 0;
     {
         std::lock_guard lock(m_mutex);
         EnsureInitLocked();
-        if (m_generation == m_savedGeneration && m_removed.empty())
+        if (m_changed.empty() && m_removed.empty())
         {
             // Nothing that the rows hold has changed since the last save.
             return true;
         }
-        generation = m_generation;
         EDR_LOG_DEBUG("Saving Ttl Process Tree to db");
-        records.reserve(m_entries.size());
-        for (const auto& [pid, entry] : m_entries)
+        // Only the rows that changed: a busy host changes a few processes a
+        // second, not the whole tree.
+        changed.swap(m_changed);
+        records.reserve(changed.size());
+        for (const pid_t pid : changed)
         {
-            records.emplace_back(std::to_string(pid), TtlProcessRow::Format(formatter, entry.info));
+            if (const Entry* entry = FindLocked(pid))
+            {
+                records.push_back(TtlProcessTable::Record(entry->info));
+            }
         }
         removed = m_removed;
     }
-    const std::string table = SnapshotSqlDataFormatter::kTtlProcesses;
-    bool saved = snapshot.Write(table, records).success;
     std::set<pid_t> deleted;
-    for (const pid_t pid : removed)
-    {
-        if (saved && snapshot.Delete(table, std::to_string(pid)).success)
-        {
-            deleted.insert(pid);
-        }
-        else
-        {
-            saved = false;
-        }
-    }
-    if (!saved)
-    {
-        EDR_LOG_ERROR("Failed to update '" << table << "' table in snapshot DB.");
-    }
+    const bool saved = TtlProcessTable::Store(snapshot, records, removed, deleted);
     std::lock_guard lock(m_mutex);
     for (const pid_t pid : deleted)
     {
         m_removed.erase(pid);
     }
-    if (saved)
+    if (!saved)
     {
-        m_savedGeneration = generation;
+        // Written again next time, unless they left meanwhile.
+        for (const pid_t pid : changed)
+        {
+            if (m_entries.count(pid) != 0)
+            {
+                m_changed.insert(pid);
+            }
+        }
     }
     return saved;
 }
@@ -459,46 +456,18 @@ void TtlProcessTree::Clear()
     m_entries.clear();
     m_waitingChildren.clear();
     m_removed.clear();
-    ++m_generation;
-}
-
-void TtlProcessTree::ClearStored(common::SqlStorage& snapshot)
-{
-    if (snapshot.Clear(SnapshotSqlDataFormatter::kTtlProcesses).success)
-    {
-        EDR_LOG_INFO("Successfully cleared TtlProcesses table from sql storage");
-    }
-    else
-    {
-        EDR_LOG_ERROR("Failed to clear TtlProcesses table from sql storage");
-    }
+    m_changed.clear();
 }
 
 void TtlProcessTree::Load(common::SqlStorage& snapshot)
 {
     EDR_LOG_INFO("Loading up processes from TtlProcesses table.");
-    const auto result = snapshot.Read(SnapshotSqlDataFormatter::kTtlProcesses, "");
-    if (!result.success)
-    {
-        EDR_LOG_ERROR("Failed to load the TtlProcessTree: " << result.error);
-        return;
-    }
-    std::vector<ProcessInfo> stored;
-    for (const auto& row : result.rows)
-    {
-        try
-        {
-            stored.push_back(TtlProcessRow::Parse(row));
-        }
-        catch (const std::exception& e)
-        {
-            EDR_LOG_ERROR("Skipping a deformed TtlProcesses row: " << e.what());
-        }
-    }
-    if (stored.empty())
+    auto read = TtlProcessTable::ReadAll(snapshot);
+    if (!read || read->empty())
     {
         return;
     }
+    auto& stored = *read;
 
     // Without a stored process 1 the rows cannot be tied to this boot.
     const auto init = std::find_if(stored.begin(), stored.end(), [](const auto& p) { return p.pid == 1; });
@@ -515,7 +484,7 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
         }
         EDR_LOG_INFO("System reboot detected. Clearing the TtlProcessTree.");
         Clear();
-        ClearStored(snapshot);
+        TtlProcessTable::Clear(snapshot);
         return;
     }
 
@@ -549,6 +518,11 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
             entry.info.priority = stat->priority;
         }
     }
+}
+
+bool TtlProcessTree::IsStateTag(std::string_view tag)
+{
+    return tag == kExcluded || tag == kReported || tag == kTerminated || tag == kTtlExpired;
 }
 
 std::vector<pid_t> TtlProcessTree::GetSiblings(pid_t pid) const
@@ -609,11 +583,8 @@ std::vector<pid_t> TtlProcessTree::AddTagToProcesses(const std::vector<pid_t>& p
         {
             entry->info.tags[tag] = score;
             receivers.push_back(pid);
+            m_changed.insert(pid);
         }
-    }
-    if (!receivers.empty())
-    {
-        ++m_generation;
     }
     return receivers;
 }

@@ -12,7 +12,9 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace vantor::edr
@@ -46,9 +48,10 @@ public:
 // - An exit marks the process "Terminated"; kTerminatedTtl later a sweep
 //   marks it "TtlExpired" and deletes it with its cached events. Sweeps run
 //   at most once a second.
-// - Save writes every process into the snapshot's "TtlProcesses" in one
-//   transaction and then deletes the rows of processes that left; a failed
-//   save keeps everything in memory and is retried at the next save. Load
+// - Save writes the processes whose rows changed since the last save into
+//   the snapshot's "TtlProcesses" in one transaction and then deletes the
+//   rows of processes that left; a failed save keeps everything in memory
+//   and is retried at the next save. Load
 //   (at start-up) reads the rows back unless process 1 started anew (a
 //   reboot), drops rows whose pid now belongs to another process, and marks
 //   processes that no longer run "Terminated".
@@ -69,6 +72,8 @@ public:
     static constexpr const char* kReported = "Reported";
     static constexpr const char* kTerminated = "Terminated";
     static constexpr const char* kTtlExpired = "TtlExpired";
+    // Whether a tag is one of the states above, not a tactic with a score.
+    static bool IsStateTag(std::string_view tag);
 
     // How long an exited process stays: long enough for its late events to
     // find it (the capture queues hold seconds of events) and for a
@@ -140,8 +145,8 @@ public:
     // Forgets every process (the rows stay until the caller clears them).
     void Clear();
 
-    // Answers whether every statement succeeded. A tree unchanged since its
-    // last successful save writes nothing.
+    // Answers whether every statement succeeded. Only the rows that changed
+    // since the last successful save are written.
     bool Save(common::SqlStorage& snapshot);
     void Load(common::SqlStorage& snapshot);
 
@@ -183,7 +188,6 @@ private:
     static bool SameStart(int64_t a, int64_t b);
     // Process 1 as the snapshot needs it for reboot detection.
     void EnsureInitLocked();
-    void ClearStored(common::SqlStorage& snapshot);
 
     const internal::ProcReader m_proc;
     const std::chrono::seconds m_ttl;
@@ -196,10 +200,9 @@ private:
     // Pids whose rows must go at the next save.
     std::set<pid_t> m_removed;
     std::chrono::steady_clock::time_point m_lastSweep{};
-    // Counts the changes of what the rows hold; a save of an unchanged tree
-    // writes nothing.
-    uint64_t m_generation = 0;
-    uint64_t m_savedGeneration = 0;
+    // Pids whose rows changed since the last save (their own fields, tags
+    // or children); a save writes only these.
+    std::unordered_set<pid_t> m_changed;
 };
 
 template <typename Visit>

@@ -14,8 +14,9 @@ namespace vantor::test
 
 using namespace std::chrono_literals;
 
-AgentProcess::AgentProcess(const std::string& output)
+AgentProcess::AgentProcess(const std::string& output, const std::string& socketPath)
     : m_output(output)
+    , m_outputMark(ReadText(output).size())
 {
     int go[2];
     int control[2];
@@ -40,8 +41,13 @@ AgentProcess::AgentProcess(const std::string& output)
         const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         ::dup2(out, STDOUT_FILENO);
         ::dup2(out, STDERR_FILENO);
-        ::execl(DaemonHarness::kOutpost, DaemonHarness::kOutpost, "--config", configFile, "--start",
-                DaemonHarness::kDaemon, static_cast<char*>(nullptr));
+        if (socketPath.empty())
+        {
+            ::execl(DaemonHarness::kOutpost, DaemonHarness::kOutpost, "--config", configFile, "--start",
+                    DaemonHarness::kDaemon, static_cast<char*>(nullptr));
+        }
+        ::execl(DaemonHarness::kOutpost, DaemonHarness::kOutpost, "--config", configFile, "--socket",
+                socketPath.c_str(), "--start", DaemonHarness::kDaemon, static_cast<char*>(nullptr));
         ::_exit(127);
     }
     ::close(go[0]);
@@ -78,9 +84,9 @@ void AgentProcess::Start(const std::string& configFile)
 pid_t AgentProcess::DaemonPid()
 {
     const std::string marker = "corvid-outpost: daemon connected, pid ";
-    Eventually([&] { return ReadText(m_output).find(marker) != std::string::npos; }, 10s);
+    Eventually([&] { return ReadText(m_output).find(marker, m_outputMark) != std::string::npos; }, 10s);
     const std::string text = ReadText(m_output);
-    const auto at = text.find(marker);
+    const auto at = text.find(marker, m_outputMark);
     if (at != std::string::npos)
     {
         m_daemonPid = std::atoi(text.c_str() + at + marker.size());

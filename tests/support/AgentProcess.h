@@ -16,8 +16,10 @@ namespace vantor::test
 class AgentProcess
 {
 public:
-    // The agent's output (and the daemon's start-up output) goes to output.
-    explicit AgentProcess(const std::string& output);
+    // The agent's output (and the daemon's start-up output) is appended to
+    // output; an earlier agent's lines there are not read. A socket path
+    // replaces the default agent socket for the agent and its daemon.
+    explicit AgentProcess(const std::string& output, const std::string& socketPath = {});
     ~AgentProcess();
     AgentProcess(const AgentProcess&) = delete;
     AgentProcess& operator=(const AgentProcess&) = delete;
@@ -36,6 +38,7 @@ public:
 
 private:
     std::string m_output;
+    size_t m_outputMark = 0;
     pid_t m_pid = -1;
     pid_t m_daemonPid = 0;
     int m_go = -1;

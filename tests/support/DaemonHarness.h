@@ -1,7 +1,7 @@
 #pragma once
 
 // What the tests that run the real corvid-edr binary share: a private mount
-// namespace with its own /run (the daemon's agent socket path is fixed) and,
+// namespace with its own /run (the agent socket's default path is there) and,
 // on request, its own /dev whose /dev/log the test reads, so that the
 // daemon's syslog lines can be checked exactly; the shipped configuration
 // and logging configuration rewritten into the test's directory.

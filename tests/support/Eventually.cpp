@@ -19,4 +19,17 @@ bool Eventually(const std::function<bool()>& condition, std::chrono::millisecond
     return true;
 }
 
+bool EventuallyWithTraffic(const std::function<bool()>& condition, const std::function<void()>& nudge)
+{
+    for (int i = 0; i < 30; ++i)
+    {
+        if (Eventually(condition, std::chrono::milliseconds(500)))
+        {
+            return true;
+        }
+        nudge();
+    }
+    return condition();
+}
+
 } // namespace vantor::test

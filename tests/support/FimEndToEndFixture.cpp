@@ -135,7 +135,7 @@ void FimEndToEndFixture::WriteManifest()
 void FimEndToEndFixture::StartDaemon(const std::string& dispatcherSocket,
                                      const std::function<void(rapidjson::Document&)>& change)
 {
-    m_agent = std::make_unique<AgentProcess>(m_harness.Dir() + "/agent.out");
+    m_agent = std::make_unique<AgentProcess>(m_harness.Dir() + "/agent.out", m_agentSocket);
     const pid_t agentPid = m_agent->Pid();
     m_harness.WriteConfiguration(
         [&](rapidjson::Document& config)
@@ -166,11 +166,15 @@ void FimEndToEndFixture::StartDaemon(const std::string& dispatcherSocket,
                 change(config);
             }
         });
+    // A restarted daemon appends to the same log: only its own lines count.
+    const size_t logMark = m_harness.Log().size();
     ASSERT_NO_FATAL_FAILURE(m_agent->Start(m_harness.ConfigFile()));
     m_daemonRan = true;
     m_daemonPid = m_agent->DaemonPid();
     ASSERT_GT(m_daemonPid, 0) << ReadText(m_harness.Dir() + "/agent.out") << m_harness.Syslog();
-    ASSERT_TRUE(Eventually([&] { return m_harness.LogContains("Memory threshold: softLimit"); }, 10s))
+    ASSERT_TRUE(Eventually(
+        [&] { return m_harness.Log().find("Memory threshold: softLimit", logMark) != std::string::npos; },
+        10s))
         << m_harness.Log() << m_harness.Syslog();
     ASSERT_TRUE(Eventually([&] { return !RulesContaining(m_watched).empty(); }, 5s))
         << RunCommand("auditctl -l");

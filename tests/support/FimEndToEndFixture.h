@@ -83,6 +83,8 @@ protected:
     std::string m_spool;
     std::string m_spoolFiles;
     std::string m_manifest;
+    // When set, the agent listens there instead of the default socket.
+    std::string m_agentSocket;
     pid_t m_daemonPid = 0;
     bool m_daemonRan = false;
     std::set<long long> m_daemonPids;

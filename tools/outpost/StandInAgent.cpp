@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -33,6 +34,9 @@ void OnSignal(int signal)
     [[maybe_unused]] const ssize_t n = ::write(g_signalPipe[1], &byte, 1);
     errno = saved;
 }
+
+// The daemon reads the same variable (its socket path override).
+constexpr const char* kSocketVariable = "CORVID_EDR_AGENT_SOCKET";
 
 void Say(const std::string& text)
 {
@@ -254,6 +258,12 @@ void StandInAgent::ReadControlInput()
     }
 }
 
+std::string StandInAgent::DefaultSocketPath()
+{
+    const char* path = std::getenv(kSocketVariable);
+    return path != nullptr && *path != '\0' ? path : "/var/run/corvid/outpost/sock/agent_edr.sock";
+}
+
 bool StandInAgent::StartDaemon()
 {
     const pid_t pid = ::fork();
@@ -264,6 +274,7 @@ bool StandInAgent::StartDaemon()
     }
     if (pid == 0)
     {
+        ::setenv(kSocketVariable, m_options.socketPath.c_str(), 1);
         ::execl(m_options.daemonBinary.c_str(), m_options.daemonBinary.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }

@@ -24,7 +24,9 @@ public:
 
     struct Options
     {
-        std::string socketPath = "/var/run/corvid/outpost/sock/agent_edr.sock";
+        // The daemon's default, or CORVID_EDR_AGENT_SOCKET when set (see
+        // DefaultSocketPath); a daemon started here is told the same path.
+        std::string socketPath = DefaultSocketPath();
         std::string configFile;
         std::string daemonBinary;
         // Sent in order once the daemon has connected; each waits its own
@@ -32,6 +34,10 @@ public:
         std::deque<Step> steps;
         bool exitOnDisconnect = false;
     };
+
+    // CORVID_EDR_AGENT_SOCKET when set and not empty, else the path the
+    // daemon connects to by default.
+    static std::string DefaultSocketPath();
 
     explicit StandInAgent(Options options);
     ~StandInAgent();

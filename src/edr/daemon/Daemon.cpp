@@ -57,6 +57,12 @@ Daemon::~Daemon()
     }
 }
 
+std::string Daemon::AgentSocketPath()
+{
+    const char* path = std::getenv(kAgentSocketVariable);
+    return path != nullptr && *path != '\0' ? path : kAgentSocketPath;
+}
+
 int Daemon::Run()
 {
     ::openlog("corvid-edr", LOG_PID, LOG_DAEMON);
@@ -99,8 +105,8 @@ int Daemon::StartUp()
 
     try
     {
-        auto channel =
-            std::make_unique<common::UnixClientStreamSockIOChannel>(kAgentSocketPath, kAgentReconnectTimeout);
+        auto channel = std::make_unique<common::UnixClientStreamSockIOChannel>(AgentSocketPath(),
+                                                                               kAgentReconnectTimeout);
         channel->SetErrorCallback([this](common::IOChannel::Error error) { OnAgentError(error); });
         channel->SetDataCallback([this](std::vector<uint8_t> data) { OnAgentData(std::move(data)); });
         m_agentChannel = std::move(channel);

@@ -31,6 +31,9 @@ class Daemon
 {
 public:
     static constexpr const char* kAgentSocketPath = "/var/run/corvid/outpost/sock/agent_edr.sock";
+    // Names another agent socket, for a stand-in agent that must not take
+    // the real agent's place (a demo beside an installed agent).
+    static constexpr const char* kAgentSocketVariable = "CORVID_EDR_AGENT_SOCKET";
     static constexpr const char* kMemtestPath = "/tmp/memtest";
     static constexpr int kAgentReconnectTimeout = 30;
 
@@ -52,6 +55,9 @@ public:
 
     // The whole life of the process; answers its exit status.
     int Run();
+
+    // kAgentSocketVariable when set and not empty, else kAgentSocketPath.
+    static std::string AgentSocketPath();
 
 private:
     int StartUp();

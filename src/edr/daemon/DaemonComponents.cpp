@@ -48,13 +48,7 @@ void DaemonComponents::BuildAuditCore(int32_t outpostPid, const std::string& out
     auto makeRunning = [](const audit::ProcessInfo& info) -> std::unique_ptr<Event>
     {
         PseudoRunningEvent::Process process;
-        process.pid = info.GetPid();
-        process.parentPid = info.GetParentPid();
-        process.uid = info.GetUserId();
-        process.euid = info.GetEffectiveUserId();
-        process.auid = info.GetAuditUserId();
-        process.image = info.GetImage();
-        process.arguments = info.GetArguments();
+        static_cast<ProcessLookup::Process&>(process) = ProcessTreeLookup::Copy(info);
         process.timestamp = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                                       std::chrono::system_clock::now().time_since_epoch())
                                                       .count());

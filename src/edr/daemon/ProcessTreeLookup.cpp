@@ -8,10 +8,7 @@
 namespace vantor::edr
 {
 
-namespace
-{
-
-ProcessLookup::Process Copy(const audit::ProcessInfo& info)
+ProcessLookup::Process ProcessTreeLookup::Copy(const audit::ProcessInfo& info)
 {
     ProcessLookup::Process process;
     process.pid = info.GetPid();
@@ -23,8 +20,6 @@ ProcessLookup::Process Copy(const audit::ProcessInfo& info)
     process.auid = info.GetAuditUserId();
     return process;
 }
-
-} // namespace
 
 ProcessTreeLookup::ProcessTreeLookup(std::shared_ptr<audit::ProcessTree> tree)
     : m_tree(std::move(tree))

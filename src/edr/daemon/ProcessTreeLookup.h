@@ -6,6 +6,7 @@
 
 namespace vantor::audit
 {
+class ProcessInfo;
 class ProcessTree;
 } // namespace vantor::audit
 
@@ -22,6 +23,9 @@ public:
 
     std::optional<Process> FindProcess(pid_t pid) const override;
     std::vector<Process> GetAncestors(pid_t pid) const override;
+
+    // What the lookup answers of a process of the capture's tree.
+    static Process Copy(const audit::ProcessInfo& info);
 
 private:
     const std::shared_ptr<audit::ProcessTree> m_tree;

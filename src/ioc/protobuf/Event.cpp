@@ -3,6 +3,7 @@
 #include "edr/PathEscape.h"
 #include "ioc/EventFields.h"
 #include "ioc/SnapshotFiles.h"
+#include "ioc/TtlProcessTree.h"
 
 #include <google/protobuf/io/coded_stream.h>
 #include <rapidjson/stringbuffer.h>
@@ -102,6 +103,12 @@ void Event::FillMetadata(std::string& out, const Input& input, const Context& co
     writer.StartObject();
     for (const auto& [tag, score] : input.actor->tags)
     {
+        // States such as "Reported" say how IOC handled the process, not
+        // what it did.
+        if (TtlProcessTree::IsStateTag(tag))
+        {
+            continue;
+        }
         writer.Key(tag.c_str(), static_cast<rapidjson::SizeType>(tag.size()));
         writer.Int64(score);
     }

@@ -341,7 +341,7 @@ TEST_F(IocDataFormatterTest, ProcessNetworkAndModuleMessagesCarryTheActorAndTheP
     actor.uid = 1000;
     actor.image.path = "/usr/bin/bash";
     actor.libraries = {"/lib/libc.so.6", "/lib/libtinfo.so.6"};
-    actor.tags = {{"T1059", 3}};
+    actor.tags = {{"T1059", 3}, {"Reported", 0}};
     actor.verdicts = {{"hash", 5}};
     auto running = ioc::test::ProcessEvent(EventType::Running, actor.image.path);
     auto bind = ioc::test::NetworkEvent(EventType::Bind, "0.0.0.0", 8080);

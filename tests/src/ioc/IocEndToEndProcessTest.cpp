@@ -5,6 +5,7 @@
 // their acting process, and bad manifests leave FIM and every spooled file
 // alone.
 
+#include "ioc/protobuf/IocEvents.pb.h"
 #include "tests/src/audit/AuditKernelState.h"
 #include "tests/support/AgentEndpoint.h"
 #include "tests/support/DaemonHarness.h"
@@ -16,7 +17,6 @@
 #include <arpa/inet.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -31,6 +31,7 @@ using namespace std::chrono_literals;
 using test::AgentCommand;
 using test::DaemonHarness;
 using test::Eventually;
+using test::EventuallyWithTraffic;
 using test::ReadText;
 using test::RulesContaining;
 
@@ -83,22 +84,6 @@ pid_t ConnectOnLoopback(uint16_t& port)
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "connect failed";
     ::close(listener);
     return pid;
-}
-
-// Waits until condition holds, running `nudge` in a new process every half
-// second meanwhile: the capture completes an event only once later audit
-// records arrive, and an otherwise idle host may send none.
-bool EventuallyWithTraffic(const std::function<bool()>& condition, const std::function<void()>& nudge)
-{
-    for (int i = 0; i < 30; ++i)
-    {
-        if (Eventually(condition, 500ms))
-        {
-            return true;
-        }
-        nudge();
-    }
-    return condition();
 }
 
 class IocEndToEndProcessTest : public testing::Test
@@ -255,7 +240,10 @@ TEST_F(IocEndToEndProcessTest, ProcessAndNetworkRulesLiveInTheKernelWhileTheDaem
 TEST_F(IocEndToEndProcessTest, BadManifestsAreLoggedWithTheirTextsWhileFimRunsAndNoSpooledFileIsLost)
 {
     const std::string waiting = m_iocSpool + "/ioc_events.0001";
-    std::ofstream(waiting) << "a batch waiting for upload";
+    // A whole batch: the upload schedule deletes a file that is none.
+    com::corvid::ioc::model::proto::event::IoCEvent batch;
+    batch.set_sequenceno(7);
+    std::ofstream(waiting) << batch.SerializeAsString();
     WriteIocManifest(R"({"policyVersion": "2.-1", "policyId": "e2e", "productId": "p", "globalSettings": {},
                          "rules": []})");
     ASSERT_NO_FATAL_FAILURE(StartDaemon());
@@ -307,7 +295,7 @@ TEST_F(IocEndToEndProcessTest, BadManifestsAreLoggedWithTheirTextsWhileFimRunsAn
     WriteIocManifest(kGoodManifest);
     ASSERT_NO_FATAL_FAILURE(Reconfigure("EventRuleManager: Loaded 1 of 1 manifests with 2 rules"));
     EXPECT_TRUE(Eventually([&] { return RulesContaining("key=IOC").size() == 2; }, 5s)) << Rules("key=IOC");
-    EXPECT_TRUE(std::filesystem::exists(waiting));
+    EXPECT_TRUE(std::filesystem::exists(waiting)) << m_harness.Log();
     EXPECT_GT(FilesIn(m_fimSpool), fimFiles);
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }

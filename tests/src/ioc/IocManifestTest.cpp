@@ -246,8 +246,8 @@ TEST_F(IocRuleManagerTest, TheShippedSampleLoadsWithEveryRuleTypeAndTagging)
         types.push_back(rule->GetRuleType());
     }
     std::sort(types.begin(), types.end());
-    EXPECT_THAT(types, ElementsAre("Directory", "EDR", "File", "Network", "Process"));
+    EXPECT_THAT(types, ElementsAre("Directory", "EDR", "File", "Network", "Network", "Process"));
     EXPECT_TRUE(m_manager.IsTaggingEnabled());
     EXPECT_TRUE(m_manager.HasGatewayUrl());
-    EXPECT_EQ(m_manager.GetAuditRules().size(), 4u) << "the whitelist needs no kernel rule";
+    EXPECT_EQ(m_manager.GetAuditRules().size(), 5u) << "the whitelist needs no kernel rule";
 }

@@ -24,6 +24,8 @@ public:
     std::optional<std::string> address;
     uint16_t port = 0;
     std::optional<std::string> user = "alice";
+    // The file a process start executed.
+    std::optional<std::string> executed;
 
     std::unique_ptr<Event> Clone() const override { return std::make_unique<IocTestEvent>(*this); }
     uint32_t GetFileType() const override { return Require(fileType, "GetFileType"); }
@@ -36,6 +38,7 @@ public:
         return port;
     }
     std::string GetActorUserName() const override { return Require(user, "GetActorUserName"); }
+    std::string GetSecondaryImage() const override { return Require(executed, "GetSecondaryImage"); }
 
 private:
     template <typename T>

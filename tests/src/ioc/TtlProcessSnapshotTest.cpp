@@ -261,7 +261,7 @@ TEST_F(TtlProcessSnapshotTest, ASaveKilledHalfWayLeavesADatabaseThatOpensAndLoad
 namespace
 {
 
-TEST_F(TtlProcessSnapshotTest, ASaveOfAnUnchangedTreeWritesNothing)
+TEST_F(TtlProcessSnapshotTest, ASaveWritesOnlyTheRowsThatChanged)
 {
     auto tree = MakeTree();
     tree->Add(Running(10, 1, 400));
@@ -277,6 +277,18 @@ TEST_F(TtlProcessSnapshotTest, ASaveOfAnUnchangedTreeWritesNothing)
     tree->AddTag(10, "Discovery", 2);
     EXPECT_TRUE(tree->Save(*storage));
     EXPECT_THAT(StoredPids(), ElementsAre("1", "10"));
+
+    // A change writes its own row, and its parent's when the children
+    // changed, not the whole tree.
+    tree->Add(Running(20, 1, 500));
+    ASSERT_TRUE(tree->Save(*storage));
+    SnapshotDatabase(m_dir.File("SnapshotEdr.db")).Run("DELETE FROM TtlProcesses WHERE ProcessID <> 20");
+    tree->Add(Running(30, 10, 600));
+    EXPECT_TRUE(tree->Save(*storage));
+    EXPECT_THAT(StoredPids(), ElementsAre("10", "20", "30"));
+    EXPECT_EQ(SnapshotDatabase(m_dir.File("SnapshotEdr.db"))
+                  .Column("SELECT Children FROM TtlProcesses WHERE ProcessID = 10"),
+              std::vector<std::string>{"30"});
 }
 
 } // namespace

@@ -7,14 +7,18 @@
 #include "ioc/ProcReader.h"
 #include "tests/src/audit/TestEvent.h"
 #include "tests/src/ioc/FakeProc.h"
+#include "tests/src/ioc/IocTestEvent.h"
 #include "tests/support/ExpectThrowText.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include "common/Logging.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <optional>
 #include <unistd.h>
 
 using namespace vantor;
@@ -292,6 +296,45 @@ TEST(IocProcessInfoTest, TheSecondaryImageIsTheScriptAnInterpreterRuns)
     EXPECT_STREQ(ProcessInfo::StateText(ProcessInfo::StateOf('D')), "Waiting");
     EXPECT_STREQ(ProcessInfo::StateText(ProcessInfo::StateOf('Z')), "Zombie");
     EXPECT_STREQ(ProcessInfo::StateText(ProcessInfo::StateOf('?')), "Unknown");
+}
+
+// The kernel names the interpreter as the executed file when it is run with
+// the script as an argument, under whatever name the caller used; only a
+// script executed by itself is named.
+TEST(IocProcessInfoTest, TheScriptOfAProcessStartIsTheExecutedFileOrTheInterpretersArgument)
+{
+    const vantor::test::TempDir dir;
+    const std::string bash = dir.Path() + "/bash";
+    const std::string alias = dir.Path() + "/sh-alias";
+    const std::string script = dir.Path() + "/stage.sh";
+    for (const auto& file : {bash, script})
+    {
+        std::ofstream(file) << "#!" << bash << "\n";
+    }
+    ASSERT_EQ(::link(bash.c_str(), alias.c_str()), 0);
+    struct Case
+    {
+        std::optional<std::string> executed;
+        std::vector<std::string> arguments;
+        std::string secondary;
+    };
+    const std::vector<Case> cases{
+        {bash, {"bash", "/opt/run.sh"}, "/opt/run.sh"},
+        {alias, {"sh-alias", "-x", "/opt/run.sh"}, "/opt/run.sh"},
+        {std::nullopt, {"bash", "/opt/run.sh"}, "/opt/run.sh"},
+        {script, {bash, script}, script},
+        {bash, {"bash", "-c", "echo"}, ""},
+    };
+    for (const auto& c : cases)
+    {
+        ioc::test::IocTestEvent event;
+        event.type = edr::EventType::Running;
+        event.image = bash;
+        event.executed = c.executed;
+        event.arguments = c.arguments;
+        EXPECT_EQ(ProcessInfo::FromEvent(event, 1).secondaryImage.path, c.secondary)
+            << c.executed.value_or("(none)") << " " << c.arguments.back();
+    }
 }
 
 } // namespace

@@ -1,0 +1,79 @@
+#include "ioc/TtlProcessTable.h"
+
+#include "common/Logging.h"
+#include "common/SqlStorage.h"
+#include "ioc/SnapshotSqlDataFormatter.h"
+#include "ioc/TtlProcessRow.h"
+
+#include <string>
+
+namespace vantor::ioc::internal
+{
+
+std::optional<std::vector<ProcessInfo>> TtlProcessTable::ReadAll(common::SqlStorage& snapshot)
+{
+    const auto result = snapshot.Read(SnapshotSqlDataFormatter::kTtlProcesses, "");
+    if (!result.success)
+    {
+        EDR_LOG_ERROR("Failed to load the TtlProcessTree: " << result.error);
+        return std::nullopt;
+    }
+    std::vector<ProcessInfo> stored;
+    stored.reserve(result.rows.size());
+    for (const auto& row : result.rows)
+    {
+        try
+        {
+            stored.push_back(TtlProcessRow::Parse(row));
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("Skipping a deformed TtlProcesses row: " << e.what());
+        }
+    }
+    return stored;
+}
+
+std::pair<std::string, std::string> TtlProcessTable::Record(const ProcessInfo& process)
+{
+    SnapshotSqlDataFormatter formatter;
+    return {std::to_string(process.pid), TtlProcessRow::Format(formatter, process)};
+}
+
+bool TtlProcessTable::Store(common::SqlStorage& snapshot,
+                            const std::vector<std::pair<std::string, std::string>>& rows,
+                            const std::set<pid_t>& removed, std::set<pid_t>& deleted)
+{
+    const std::string table = SnapshotSqlDataFormatter::kTtlProcesses;
+    bool saved = rows.empty() || snapshot.Write(table, rows).success;
+    for (const pid_t pid : removed)
+    {
+        if (saved && snapshot.Delete(table, std::to_string(pid)).success)
+        {
+            deleted.insert(pid);
+        }
+        else
+        {
+            saved = false;
+        }
+    }
+    if (!saved)
+    {
+        EDR_LOG_ERROR("Failed to update '" << table << "' table in snapshot DB.");
+    }
+    return saved;
+}
+
+void TtlProcessTable::Clear(common::SqlStorage& snapshot)
+{
+    if (snapshot.Clear(SnapshotSqlDataFormatter::kTtlProcesses).success)
+    {
+        EDR_LOG_INFO("Successfully cleared TtlProcesses table from sql storage");
+    }
+    else
+    {
+        EDR_LOG_ERROR("Failed to clear TtlProcesses table from sql storage");
+    }
+}
+
+} // namespace vantor::ioc::internal
