@@ -36,19 +36,26 @@ void Usage(std::ostream& out)
            "rules a daemon that could not clean up left behind (none may run).\n";
 }
 
-// Process ids of running corvid-edr daemons.
+// Process ids of running corvid-edr daemons. A killed one that nobody has
+// reaped yet (a zombie) holds no rules and does not count.
 std::string RunningDaemons()
 {
     std::string pids;
     std::error_code ec;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", ec))
     {
-        std::string comm;
-        std::getline(std::ifstream(entry.path() / "comm"), comm);
-        if (comm == "corvid-edr")
+        std::string stat;
+        std::getline(std::ifstream(entry.path() / "stat"), stat);
+        // "<pid> (<comm>) <state> ...": the name may hold anything but the
+        // last ')' ends it.
+        const auto open = stat.find('(');
+        const auto close = stat.rfind(')');
+        if (open == std::string::npos || close == std::string::npos || close < open ||
+            stat.compare(open + 1, close - open - 1, "corvid-edr") != 0 || stat.compare(close, 3, ") Z") == 0)
         {
-            pids += (pids.empty() ? "" : " ") + entry.path().filename().string();
+            continue;
         }
+        pids += (pids.empty() ? "" : " ") + entry.path().filename().string();
     }
     return pids;
 }
