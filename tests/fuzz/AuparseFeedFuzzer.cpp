@@ -8,9 +8,8 @@
 #include "audit/AuparseFeed.h"
 #include "common/Logging.h"
 #include "edr/LibMagicWrapper.h"
+#include "tests/fuzz/QuietLogs.h"
 
-#include <Poco/Logger.h>
-#include <Poco/NullChannel.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -77,15 +76,7 @@ std::shared_ptr<const vantor::edr::LibMagicWrapper> g_magic;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    // Every log statement is formatted (trace level) and thrown away: the
-    // text of a rejected or odd event is part of what is exercised.
-    Poco::AutoPtr<Poco::NullChannel> sink(new Poco::NullChannel);
-    for (Poco::Logger* logger :
-         {&Poco::Logger::root(), &vantor::common::Logging::Edr(), &vantor::common::Logging::Events()})
-    {
-        logger->setChannel(sink);
-        logger->setLevel(Poco::Message::PRIO_TRACE);
-    }
+    vantor::test::QuietLogsAtTrace();
     g_magic = std::make_shared<const vantor::edr::LibMagicWrapper>("/usr/share/misc/magic.mgc");
     return 0;
 }

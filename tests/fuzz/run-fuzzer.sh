@@ -1,17 +1,19 @@
 #!/usr/bin/env bash
-# Runs a libFuzzer binary for a fixed time: the *.log files of the seed
-# directory are copied into a fresh working corpus, so that the committed
-# fixtures are never rewritten. Crash inputs are left in the run directory.
-# Usage: run-fuzzer.sh <fuzzer> <seed dir> <run dir> <seconds>
+# Runs a libFuzzer binary for a fixed time: the seed files (by default the
+# *.log files of the seed directory) are copied into a fresh working corpus,
+# so that the committed seeds are never rewritten. Crash inputs are left in
+# the run directory.
+# Usage: run-fuzzer.sh <fuzzer> <seed dir> <run dir> <seconds> [<seed glob>]
 set -euo pipefail
 fuzzer=$1
 seeds=$2
 run=$3
 seconds=$4
+glob=${5:-*.log}
 
 rm -rf "$run"
 mkdir -p "$run/corpus"
-cp "$seeds"/*.log "$run/corpus/"
+cp "$seeds"/$glob "$run/corpus/"
 
 # Our events are built inside libauparse's callback, so libauparse frames
 # sit below every allocation of ours. Allocation stacks are kept two frames
