@@ -1,0 +1,60 @@
+// libFuzzer entry point: any text as the agent's configuration file and as a
+// FIM manifest. Each section goes through the constructor the daemon builds
+// it with, and a manifest through the FIM rule parser: wrong types, missing
+// keys and odd values are refused with an exception, never with a crash.
+
+#include "edr/CommonConfig.h"
+#include "edr/Config.h"
+#include "fim/Config.h"
+#include "fim/EventRuleManager.h"
+#include "ioc/Config.h"
+#include "tests/fuzz/QuietLogs.h"
+
+#include <rapidjson/document.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <string>
+
+namespace
+{
+
+template <typename Build>
+void Refusable(Build build)
+{
+    try
+    {
+        build();
+    }
+    catch (const std::exception&)
+    {
+        // Refused, as bad configuration must be.
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    vantor::test::QuietLogsAtTrace();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    rapidjson::Document root;
+    root.Parse(reinterpret_cast<const char*>(data), size);
+    if (root.HasParseError())
+    {
+        return 0;
+    }
+    const auto section = [&](const char* name) -> const rapidjson::Value&
+    { return root.IsObject() && root.HasMember(name) ? root[name] : root; };
+    Refusable([&] { vantor::edr::CommonConfig common(section("common_config")); });
+    Refusable([&] { vantor::edr::EDR::Config edr(section("edr_config")); });
+    Refusable([&] { vantor::fim::Config fim(section("fim_config")); });
+    Refusable([&] { vantor::ioc::Ioc::Config ioc(section("ioc_config")); });
+    Refusable([&] { vantor::fim::internal::EventRuleManager::ParseManifest(root, "fuzz"); });
+    return 0;
+}
