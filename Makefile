@@ -7,7 +7,9 @@ CMAKE_ARGS ?=
 
 MAGIC_DB   := /etc/corvid/outpost/magic.mgc
 
-.PHONY: all deps deps-demo deps-build build build-run build-asan test test-unit test-asan demo package \
+FUZZ_SECONDS ?= 600
+
+.PHONY: fuzz all deps deps-demo deps-build build build-run build-asan test test-unit test-asan demo package \
         install format clean magic-db
 
 # What the demo and the package run: the daemon, the stand-in agent and the
@@ -68,3 +70,11 @@ format:
 
 clean:
 	@rm -rf $(BUILD) $(ASAN_BUILD)
+
+# Each fuzzer for FUZZ_SECONDS (default 600) from its committed seeds, under
+# the sanitizers, one after another; inputs that fail are kept in
+# $(ASAN_BUILD)/tests/fuzz/<name>.run.
+fuzz: build-asan
+	@cd $(ASAN_BUILD) && CORVID_FUZZ_SECONDS=$(FUZZ_SECONDS) \
+	  ctest -R Fuzzer --timeout $$(( $(FUZZ_SECONDS) + 120 )) --output-on-failure -V | \
+	  grep -E 'Test +#|DONE|number_of_executed_units|Passed|Failed'

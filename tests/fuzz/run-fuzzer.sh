@@ -8,7 +8,8 @@ set -euo pipefail
 fuzzer=$1
 seeds=$2
 run=$3
-seconds=$4
+# make fuzz runs the same fuzzers longer.
+seconds=${CORVID_FUZZ_SECONDS:-$4}
 glob=${5:-*.log}
 
 rm -rf "$run"
