@@ -33,6 +33,22 @@ public:
         m_cv.notify_one();
     }
 
+    // Pushes unless the queue already holds capacity elements; the check
+    // and the push are one step under the lock.
+    bool TryPush(Element element, size_t capacity)
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            if (m_queue.size() >= capacity)
+            {
+                return false;
+            }
+            m_queue.push_back(std::move(element));
+        }
+        m_cv.notify_one();
+        return true;
+    }
+
     Element Pop()
     {
         std::lock_guard lock(m_mutex);

@@ -358,7 +358,7 @@ void Component::OnReported(const std::shared_ptr<const edr::Event>& event)
     ++m_reportedCount;
     EDR_LOG_DEBUG("Ioc::Component: Reported " << internal::EventFields::Describe(*event));
     std::optional<ProcessInfo> actor;
-    if (const auto pid = internal::EventFields::ProcessId(*event); pid && m_processTree->Contains(*pid))
+    if (const auto pid = internal::EventFields::ProcessId(*event))
     {
         try
         {
@@ -366,7 +366,7 @@ void Component::OnReported(const std::shared_ptr<const edr::Event>& event)
         }
         catch (const TtlProcessTreeException&)
         {
-            // Gone since the check: the message goes without its actor.
+            // Not in the tree: the message goes without its actor.
         }
     }
     m_batchWriter->Append(*event, actor ? &*actor : nullptr);

@@ -30,20 +30,17 @@ ProcessingThread::~ProcessingThread()
 
 bool ProcessingThread::Enqueue(EventPtr event)
 {
-    // The size check and the push are not one step: with one enqueuing
-    // thread (the capture side) the queue cannot overshoot.
-    if (m_queue.Size() >= m_capacity)
+    if (m_queue.TryPush(std::move(event), m_capacity))
     {
-        const uint64_t dropped = m_dropped.fetch_add(1, std::memory_order_relaxed) + 1;
-        if (!m_dropping.exchange(true, std::memory_order_relaxed))
-        {
-            EDR_LOG_ERROR("IOC processing queue is full (" << m_capacity << " events): dropping events, "
-                                                           << dropped << " dropped so far");
-        }
-        return false;
+        return true;
     }
-    m_queue.Push(std::move(event));
-    return true;
+    const uint64_t dropped = m_dropped.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (!m_dropping.exchange(true, std::memory_order_relaxed))
+    {
+        EDR_LOG_ERROR("IOC processing queue is full (" << m_capacity << " events): dropping events, "
+                                                       << dropped << " dropped so far");
+    }
+    return false;
 }
 
 void ProcessingThread::Run()

@@ -8,8 +8,7 @@
 #include "audit/AuparseFeed.h"
 #include "common/Logging.h"
 #include "edr/LibMagicWrapper.h"
-#include "tests/fuzz/QuietLogs.h"
-
+#include "tests/fuzz/FuzzSupport.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -21,45 +20,36 @@ namespace
 
 using vantor::edr::Event;
 
-template <typename Get>
-void Touch(Get get)
-{
-    try
-    {
-        get();
-    }
-    catch (const std::exception&)
-    {
-        // An operation the class does not carry, or a value it cannot give.
-    }
-}
+// An operation the class does not carry, or a value it cannot give, is
+// refused with an exception.
+using vantor::test::Refusable;
 
 void Read(const Event& event)
 {
-    Touch([&] { return event.GetType(); });
-    Touch([&] { return event.GetActionName(); });
-    Touch([&] { return event.GetEventId(); });
-    Touch([&] { return event.GetCategory(); });
-    Touch([&] { return event.GetTimestamp(); });
-    Touch([&] { return event.GetActorProcessId(); });
-    Touch([&] { return event.GetActorParentProcessId(); });
-    Touch([&] { return event.GetActorUserId(); });
-    Touch([&] { return event.GetActorEuid(); });
-    Touch([&] { return event.GetActorAuid(); });
-    Touch([&] { return event.GetImage(); });
-    Touch([&] { return event.GetFile(); });
-    Touch([&] { return event.GetNewFile(); });
-    Touch([&] { return event.GetFileType(); });
-    Touch([&] { return event.GetParentInode(); });
-    Touch([&] { return event.GetCwd(); });
-    Touch([&] { return event.GetCommandLine(); });
-    Touch([&] { return event.GetActorProcessArguments(); });
-    Touch([&] { return event.GetSecondaryImage(); });
-    Touch([&] { return event.GetNetworkAddress(); });
-    Touch([&] { return event.GetNetworkPort(); });
-    Touch([&] { return event.IsSuccessful(); });
-    Touch([&] { return event.IsThread(); });
-    Touch([&] { return event.Clone(); });
+    Refusable([&] { return event.GetType(); });
+    Refusable([&] { return event.GetActionName(); });
+    Refusable([&] { return event.GetEventId(); });
+    Refusable([&] { return event.GetCategory(); });
+    Refusable([&] { return event.GetTimestamp(); });
+    Refusable([&] { return event.GetActorProcessId(); });
+    Refusable([&] { return event.GetActorParentProcessId(); });
+    Refusable([&] { return event.GetActorUserId(); });
+    Refusable([&] { return event.GetActorEuid(); });
+    Refusable([&] { return event.GetActorAuid(); });
+    Refusable([&] { return event.GetImage(); });
+    Refusable([&] { return event.GetFile(); });
+    Refusable([&] { return event.GetNewFile(); });
+    Refusable([&] { return event.GetFileType(); });
+    Refusable([&] { return event.GetParentInode(); });
+    Refusable([&] { return event.GetCwd(); });
+    Refusable([&] { return event.GetCommandLine(); });
+    Refusable([&] { return event.GetActorProcessArguments(); });
+    Refusable([&] { return event.GetSecondaryImage(); });
+    Refusable([&] { return event.GetNetworkAddress(); });
+    Refusable([&] { return event.GetNetworkPort(); });
+    Refusable([&] { return event.IsSuccessful(); });
+    Refusable([&] { return event.IsThread(); });
+    Refusable([&] { return event.Clone(); });
 }
 
 void ReadAll(const vantor::audit::AuparseFeed::Events& events)

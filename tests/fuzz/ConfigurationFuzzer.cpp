@@ -8,7 +8,7 @@
 #include "fim/Config.h"
 #include "fim/EventRuleManager.h"
 #include "ioc/Config.h"
-#include "tests/fuzz/QuietLogs.h"
+#include "tests/fuzz/FuzzSupport.h"
 
 #include <rapidjson/document.h>
 
@@ -16,24 +16,6 @@
 #include <cstdint>
 #include <exception>
 #include <string>
-
-namespace
-{
-
-template <typename Build>
-void Refusable(Build build)
-{
-    try
-    {
-        build();
-    }
-    catch (const std::exception&)
-    {
-        // Refused, as bad configuration must be.
-    }
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
@@ -51,10 +33,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     const auto section = [&](const char* name) -> const rapidjson::Value&
     { return root.IsObject() && root.HasMember(name) ? root[name] : root; };
-    Refusable([&] { vantor::edr::CommonConfig common(section("common_config")); });
-    Refusable([&] { vantor::edr::EDR::Config edr(section("edr_config")); });
-    Refusable([&] { vantor::fim::Config fim(section("fim_config")); });
-    Refusable([&] { vantor::ioc::Ioc::Config ioc(section("ioc_config")); });
-    Refusable([&] { vantor::fim::internal::EventRuleManager::ParseManifest(root, "fuzz"); });
+    vantor::test::Refusable([&] { vantor::edr::CommonConfig common(section("common_config")); });
+    vantor::test::Refusable([&] { vantor::edr::EDR::Config edr(section("edr_config")); });
+    vantor::test::Refusable([&] { vantor::fim::Config fim(section("fim_config")); });
+    vantor::test::Refusable([&] { vantor::ioc::Ioc::Config ioc(section("ioc_config")); });
+    vantor::test::Refusable([&] { vantor::fim::internal::EventRuleManager::ParseManifest(root, "fuzz"); });
     return 0;
 }

@@ -6,7 +6,7 @@
 
 #include "common/util/Json.h"
 #include "common/util/Lzma.h"
-#include "tests/fuzz/QuietLogs.h"
+#include "tests/fuzz/FuzzSupport.h"
 
 #include <rapidjson/document.h>
 

@@ -6,7 +6,7 @@
 #include "ioc/Manifest.h"
 #include "ioc/TaggingEngine.h"
 #include "ioc/TtlProcessTree.h"
-#include "tests/fuzz/QuietLogs.h"
+#include "tests/fuzz/FuzzSupport.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -26,18 +26,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     static vantor::ioc::internal::TaggingEngine tagging(tree);
 
     const std::string_view text(reinterpret_cast<const char*>(data), size);
-    try
-    {
-        const auto manifest = vantor::ioc::internal::Manifest::Parse(text);
-        if (manifest.tags)
+    vantor::test::Refusable(
+        [&]
         {
-            tagging.ApplySettings(*manifest.tags);
-        }
-    }
-    catch (const std::exception&)
-    {
-        // Refused, as a bad manifest must be.
-    }
+            const auto manifest = vantor::ioc::internal::Manifest::Parse(text);
+            if (manifest.tags)
+            {
+                tagging.ApplySettings(*manifest.tags);
+            }
+        });
     tagging.ApplySettings(std::string(text));
     return 0;
 }

@@ -8,30 +8,12 @@
 #include "fim/BaselineEventSqlDataFormatter.h"
 #include "fim/FileState.h"
 #include "ioc/TtlProcessRow.h"
-#include "tests/fuzz/QuietLogs.h"
+#include "tests/fuzz/FuzzSupport.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <string>
-
-namespace
-{
-
-template <typename Parse>
-void Refusable(Parse parse)
-{
-    try
-    {
-        parse();
-    }
-    catch (const std::exception&)
-    {
-        // Refused, as a damaged row must be.
-    }
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
@@ -42,10 +24,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const std::string row(reinterpret_cast<const char*>(data), size);
-    Refusable([&] { vantor::ioc::internal::TtlProcessRow::Parse(row); });
-    Refusable([&] { vantor::ioc::internal::TtlProcessRow::ParseChildren(row); });
-    Refusable([&] { vantor::ioc::internal::TtlProcessRow::ParseTags(row); });
-    Refusable([&] { vantor::fim::BaselineEventSqlDataFormatter::ParseState(row); });
-    Refusable([&] { vantor::edr::AHSSqlDataFormatter::ParseRecord(row); });
+    vantor::test::Refusable([&] { vantor::ioc::internal::TtlProcessRow::Parse(row); });
+    vantor::test::Refusable([&] { vantor::ioc::internal::TtlProcessRow::ParseChildren(row); });
+    vantor::test::Refusable([&] { vantor::ioc::internal::TtlProcessRow::ParseTags(row); });
+    vantor::test::Refusable([&] { vantor::fim::BaselineEventSqlDataFormatter::ParseState(row); });
+    vantor::test::Refusable([&] { vantor::edr::AHSSqlDataFormatter::ParseRecord(row); });
     return 0;
 }

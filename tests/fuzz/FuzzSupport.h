@@ -6,6 +6,8 @@
 #include <Poco/Logger.h>
 #include <Poco/NullChannel.h>
 
+#include <exception>
+
 namespace vantor::test
 {
 
@@ -19,6 +21,20 @@ inline void QuietLogsAtTrace()
     {
         logger->setChannel(sink);
         logger->setLevel(Poco::Message::PRIO_TRACE);
+    }
+}
+
+// Runs one parse or build of fuzzed input; an exception is the refusal that
+// bad input must get, anything else (a crash, a sanitizer report) is a fault.
+template <typename Parse>
+void Refusable(Parse parse)
+{
+    try
+    {
+        parse();
+    }
+    catch (const std::exception&)
+    {
     }
 }
 
