@@ -1,7 +1,7 @@
 // FIM documents of events built from captured kernel audit records (the
 // fixtures of the audit tests), moved into the test's directory: the road
-// from raw records to documents, for gone objects, renames, hostile names
-// and changes against the last known state.
+// from raw records to documents, for gone objects, hostile names
+// and renames.
 
 #include "audit/AuditEventBuilder.h"
 #include "audit/AuparseFeed.h"
@@ -159,41 +159,6 @@ TEST_F(FimCapturedRecordsTest, HostileNamesComeBackByteForByte)
     EXPECT_EQ(names, (std::vector<std::string>{"/quote\"name.txt", "/name with spaces.txt",
                                                "/bad\xff\xfe.txt", "/new\nline.txt"}));
     EXPECT_EQ(std::string(documents["events"][2]["imagePath"].GetString()), Watched("/bad\\xFF\\xFE.txt"));
-}
-
-TEST_F(FimCapturedRecordsTest, AnOpenForWritingThatChangedOnlyTheTimesIsAMetadataChange)
-{
-    Load(WatchedRule("meta", R"("modifyMetadata")") + "," + WatchedRule("content", R"("modifyContent")"));
-    const std::string file = m_dir.Write("watched/existing.txt", "content\n");
-    ASSERT_NO_FATAL_FAILURE(Baseline({Watched()}));
-    Documents(1);
-    // What touch does after its open: set the times through the descriptor.
-    ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), nullptr, 0), 0);
-    auto documents = Handle(Events("open_write", {{"10953698", file}}), 1);
-    EXPECT_STREQ(documents["events"][0]["eventAction"].GetString(), "modifyMetadata");
-    EXPECT_STREQ(documents["events"][0]["associatedRules"][0].GetString(), "meta");
-
-    std::ofstream(file, std::ios::app) << "more\n";
-    documents = Handle(Events("open_write", {{"10953698", file}}), 1);
-    EXPECT_STREQ(documents["events"][0]["eventAction"].GetString(), "modifyContent");
-    EXPECT_STREQ(documents["events"][0]["associatedRules"][0].GetString(), "content");
-    EXPECT_EQ(documents["events"][0]["operation"]["old"]["size"].GetUint(), 8u);
-    EXPECT_EQ(documents["events"][0]["operation"]["new"]["size"].GetUint(), 13u);
-}
-
-TEST_F(FimCapturedRecordsTest, AChmodShowsThePermissionItReplaced)
-{
-    Load(WatchedRule("sec", R"("modifySecuritySettings")"));
-    const std::string file = m_dir.Write("watched/existing.txt", "content\n");
-    ::chmod(file.c_str(), 0644);
-    ASSERT_NO_FATAL_FAILURE(Baseline({Watched()}));
-    Documents(1);
-    ::chmod(file.c_str(), 0640); // what the captured call did
-    const auto documents = Handle(Events("chmod", {{"10953698", file}}), 1);
-    const auto& settings = documents["events"][0]["securitySettings"];
-    EXPECT_STREQ(settings["old"]["permission"].GetString(), "0644");
-    EXPECT_STREQ(settings["new"]["permission"].GetString(), "0640");
-    EXPECT_STREQ(settings["old"]["owner"].GetString(), "root");
 }
 
 } // namespace

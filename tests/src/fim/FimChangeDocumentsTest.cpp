@@ -2,8 +2,8 @@
 // there before, what a change of timestamps alone is, and where a rename's
 // content comes from.
 
-#include "fim/AccountNames.h"
 #include "edr/PathEscape.h"
+#include "fim/AccountNames.h"
 #include "tests/src/fim/ProcessorFixture.h"
 
 #include "common/util/Sha256.h"

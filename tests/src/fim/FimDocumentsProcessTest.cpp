@@ -8,9 +8,9 @@
 #include "common/util/Json.h"
 #include "edr/PathEscape.h"
 #include "tests/src/audit/AuditKernelState.h"
+#include "tests/src/fim/DispatcherAuditd.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/DaemonHarness.h"
-#include "tests/support/PrivateAuditd.h"
 
 #include <gtest/gtest.h>
 
@@ -280,17 +280,14 @@ TEST_F(FimDocumentsProcessTest, DocumentsTellWhatHappenedOnTheKernelChannel)
 
 TEST_F(FimDocumentsProcessTest, DocumentsTellWhatHappenedThroughTheDispatcher)
 {
-    if (const std::string why = test::PrivateAuditd::WhyUnavailable(); !why.empty())
+    std::string why;
+    const auto auditd = test::StartDispatcherAuditd(m_harness.Dir(), why);
+    if (!why.empty())
     {
         GTEST_SKIP() << why;
     }
-    const std::string auditdDir = m_harness.Dir() + "/auditd";
-    std::filesystem::create_directory(auditdDir);
-    test::PrivateAuditd auditd(auditdDir);
-    const std::string problem = auditd.WaitReady();
-    ASSERT_TRUE(problem.empty()) << problem;
-    test::RunCommand("auditctl -e 1");
-    ASSERT_NO_FATAL_FAILURE(StartDaemon(auditd.Socket()));
+    ASSERT_TRUE(auditd);
+    ASSERT_NO_FATAL_FAILURE(StartDaemon(auditd->Socket()));
     Workload();
     EXPECT_EQ(m_agent->Exit(), 0);
 }

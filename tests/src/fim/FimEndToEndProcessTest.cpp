@@ -2,9 +2,9 @@
 // stand-in agent, on the real kernel audit stream (or a private auditd's
 // dispatcher socket), uploading to the local HTTPS receiver.
 
+#include "tests/src/fim/DispatcherAuditd.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FimEndToEndFixture.h"
-#include "tests/support/PrivateAuditd.h"
 
 #include <gtest/gtest.h>
 
@@ -116,24 +116,6 @@ TEST_F(FimEndToEndProcessTest, DocumentsWaitInTheSpoolWhileTheReceiverIsDownOrFa
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }
 
-TEST_F(FimEndToEndProcessTest, CorruptSpoolFileIsDeletedAndTheNextOneIsSent)
-{
-    std::ofstream(m_spoolFiles + "/fim_events.0001") << "{\"events\": [{\"eventAction\": \"create\", \x01";
-    ASSERT_NO_FATAL_FAILURE(StartDaemon());
-    const auto expected = Workload("after-corrupt");
-    ExpectExactly(expected);
-    const std::string log = m_harness.Log();
-    const auto parse = log.find("UploadSchedule: Failed to parse file: ");
-    const auto deleted = log.find("UploadSchedule: Deleting corrupt file: ");
-    const auto uploaded = log.find("UploadSchedule: Events successfully uploaded.");
-    ASSERT_NE(parse, std::string::npos) << log;
-    EXPECT_NE(log.find("fim_events.0001 Missing a name for object member. (offset: 38)", parse),
-              std::string::npos);
-    ASSERT_NE(deleted, std::string::npos);
-    EXPECT_LT(deleted, uploaded);
-    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
-}
-
 TEST_F(FimEndToEndProcessTest, RestartLosesNoSpooledDocument)
 {
     m_receiver->Down();
@@ -154,19 +136,14 @@ TEST_F(FimEndToEndProcessTest, RestartLosesNoSpooledDocument)
 
 TEST_F(FimEndToEndProcessTest, WorkloadArrivesThroughTheAuditDispatcher)
 {
-    if (const std::string why = test::PrivateAuditd::WhyUnavailable(); !why.empty())
+    std::string why;
+    const auto auditd = test::StartDispatcherAuditd(m_harness.Dir(), why);
+    if (!why.empty())
     {
         GTEST_SKIP() << why;
     }
-    const std::string auditdDir = m_harness.Dir() + "/auditd";
-    std::filesystem::create_directory(auditdDir);
-    test::PrivateAuditd auditd(auditdDir);
-    const std::string problem = auditd.WaitReady();
-    ASSERT_TRUE(problem.empty()) << problem;
-    // In dispatcher mode the daemon leaves the enabled flag to auditd, which
-    // was told not to change it.
-    test::RunCommand("auditctl -e 1");
-    ASSERT_NO_FATAL_FAILURE(StartDaemon(auditd.Socket()));
+    ASSERT_TRUE(auditd);
+    ASSERT_NO_FATAL_FAILURE(StartDaemon(auditd->Socket()));
     ASSERT_TRUE(m_harness.LogContains("DispatcherIOChannel: Started.")) << m_harness.Log();
     ASSERT_NO_FATAL_FAILURE(AwaitDispatcherDelivery());
     const auto expected = Workload("dispatched");
@@ -176,7 +153,7 @@ TEST_F(FimEndToEndProcessTest, WorkloadArrivesThroughTheAuditDispatcher)
         // What the daemon and auditd saw, to tell a lost record from a lost document.
         std::cerr << "daemon log:\n"
                   << m_harness.Log() << "\nauditd output:\n"
-                  << test::ReadText(auditdDir + "/auditd.out") << "\n";
+                  << test::ReadText(m_harness.Dir() + "/auditd/auditd.out") << "\n";
     }
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }

@@ -1,7 +1,7 @@
+#include "edr/PathEscape.h"
 #include "fim/EventProcessor.h"
 #include "fim/EventRuleManager.h"
 #include "fim/JsonDataFormatter.h"
-#include "edr/PathEscape.h"
 #include "fim/PostProcessor.h"
 #include "tests/src/fim/ProcessorFixture.h"
 

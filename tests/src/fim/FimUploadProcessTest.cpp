@@ -158,12 +158,11 @@ protected:
 
     static std::string Path(const std::string& name, int i) { return "/" + name + "/" + std::to_string(i); }
 
-    void StartDaemon(uint64_t uploadInterval, const std::string& blackoutEvents = {})
+    void StartDaemon(uint64_t uploadInterval)
     {
         m_harness.WriteConfiguration(
             [&](rapidjson::Document& config)
             {
-                auto& allocator = config.GetAllocator();
                 auto set = [&](rapidjson::Value& object, const char* key, const std::string& value)
                 { test::SetString(config, object, key, value); };
                 auto& common = config["common_config"];
@@ -171,12 +170,6 @@ protected:
                 set(common, "service_url", m_url);
                 common["connection_timeout"].SetUint(2);
                 common["request_timeout"].SetUint(5);
-                if (!blackoutEvents.empty())
-                {
-                    rapidjson::Document periods(&allocator);
-                    ASSERT_TRUE(util::ParseJson(periods, blackoutEvents));
-                    common.AddMember("Blackout_Events", rapidjson::Value(periods, allocator), allocator);
-                }
                 auto& fim = config["fim_config"];
                 set(fim, "event_file_path", Dir("spool"));
                 set(fim, "service_url", m_url + "/fim");
@@ -233,16 +226,6 @@ protected:
         return paths;
     }
 
-    std::vector<std::string> Expected(const std::string& name, int count) const
-    {
-        std::vector<std::string> paths;
-        for (int i = 1; i <= count; ++i)
-        {
-            paths.push_back(Path(name, i));
-        }
-        return paths;
-    }
-
     // Declared first so that it goes last.
     DaemonHarness m_harness;
     std::optional<test::AuditKernelState> m_state;
@@ -271,42 +254,6 @@ TEST_F(FimUploadProcessTest, UploadsGoCompressedAndAnswersAreValidated)
     const std::string requests = ReadText(Dir("requests.log"));
     EXPECT_EQ(requests, "POST /upload/fim 200 Content-Encoding=LZMA Accept-Encoding=LZMA\n"
                         "POST /upload/fim 200 Content-Encoding=LZMA Accept-Encoding=LZMA\n");
-    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
-}
-
-TEST_F(FimUploadProcessTest, BacklogIsSentInOneRunNotOneFilePerInterval)
-{
-    ASSERT_NO_FATAL_FAILURE(StartReceiver());
-    SeedSpool("backlog", 30);
-    // The first run is due at once, the next one only in five minutes.
-    ASSERT_NO_FATAL_FAILURE(StartDaemon(300));
-    ASSERT_TRUE(Eventually([&] { return SpoolIsEmpty(); }, 30s)) << Uploaded().size() << " uploaded\n"
-                                                                 << ReadText(Dir("requests.log"));
-    EXPECT_EQ(Uploaded(), Expected("backlog", 30));
-    EXPECT_TRUE(m_harness.LogContains("answers are not validated")) << "no answer key was provisioned";
-    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
-}
-
-TEST_F(FimUploadProcessTest, BlackoutPeriodHoldsUploadsBackUntilItEnds)
-{
-    ASSERT_NO_FATAL_FAILURE(StartReceiver());
-    SeedSpool("blackout", 2);
-    const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-    const auto end = now + 8;
-    ASSERT_NO_FATAL_FAILURE(StartDaemon(1, "[{\"start\": " + std::to_string(now - 60) +
-                                               ", \"end\": " + std::to_string(end) + "}]"));
-    EXPECT_TRUE(m_harness.LogContains("BlackoutManager: 1 blackout period(s) in Blackout_Events"));
-    ASSERT_TRUE(Eventually(
-        [&] { return m_harness.LogContains("UploadSchedule: Blackout period, upload postponed."); }, 5s))
-        << m_harness.Log();
-    // Nothing goes while the period lasts (the daemon took a while to start).
-    while (std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()) < end - 1)
-    {
-        ASSERT_TRUE(Uploaded().empty());
-        std::this_thread::sleep_for(200ms);
-    }
-    ASSERT_TRUE(Eventually([&] { return SpoolIsEmpty(); }, 15s)) << m_harness.Log();
-    EXPECT_EQ(Uploaded(), Expected("blackout", 2));
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }
 
