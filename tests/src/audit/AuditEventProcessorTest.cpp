@@ -56,24 +56,6 @@ protected:
     test::LogCapture m_log{common::Logging::Edr()};
 };
 
-TEST_F(AuditEventProcessorTest, EventsReachTheTagsTheRouterNames)
-{
-    Process(MakeEvent(EventType::Write, 0, 1)); // /watched/file
-    auto outside = MakeEvent(EventType::Write, 0, 2);
-    outside->file = "/elsewhere/file";
-    Process(std::move(outside));
-    Process(MakeEvent(EventType::Running, 0, 4));
-    Process(MakeEvent(EventType::Exit, 0, 5));
-    Process(MakeEvent(EventType::Connect, 0, 6));
-    Process(MakeEvent(EventType::AbnormalEnd, 0, 8));
-    EXPECT_EQ(m_seen, (std::vector<std::string>{"fim:1", "ioc:4", "ioc:6", "ioc:8"}));
-
-    m_seen.clear();
-    m_router.RemoveRoute("network");
-    Process(MakeEvent(EventType::Connect, 0, 9));
-    EXPECT_TRUE(m_seen.empty());
-}
-
 TEST_F(AuditEventProcessorTest, UnsuccessfulEventsAreDroppedExceptTwoCategories)
 {
     auto failedOpen = MakeEvent(EventType::Read, 0, 21);

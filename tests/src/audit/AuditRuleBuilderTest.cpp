@@ -8,8 +8,6 @@
 #include "audit/RuleEngineException.h"
 #include "tests/src/audit/TestRule.h"
 
-#include <libaudit.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libaudit.h>
@@ -25,21 +23,10 @@ using Rule = edr::EventRule;
 using test::TestRule;
 using testing::ElementsAre;
 
-TEST(AuditTablesTest, FixedTables)
+// Names in the tables that libaudit does not know would make rules fail at
+// install time on every host.
+TEST(AuditTablesTest, ActionSyscallNamesAreKnownToLibaudit)
 {
-    const auto& tools = AuditTables::OutpostToolNames();
-    EXPECT_EQ(tools.size(), 18u);
-    EXPECT_TRUE(tools.count("outpost-probeoutpost-scan"));
-    EXPECT_FALSE(tools.count("outpost-probe"));
-    EXPECT_FALSE(tools.count("outpost-scan"));
-    EXPECT_FALSE(tools.count("corvid-edr"));
-    EXPECT_EQ(AuditTables::ContainerRuntimeNames().size(), 6u);
-    EXPECT_TRUE(AuditTables::ContainerRuntimeNames().count("containerd-shim-runc-v2"));
-    EXPECT_THAT(AuditTables::ToolDirectories(),
-                ElementsAre("/usr/bin", "/usr/sbin", "/usr/local/bin", "/usr/local/sbin", "/usr/libexec"));
-    ASSERT_EQ(AuditTables::ExclusionMessageTypes().size(), 1u);
-    EXPECT_EQ(AuditTables::ExclusionMessageTypes()[0].type, audit_name_to_msg_type("EOE"));
-    // Table names must be system calls that libaudit knows on x86-64.
     for (const auto* table : {&AuditTables::ProcessActionSyscalls(), &AuditTables::NetworkActionSyscalls()})
     {
         for (const auto& [action, calls] : *table)

@@ -243,20 +243,6 @@ TEST_F(ProcessTreeTest, ExitRemovesTheEntryAtCleaningButKeepsParentsOfLiveChildr
     EXPECT_TRUE(m_log.Contains("Cleaning process tree for terminated processes"));
 }
 
-TEST_F(ProcessTreeTest, ContainerRuntimeIsAnnouncedOnce)
-{
-    m_proc.AddProcess(900, 1, "/usr/bin/containerd-shim-runc-v2", 10);
-    auto first = Apply(m_tree, MakeEvent(EventType::Write, 900));
-    ASSERT_EQ(first.pseudo.size(), 1U);
-    EXPECT_EQ(first.pseudo[0]->GetType(), EventType::Running);
-    EXPECT_EQ(first.pseudo[0]->GetActorProcessId(), 900);
-    EXPECT_TRUE(m_log.Contains("Creating pseudo event for container process containerd-shim-runc-v2"));
-    EXPECT_TRUE(Apply(m_tree, MakeEvent(EventType::Write, 900)).pseudo.empty());
-
-    m_proc.AddProcess(901, 1, "/usr/bin/containerd", 10); // not a runtime of the list
-    EXPECT_TRUE(Apply(m_tree, MakeEvent(EventType::Write, 901)).pseudo.empty());
-}
-
 TEST_F(ProcessTreeTest, ProcessInfoComesOnlyFromExecOrClone)
 {
     const auto write = MakeEvent(EventType::Write, 1);

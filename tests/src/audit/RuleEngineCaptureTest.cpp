@@ -170,16 +170,6 @@ TEST_F(RuleEngineCaptureTest, RulesThatCannotBeInstalledAreRefusedOneByOne)
     EXPECT_THROW(engine->AddRules({}, ""), RuleEngineException);
 }
 
-TEST_F(RuleEngineCaptureTest, NetworkRuleWithConnectAndAcceptIsOneRuleWithBothCalls)
-{
-    auto engine = MakeEngine();
-    engine->AddRules({MakeRule("net", Rule::NetworkRule, {}, {1, 12})}, kTag);
-    const auto rules = RulesContaining(kTag);
-    ASSERT_EQ(rules.size(), 1u);
-    EXPECT_THAT(rules[0], HasSubstr("-a always,exit -F arch=b64 -S "));
-    EXPECT_THAT(rules[0], testing::ContainsRegex("-S (accept,connect|connect,accept) "));
-}
-
 TEST_F(RuleEngineCaptureTest, RulesLeftByACrashedRunAreDeletedFirst)
 {
     // What a killed daemon leaves behind: its fixed rules for another pid and
@@ -368,38 +358,6 @@ TEST_F(RuleEngineCaptureTest, InvalidateRemovesDetectionRulesAndAsksForThemAgain
     EXPECT_EQ(invalidated, 1);
     // The fixed rules stay.
     EXPECT_EQ(RulesContaining("key=corvid_ignore_rule_self").size(), 1u);
-}
-
-TEST_F(RuleEngineCaptureTest, EventsFollowTheInstalledRulesToTheirHandlers)
-{
-    auto engine = std::make_unique<RuleEngine>(::getppid(), "/usr/sbin/outpost",
-                                               std::make_shared<ProcessTree>(), 0, m_dir.Path());
-    std::vector<uint32_t> seen;
-    engine->RegisterEventHandlers(
-        kTag, [&](edr::Event& event) { seen.push_back(event.GetEventId()); }, [] {});
-    engine->AddRules({MakeRule("file", Rule::FilePathRule, {m_file}, {5}),
-                      MakeRule("process", Rule::ProcessRule, {}, {9})},
-                     kTag);
-
-    auto write = test::MakeEvent(edr::EventType::Write, 1, 1);
-    write->file = m_file;
-    engine->ProcessEvent(std::move(write));
-    auto failed = test::MakeEvent(edr::EventType::Write, 1, 2);
-    failed->file = m_file;
-    failed->successful = false;
-    failed->category = 5;
-    engine->ProcessEvent(std::move(failed));
-    engine->ProcessEvent(test::MakeEvent(edr::EventType::Running, 1, 3));
-    engine->ProcessEvent(test::MakeEvent(edr::EventType::Exit, 1, 4));
-    EXPECT_EQ(seen, (std::vector<uint32_t>{1, 3}));
-
-    seen.clear();
-    engine->DeleteRules(kTag);
-    auto after = test::MakeEvent(edr::EventType::Write, 1, 5);
-    after->file = m_file;
-    engine->ProcessEvent(std::move(after));
-    engine->ProcessEvent(test::MakeEvent(edr::EventType::Running, 1, 6));
-    EXPECT_TRUE(seen.empty());
 }
 
 } // namespace
