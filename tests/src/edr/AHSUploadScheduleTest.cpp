@@ -223,39 +223,3 @@ TEST_F(AHSUploadScheduleTest, BacklogIsBoundedOldestFirst)
 }
 
 } // namespace
-
-namespace
-{
-
-// The receiver stands in for the back end: what it would refuse on the
-// status route must be refused, or the tests above prove nothing.
-TEST_F(AHSUploadScheduleTest, ReceiverRefusesWhatTheStatusRouteWouldNot)
-{
-    const std::string record =
-        R"({"dateTime":"2024-05-01T10:00:00Z","contextId":"c","statusCode":1000,"state":0)";
-    const struct
-    {
-        std::string payload;
-        const char* uploadType;
-        const char* rejection;
-    } cases[] = {
-        {R"({"status":[)" + record + "}]}", "status", ""},
-        {R"({"status":[)" + record + "}]}", "fim", "status: C-PROTOTYPE is not status"},
-        {R"({"status":[]})", "status", "status: no status array"},
-        {R"({"events":[]})", "status", "status: no status array"},
-        {R"({"status":[{"contextId":"c"}]})", "status", "status: incomplete record"},
-        {R"({"status":[)" + record + R"(,"additionalFields":{}}]})", "status",
-         "status: empty additionalFields"},
-    };
-    for (const auto& c : cases)
-    {
-        vantor::common::UploadWaiter waiter;
-        m_uploader->Upload(m_upload.Receiver().Url("/edr/status"), c.payload, "application/json",
-                           c.uploadType, waiter.Completion());
-        EXPECT_EQ(waiter.Wait() == vantor::common::UploadWaiter::Outcome::Succeeded, *c.rejection == '\0')
-            << c.payload;
-        EXPECT_EQ(m_upload.Receiver().Requests().back().rejection, c.rejection) << c.payload;
-    }
-}
-
-} // namespace

@@ -52,18 +52,25 @@ uint64_t At(int h, int m, int s, int ms = 0)
 TEST(TimeCriteriaTest, SettingRejectsBadSpans)
 {
     TimeCriteria criteria;
-    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("", "06:00:00"); }, "Empty argument passed");
-    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("06:00:00", ""); }, "Empty argument passed");
-    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("22:00:00", "06:00:00"); },
-                                             "Start time cannot be later than End time");
-    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("8:00", "09:00:00"); }, "Invalid start time");
-    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("08:00:00", "9"); }, "Invalid end time");
-    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("08:00:00x", "09:00:00"); },
-                                             "Invalid start time");
-    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set("25:00:00", "26:00:00"); },
-                                             "Invalid start time");
-    ExpectThrowText<FilterCriteriaException>(
-        [&] { criteria.Set(std::string("08:00:00\0x", 10), "09:00:00"); }, "Invalid start time");
+    const struct
+    {
+        std::string start, end;
+        const char* error;
+    } cases[] = {
+        {"", "06:00:00", "Empty argument passed"},
+        {"06:00:00", "", "Empty argument passed"},
+        {"22:00:00", "06:00:00", "Start time cannot be later than End time"},
+        {"8:00", "09:00:00", "Invalid start time"},
+        {"08:00:00", "9", "Invalid end time"},
+        {"08:00:00x", "09:00:00", "Invalid start time"},
+        {"25:00:00", "26:00:00", "Invalid start time"},
+        {std::string("08:00:00\0x", 10), "09:00:00", "Invalid start time"},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.start + " - " + c.end);
+        ExpectThrowText<FilterCriteriaException>([&] { criteria.Set(c.start, c.end); }, c.error);
+    }
 
     // A failed set keeps the span that was there.
     criteria.Set("01:02:03", "04:05:06");

@@ -1,12 +1,6 @@
-// The daemon's health-status records on the real kernel, through the shipped
-// binary started by the stand-in agent: a flood that the parser queue cannot
-// take (the CPU limit holds the parser back) arrives at the receiver's
-// health-status route as a record whose dropped counts are not zero, beside
-// the records of the configuration and the manifest. The receiver takes a
-// status upload only as LZMA-compressed JSON with the fixed headers.
-//
-// The kernel does not lose records on purpose reliably, so its lost counter
-// is checked where it is read: the reading against `auditctl -s`.
+// Health-status records from the shipped binary on the real kernel: a parser
+// queue overflow and kernel rules removed by others reach the receiver.
+// The kernel's lost counter is checked against `auditctl -s`.
 
 #include "audit/KernelRuleWatchdog.h"
 #include "edr/daemon/HealthSources.h"

@@ -12,24 +12,22 @@ using namespace std::chrono_literals;
 
 TEST(MemoryWatchdogTest, LimitArithmetic)
 {
-    // A small machine or a 0 % limit keeps the 400 MiB floor.
-    auto limits = MemoryWatchdog::ComputeLimits(8'000'000, 0);
-    EXPECT_EQ(limits.softKb, 409600u);
-    EXPECT_EQ(limits.hardKb, 614400u);
-    limits = MemoryWatchdog::ComputeLimits(4'095'999, 10); // product 40959990: still the floor
-    EXPECT_EQ(limits.softKb, 409600u);
-    limits = MemoryWatchdog::ComputeLimits(4'096'000, 10); // product 40960000: its hundredth
-    EXPECT_EQ(limits.softKb, 409600u);
-    limits = MemoryWatchdog::ComputeLimits(8'000'000, 10);
-    EXPECT_EQ(limits.softKb, 800000u);
-    EXPECT_EQ(limits.hardKb, 1200000u);
-    limits = MemoryWatchdog::ComputeLimits(8'000'001, 15);
-    EXPECT_EQ(limits.softKb, 1200000u);
-    EXPECT_EQ(limits.hardKb, 1800000u);
-    // Large machines are capped at 2 GiB.
-    limits = MemoryWatchdog::ComputeLimits(64'000'000, 50);
-    EXPECT_EQ(limits.softKb, 2097152u);
-    EXPECT_EQ(limits.hardKb, 3145728u);
+    // The 400 MiB floor for small machines or 0 %, the 2 GiB cap for large ones.
+    const struct
+    {
+        uint64_t totalKb, percent, softKb, hardKb;
+    } cases[] = {
+        {8'000'000, 0, 409600, 614400},    {4'095'999, 10, 409600, 614400},
+        {4'096'000, 10, 409600, 614400},   {8'000'000, 10, 800000, 1200000},
+        {8'000'001, 15, 1200000, 1800000}, {64'000'000, 50, 2097152, 3145728},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(std::to_string(c.totalKb) + " KB at " + std::to_string(c.percent) + "%");
+        const auto limits = MemoryWatchdog::ComputeLimits(c.totalKb, c.percent);
+        EXPECT_EQ(limits.softKb, c.softKb);
+        EXPECT_EQ(limits.hardKb, c.hardKb);
+    }
 }
 
 namespace
