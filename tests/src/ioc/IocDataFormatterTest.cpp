@@ -230,21 +230,6 @@ TEST_F(IocDataFormatterTest, DirectoriesAreReportedWithTheirRowsLikeFiles)
     EXPECT_FALSE(SnapshotFiles(*m_snapshot).ReadDirectory(SnapshotFiles::RowIdOf(m_dir.File("files/moved"))));
 }
 
-TEST_F(IocDataFormatterTest, EachBatchTakesTheNextNumberAlsoAfterReopening)
-{
-    const auto event = File(EventType::Write, "numbered");
-    EXPECT_EQ(Batch({&event}).sequenceno(), 1u);
-    EXPECT_EQ(Batch({&event}).sequenceno(), 2u);
-    // An empty batch is closed without a number or a file.
-    m_formatter->Start();
-    EXPECT_FALSE(m_formatter->Finish());
-
-    Open();
-    EXPECT_EQ(Batch({&event}).sequenceno(), 3u);
-    EXPECT_EQ(ClientInformation::Read(*m_snapshot, "SequenceNumber"), "3");
-    EXPECT_EQ(Batches().size(), 3u);
-}
-
 TEST_F(IocDataFormatterTest, CallsOutOfOrderThrowTheirTexts)
 {
     const auto event = File(EventType::Write, "x");

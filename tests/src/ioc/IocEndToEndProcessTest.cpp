@@ -152,17 +152,6 @@ protected:
             << m_harness.Log() << m_harness.Syslog();
     }
 
-    // Sends "config" again and waits until IOC has logged text.
-    void Reconfigure(const std::string& text)
-    {
-        m_agent.Send(AgentCommand("config", m_harness.ConfigFile()));
-        ASSERT_TRUE(
-            Eventually([&] { return m_harness.Log().find(text, m_logMark) != std::string::npos; }, 10s))
-            << text << "\n"
-            << m_harness.Log().substr(m_logMark);
-        m_logMark = m_harness.Log().size();
-    }
-
     void ExitDaemon()
     {
         m_agent.Send(AgentCommand("exit"));
@@ -170,18 +159,6 @@ protected:
     }
 
     static std::string Rules(const std::string& key) { return testing::PrintToString(RulesContaining(key)); }
-
-    bool FimRuleIsInstalled() const { return !RulesContaining(m_watched).empty(); }
-
-    size_t FilesIn(const std::string& directory) const
-    {
-        size_t count = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(directory))
-        {
-            count += entry.path().extension() != ".tmp" ? 1 : 0;
-        }
-        return count;
-    }
 
     // Declared first so that it goes last: the namespace is left once no
     // child of ours runs.
@@ -192,7 +169,6 @@ protected:
     std::string m_iocManifest;
     std::string m_iocSpool;
     std::string m_fimSpool;
-    size_t m_logMark = 0;
 };
 
 TEST_F(IocEndToEndProcessTest, ProcessAndNetworkRulesLiveInTheKernelWhileTheDaemonRunsAndTheirEventsReachIoc)
@@ -235,69 +211,6 @@ TEST_F(IocEndToEndProcessTest, ProcessAndNetworkRulesLiveInTheKernelWhileTheDaem
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
     EXPECT_TRUE(RulesContaining("key=IOC").empty()) << Rules("key=IOC");
     EXPECT_TRUE(m_harness.LogContains("Ioc component destroyed."));
-}
-
-TEST_F(IocEndToEndProcessTest, BadManifestsAreLoggedWithTheirTextsWhileFimRunsAndNoSpooledFileIsLost)
-{
-    const std::string waiting = m_iocSpool + "/ioc_events.0001";
-    // A whole batch: the upload schedule deletes a file that is none.
-    com::corvid::ioc::model::proto::event::IoCEvent batch;
-    batch.set_sequenceno(7);
-    std::ofstream(waiting) << batch.SerializeAsString();
-    WriteIocManifest(R"({"policyVersion": "2.-1", "policyId": "e2e", "productId": "p", "globalSettings": {},
-                         "rules": []})");
-    ASSERT_NO_FATAL_FAILURE(StartDaemon());
-    EXPECT_TRUE(
-        m_harness.LogContains("EventRuleManager: Disabling EDR: Parsing failed. Unsupported manifest version "
-                              "provided"))
-        << m_harness.Log();
-    EXPECT_TRUE(
-        m_harness.LogContains("Manifest version not supported. Supported version: 2.0.0, Provided manifest "
-                              "version: 2.-1"));
-    EXPECT_TRUE(RulesContaining("key=IOC").empty());
-    EXPECT_TRUE(FimRuleIsInstalled()) << test::RunCommand("auditctl -l");
-    m_logMark = m_harness.Log().size();
-
-    const std::vector<std::pair<std::string, std::string>> bad{
-        {R"({"policyVersion": "2.0.0", "productId": "p", "globalSettings": {}, "rules": []})",
-         "EventRuleManager: Disabling EDR: Missing mandatory element: policyId"},
-        {R"({"policyVersion": "2.0.0", "policyId": "e", "productId": "p", "globalSettings": {}, "rules": 3})",
-         "EventRuleManager: Disabling EDR: Parsing failed. 'rules' section is not an array."},
-        {R"({"policyVersion": "2.0.0", "policyId": "e", "productId": "p", "globalSettings": {},
-             "rules": [{"ruleId": "r"}]})",
-         "EventRuleManager: Disabling EDR: Parsing failed. 'rule' section does not contain ruleType as "
-         "string"},
-        {"{\"policyVersion\": \"2.0.0\"",
-         "EventRuleManager: Disabling EDR: Parsing failed. Manifest is not a JSON object"},
-        {R"({"policyVersion": "2.0.0", "policyId": "e", "productId": "p", "globalSettings": {}, "rules": [
-             {"ruleId": "r", "ruleType": "Network", "notify": ["establish"], "inclusionFilters": [{"filterType": [
-              {"objectType": "network", "protocol": "tcp", "remotePort": [{"range": [443, 80]}]}]}]},
-             {"ruleId": "s", "ruleType": "Process", "notify": []}]})",
-         "Rule parsing failed: Invalid rule.No notify action provided for the rule"}};
-    for (const auto& [text, error] : bad)
-    {
-        SCOPED_TRACE(error);
-        WriteIocManifest(text);
-        ASSERT_NO_FATAL_FAILURE(Reconfigure(error));
-        EXPECT_TRUE(RulesContaining("key=IOC").empty()) << Rules("key=IOC");
-        EXPECT_TRUE(FimRuleIsInstalled());
-    }
-    EXPECT_TRUE(m_harness.LogContains("Rule parsing failed: Invalid Port Range"));
-
-    // FIM still reports while IOC has no usable manifest.
-    const size_t fimFiles = FilesIn(m_fimSpool);
-    int created = 0;
-    EXPECT_TRUE(EventuallyWithTraffic(
-        [&] { return FilesIn(m_fimSpool) > fimFiles; },
-        [&] { RunProgram("/bin/touch", (m_watched + "/created-" + std::to_string(++created)).c_str()); }))
-        << m_harness.Log();
-
-    WriteIocManifest(kGoodManifest);
-    ASSERT_NO_FATAL_FAILURE(Reconfigure("EventRuleManager: Loaded 1 of 1 manifests with 2 rules"));
-    EXPECT_TRUE(Eventually([&] { return RulesContaining("key=IOC").size() == 2; }, 5s)) << Rules("key=IOC");
-    EXPECT_TRUE(std::filesystem::exists(waiting)) << m_harness.Log();
-    EXPECT_GT(FilesIn(m_fimSpool), fimFiles);
-    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }
 
 } // namespace

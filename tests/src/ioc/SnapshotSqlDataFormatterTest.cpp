@@ -184,24 +184,6 @@ TEST_F(SnapshotSqlDataFormatterTest, VersionsTwoToFourShareTheLastStepsAndTheVer
     EXPECT_THAT(formatter.GetUpgradeStatements(0), Contains("DROP TABLE IF EXISTS ClientInformation"));
 }
 
-TEST_F(SnapshotSqlDataFormatterTest, TheTableKindMapIsFixedAndRefusesOtherKinds)
-{
-    using Kind = SnapshotSqlDataFormatter::TableKind;
-    std::vector<std::string> names;
-    for (int kind = 0; kind <= 10; ++kind)
-    {
-        names.push_back(SnapshotSqlDataFormatter::GetTableName(static_cast<Kind>(kind)));
-    }
-    EXPECT_THAT(names, ElementsAre("Actor", "ClientInformation", "Directory", "File", "Hash", "LoadedModule",
-                                   "Metadata", "Network", "Process", "SecuritySettings", "TtlProcesses"));
-    for (int kind : {-1, 11})
-    {
-        test::ExpectThrowText<common::SqlDataFormatterException>(
-            [&] { SnapshotSqlDataFormatter::GetTableName(static_cast<Kind>(kind)); },
-            "SnapshotSqlDataFormatter::Select: Invalid table type: " + std::to_string(kind));
-    }
-}
-
 TEST_F(SnapshotSqlDataFormatterTest, StatementsNameTheKeyColumnOfEachTableAndQuoteValues)
 {
     const SnapshotSqlDataFormatter formatter;
