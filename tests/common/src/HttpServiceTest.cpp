@@ -265,14 +265,9 @@ TEST_F(HttpServiceTest, ReceiverRejectsAWrongHmacKey)
 
 TEST_F(HttpServiceTest, LzmaAnswerIsDecompressedAndItsSignatureChecked)
 {
-    auto settings = Settings();
-    auto service = std::make_shared<HttpService>(
-        settings, std::make_shared<HmacRequestSigner>(m_dir + "/keys/edr_hmac.key"));
-    service->AddInterceptor(std::make_shared<LzmaHttpInterceptor>());
-    service->AddInterceptor(
-        std::make_shared<SigValidationHttpInterceptor>(m_receiver->Certificate().publicKeyPath));
-    service->Start();
-    m_services.push_back(service);
+    auto service =
+        Service(Settings(), true,
+                std::make_shared<SigValidationHttpInterceptor>(m_receiver->Certificate().publicKeyPath));
     MutableHttpRequest request(HttpMethod::Post, m_receiver->Url());
     request.SetProtocolType("status");
     request.SetPayload("payload");
@@ -285,12 +280,8 @@ TEST_F(HttpServiceTest, LzmaAnswerIsDecompressedAndItsSignatureChecked)
 
     // Answers signed by another key are refused.
     const auto other = vantor::tools::TestCertificate::Create(m_dir, "other");
-    auto strict = std::make_shared<HttpService>(
-        settings, std::make_shared<HmacRequestSigner>(m_dir + "/keys/edr_hmac.key"));
-    strict->AddInterceptor(std::make_shared<LzmaHttpInterceptor>());
-    strict->AddInterceptor(std::make_shared<SigValidationHttpInterceptor>(other.publicKeyPath));
-    strict->Start();
-    m_services.push_back(strict);
+    auto strict =
+        Service(Settings(), true, std::make_shared<SigValidationHttpInterceptor>(other.publicKeyPath));
     response = Perform(*strict, request);
     EXPECT_EQ(response->GetOutcome(), HttpResponse::Outcome::Failed);
     EXPECT_EQ(response->Error(), "Response signature validation failed");
@@ -359,9 +350,8 @@ TEST_F(HttpServiceTest, PutAbove16KbIsRefusedAndPostOf1MbAccepted)
     EXPECT_EQ(m_receiver->Requests()[0].method, "PUT");
 }
 
-TEST_F(HttpServiceTest, ServerErrorIsRetriedOnceThenSucceeds)
+TEST_F(HttpServiceTest, ServerErrorsAreRetriedUpToTheLimit)
 {
-    // The uploader's own retry.
     HttpUploader uploader(Service(Settings()), 3);
     m_receiver->FailNext(1, 503);
     EXPECT_TRUE(Upload(uploader, m_receiver->Url(), "{\"a\":1}"));
@@ -376,15 +366,13 @@ TEST_F(HttpServiceTest, ServerErrorIsRetriedOnceThenSucceeds)
     EXPECT_TRUE(Upload(single, m_receiver->Url(), "{\"a\":2}"));
     EXPECT_EQ(m_receiver->RequestCount(), 4u);
     EXPECT_EQ(m_receiver->StoredCount(), 2u);
-}
 
-TEST_F(HttpServiceTest, UploaderGivesUpAtItsMaximum)
-{
-    HttpUploader uploader(Service(Settings()), 2);
+    // The uploader gives up at its maximum.
+    HttpUploader twice(Service(Settings()), 2);
     m_receiver->FailNext(100, 502);
-    EXPECT_FALSE(Upload(uploader, m_receiver->Url(), "{}"));
-    EXPECT_EQ(m_receiver->RequestCount(), 2u);
-    EXPECT_EQ(m_receiver->StoredCount(), 0u);
+    EXPECT_FALSE(Upload(twice, m_receiver->Url(), "{}"));
+    EXPECT_EQ(m_receiver->RequestCount(), 6u);
+    EXPECT_EQ(m_receiver->StoredCount(), 2u);
     EXPECT_THROW(HttpUploader(m_services.back(), 0), std::invalid_argument);
 }
 
