@@ -72,7 +72,7 @@ TEST(FileReaderTest, ChunksCoverALargeFileInOrderWithinTheChunkSize)
     EXPECT_GE(chunks, 4u);
 }
 
-TEST(FileReaderTest, SinkThatHasSeenEnoughStopsTheReading)
+TEST(FileReaderTest, ReadingStopsWhenTheSinkOrTheBoundSays)
 {
     test::TempDir dir;
     const std::string content = Pattern(5 * FileReader::kChunkSize);
@@ -85,21 +85,14 @@ TEST(FileReaderTest, SinkThatHasSeenEnoughStopsTheReading)
     EXPECT_EQ(reader.ReadUpTo(rest, content.size()), content.size() - total)
         << "reading goes on where it stopped";
     EXPECT_EQ(rest, content.substr(total));
-}
 
-TEST(FileReaderTest, ReadUpToStopsAtTheBoundOrTheEndAndReusesTheString)
-{
-    test::TempDir dir;
+    // Bounded, and the target string is replaced, not appended to.
     const std::string path = dir.Write("f", "0123456789");
-    std::string out = "previous content that is longer";
-    FileReader(path, FileReader::Links::Follow).ReadUpTo(out, 4);
-    EXPECT_EQ(out, "0123");
-    EXPECT_EQ(FileReader(path, FileReader::Links::Follow).ReadUpTo(out, 100), 10u);
-    EXPECT_EQ(out, "0123456789");
-
-    FileReader empty(dir.Write("empty", ""), FileReader::Links::Follow);
-    EXPECT_EQ(empty.ReadUpTo(out, 0), 0u);
-    EXPECT_EQ(out, "");
+    rest = "previous content that is longer";
+    EXPECT_EQ(FileReader(path, FileReader::Links::Follow).ReadUpTo(rest, 4), 4u);
+    EXPECT_EQ(rest, "0123");
+    EXPECT_EQ(FileReader(dir.Write("empty", ""), FileReader::Links::Follow).ReadUpTo(rest, 10), 0u);
+    EXPECT_EQ(rest, "");
 }
 
 TEST(FileReaderTest, RefusesWhatIsNoReadableRegularFileWithItsReason)

@@ -71,17 +71,6 @@ TEST(HttpResponseTest, HeaderNamesAndValuesCannotInjectLines)
     EXPECT_EQ(request.Headers().Get("X-OK"), "second");
 }
 
-TEST(HttpResponseTest, PutPayloadIsLimitedTo16KbButPostIsNot)
-{
-    MutableHttpRequest request(HttpMethod::Put, "https://127.0.0.1/");
-    request.SetPayload(std::string(16384, 'a'));
-    EXPECT_NO_THROW(request.Validate());
-    request.SetPayload(std::string(16385, 'a'));
-    EXPECT_EQ(ErrorOf([&] { request.Validate(); }), "PUT method only supports a maximum payload of 16KB");
-    request.SetMethod(HttpMethod::Post);
-    EXPECT_NO_THROW(request.Validate());
-}
-
 TEST(HttpResponseTest, LzmaRoundTripAndHostileInput)
 {
     std::mt19937 rng(7);

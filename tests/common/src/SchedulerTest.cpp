@@ -247,15 +247,10 @@ TEST(SynchronizedQueueTest, PopErrorsAndPopAll)
     SynchronizedQueue<int> q;
     EXPECT_EQ(MessageOf([&] { q.Pop(); }), "Cannot pop from an empty SynchronizedQueue");
     EXPECT_EQ(MessageOf([&] { q.PopAll(); }), "Cannot pop all from an empty SynchronizedQueue");
-    std::thread producer(
-        [&q]
-        {
-            for (int i = 0; i < 100; ++i)
-            {
-                q.Push(std::make_shared<int>(i));
-            }
-        });
-    producer.join();
+    for (int i = 0; i < 100; ++i)
+    {
+        q.Push(std::make_shared<int>(i));
+    }
     EXPECT_EQ(*q.Pop(), 0);
     auto rest = q.PopAll();
     ASSERT_EQ(rest.size(), 99u);

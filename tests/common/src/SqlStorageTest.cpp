@@ -34,6 +34,7 @@ namespace
 {
 
 constexpr const char* kBaseline = "BaselineEvents";
+using Rows = std::vector<std::pair<std::string, std::string>>;
 
 // A keyed table of integers whose schema version the test chooses; counts the
 // schema work it is asked for.
@@ -116,11 +117,11 @@ SqlStorage::Record BaselineRecord(const std::string& path, const std::string& st
 }
 
 // The (path, status) rows stored under a key, as a fresh storage sees them.
-std::vector<std::pair<std::string, std::string>> ReadBaseline(SqlStorage& storage, const std::string& key)
+Rows ReadBaseline(SqlStorage& storage, const std::string& key)
 {
     const StorageResult result = storage.Read(kBaseline, key);
     EXPECT_TRUE(result.success) << result.error;
-    std::vector<std::pair<std::string, std::string>> rows;
+    Rows rows;
     for (const auto& row : result.rows)
     {
         Serializer reader(row);
@@ -318,12 +319,9 @@ TEST(SqlStorageTest, HostileKeysNeverRunASecondStatementOrTouchOtherRows)
                      BaselineRecord(orTrue, "MAX_SIZE_LIMIT_REACHED"), BaselineRecord(notUtf8, "it's")})
             .success);
 
-    EXPECT_EQ(ReadBaseline(*storage, drop),
-              (std::vector<std::pair<std::string, std::string>>{{drop, "READ_FAILURE"}}));
-    EXPECT_EQ(ReadBaseline(*storage, orTrue),
-              (std::vector<std::pair<std::string, std::string>>{{orTrue, "MAX_SIZE_LIMIT_REACHED"}}));
-    EXPECT_EQ(ReadBaseline(*storage, notUtf8),
-              (std::vector<std::pair<std::string, std::string>>{{notUtf8, "it's"}}));
+    EXPECT_EQ(ReadBaseline(*storage, drop), (Rows{{drop, "READ_FAILURE"}}));
+    EXPECT_EQ(ReadBaseline(*storage, orTrue), (Rows{{orTrue, "MAX_SIZE_LIMIT_REACHED"}}));
+    EXPECT_EQ(ReadBaseline(*storage, notUtf8), (Rows{{notUtf8, "it's"}}));
 
     ASSERT_TRUE(storage->Delete(kBaseline, orTrue).success);
     EXPECT_TRUE(ReadBaseline(*storage, orTrue).empty());
@@ -340,8 +338,7 @@ TEST(SqlStorageTest, HostileKeysNeverRunASecondStatementOrTouchOtherRows)
     // The table and its other rows survived everything.
     storage.reset();
     storage = OpenBaseline(dir);
-    EXPECT_EQ(ReadBaseline(*storage, "/a"),
-              (std::vector<std::pair<std::string, std::string>>{{"/a", "READ_SUCCESSFUL"}}));
+    EXPECT_EQ(ReadBaseline(*storage, "/a"), (Rows{{"/a", "READ_SUCCESSFUL"}}));
 }
 
 TEST(SqlStorageTest, DeleteAllAndClear)
@@ -455,7 +452,7 @@ TEST(SqlStorageTest, AsyncOperationsRunInOrderOnTheWorkerAndFinishBeforeDestruct
     EXPECT_EQ(order, (std::vector<std::string>{"write", "read 1", "delete", "read 0"}));
     EXPECT_EQ(onOtherThread.load(), 4);
     auto storage = OpenBaseline(dir);
-    EXPECT_EQ(ReadBaseline(*storage, "/d"), (std::vector<std::pair<std::string, std::string>>{{"/d", "49"}}));
+    EXPECT_EQ(ReadBaseline(*storage, "/d"), (Rows{{"/d", "49"}}));
     EXPECT_EQ(ReadBaseline(*storage, "/c").size(), 1U);
 }
 
