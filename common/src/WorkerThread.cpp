@@ -38,7 +38,10 @@ bool WorkerThread::IsCurrent() const
 void WorkerThread::Start(std::function<void()> body)
 {
     Join();
+    m_shared->started = false;
     m_thread = std::thread([shared = m_shared, body = std::move(body)] { Run(*shared, body); });
+    m_shared->started = true;
+    m_shared->started.notify_one();
 }
 
 void WorkerThread::Join()
@@ -56,6 +59,7 @@ void WorkerThread::Join()
 
 void WorkerThread::Run(Shared& shared, const std::function<void()>& body) noexcept
 {
+    shared.started.wait(false);
     shared.id = std::this_thread::get_id();
     // The kernel keeps 15 characters; enough to tell the threads apart in
     // top -H and in core dumps.

@@ -48,6 +48,9 @@ private:
     {
         std::string name;
         std::atomic<std::thread::id> id{};
+        // Set once Start has stored the thread: a body that destroys its
+        // owner must not run before the owner is done with it.
+        std::atomic<bool> started{false};
     };
 
     static void Run(Shared& shared, const std::function<void()>& body) noexcept;
