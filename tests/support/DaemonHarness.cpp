@@ -244,7 +244,19 @@ void DaemonHarness::WriteConfiguration(const std::function<void(rapidjson::Docum
 
 bool DaemonHarness::LogContains(const std::string& text) const
 {
-    return Log().find(text) != std::string::npos;
+    if (Log().find(text) != std::string::npos)
+    {
+        return true;
+    }
+    // A flood logged at debug level rotates the log: the archives count too.
+    for (int archive = 0; std::filesystem::exists(m_logFile + "." + std::to_string(archive)); ++archive)
+    {
+        if (ReadText(m_logFile + "." + std::to_string(archive)).find(text) != std::string::npos)
+        {
+            return true;
+        }
+    }
+    return false;
 }
 
 std::string DaemonHarness::Syslog()

@@ -78,6 +78,7 @@ public:
     const std::string& LogConfig() const { return m_logConfig; }
 
     std::string Log() const { return ReadText(m_logFile); }
+    // Whether the log or one of its rotated archives holds text.
     bool LogContains(const std::string& text) const;
     // Every syslog line received so far, one per line.
     std::string Syslog();

@@ -407,6 +407,10 @@ TEST_F(IocComponentTest, AnUpdateGivesTheEnginesTheHeuristicsSwitchOfTheManifest
     auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
     start.pid = 4321;
     m_engine.DispatchEvent({"IOC"}, start);
+    // The start of an executable is itself reported; it must be counted
+    // before the baselines are read.
+    ASSERT_TRUE(
+        test::Eventually([&] { return component->GetReportedCount() == 1; }, std::chrono::seconds(5)));
     auto web = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", 443);
     web.pid = 4321;
     web.image = "/usr/bin/curl";
