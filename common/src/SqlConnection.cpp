@@ -80,6 +80,15 @@ SqlConnection::SqlConnection(const std::string& file, Mode mode)
     sqlite3_extended_result_codes(m_db.get(), 1);
     // Another process may hold the file briefly (a backup, the sqlite3 shell).
     sqlite3_busy_timeout(m_db.get(), 1000);
+    // The stores write small transactions per event. A write-ahead log with
+    // normal syncing commits without creating, syncing and deleting a
+    // rollback journal each time, and still survives the process being
+    // killed; only a power loss can take the last commits back.
+    if (sqlite3_exec(m_db.get(), "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr) != SQLITE_OK ||
+        sqlite3_exec(m_db.get(), "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr) != SQLITE_OK)
+    {
+        EDR_LOG_WARNING("SqlStorage: Keeping the rollback journal for '" << file << "': " << ErrorMessage());
+    }
 }
 
 std::string SqlConnection::ErrorMessage() const

@@ -16,6 +16,9 @@ namespace vantor::common::internal
 // and failures are logged under "SqlStorage:" and thrown as
 // StorageException.
 //
+// The database keeps a write-ahead log ("<file>-wal", "<file>-shm" beside
+// it) where the file system allows it.
+//
 // Not thread-safe: SqlStorage calls it under its mutex.
 class SqlConnection
 {
