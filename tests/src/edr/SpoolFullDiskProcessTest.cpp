@@ -39,7 +39,7 @@ constexpr std::size_t kQuota = 1024 * 1024; // max_disk_size_mb 1, the smallest
 constexpr std::size_t kMaxFileKb = 256;
 // Room for both quotas and the spools' bookkeeping, no more.
 constexpr std::size_t kTmpfsKb = 4 * 1024;
-// Each document names a path of some 3 KB, so that a few hundred files
+// Each document names a path of some 2 KB, so that a few hundred files
 // overrun a quota: the first batch twice over, the one made while the disk
 // is full well within it.
 constexpr int kBeforeFull = 700;
@@ -61,9 +61,9 @@ protected:
         {
             GTEST_SKIP() << skip;
         }
-        // Twelve levels of 250 characters.
+        // Eight levels of 250 characters, within FIM's depth limit.
         m_deep = m_watched;
-        for (char c = 'a'; c < 'a' + 12; ++c)
+        for (char c = 'a'; c < 'a' + 8; ++c)
         {
             m_deep += "/" + std::string(250, c);
         }
