@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace vantor::tools
 {
@@ -18,6 +19,16 @@ struct TestCertificate
     // Writes <name>.crt, <name>.key and <name>.pub into directory.
     // Throws std::runtime_error on failure.
     static TestCertificate Create(const std::string& directory, const std::string& name = "receiver");
+
+    // A certificate for host alone, issued by this one: a client that trusts
+    // this certificate accepts its chain and can refuse only its name.
+    // Throws std::runtime_error on failure.
+    TestCertificate IssueFor(const std::string& directory, const std::string& name,
+                             const std::string& host) const;
+
+    // The base64 SHA-256 signature of body with the private key, as the
+    // back end signs its answers; empty when the key cannot be used.
+    std::string Sign(std::string_view body) const;
 };
 
 } // namespace vantor::tools

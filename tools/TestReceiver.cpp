@@ -1,11 +1,10 @@
 #include "tools/TestReceiver.h"
 
 #include "common/HmacRequestSigner.h"
-#include "common/util/Base64.h"
-#include "common/util/Digest.h"
 #include "common/util/Json.h"
 #include "common/util/Lzma.h"
 #include "tools/IocBatchPrinter.h"
+#include "tools/UploadCheck.h"
 
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPRequestHandler.h>
@@ -18,11 +17,10 @@
 #include <Poco/Net/SecureServerSocket.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/URI.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
 
 #include <algorithm>
 #include <charconv>
+#include <csignal>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
@@ -34,86 +32,6 @@ namespace
 {
 
 constexpr std::size_t kMaxBody = 64 * 1024 * 1024;
-
-struct FixedHeader
-{
-    const char* name;
-    const char* value; // nullptr: any non-empty value
-};
-constexpr FixedHeader kFixedHeaders[] = {
-    {"C-PRODUCT", "OUTPOST"},   {"C-PROTOVER", "1.0"},      {"C-PROTOCLNTPLATFORM", "LINUX"},
-    {"C-PROTOCLNTARCH", "x64"}, {"C-PROTOTYPE", nullptr},   {"C-CUSTID", nullptr},
-    {"C-CLNTID", nullptr},      {"C-PAYLOADHASH", nullptr}, {"X-Correlation-Id", nullptr},
-};
-
-// Why the back end would refuse a health-status upload; empty when it
-// takes it: a JSON body {"status": [...]} of records with their time,
-// context, status code and state, and additional fields only when there are
-// some.
-std::string CheckStatus(const TestReceiver::Received& received)
-{
-    if (received.headers.Get("C-PROTOTYPE") != std::optional<std::string>("status"))
-    {
-        return "status: C-PROTOTYPE is not status";
-    }
-    const auto type = received.headers.Get("Content-Type");
-    if (!type || type->rfind("application/json", 0) != 0)
-    {
-        return "status: not application/json";
-    }
-    rapidjson::Document payload;
-    if (!util::ParseJson(payload, received.payload) || !payload.IsObject() || !payload.HasMember("status") ||
-        !payload["status"].IsArray() || payload["status"].Empty())
-    {
-        return "status: no status array";
-    }
-    for (const auto& record : payload["status"].GetArray())
-    {
-        if (!record.IsObject() || !record.HasMember("dateTime") || !record["dateTime"].IsString() ||
-            record["dateTime"].GetStringLength() != 20 || !record.HasMember("contextId") ||
-            !record["contextId"].IsString() || record["contextId"].GetStringLength() == 0 ||
-            !record.HasMember("statusCode") || !record["statusCode"].IsInt64() ||
-            !record.HasMember("state") || !record["state"].IsInt64())
-        {
-            return "status: incomplete record";
-        }
-        const auto fields = record.FindMember("additionalFields");
-        if (fields != record.MemberEnd() &&
-            (fields->value.IsObject() ? fields->value.ObjectEmpty()
-                                      : !fields->value.IsString() || fields->value.GetStringLength() == 0))
-        {
-            return "status: empty additionalFields";
-        }
-    }
-    return {};
-}
-
-std::string Sign(const std::string& keyPath, const std::string& body)
-{
-    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(keyPath.c_str(), "re"), &std::fclose);
-    if (!file)
-    {
-        return {};
-    }
-    std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
-        PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);
-    const util::Digest::Context ctx = util::Digest::NewContext();
-    size_t length = 0;
-    if (!key || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1 ||
-        EVP_DigestSign(ctx.get(), nullptr, &length, reinterpret_cast<const unsigned char*>(body.data()),
-                       body.size()) != 1)
-    {
-        return {};
-    }
-    std::string signature(length, '\0');
-    if (EVP_DigestSign(ctx.get(), reinterpret_cast<unsigned char*>(signature.data()), &length,
-                       reinterpret_cast<const unsigned char*>(body.data()), body.size()) != 1)
-    {
-        return {};
-    }
-    signature.resize(length);
-    return util::Base64Encode(signature);
-}
 
 unsigned ToUnsigned(const std::string& text)
 {
@@ -165,6 +83,8 @@ TestReceiver::TestReceiver(Options options)
         throw std::invalid_argument("TestReceiver: outputDir and certDir are required");
     }
     m_certificate = TestCertificate::Create(m_options.certDir);
+    m_otherHost = m_certificate.IssueFor(m_options.certDir, "other-host", HostileAnswer::kOtherHost);
+    m_hostility = m_options.hostility;
 }
 
 TestReceiver::~TestReceiver()
@@ -174,10 +94,14 @@ TestReceiver::~TestReceiver()
 
 void TestReceiver::Start()
 {
+    // A hostile answer writes to clients that have given up.
+    std::signal(SIGPIPE, SIG_IGN);
     Poco::Net::initializeSSL();
+    const TestCertificate& certificate =
+        Hostility() == HostileAnswer::Mode::WrongHost ? m_otherHost : m_certificate;
     Poco::Net::Context::Ptr context =
-        new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, m_certificate.keyPath,
-                               m_certificate.certPath, "", Poco::Net::Context::VERIFY_NONE);
+        new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, certificate.keyPath, certificate.certPath,
+                               "", Poco::Net::Context::VERIFY_NONE);
     // A restarted receiver listens on its first port again, so that clients
     // configured with its URL reach it once it is back.
     const uint16_t port = m_port != 0 ? m_port : m_options.port;
@@ -204,6 +128,7 @@ void TestReceiver::Stop()
     {
         std::lock_guard lock(m_mutex);
         m_stopping = true;
+        ++m_generation;
     }
     m_cv.notify_all();
     m_server->stopAll(true);
@@ -239,6 +164,35 @@ void TestReceiver::DropServerHeaderNext(unsigned count)
 {
     std::lock_guard lock(m_mutex);
     m_dropCount = count;
+}
+
+void TestReceiver::SetHostility(HostileAnswer::Mode mode)
+{
+    if (mode == HostileAnswer::Mode::LzmaBomb)
+    {
+        HostileAnswer::Bomb(); // built before it is due
+    }
+    HostileAnswer::Mode before;
+    {
+        std::lock_guard lock(m_mutex);
+        before = m_hostility;
+        m_hostility = mode;
+        ++m_generation;
+    }
+    m_cv.notify_all();
+    // Another certificate needs a new server, and no connection made under
+    // the old one may stay open.
+    if ((before == HostileAnswer::Mode::WrongHost) != (mode == HostileAnswer::Mode::WrongHost) && m_server)
+    {
+        Stop();
+        Start();
+    }
+}
+
+HostileAnswer::Mode TestReceiver::Hostility() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_hostility;
 }
 
 void TestReceiver::BadSignatureNext(unsigned count)
@@ -283,13 +237,9 @@ std::string TestReceiver::DownloadContent(std::size_t size)
 
 std::string TestReceiver::Check(const Received& received, const std::string& body) const
 {
-    for (const auto& fixed : kFixedHeaders)
+    if (std::string refusal = UploadCheck::FixedHeaders(received.headers, body); !refusal.empty())
     {
-        const auto value = received.headers.Get(fixed.name);
-        if (!value || value->empty() || (fixed.value != nullptr && *value != fixed.value))
-        {
-            return std::string("bad or missing header ") + fixed.name;
-        }
+        return refusal;
     }
     if (!m_options.customerId.empty() && received.headers.Get("C-CUSTID") != m_options.customerId)
     {
@@ -298,10 +248,6 @@ std::string TestReceiver::Check(const Received& received, const std::string& bod
     if (!m_options.agentId.empty() && received.headers.Get("C-CLNTID") != m_options.agentId)
     {
         return "unexpected C-CLNTID";
-    }
-    if (received.headers.Get("C-PAYLOADHASH") != util::Digest::HexOf(util::Digest::Algorithm::Sha256, body))
-    {
-        return "payload hash mismatch";
     }
     if (!m_options.hmacKey.empty())
     {
@@ -332,7 +278,7 @@ void TestReceiver::Answer(Poco::Net::HTTPServerResponse& response, int status, s
     if (status >= 200 && status < 300)
     {
         // A signature over other bytes is as wrong as a forged one.
-        response.set("X-CRVD-Signature", Sign(m_certificate.keyPath, style.badSignature ? body + " " : body));
+        response.set("X-CRVD-Signature", m_certificate.Sign(style.badSignature ? body + " " : body));
     }
     response.setContentType("application/json");
     response.setContentLength(static_cast<std::streamsize>(body.size()));
@@ -389,6 +335,10 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
         std::unique_lock lock(m_mutex);
         m_cv.wait_for(lock, stall, [&] { return m_stopping; });
     }
+    if (uri.getPath() != "/control" && AnswerHostile(request, response, received))
+    {
+        return;
+    }
 
     int status = 200;
     std::string answer;
@@ -409,6 +359,13 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
                 m_dropCount = ToUnsigned(value);
             else if (key == "bad_signature")
                 m_badSignatureCount = ToUnsigned(value);
+            else if (key == "hostile")
+            {
+                // Takes effect for requests; a certificate only at the next
+                // start (a server cannot restart itself from its handler).
+                m_hostility = HostileAnswer::Parse(value);
+                ++m_generation;
+            }
         }
         answer = R"({"control":"ok"})";
     }
@@ -467,7 +424,7 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
         const bool iocRoute = IocBatchChecker::ParseRoute(uri.getPath()).has_value();
         if (received.rejection.empty() && statusRoute)
         {
-            received.rejection = CheckStatus(received);
+            received.rejection = UploadCheck::Status(received.headers, received.payload);
         }
         if (received.rejection.empty() && !fail && iocRoute)
         {
@@ -518,6 +475,37 @@ void TestReceiver::Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTP
     Answer(response, status, std::move(answer), style);
 }
 
+bool TestReceiver::AnswerHostile(Poco::Net::HTTPServerRequest& request,
+                                 Poco::Net::HTTPServerResponse& response, Received& received)
+{
+    HostileAnswer::Mode mode;
+    std::uint64_t generation = 0;
+    {
+        std::lock_guard lock(m_mutex);
+        mode = m_hostility;
+        generation = m_generation;
+    }
+    if (mode == HostileAnswer::Mode::None || mode == HostileAnswer::Mode::WrongHost)
+    {
+        return false;
+    }
+    received.rejection = std::string("hostile: ") + HostileAnswer::Name(mode);
+    LogRequest(received);
+    {
+        std::lock_guard lock(m_mutex);
+        m_requests.push_back(received);
+    }
+    m_cv.notify_all();
+    HostileAnswer::Send(mode, request, response, m_certificate,
+                        [&](std::chrono::milliseconds pause)
+                        {
+                            std::unique_lock lock(m_mutex);
+                            return !m_cv.wait_for(lock, pause,
+                                                  [&] { return m_stopping || m_generation != generation; });
+                        });
+    return true;
+}
+
 std::string TestReceiver::PayloadKind(bool statusRoute, bool iocRoute, const Received& received)
 {
     if (iocRoute)
@@ -548,7 +536,8 @@ std::string TestReceiver::DescribeRequest(const Received& received)
         line += ", refused: " + received.rejection;
     }
     // A refusal's reason may quote what came in; one request stays one line.
-    std::replace_if(line.begin(), line.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
     return line;
 }
 

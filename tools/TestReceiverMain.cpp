@@ -21,10 +21,13 @@ void Usage(std::ostream& out)
            "         [--customer-id ID] [--agent-id ID] [--fail N] [--fail-status S]\n"
            "         [--stall N] [--stall-ms MS] [--drop-csrv N] [--bad-signature N]\n"
            "         [--request-log FILE] [--print-ioc]\n"
+           "         [--hostile none|trickle|hang|lzma-bomb|reset|wrong-host]\n"
            "       corvid-test-receiver --help | --version\n"
            "  Prints one line per request: \"request: METHOD PATH STATUS SIZE bytes\", then what a\n"
            "  stored payload held or why the request was refused.\n"
-           "  --print-ioc prints every stored IOC event batch, one line per event\n";
+           "  --print-ioc prints every stored IOC event batch, one line per event\n"
+           "  --hostile answers every upload in a hostile way and stores nothing: trickle, hang\n"
+           "  (half a body), lzma-bomb, reset (RST), wrong-host (a certificate for another name)\n";
 }
 
 } // namespace
@@ -91,6 +94,8 @@ int main(int argc, char** argv)
                 badSignature = static_cast<unsigned>(std::stoul(value));
             else if (arg == "--request-log")
                 options.requestLog = value;
+            else if (arg == "--hostile")
+                options.hostility = vantor::tools::HostileAnswer::Parse(value);
             else
             {
                 Usage(std::cerr);

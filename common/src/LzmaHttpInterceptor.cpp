@@ -38,9 +38,12 @@ void LzmaHttpInterceptor::InterceptResponse(MutableHttpResponse& response)
     EDR_LOG_DEBUG("Payload data is " << kEncoding << " compressed.");
     try
     {
+        // Decompressed no further than the response may hold: a small body
+        // can expand without limit.
         const auto* inMemory = dynamic_cast<const InMemoryHttpResponse*>(&response);
-        const std::string plain =
-            util::LzmaDecompress(inMemory != nullptr ? inMemory->PayloadRef() : response.Payload());
+        const std::string plain = inMemory != nullptr
+                                      ? util::LzmaDecompress(inMemory->PayloadRef(), inMemory->MaxPayload())
+                                      : util::LzmaDecompress(response.Payload());
         response.SetPayload(plain);
         response.RemoveHeader("Content-Encoding");
     }

@@ -78,6 +78,7 @@ inline constexpr const char* kIntake = "audit.intake";
 inline constexpr const char* kProcessing = "audit.processing";
 inline constexpr const char* kIocQueue = "ioc.queue";
 inline constexpr const char* kFimSpool = "fim.spool";
+inline constexpr const char* kIocSpool = "ioc.spool";
 inline constexpr const char* kFimContent = "fim.content";
 inline constexpr const char* kFimDocuments = "fim.documents";
 inline constexpr const char* kStatusStore = "status.store";

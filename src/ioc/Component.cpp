@@ -182,6 +182,12 @@ void Component::ApplySpoolSettingsLocked()
     CreateDirectory(directory);
     // A new place or name: the batches spooled so far stay where they are.
     DropBatchPipelineLocked();
+    if (m_spool)
+    {
+        const auto dropped = m_spool->Dropped();
+        m_spoolDroppedBefore.files += dropped.files;
+        m_spoolDroppedBefore.bytes += dropped.bytes;
+    }
     m_spool.reset();
     m_spool = std::make_unique<common::SpoolStorage>(m_scheduler, directory, prefix,
                                                      std::make_unique<common::SpoolRawDataFormatter>(),
@@ -234,6 +240,19 @@ uint64_t Component::GetLostBatchEventCount() const
 {
     std::lock_guard lock(m_mutex);
     return m_lostBefore + (m_batchWriter ? m_batchWriter->LostEvents() : 0);
+}
+
+common::SpoolStorage::DropCount Component::GetSpoolDropCount() const
+{
+    std::lock_guard lock(m_mutex);
+    auto count = m_spoolDroppedBefore;
+    if (m_spool)
+    {
+        const auto dropped = m_spool->Dropped();
+        count.files += dropped.files;
+        count.bytes += dropped.bytes;
+    }
+    return count;
 }
 
 void Component::ApplyManifestsLocked()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/SpoolStorage.h"
 #include "edr/Event.h"
 #include "ioc/Config.h"
 #include "ioc/protobuf/AgentIdentity.h"
@@ -17,7 +18,6 @@ namespace vantor::common
 {
 class HttpUploader;
 class Scheduler;
-class SpoolStorage;
 class SqlStorage;
 } // namespace vantor::common
 
@@ -140,6 +140,9 @@ public:
     // could not be serialized.
     uint64_t GetDroppedEventCount() const;
     uint64_t GetLostBatchEventCount() const;
+    // Batches the spools' disk quota gave up before they were uploaded,
+    // since construction (a spool move keeps the count).
+    common::SpoolStorage::DropCount GetSpoolDropCount() const;
 
     // The CPU and memory limits (percent) of the daemon.
     struct Limits
@@ -204,6 +207,7 @@ private:
     // Losses of earlier batch pipelines (a spool move replaces them).
     uint64_t m_droppedBefore = 0;
     uint64_t m_lostBefore = 0;
+    common::SpoolStorage::DropCount m_spoolDroppedBefore;
 
     mutable std::mutex m_mutex;
     bool m_enabled = false;

@@ -49,7 +49,9 @@ protected:
     // Writes the manifest (its "gateway_url" is set to the receiver) and
     // starts the daemon with it; batches go into Dir()/spool/ioc. The agent
     // and the daemon meet on a socket in Dir(), not on the default one.
-    void StartIocDaemon(const std::string& manifest);
+    // change edits the configuration last.
+    void StartIocDaemon(const std::string& manifest,
+                        const std::function<void(rapidjson::Document&)>& change = {});
 
     // Every batch stored so far, in arrival order; one whose file cannot be
     // parsed yet is left for the next call.

@@ -48,6 +48,12 @@ using namespace std::chrono_literals;
             case 'h':
                 receiver.FailNext(0);
                 break;
+            default:
+                if (c >= '0' && c <= '9')
+                {
+                    receiver.SetHostility(static_cast<tools::HostileAnswer::Mode>(c - '0'));
+                }
+                break;
             }
             if (::write(answer, &c, 1) != 1)
             {
@@ -68,6 +74,7 @@ using namespace std::chrono_literals;
 ReceiverProcess::ReceiverProcess(const std::string& dir, const std::string& hmacKey)
     : m_output(dir + "/received")
     , m_caFile(dir + "/certs/receiver.crt")
+    , m_requestLog(dir + "/requests.log")
 {
     std::filesystem::create_directories(m_output);
     std::filesystem::create_directories(dir + "/certs");
@@ -87,6 +94,7 @@ ReceiverProcess::ReceiverProcess(const std::string& dir, const std::string& hmac
         options.outputDir = m_output;
         options.certDir = dir + "/certs";
         options.hmacKey = hmacKey;
+        options.requestLog = m_requestLog;
         Serve(command[0], answer[1], std::move(options));
     }
     ::close(command[0]);
@@ -132,6 +140,11 @@ void ReceiverProcess::Fail()
 void ReceiverProcess::Heal()
 {
     Tell('h');
+}
+
+void ReceiverProcess::Misbehave(tools::HostileAnswer::Mode mode)
+{
+    Tell(static_cast<char>('0' + static_cast<int>(mode)));
 }
 
 std::string ReceiverProcess::Url(const std::string& path) const

@@ -3,6 +3,8 @@
 // The local HTTPS upload receiver, run in a child process: its server threads
 // would keep a test from leaving its private mount namespace.
 
+#include "tools/HostileAnswer.h"
+
 #include <string>
 #include <sys/types.h>
 
@@ -25,10 +27,15 @@ public:
     void Up();
     void Fail();
     void Heal();
+    // Answers every request in that hostile way from now on (None: as a
+    // well-behaved back end again); returns once the receiver has switched.
+    void Misbehave(tools::HostileAnswer::Mode mode);
 
     std::string Url(const std::string& path) const;
     const std::string& CaFile() const { return m_caFile; }
     const std::string& Output() const { return m_output; }
+    // One line per request (TestReceiver::Options::requestLog).
+    const std::string& RequestLog() const { return m_requestLog; }
     pid_t Pid() const { return m_pid; }
 
 private:
@@ -37,6 +44,7 @@ private:
 
     std::string m_output;
     std::string m_caFile;
+    std::string m_requestLog;
     pid_t m_pid = -1;
     int m_command = -1;
     int m_answer = -1;

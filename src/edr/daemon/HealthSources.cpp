@@ -203,6 +203,12 @@ HealthSources::Sources HealthSources::Ioc(const ioc::Component& ioc)
                            [component]() -> std::optional<Reading> {
                                return Reading{{{"events", component->GetLostBatchEventCount()}}, {}, {}};
                            }));
+    sources.push_back(Make(AHSContext::kIocSpool, AHSStatusCode::kSpoolEvicted, AHSState::Degraded,
+                           [component]() -> std::optional<Reading>
+                           {
+                               const auto dropped = component->GetSpoolDropCount();
+                               return Reading{{{"files", dropped.files}, {"bytes", dropped.bytes}}, {}, {}};
+                           }));
     return sources;
 }
 

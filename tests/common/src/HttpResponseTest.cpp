@@ -1,5 +1,6 @@
 #include "common/HttpDownloadManager.h"
 #include "common/InMemoryHttpResponse.h"
+#include "common/LzmaHttpInterceptor.h"
 #include "common/MutableHttpRequest.h"
 #include "common/util/Base64.h"
 #include "common/util/Lzma.h"
@@ -92,6 +93,26 @@ TEST(HttpResponseTest, LzmaRoundTripAndHostileInput)
     // A small stream that expands beyond the limit is refused, not inflated.
     EXPECT_THROW(vantor::util::LzmaDecompress(vantor::util::LzmaCompress(std::string(1 << 20, 'z')), 1 << 16),
                  vantor::util::LzmaException);
+}
+
+TEST(HttpResponseTest, InMemoryBodyIsBoundedAsReceivedAndDecompressed)
+{
+    InMemoryHttpResponse received(8);
+    received.AppendPayload("1234");
+    received.AppendPayload("5678");
+    EXPECT_EQ(ErrorOf([&] { received.AppendPayload("9"); }), "HttpResponse payload exceeds 8 bytes");
+    EXPECT_EQ(received.Payload(), "12345678");
+
+    // A small answer that the interceptor would expand past the bound.
+    InMemoryHttpResponse bomb(1024);
+    bomb.AddHeader("Content-Encoding", "LZMA");
+    bomb.SetPayload(vantor::util::LzmaCompress(std::string(1025, 'z')));
+    EXPECT_THROW(LzmaHttpInterceptor().InterceptResponse(bomb), HttpInterceptorException);
+    InMemoryHttpResponse fits(1024);
+    fits.AddHeader("Content-Encoding", "LZMA");
+    fits.SetPayload(vantor::util::LzmaCompress(std::string(1024, 'z')));
+    LzmaHttpInterceptor().InterceptResponse(fits);
+    EXPECT_EQ(fits.Payload(), std::string(1024, 'z'));
 }
 
 TEST(HttpResponseTest, Base64RoundTripAndRejection)

@@ -1,0 +1,262 @@
+// Both spools on a small, full disk: the shipped daemon, started by the
+// stand-in agent, spools FIM documents and IOC batches of the same file
+// creates onto a tmpfs while the receiver is down. Past their quota the
+// oldest files go and are counted in health-status records; while the disk
+// is full, what is accepted waits in memory within the quota; once space
+// and the receiver return, what the quota kept arrives exactly once, with
+// later documents behind it.
+
+#include "tests/support/IocEndToEndFixture.h"
+#include "tests/support/TmpfsMount.h"
+
+#include "common/util/Json.h"
+
+#include <gtest/gtest.h>
+
+#include <rapidjson/document.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vantor::edr
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+using test::EventuallyWithTraffic;
+using test::ReadText;
+
+const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
+
+constexpr std::size_t kQuota = 1024 * 1024; // max_disk_size_mb 1, the smallest
+constexpr std::size_t kMaxFileKb = 256;
+// Room for both quotas and the spools' bookkeeping, no more.
+constexpr std::size_t kTmpfsKb = 4 * 1024;
+// Each document names a path of some 2 KB, so that a few hundred files
+// overrun a quota: the first batch twice over, the one made while the disk
+// is full well within it.
+constexpr int kBeforeFull = 700;
+constexpr int kWhileFull = 100;
+constexpr int kAfter = 10;
+
+class SpoolFullDiskProcessTest : public test::IocEndToEndFixture
+{
+protected:
+    void SetUp() override
+    {
+        IocEndToEndFixture::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+        {
+            return;
+        }
+        m_tmpfs = std::make_unique<test::TmpfsMount>();
+        if (const std::string skip = m_tmpfs->Mount(m_harness.Dir() + "/small", kTmpfsKb); !skip.empty())
+        {
+            GTEST_SKIP() << skip;
+        }
+        // Eight levels of 250 characters, within FIM's depth limit.
+        m_deep = m_watched;
+        for (char c = 'a'; c < 'a' + 8; ++c)
+        {
+            m_deep += "/" + std::string(250, c);
+        }
+        std::filesystem::create_directories(m_deep);
+        for (const char* spool : {"/fim", "/ioc"})
+        {
+            std::filesystem::create_directories(m_tmpfs->Path() + spool);
+        }
+    }
+
+    void TearDown() override
+    {
+        IocEndToEndFixture::TearDown();
+        m_tmpfs.reset();
+    }
+
+    std::string Name(int i) const { return m_deep + "/f" + std::to_string(i); }
+
+    void Create(int from, int to)
+    {
+        for (int i = from; i < to; ++i)
+        {
+            std::ofstream(Name(i)) << i;
+        }
+    }
+
+    // Notes the spools' disk usage; answers the smaller and the larger one.
+    std::pair<std::size_t, std::size_t> Watch()
+    {
+        const auto fim = test::TmpfsMount::Usage(m_tmpfs->Path() + "/fim");
+        const auto ioc = test::TmpfsMount::Usage(m_tmpfs->Path() + "/ioc");
+        m_peak = std::max({m_peak, fim, ioc});
+        return std::minmax(fim, ioc);
+    }
+
+    // Indices of the files whose FIM document / IOC event arrived, with the
+    // number of times each did.
+    std::vector<int> Arrivals(bool ioc)
+    {
+        std::vector<int> counts(kBeforeFull + kWhileFull + kAfter, 0);
+        const auto note = [&](const std::string& path)
+        {
+            if (path.rfind(m_deep + "/f", 0) == 0)
+            {
+                const int i = std::atoi(path.c_str() + m_deep.size() + 2);
+                if (i >= 0 && i < static_cast<int>(counts.size()))
+                {
+                    ++counts[static_cast<size_t>(i)];
+                }
+            }
+        };
+        if (ioc)
+        {
+            for (const auto& event : Events())
+            {
+                note(event.kind == "fileEvent" ? event.target : std::string());
+            }
+        }
+        else
+        {
+            for (const auto& doc : Received())
+            {
+                note(doc.action == "create" ? doc.path : std::string());
+            }
+        }
+        return counts;
+    }
+
+    // The files that the quota records of a context the receiver stored
+    // count (each record counts those since the one before).
+    uint64_t EvictedFiles(const std::string& contextId) const
+    {
+        uint64_t total = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(m_receiver->Output()))
+        {
+            rapidjson::Document payload;
+            if (entry.path().extension() != ".status" || !util::ParseJson(payload, ReadText(entry.path())) ||
+                !payload.IsObject() || !payload.HasMember("status") || !payload["status"].IsArray())
+            {
+                continue;
+            }
+            for (const auto& record : payload["status"].GetArray())
+            {
+                if (util::GetString(record, "contextId") != contextId || !record.HasMember("statusCode") ||
+                    !record["statusCode"].IsInt64() || record["statusCode"].GetInt64() != 3009)
+                {
+                    continue;
+                }
+                rapidjson::Document fields;
+                const auto it = record.FindMember("additionalFields");
+                if (it == record.MemberEnd())
+                {
+                    continue;
+                }
+                const rapidjson::Value* object = &it->value;
+                if (it->value.IsString())
+                {
+                    util::ParseJson(fields, it->value.GetString());
+                    object = &fields;
+                }
+                if (object->IsObject() && object->HasMember("files") && (*object)["files"].IsUint64())
+                {
+                    total += (*object)["files"].GetUint64();
+                }
+            }
+        }
+        return total;
+    }
+
+    std::unique_ptr<test::TmpfsMount> m_tmpfs;
+    std::string m_deep;
+    std::size_t m_peak = 0;
+};
+
+// Unfinished: IOC goes through every phase, but FIM spools documents for only
+// some 35 of the first 700 creates under the deep directory, so its spool
+// never reaches the quota and the last wait fails. Disabled until that is
+// understood (a FIM limit, or the workload's shape).
+TEST_F(SpoolFullDiskProcessTest, DISABLED_QuotaEvictsOldestCountsThemAndTheRestArrivesOnceSpaceReturns)
+{
+    const std::string spools = m_tmpfs->Path() + "/";
+    ASSERT_NO_FATAL_FAILURE(StartIocDaemon(
+        R"({"policyVersion": "2.0.0", "policyId": "full-disk", "productId": "corvid-edr",
+        "heuristicsEnabled": false, "globalSettings": {"maxFileSizeToProcess": 52428800, "tags": {"thresholdScore": 0}},
+        "rules": [{"ruleId": "full-disk-creates", "ruleType": "Directory", "path": ")" +
+            m_deep + R"(", "notify": ["create"]}]})",
+        [&](rapidjson::Document& config)
+        {
+            for (const char* section : {"fim_config", "ioc_config"})
+            {
+                auto& component = config[section];
+                test::SetString(config, component, "event_file_path", spools);
+                component["max_disk_size_mb"].SetUint(1);
+                component["max_file_size_kb"].SetUint(kMaxFileKb);
+            }
+            config["edr_config"].AddMember("status_upload_interval", 1, config.GetAllocator());
+        }));
+    ASSERT_NO_FATAL_FAILURE(m_receiver->Down());
+    Create(0, kBeforeFull);
+    ASSERT_TRUE(EventuallyWithTraffic(
+        [&]
+        { return Watch().first > kQuota / 2 && m_harness.LogContains("SpoolStorage: Cleanup completed."); },
+        Nudge))
+        << m_harness.Log();
+
+    m_tmpfs->Fill();
+    Create(kBeforeFull, kBeforeFull + kWhileFull);
+    ASSERT_TRUE(EventuallyWithTraffic(
+        [&]
+        {
+            Watch();
+            return m_harness.LogContains("bytes in memory");
+        },
+        Nudge))
+        << m_harness.Log();
+
+    m_tmpfs->Free();
+    ASSERT_NO_FATAL_FAILURE(m_receiver->Up());
+    const int total = kBeforeFull + kWhileFull + kAfter;
+    Create(kBeforeFull + kWhileFull, total);
+    // What the quota kept is the newest: from some file on, all of them.
+    const auto keptTail = [&](const std::vector<int>& counts)
+    {
+        const auto first = std::find_if(counts.begin(), counts.end(), [](int n) { return n > 0; });
+        return first != counts.begin() && first != counts.end() &&
+               std::all_of(first, counts.end(), [](int n) { return n == 1; });
+    };
+    ASSERT_TRUE(EventuallyWithTraffic(
+        [&]
+        {
+            return Arrivals(false)[total - 1] > 0 && Arrivals(true)[total - 1] > 0 && Watch().second == 0 &&
+                   EvictedFiles("fim.spool") > 0 && EvictedFiles("ioc.spool") > 0;
+        },
+        Nudge))
+        << m_harness.Log();
+    for (const bool ioc : {false, true})
+    {
+        const auto counts = Arrivals(ioc);
+        std::string seen;
+        for (const int n : counts)
+        {
+            seen += static_cast<char>('0' + std::min(n, 9));
+        }
+        EXPECT_TRUE(keptTail(counts)) << (ioc ? "ioc: " : "fim: ") << seen;
+        // Nothing accepted within the quota while the disk was full is lost.
+        EXPECT_TRUE(std::all_of(counts.begin() + kBeforeFull, counts.end(), [](int n) { return n == 1; }))
+            << seen;
+    }
+    EXPECT_LE(m_peak, kQuota + kMaxFileKb * 1024);
+    std::cout << "evicted files: fim " << EvictedFiles("fim.spool") << ", ioc " << EvictedFiles("ioc.spool")
+              << "; largest spool on disk " << m_peak << " bytes" << std::endl;
+    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
+}
+
+} // namespace
+} // namespace vantor::edr
