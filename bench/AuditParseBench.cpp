@@ -8,7 +8,9 @@
 //  - BM_AuparseFloor: libauparse in feed mode with a callback that only walks
 //    every record and field (names and values read).
 //  - BM_AuparseFeedBuilder: AuparseFeed + AuditEventBuilder, the real intake:
-//    typed events built (paths resolved, stat of the objects) and destroyed.
+//    typed events built (paths resolved, stat of the objects) and destroyed;
+//    arg "as_received" 1: the records fed to libauparse as they came
+//    instead of grouped by event first.
 // After the runs the ratio of their CPU per event and the peak RSS are
 // printed.
 
@@ -57,7 +59,8 @@ const Corpus& TheCorpus()
 
 // CPU ns per corpus event of the last run of each benchmark, by corpus.
 double g_floorNsPerEvent[2] = {0, 0};
-double g_intakeNsPerEvent[2] = {0, 0};
+// By corpus, then by grouping (0 by event, 1 as received).
+double g_intakeNsPerEvent[2][2] = {{0, 0}, {0, 0}};
 
 void BM_AuparseFloor(benchmark::State& state)
 {
@@ -69,6 +72,9 @@ void BM_AuparseFloor(benchmark::State& state)
 void BM_AuparseFeedBuilder(benchmark::State& state)
 {
     const auto interleaved = static_cast<size_t>(state.range(0));
+    const auto asReceived = static_cast<size_t>(state.range(1));
+    const auto grouping = asReceived != 0 ? vantor::audit::AuparseFeed::Grouping::AsReceived
+                                          : vantor::audit::AuparseFeed::Grouping::ByEvent;
     const std::string& text = TheCorpus().texts[interleaved];
     auto magic = std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase);
     vantor::audit::AuditEventBuilder builder(magic);
@@ -79,7 +85,7 @@ void BM_AuparseFeedBuilder(benchmark::State& state)
     {
         const double before = vantor::bench::ResourceUsage::ProcessCpuSeconds();
         built = 0;
-        vantor::audit::AuparseFeed feed(builder);
+        vantor::audit::AuparseFeed feed(builder, nullptr, grouping);
         for (size_t at = 0; at < text.size(); at += AuparseFloor::kChunkSize)
         {
             built += feed.Feed(data + at, std::min(AuparseFloor::kChunkSize, text.size() - at)).size();
@@ -88,9 +94,9 @@ void BM_AuparseFeedBuilder(benchmark::State& state)
         cpu += vantor::bench::ResourceUsage::ProcessCpuSeconds() - before;
     }
     const auto events = static_cast<double>(kEvents) * static_cast<double>(state.iterations());
-    g_intakeNsPerEvent[interleaved] = cpu * 1e9 / events;
+    g_intakeNsPerEvent[interleaved][asReceived] = cpu * 1e9 / events;
     state.SetItemsProcessed(static_cast<int64_t>(events));
-    state.counters["cpu_ns_per_event"] = g_intakeNsPerEvent[interleaved];
+    state.counters["cpu_ns_per_event"] = g_intakeNsPerEvent[interleaved][asReceived];
     state.counters["typed_events"] = static_cast<double>(built);
 }
 
@@ -102,9 +108,8 @@ BENCHMARK(BM_AuparseFloor)
     ->UseRealTime()
     ->MinTime(2.0);
 BENCHMARK(BM_AuparseFeedBuilder)
-    ->ArgName("interleaved")
-    ->Arg(0)
-    ->Arg(1)
+    ->ArgNames({"interleaved", "as_received"})
+    ->ArgsProduct({{0, 1}, {0, 1}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->MinTime(2.0);
@@ -164,14 +169,17 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks();
     for (size_t interleaved = 0; interleaved < 2; ++interleaved)
     {
-        if (g_floorNsPerEvent[0] > 0 && g_intakeNsPerEvent[interleaved] > 0)
+        for (size_t asReceived = 0; asReceived < 2; ++asReceived)
         {
-            std::printf(
-                "CPU per event (%s): floor %.0f ns (contiguous), %.0f ns (same text), intake %.0f ns, "
-                "intake/contiguous floor %.2f\n",
-                interleaved != 0 ? "interleaved" : "contiguous", g_floorNsPerEvent[0],
-                g_floorNsPerEvent[interleaved], g_intakeNsPerEvent[interleaved],
-                g_intakeNsPerEvent[interleaved] / g_floorNsPerEvent[0]);
+            const double intake = g_intakeNsPerEvent[interleaved][asReceived];
+            if (g_floorNsPerEvent[0] > 0 && intake > 0)
+            {
+                std::printf("CPU per event (%s, %s): floor %.0f ns (contiguous), %.0f ns (same text), intake "
+                            "%.0f ns, intake/contiguous floor %.2f\n",
+                            interleaved != 0 ? "interleaved" : "contiguous",
+                            asReceived != 0 ? "as received" : "grouped by event", g_floorNsPerEvent[0],
+                            g_floorNsPerEvent[interleaved], intake, intake / g_floorNsPerEvent[0]);
+            }
         }
     }
     std::printf("peak RSS: %llu KB\n", static_cast<unsigned long long>(ResourceUsage::PeakRssKb()));
