@@ -39,10 +39,20 @@ ProcessTree::ProcessTree(std::string procRoot, PseudoEventFactory makeRunningEve
 {
 }
 
-bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents)
+bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents,
+                                  const Match* lineageMatch, std::optional<bool>* lineageMatched)
 {
     const edr::EventType type = event->GetType();
     std::lock_guard lock(m_mutex);
+    // Answered last, when the tree knows the event's actor.
+    const auto answerLineage = [&]
+    {
+        if (lineageMatch != nullptr && lineageMatched != nullptr)
+        {
+            *lineageMatched = ActorLineageMatches(*event, *lineageMatch);
+        }
+        return true;
+    };
     if (type == edr::EventType::Clone)
     {
         const auto* clone = dynamic_cast<const internal::CloneEvent*>(event.get());
@@ -63,7 +73,7 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
     if (type == edr::EventType::AbnormalEnd)
     {
         AttachActor(*event, event->GetActorProcessId());
-        return true;
+        return answerLineage();
     }
     if (type == edr::EventType::Exit)
     {
@@ -74,7 +84,7 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
             it->second.terminated = true;
         }
         m_cloneCache.erase(pid);
-        return true;
+        return answerLineage();
     }
 
     const bool processStart = CategoryOf(*event) == kProcessStartCategory;
@@ -94,7 +104,30 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
     // is the actor found above (its pid may have been rewritten from a
     // thread id).
     AttachActor(*event, event->GetActorProcessId());
-    return true;
+    return answerLineage();
+}
+
+std::optional<bool> ProcessTree::ActorLineageMatches(const edr::Event& event, const Match& match)
+{
+    // The actor the tree named for this event; for an exit it is already
+    // marked terminated in the tree.
+    const auto* auditEvent = dynamic_cast<const internal::Event*>(&event);
+    if (const internal::Event::ProcessPtr actor =
+            auditEvent != nullptr ? auditEvent->GetActorProcess() : nullptr)
+    {
+        return WalkLineage(*actor, match);
+    }
+    pid_t pid = 0;
+    try
+    {
+        pid = event.GetActorProcessId();
+    }
+    catch (const edr::EventException&)
+    {
+        return std::nullopt;
+    }
+    const Entry* entry = FindLive(pid);
+    return entry != nullptr && WalkLineage(*entry->info, match);
 }
 
 void ProcessTree::AttachActor(edr::Event& event, pid_t pid)

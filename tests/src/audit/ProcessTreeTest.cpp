@@ -224,6 +224,33 @@ TEST_F(ProcessTreeTest, ExecveReplacesTheEntryAndProcessStartLooksUpTheParent)
     EXPECT_EQ(lineage[1]->GetPid(), 700);
 }
 
+TEST_F(ProcessTreeTest, TheUpdateAnswersTheActorsLineageUnderItsOwnLock)
+{
+    m_proc.AddProcess(900, 1, "/usr/bin/tool", 10);
+    m_proc.AddProcess(901, 900, "/usr/bin/bash", 20);
+    m_proc.AddProcess(902, 1, "/usr/bin/other", 30);
+    const ProcessTree::Match isTool = [](const ProcessInfo& p) { return p.GetImage() == "/usr/bin/tool"; };
+    const struct
+    {
+        pid_t pid;
+        std::optional<bool> expected;
+    } cases[] = {
+        {901, true},   // child of the tool
+        {902, false},  // unrelated
+        {900, true},   // the tool itself
+        {4444, false}, // unknown anywhere
+    };
+    for (const auto& c : cases)
+    {
+        std::unique_ptr<edr::Event> event = MakeEvent(EventType::Write, c.pid);
+        ProcessTree::Events pseudo;
+        std::optional<bool> matched;
+        EXPECT_TRUE(m_tree.UpdateFromEvent(event, pseudo, &isTool, &matched));
+        EXPECT_EQ(matched, c.expected) << c.pid;
+        EXPECT_EQ(matched, m_tree.AnyInLineage(c.pid, isTool)) << c.pid;
+    }
+}
+
 TEST_F(ProcessTreeTest, ExitRemovesTheEntryAtCleaningButKeepsParentsOfLiveChildren)
 {
     m_proc.AddProcess(800, 1, "/usr/bin/parent", 10);
