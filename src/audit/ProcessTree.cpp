@@ -159,7 +159,10 @@ ProcessTree::Entry* ProcessTree::FindOrCreateActor(pid_t pid, edr::Event& event,
     }
     EDR_LOG_TRACE("Not found Actor PID: " << pid << " in process tree, creating actor process");
 
-    if (!processStart)
+    // A pid that /proc did not know when last asked is not asked again
+    // before the next cleaning: every event of a process gone unseen would
+    // cost failed reads otherwise.
+    if (!processStart && m_notInProc.count(pid) == 0)
     {
         // /proc answers a thread id too; its Tgid tells the process.
         if (const auto status = m_procFs.ReadStatus(pid); status && status->tgid > 0 && status->tgid != pid)
@@ -180,8 +183,11 @@ ProcessTree::Entry* ProcessTree::FindOrCreateActor(pid_t pid, edr::Event& event,
         return entry;
     }
     // The event describes its actor only when the actor is the event's own
-    // process, never for a process start (whose actor is the parent).
-    if (!processStart && event.GetActorProcessId() == pid)
+    // process, never for a process start (whose actor is the parent), and
+    // only an exec or a fork describes a process.
+    const edr::EventType type = event.GetType();
+    if (!processStart && event.GetActorProcessId() == pid &&
+        (type == edr::EventType::Running || type == edr::EventType::Clone))
     {
         if (Entry* entry = CreateFromEvent(pid, event))
         {

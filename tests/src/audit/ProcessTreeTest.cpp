@@ -98,6 +98,23 @@ TEST_F(ProcessTreeTest, AnEndedParentIsAskedOfProcOnlyOnceBetweenCleanings)
     EXPECT_EQ(m_tree.GetAncestors(4300).size(), 2U);
 }
 
+TEST_F(ProcessTreeTest, AnActorGoneFromProcIsNotAskedForAgainBeforeTheNextCleaning)
+{
+    Apply(m_tree, MakeEvent(EventType::Write, 5001));
+    EXPECT_FALSE(m_tree.GetProcess(5001));
+    // It shows up, as a thread of another process; not asked for until the
+    // tree is cleaned.
+    m_proc.AddProcess(5000, 1, "/usr/bin/server", 100);
+    m_proc.AddProcess(5001, 1, "/usr/bin/server", 100, {}, 5000);
+    std::unique_ptr<edr::Event> write = MakeEvent(EventType::Write, 5001);
+    Apply(m_tree, write);
+    EXPECT_EQ(write->GetActorProcessId(), 5001);
+    m_tree.Clean();
+    Apply(m_tree, write);
+    EXPECT_EQ(write->GetActorProcessId(), 5000) << "the thread id is mapped after the cleaning";
+    EXPECT_FALSE(m_log.Contains("Failed to create process from")) << "a write describes no process";
+}
+
 TEST_F(ProcessTreeTest, ReusedPidIsNotTakenForTheOldProcess)
 {
     m_proc.AddProcess(4242, 1, "/usr/bin/old", 100);
