@@ -1,5 +1,7 @@
 #include "audit/RecordRegrouper.h"
 
+#include "audit/AuditTables.h"
+
 #include <libaudit.h>
 
 #include <algorithm>
@@ -13,39 +15,6 @@ namespace
 {
 
 constexpr size_t kInitialBuckets = 256;
-
-int TypeOf(std::string_view name)
-{
-    // The names of nearly every record, without libaudit's lookup.
-    if (name == "SYSCALL")
-    {
-        return AUDIT_SYSCALL;
-    }
-    if (name == "PATH")
-    {
-        return AUDIT_PATH;
-    }
-    if (name == "CWD")
-    {
-        return AUDIT_CWD;
-    }
-    if (name == "PROCTITLE")
-    {
-        return AUDIT_PROCTITLE;
-    }
-    if (name == "EOE")
-    {
-        return AUDIT_EOE;
-    }
-    char buffer[64];
-    if (name.empty() || name.size() >= sizeof buffer)
-    {
-        return -1;
-    }
-    name.copy(buffer, name.size());
-    buffer[name.size()] = '\0';
-    return ::audit_name_to_msg_type(buffer);
-}
 
 // The record types after which libauparse takes an event as complete.
 bool EndsEvent(int type)
@@ -111,8 +80,8 @@ void RecordRegrouper::Add(std::string_view line)
     }
     const size_t nameAt = typeAt + 5;
     const size_t nameEnd = line.find(' ', nameAt);
-    const int type =
-        TypeOf(line.substr(nameAt, (nameEnd == std::string_view::npos ? line.size() : nameEnd) - nameAt));
+    const int type = AuditTables::RecordType(
+        line.substr(nameAt, (nameEnd == std::string_view::npos ? line.size() : nameEnd) - nameAt));
 
     if (const int32_t index = Find(stamp); index >= 0)
     {
