@@ -4,6 +4,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -309,22 +310,27 @@ void AuditCorpus::MatchInodes()
     }
 }
 
-void AuditCorpus::AppendEvent(std::string& out, const Template& event, size_t index, uint32_t serial) const
+void AuditCorpus::AppendLine(std::string& out, const Line& line, size_t index, uint32_t serial) const
 {
     const uint64_t millis = kFirstMillis + index / kEventsPerMilli;
     char stamp[48];
     const int length =
         std::snprintf(stamp, sizeof stamp, "%llu.%03llu:%u", static_cast<unsigned long long>(millis / 1000),
                       static_cast<unsigned long long>(millis % 1000), serial);
+    out += line.head;
+    out.append(stamp, static_cast<size_t>(length));
+    out += line.tail;
+}
+
+void AuditCorpus::AppendEvent(std::string& out, const Template& event, size_t index, uint32_t serial) const
+{
     for (const auto& line : event)
     {
-        out += line.head;
-        out.append(stamp, static_cast<size_t>(length));
-        out += line.tail;
+        AppendLine(out, line, index, serial);
     }
 }
 
-std::string AuditCorpus::Generate(size_t eventCount, uint32_t firstSerial) const
+std::string AuditCorpus::Generate(size_t eventCount, uint32_t firstSerial, size_t interleave) const
 {
     size_t bytesPerCycle = 0;
     for (const auto& event : m_templates)
@@ -336,9 +342,23 @@ std::string AuditCorpus::Generate(size_t eventCount, uint32_t firstSerial) const
     }
     std::string out;
     out.reserve(bytesPerCycle * (eventCount / m_templates.size() + 1));
-    for (size_t i = 0; i < eventCount; ++i)
+    interleave = std::max<size_t>(interleave, 1);
+    for (size_t first = 0; first < eventCount; first += interleave)
     {
-        AppendEvent(out, m_templates[i % m_templates.size()], i, firstSerial + static_cast<uint32_t>(i));
+        const size_t last = std::min(eventCount, first + interleave);
+        for (size_t record = 0, written = 1; written > 0; ++record)
+        {
+            written = 0;
+            for (size_t i = first; i < last; ++i)
+            {
+                const Template& event = m_templates[i % m_templates.size()];
+                if (record < event.size())
+                {
+                    AppendLine(out, event[record], i, firstSerial + static_cast<uint32_t>(i));
+                    ++written;
+                }
+            }
+        }
     }
     return out;
 }

@@ -36,8 +36,11 @@ public:
     AuditCorpus& operator=(const AuditCorpus&) = delete;
 
     // Raw audit text of eventCount events, serials from firstSerial on, 10
-    // events per millisecond; one record per line.
-    std::string Generate(size_t eventCount, uint32_t firstSerial) const;
+    // events per millisecond; one record per line. With interleave above 1
+    // the records of each run of that many events are mixed, one record of
+    // each unfinished event in turn, as the kernel sends them when calls on
+    // several CPUs end at once; every event keeps its records' order.
+    std::string Generate(size_t eventCount, uint32_t firstSerial, size_t interleave = 1) const;
 
     // One event that follows a run of Generate(eventCount, firstSerial): a
     // chmod of a file in the data directory with the serial
@@ -71,6 +74,7 @@ private:
     void BuildTree();
     void MatchInodes();
     void AppendEvent(std::string& out, const Template& event, size_t index, uint32_t serial) const;
+    void AppendLine(std::string& out, const Line& line, size_t index, uint32_t serial) const;
 
     std::string m_root;
     std::vector<Template> m_templates;

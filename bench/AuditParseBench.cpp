@@ -2,11 +2,15 @@
 // libauparse itself sets.
 //
 // The corpus: 100,000 events replicated from the records captured on this
-// kernel, renumbered, held in memory and fed in 64 KiB chunks.
+// kernel, renumbered, held in memory and fed in 64 KiB chunks; arg
+// "interleaved" 1: the records of every 8 events mixed, as a busy host sends
+// them.
 //  - BM_AuparseFloor: libauparse in feed mode with a callback that only walks
 //    every record and field (names and values read).
 //  - BM_AuparseFeedBuilder: AuparseFeed + AuditEventBuilder, the real intake:
-//    typed events built (paths resolved, stat of the objects) and destroyed.
+//    typed events built (paths resolved, stat of the objects) and destroyed;
+//    arg "as_received" 1: the records fed to libauparse as they came
+//    instead of grouped by event first.
 // After the runs the ratio of their CPU per event and the peak RSS are
 // printed.
 
@@ -38,10 +42,13 @@ constexpr size_t kEvents = 100000;
 constexpr uint32_t kFirstSerial = 1000;
 constexpr const char* kMagicDatabase = "/usr/share/misc/magic.mgc";
 
+constexpr size_t kInterleave = 8;
+
 struct Corpus
 {
     AuditCorpus corpus{CORVID_SOURCE_DIR "/tests/fixtures/audit"};
-    std::string text = corpus.Generate(kEvents, kFirstSerial);
+    std::string texts[2] = {corpus.Generate(kEvents, kFirstSerial),
+                            corpus.Generate(kEvents, kFirstSerial, kInterleave)};
 };
 
 const Corpus& TheCorpus()
@@ -50,18 +57,25 @@ const Corpus& TheCorpus()
     return corpus;
 }
 
-// CPU ns per corpus event of the last run of each benchmark.
-double g_floorNsPerEvent = 0;
-double g_intakeNsPerEvent = 0;
+// CPU ns per corpus event of the last run of each benchmark, by corpus.
+double g_floorNsPerEvent[2] = {0, 0};
+// By corpus, then by grouping (0 by event, 1 as received).
+double g_intakeNsPerEvent[2][2] = {{0, 0}, {0, 0}};
 
 void BM_AuparseFloor(benchmark::State& state)
 {
-    g_floorNsPerEvent = vantor::bench::AuparseFloor::Measure(state, TheCorpus().text, kEvents);
+    const auto interleaved = static_cast<size_t>(state.range(0));
+    g_floorNsPerEvent[interleaved] =
+        vantor::bench::AuparseFloor::Measure(state, TheCorpus().texts[interleaved], kEvents);
 }
 
 void BM_AuparseFeedBuilder(benchmark::State& state)
 {
-    const std::string& text = TheCorpus().text;
+    const auto interleaved = static_cast<size_t>(state.range(0));
+    const auto asReceived = static_cast<size_t>(state.range(1));
+    const auto grouping = asReceived != 0 ? vantor::audit::AuparseFeed::Grouping::AsReceived
+                                          : vantor::audit::AuparseFeed::Grouping::ByEvent;
+    const std::string& text = TheCorpus().texts[interleaved];
     auto magic = std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase);
     vantor::audit::AuditEventBuilder builder(magic);
     const auto* data = reinterpret_cast<const uint8_t*>(text.data());
@@ -71,7 +85,7 @@ void BM_AuparseFeedBuilder(benchmark::State& state)
     {
         const double before = vantor::bench::ResourceUsage::ProcessCpuSeconds();
         built = 0;
-        vantor::audit::AuparseFeed feed(builder);
+        vantor::audit::AuparseFeed feed(builder, nullptr, grouping);
         for (size_t at = 0; at < text.size(); at += AuparseFloor::kChunkSize)
         {
             built += feed.Feed(data + at, std::min(AuparseFloor::kChunkSize, text.size() - at)).size();
@@ -80,14 +94,25 @@ void BM_AuparseFeedBuilder(benchmark::State& state)
         cpu += vantor::bench::ResourceUsage::ProcessCpuSeconds() - before;
     }
     const auto events = static_cast<double>(kEvents) * static_cast<double>(state.iterations());
-    g_intakeNsPerEvent = cpu * 1e9 / events;
+    g_intakeNsPerEvent[interleaved][asReceived] = cpu * 1e9 / events;
     state.SetItemsProcessed(static_cast<int64_t>(events));
-    state.counters["cpu_ns_per_event"] = g_intakeNsPerEvent;
+    state.counters["cpu_ns_per_event"] = g_intakeNsPerEvent[interleaved][asReceived];
     state.counters["typed_events"] = static_cast<double>(built);
 }
 
-BENCHMARK(BM_AuparseFloor)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
-BENCHMARK(BM_AuparseFeedBuilder)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_AuparseFloor)
+    ->ArgName("interleaved")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MinTime(2.0);
+BENCHMARK(BM_AuparseFeedBuilder)
+    ->ArgNames({"interleaved", "as_received"})
+    ->ArgsProduct({{0, 1}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MinTime(2.0);
 
 // What the intake makes of the corpus, once, untimed.
 void PrintCorpus()
@@ -95,7 +120,7 @@ void PrintCorpus()
     const Corpus& corpus = TheCorpus();
     std::printf("corpus: %zu events (%zu distinct, %.1f records each), %.1f MB of text\n", kEvents,
                 corpus.corpus.TemplateCount(), corpus.corpus.RecordsPerEvent(),
-                static_cast<double>(corpus.text.size()) / 1e6);
+                static_cast<double>(corpus.texts[0].size()) / 1e6);
     vantor::audit::AuditEventBuilder builder(
         std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase));
     vantor::audit::AuparseFeed feed(builder);
@@ -116,10 +141,11 @@ void PrintCorpus()
             }
         }
     };
-    const auto* data = reinterpret_cast<const uint8_t*>(corpus.text.data());
-    for (size_t at = 0; at < corpus.text.size(); at += AuparseFloor::kChunkSize)
+    const std::string& text = corpus.texts[0];
+    const auto* data = reinterpret_cast<const uint8_t*>(text.data());
+    for (size_t at = 0; at < text.size(); at += AuparseFloor::kChunkSize)
     {
-        count(feed.Feed(data + at, std::min(AuparseFloor::kChunkSize, corpus.text.size() - at)));
+        count(feed.Feed(data + at, std::min(AuparseFloor::kChunkSize, text.size() - at)));
     }
     count(feed.Flush());
     std::printf("typed events: %zu:", total);
@@ -141,10 +167,20 @@ int main(int argc, char** argv)
     }
     PrintCorpus();
     benchmark::RunSpecifiedBenchmarks();
-    if (g_floorNsPerEvent > 0 && g_intakeNsPerEvent > 0)
+    for (size_t interleaved = 0; interleaved < 2; ++interleaved)
     {
-        std::printf("CPU per event: floor %.0f ns, intake %.0f ns, intake/floor %.2f\n", g_floorNsPerEvent,
-                    g_intakeNsPerEvent, g_intakeNsPerEvent / g_floorNsPerEvent);
+        for (size_t asReceived = 0; asReceived < 2; ++asReceived)
+        {
+            const double intake = g_intakeNsPerEvent[interleaved][asReceived];
+            if (g_floorNsPerEvent[0] > 0 && intake > 0)
+            {
+                std::printf("CPU per event (%s, %s): floor %.0f ns (contiguous), %.0f ns (same text), intake "
+                            "%.0f ns, intake/contiguous floor %.2f\n",
+                            interleaved != 0 ? "interleaved" : "contiguous",
+                            asReceived != 0 ? "as received" : "grouped by event", g_floorNsPerEvent[0],
+                            g_floorNsPerEvent[interleaved], intake, intake / g_floorNsPerEvent[0]);
+            }
+        }
     }
     std::printf("peak RSS: %llu KB\n", static_cast<unsigned long long>(ResourceUsage::PeakRssKb()));
     benchmark::Shutdown();

@@ -12,8 +12,9 @@
 // including the writer), and, printed at the end, the peak RSS and the bare
 // libauparse floor over the same text for comparison.
 //
-// Arg 0: no process tree (clone events then go nowhere); arg 1: with the
-// process tree over /proc.
+// Arg process_tree 0: no process tree (clone events then go nowhere); 1: with
+// the process tree over /proc. Arg interleaved 1: the records of every 8
+// events mixed, as a busy host sends them.
 
 #include "bench/AuditCorpus.h"
 #include "bench/AuparseFloor.h"
@@ -57,11 +58,15 @@ constexpr uint32_t kFirstSerial = 1000;
 constexpr const char* kMagicDatabase = "/usr/share/misc/magic.mgc";
 constexpr const char* kTag = "bench";
 
+constexpr size_t kInterleave = 8;
+
 struct Corpus
 {
     AuditCorpus corpus{CORVID_SOURCE_DIR "/tests/fixtures/audit"};
     // One pass: the events and the end marker.
-    std::string text = corpus.Generate(kEvents, kFirstSerial) + corpus.EndMarker(kEvents, kFirstSerial);
+    std::string texts[2] = {corpus.Generate(kEvents, kFirstSerial) + corpus.EndMarker(kEvents, kFirstSerial),
+                            corpus.Generate(kEvents, kFirstSerial, kInterleave) +
+                                corpus.EndMarker(kEvents, kFirstSerial)};
     uint32_t endSerial = corpus.EndMarkerSerial(kEvents, kFirstSerial);
 };
 
@@ -189,11 +194,13 @@ private:
 };
 
 double g_floorNsPerEvent = 0;
-double g_pipelineNsPerEvent[2] = {0, 0};
+// By process tree, then by corpus.
+double g_pipelineNsPerEvent[2][2] = {{0, 0}, {0, 0}};
 
 void BM_CapturePipeline(benchmark::State& state)
 {
     const bool withTree = state.range(0) != 0;
+    const auto interleaved = static_cast<size_t>(state.range(1));
     const Corpus& corpus = TheCorpus();
     auto tree = withTree ? std::make_shared<vantor::audit::ProcessTree>() : nullptr;
     EventRouter router;
@@ -228,7 +235,7 @@ void BM_CapturePipeline(benchmark::State& state)
     const double cpuBefore = ResourceUsage::CpuSeconds();
     for (auto _ : state)
     {
-        dispatcher.Send(corpus.text);
+        dispatcher.Send(corpus.texts[interleaved]);
         if (!watch.WaitForEnds(++passes, std::chrono::seconds(60)))
         {
             stalled = true;
@@ -244,7 +251,7 @@ void BM_CapturePipeline(benchmark::State& state)
     const double events = static_cast<double>(kEvents + 1) * static_cast<double>(passes);
     if (!stalled && passes > 0)
     {
-        g_pipelineNsPerEvent[withTree ? 1 : 0] = cpu * 1e9 / events;
+        g_pipelineNsPerEvent[withTree ? 1 : 0][interleaved] = cpu * 1e9 / events;
     }
     state.SetItemsProcessed(static_cast<int64_t>(events));
     state.counters["cpu_s_per_100k"] = cpu * 100000.0 / events;
@@ -255,14 +262,13 @@ void BM_CapturePipeline(benchmark::State& state)
 
 void BM_AuparseFloor(benchmark::State& state)
 {
-    g_floorNsPerEvent = vantor::bench::AuparseFloor::Measure(state, TheCorpus().text, kEvents + 1);
+    g_floorNsPerEvent = vantor::bench::AuparseFloor::Measure(state, TheCorpus().texts[0], kEvents + 1);
 }
 
 BENCHMARK(BM_AuparseFloor)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
 BENCHMARK(BM_CapturePipeline)
-    ->ArgName("process_tree")
-    ->Arg(0)
-    ->Arg(1)
+    ->ArgNames({"process_tree", "interleaved"})
+    ->ArgsProduct({{0, 1}, {0, 1}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->MinTime(3.0);
@@ -279,17 +285,21 @@ int main(int argc, char** argv)
     const Corpus& corpus = TheCorpus();
     std::printf(
         "corpus: %zu events + end marker per pass, %.1f MB of text; peak RSS with the corpus: %llu KB\n",
-        kEvents, static_cast<double>(corpus.text.size()) / 1e6,
+        kEvents, static_cast<double>(corpus.texts[0].size()) / 1e6,
         static_cast<unsigned long long>(ResourceUsage::PeakRssKb()));
     benchmark::RunSpecifiedBenchmarks();
     for (int tree = 0; tree < 2; ++tree)
     {
-        if (g_floorNsPerEvent > 0 && g_pipelineNsPerEvent[tree] > 0)
+        for (int interleaved = 0; interleaved < 2; ++interleaved)
         {
-            std::printf(
-                "CPU per event (%s process tree): pipeline %.0f ns, libauparse floor %.0f ns, ratio %.2f\n",
-                tree != 0 ? "with" : "without", g_pipelineNsPerEvent[tree], g_floorNsPerEvent,
-                g_pipelineNsPerEvent[tree] / g_floorNsPerEvent);
+            const double pipeline = g_pipelineNsPerEvent[tree][interleaved];
+            if (g_floorNsPerEvent > 0 && pipeline > 0)
+            {
+                std::printf("CPU per event (%s process tree, %s): pipeline %.0f ns, libauparse floor %.0f ns "
+                            "(contiguous), ratio %.2f\n",
+                            tree != 0 ? "with" : "without", interleaved != 0 ? "interleaved" : "contiguous",
+                            pipeline, g_floorNsPerEvent, pipeline / g_floorNsPerEvent);
+            }
         }
     }
     std::printf("peak RSS: %llu KB\n", static_cast<unsigned long long>(ResourceUsage::PeakRssKb()));

@@ -79,6 +79,7 @@ AuditEventProcessor::AuditEventProcessor(std::shared_ptr<ProcessTree> processTre
     , m_ownPid(ownPid)
     , m_router(router)
     , m_dispatch(std::move(dispatch))
+    , m_isOurs([this](const ProcessInfo& process) { return IsOurs(process); })
 {
     if (!m_dispatch)
     {
@@ -111,7 +112,8 @@ void AuditEventProcessor::ProcessEvent(EventPtr event)
     try
     {
         m_pseudoEvents.clear();
-        const bool goesOn = m_treeUpdater.Update(event, m_pseudoEvents);
+        std::optional<bool> ours;
+        const bool goesOn = m_treeUpdater.Update(event, m_pseudoEvents, &m_isOurs, &ours);
         for (auto& pseudo : m_pseudoEvents)
         {
             Handle(*pseudo);
@@ -123,7 +125,7 @@ void AuditEventProcessor::ProcessEvent(EventPtr event)
             {
                 m_outpost->Follow(*event);
             }
-            Handle(*event);
+            Handle(*event, ours);
         }
     }
     catch (const std::exception& e)
@@ -142,15 +144,20 @@ void AuditEventProcessor::ProcessEvent(EventPtr event)
     CleanProcessTree();
 }
 
-void AuditEventProcessor::Handle(edr::Event& event)
+void AuditEventProcessor::Handle(edr::Event& event, std::optional<bool> ours)
 {
-    if (ShouldProcessEvent(event))
+    if (ShouldProcessEvent(event, ours))
     {
         Route(event);
     }
 }
 
-bool AuditEventProcessor::ShouldProcessEvent(const edr::Event& event)
+bool AuditEventProcessor::IsOurs(const ProcessInfo& process) const
+{
+    return process.GetPid() == m_ownPid || IsOutpostTool(process.GetImage());
+}
+
+bool AuditEventProcessor::ShouldProcessEvent(const edr::Event& event, std::optional<bool> ours)
 {
     if (event.GetType() == edr::EventType::AbnormalEnd)
     {
@@ -165,15 +172,21 @@ bool AuditEventProcessor::ShouldProcessEvent(const edr::Event& event)
     {
         return true;
     }
-    const auto isOurs = [&](const ProcessInfo& process)
-    { return process.GetPid() == m_ownPid || IsOutpostTool(process.GetImage()); };
     const auto& tree = GetProcessTree();
-    // The actor the tree named for this event; for an exit it is already
-    // marked terminated in the tree.
-    const auto* auditEvent = dynamic_cast<const internal::Event*>(&event);
-    const internal::Event::ProcessPtr actor = auditEvent != nullptr ? auditEvent->GetActorProcess() : nullptr;
-    if (pid == m_ownPid ||
-        (tree && (actor ? tree->AnyInLineage(*actor, isOurs) : tree->AnyInLineage(pid, isOurs))))
+    const auto lineageIsOurs = [&]
+    {
+        if (ours)
+        {
+            return *ours;
+        }
+        // The actor the tree named for this event; for an exit it is
+        // already marked terminated in the tree.
+        const auto* auditEvent = dynamic_cast<const internal::Event*>(&event);
+        const internal::Event::ProcessPtr actor =
+            auditEvent != nullptr ? auditEvent->GetActorProcess() : nullptr;
+        return tree && (actor ? tree->AnyInLineage(*actor, m_isOurs) : tree->AnyInLineage(pid, m_isOurs));
+    };
+    if (pid == m_ownPid || lineageIsOurs())
     {
         EDR_LOG_DEBUG("AuditRuleEngine::ShouldProcessEvent: Dropping Corvid generated event with ID: "
                       << EventIdOf(event));

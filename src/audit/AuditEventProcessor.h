@@ -53,8 +53,10 @@ public:
     void ProcessEvent(EventPtr event);
 
     // False for events of the host agent's tools (or their descendants) and
-    // of this daemon, which must not be reported.
-    bool ShouldProcessEvent(const edr::Event& event);
+    // of this daemon, which must not be reported. ours, when known, is the
+    // process tree's answer for the event's actor and lineage (see
+    // ProcessTree::UpdateFromEvent), which spares a second look.
+    bool ShouldProcessEvent(const edr::Event& event, std::optional<bool> ours = std::nullopt);
 
     // Whether the image is one of the host agent's tools: a tool name in one
     // of the directories the tools are installed in.
@@ -73,7 +75,8 @@ public:
 
 private:
     // Filters, then routes.
-    void Handle(edr::Event& event);
+    void Handle(edr::Event& event, std::optional<bool> ours = std::nullopt);
+    bool IsOurs(const ProcessInfo& process) const;
     void Route(edr::Event& event);
     void CleanProcessTree();
 
@@ -82,6 +85,8 @@ private:
     const pid_t m_ownPid;
     const EventRouter& m_router;
     const Dispatch m_dispatch;
+    // IsOurs, made once.
+    const ProcessTree::Match m_isOurs;
 
     std::vector<EventPtr> m_cachedFileEvents;
     ProcessTree::Events m_pseudoEvents;

@@ -2,6 +2,11 @@
 
 #include "edr/Event.h"
 
+#include <libaudit.h>
+
+#include <array>
+#include <utility>
+
 namespace vantor::audit
 {
 
@@ -69,6 +74,30 @@ const std::vector<std::string>& AuditTables::ToolDirectories()
         "/usr/bin", "/usr/sbin", "/usr/local/bin", "/usr/local/sbin", "/usr/libexec",
     };
     return directories;
+}
+
+int AuditTables::RecordType(std::string_view name)
+{
+    static constexpr std::array<std::pair<std::string_view, int>, 5> kCommon{{{"SYSCALL", AUDIT_SYSCALL},
+                                                                              {"PATH", AUDIT_PATH},
+                                                                              {"CWD", AUDIT_CWD},
+                                                                              {"PROCTITLE", AUDIT_PROCTITLE},
+                                                                              {"EOE", AUDIT_EOE}}};
+    for (const auto& [common, type] : kCommon)
+    {
+        if (name == common)
+        {
+            return type;
+        }
+    }
+    char buffer[64];
+    if (name.empty() || name.size() >= sizeof buffer)
+    {
+        return -1;
+    }
+    name.copy(buffer, name.size());
+    buffer[name.size()] = '\0';
+    return ::audit_name_to_msg_type(buffer);
 }
 
 } // namespace vantor::audit

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -35,6 +36,10 @@ public:
     static const std::unordered_set<std::string>& OutpostToolNames();
     // Directories in which the host agent's tools are installed.
     static const std::vector<std::string>& ToolDirectories();
+    // The type of a record by its name in the text ("SYSCALL",
+    // "UNKNOWN[1234]", ...); -1 when the name is unknown. The names of
+    // nearly every record cost no libaudit lookup.
+    static int RecordType(std::string_view name);
 };
 
 } // namespace vantor::audit

@@ -7,6 +7,7 @@
 #include <array>
 #include <charconv>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <stdexcept>
 #include <string_view>
@@ -68,9 +69,11 @@ std::optional<AuditEventClass> AuparseFeed::ClassOfSyscall(long long number)
     return static_cast<AuditEventClass>(kSyscallTable[static_cast<size_t>(number)] - 1);
 }
 
-AuparseFeed::AuparseFeed(EventBuilder& builder, Tally* tally)
+AuparseFeed::AuparseFeed(EventBuilder& builder, Tally* tally, Grouping grouping)
     : m_builder(builder)
     , m_tally(tally != nullptr ? *tally : m_ownTally)
+    , m_grouping(grouping)
+    , m_regrouper([this](std::string_view records, bool endsItself) { FeedEvent(records, endsItself); })
 {
     m_state = ::auparse_init(AUSOURCE_FEED, nullptr);
     if (m_state == nullptr)
@@ -153,6 +156,44 @@ void AuparseFeed::HoldUnfinished(const char* begin, const char* end)
 
 void AuparseFeed::FeedLines(const char* begin, const char* end)
 {
+    if (m_grouping == Grouping::AsReceived)
+    {
+        FeedAsReceived(begin, end);
+        return;
+    }
+    for (const char* line = begin; line < end;)
+    {
+        const auto* lineEnd =
+            static_cast<const char*>(std::memchr(line, '\n', static_cast<size_t>(end - line)));
+        const char* next = lineEnd != nullptr ? lineEnd + 1 : end;
+        // A line that carries an event stamp but no record type makes
+        // libauparse lose memory; such a line is no audit record, so it is
+        // left out.
+        const std::string_view text(line, static_cast<size_t>(next - line));
+        if (text.find("type=") != std::string_view::npos)
+        {
+            m_regrouper.Add(text);
+        }
+        line = next;
+    }
+    // libauparse looks at its last line only once more bytes follow; an
+    // empty line (which it skips) lets the last event complete now.
+    FeedRaw("\n", 1);
+}
+
+void AuparseFeed::FeedEvent(std::string_view records, bool endsItself)
+{
+    FeedRaw(records.data(), records.size());
+    if (!endsItself)
+    {
+        // libauparse holds nothing else: flushing completes this event only.
+        FeedRaw("\n", 1);
+        ::auparse_flush_feed(m_state);
+    }
+}
+
+void AuparseFeed::FeedAsReceived(const char* begin, const char* end)
+{
     // A line that carries an event stamp but no record type makes libauparse
     // lose memory; such a line is no audit record, so it is left out.
     const char* run = begin;
@@ -181,9 +222,6 @@ void AuparseFeed::FeedLines(const char* begin, const char* end)
         line = next;
     }
     FeedRaw(run, static_cast<size_t>(end - run));
-    // libauparse looks at its last line only once more bytes follow; an
-    // empty line (which it skips) lets an event that ends with these lines
-    // complete now instead of when the next record arrives.
     FeedRaw("\n", 1);
 }
 
@@ -197,12 +235,14 @@ AuparseFeed::Events AuparseFeed::Flush()
         m_pending.clear();
     }
     m_skippingLine = false;
+    m_regrouper.Flush();
     ::auparse_flush_feed(m_state);
     return TakeCompleted();
 }
 
 AuparseFeed::Events AuparseFeed::Age()
 {
+    m_regrouper.Age(std::time(nullptr));
     ::auparse_feed_age_events(m_state);
     return TakeCompleted();
 }

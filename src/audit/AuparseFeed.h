@@ -3,6 +3,7 @@
 #include "audit/AuditEventClass.h"
 #include "audit/EventBuilder.h"
 #include "audit/LoneRecordCloser.h"
+#include "audit/RecordRegrouper.h"
 
 #include <auparse.h>
 
@@ -25,6 +26,18 @@ class AuparseFeed
 public:
     using Events = EventBuilder::Events;
 
+    enum class Grouping
+    {
+        // The records are sorted into their events first (RecordRegrouper)
+        // and each event goes to libauparse whole; events come out in the
+        // order they complete.
+        ByEvent,
+        // The text goes to libauparse as it came, lone records closed by
+        // LoneRecordCloser; libauparse sorts the records. Kept as the
+        // yardstick that the grouped intake is measured and checked against.
+        AsReceived,
+    };
+
     // What the feed left out (see CaptureCounters); bumped by the feeding
     // thread, readable from any thread.
     struct Tally
@@ -44,7 +57,8 @@ public:
     // Throws std::runtime_error "AuparseFeed: Failed to initialise auparse".
     // tally, when given, must outlive the feed; otherwise the feed counts
     // into its own.
-    explicit AuparseFeed(EventBuilder& builder, Tally* tally = nullptr);
+    explicit AuparseFeed(EventBuilder& builder, Tally* tally = nullptr,
+                         Grouping grouping = Grouping::ByEvent);
     ~AuparseFeed();
 
     AuparseFeed(const AuparseFeed&) = delete;
@@ -59,13 +73,11 @@ public:
     // Completes whatever libauparse still holds and answers those events.
     Events Flush();
 
-    // Completes the events that libauparse has held for more than about two
-    // seconds of wall-clock time and answers them with what they let through.
-    // libauparse hands events on in order and completes an event that its
-    // PROCTITLE or EOE record does not end (lone records aside, see
-    // LoneRecordCloser) only when a record at least three seconds newer
-    // arrives: on a quiet host one such event would hold back every event
-    // behind it. Call when no text has come for a while.
+    // Completes the events held for more than about two seconds of
+    // wall-clock time and answers them with what they let through. An event
+    // that its PROCTITLE or EOE record does not end is otherwise complete
+    // only when a record two seconds newer arrives, which a quiet
+    // host may not send for long. Call when no text has come for a while.
     Events Age();
 
     // The event class of an x86-64 system call, or nothing when the call is
@@ -80,6 +92,9 @@ private:
     void FeedRaw(const char* data, size_t size);
     // Feeds complete lines (end must follow a line end).
     void FeedLines(const char* begin, const char* end);
+    void FeedAsReceived(const char* begin, const char* end);
+    // One event's records from the regrouper.
+    void FeedEvent(std::string_view records, bool endsItself);
     // Keeps the start of a line until its end arrives.
     void HoldUnfinished(const char* begin, const char* end);
     Events TakeCompleted();
@@ -95,8 +110,11 @@ private:
     std::string m_pending;
     // Set while the rest of an over-long line is being skipped.
     bool m_skippingLine = false;
-    // Ends the events of lone records, which libauparse would hold.
+    const Grouping m_grouping;
+    // Ends the events of lone records, which libauparse would hold (as
+    // received only).
     LoneRecordCloser m_loneRecords;
+    RecordRegrouper m_regrouper;
 };
 
 } // namespace vantor::audit

@@ -1,5 +1,7 @@
 #include "audit/LoneRecordCloser.h"
 
+#include "audit/AuditTables.h"
+
 #include <libaudit.h>
 
 namespace vantor::audit
@@ -14,18 +16,6 @@ bool WaitsForItsEnd(int type)
 {
     return type >= AUDIT_FIRST_EVENT && type < AUDIT_FIRST_ANOM_MSG && type != AUDIT_PROCTITLE &&
            type != AUDIT_EOE && type != AUDIT_KERNEL;
-}
-
-int TypeOf(std::string_view name)
-{
-    char buffer[64];
-    if (name.empty() || name.size() >= sizeof buffer)
-    {
-        return -1;
-    }
-    name.copy(buffer, name.size());
-    buffer[name.size()] = '\0';
-    return ::audit_name_to_msg_type(buffer);
 }
 
 } // namespace
@@ -50,7 +40,7 @@ std::optional<std::string> LoneRecordCloser::EndOfEventFor(std::string_view line
         return std::nullopt;
     }
     const std::string_view stamp = line.substr(stampAt + 4, stampEnd + 1 - (stampAt + 4));
-    const int type = TypeOf(line.substr(typeAt + 5, nameEnd - (typeAt + 5)));
+    const int type = AuditTables::RecordType(line.substr(typeAt + 5, nameEnd - (typeAt + 5)));
     if (type == AUDIT_SYSCALL)
     {
         Remember(stamp);

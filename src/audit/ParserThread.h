@@ -22,7 +22,7 @@ namespace vantor::audit
 // queue has drained below the resume threshold (half the maximum). After each
 // buffer the thread pauses, a second at a time, while the process's CPU usage
 // is above the configured threshold. After a second without text it ages the
-// events libauparse holds back (AuparseFeed::Age), so that a quiet stream
+// events still held back (AuparseFeed::Age), so that a quiet stream
 // delivers what it carried.
 //
 // What it drops (text refused by the queue or discarded at stop, what the
@@ -31,7 +31,7 @@ class ParserThread
 {
 public:
     using Events = EventBuilder::Events;
-    // Receives the events completed by one buffer, in libauparse's order.
+    // Receives the events completed by one buffer, in the order they completed.
     using EventSink = std::function<void(Events)>;
     // Answers the process's CPU usage in percent.
     using CpuUsageSource = std::function<double()>;
@@ -48,7 +48,7 @@ public:
 
     void Start();
     // Stops the thread at once (also out of a CPU pause), hands on the events
-    // libauparse still holds and discards text not yet parsed.
+    // the feed still holds and discards text not yet parsed.
     void Stop();
 
     // Called by the receiving channel's thread. The queue counts the bytes

@@ -39,10 +39,20 @@ ProcessTree::ProcessTree(std::string procRoot, PseudoEventFactory makeRunningEve
 {
 }
 
-bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents)
+bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents,
+                                  const Match* lineageMatch, std::optional<bool>* lineageMatched)
 {
     const edr::EventType type = event->GetType();
     std::lock_guard lock(m_mutex);
+    // Answered last, when the tree knows the event's actor.
+    const auto answerLineage = [&]
+    {
+        if (lineageMatch != nullptr && lineageMatched != nullptr)
+        {
+            *lineageMatched = ActorLineageMatches(*event, *lineageMatch);
+        }
+        return true;
+    };
     if (type == edr::EventType::Clone)
     {
         const auto* clone = dynamic_cast<const internal::CloneEvent*>(event.get());
@@ -63,7 +73,7 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
     if (type == edr::EventType::AbnormalEnd)
     {
         AttachActor(*event, event->GetActorProcessId());
-        return true;
+        return answerLineage();
     }
     if (type == edr::EventType::Exit)
     {
@@ -74,7 +84,7 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
             it->second.terminated = true;
         }
         m_cloneCache.erase(pid);
-        return true;
+        return answerLineage();
     }
 
     const bool processStart = CategoryOf(*event) == kProcessStartCategory;
@@ -94,7 +104,30 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
     // is the actor found above (its pid may have been rewritten from a
     // thread id).
     AttachActor(*event, event->GetActorProcessId());
-    return true;
+    return answerLineage();
+}
+
+std::optional<bool> ProcessTree::ActorLineageMatches(const edr::Event& event, const Match& match)
+{
+    // The actor the tree named for this event; for an exit it is already
+    // marked terminated in the tree.
+    const auto* auditEvent = dynamic_cast<const internal::Event*>(&event);
+    if (const internal::Event::ProcessPtr actor =
+            auditEvent != nullptr ? auditEvent->GetActorProcess() : nullptr)
+    {
+        return WalkLineage(*actor, match);
+    }
+    pid_t pid = 0;
+    try
+    {
+        pid = event.GetActorProcessId();
+    }
+    catch (const edr::EventException&)
+    {
+        return std::nullopt;
+    }
+    const Entry* entry = FindLive(pid);
+    return entry != nullptr && WalkLineage(*entry->info, match);
 }
 
 void ProcessTree::AttachActor(edr::Event& event, pid_t pid)
@@ -126,7 +159,10 @@ ProcessTree::Entry* ProcessTree::FindOrCreateActor(pid_t pid, edr::Event& event,
     }
     EDR_LOG_TRACE("Not found Actor PID: " << pid << " in process tree, creating actor process");
 
-    if (!processStart)
+    // A pid that /proc did not know when last asked is not asked again
+    // before the next cleaning: every event of a process gone unseen would
+    // cost failed reads otherwise.
+    if (!processStart && m_notInProc.count(pid) == 0)
     {
         // /proc answers a thread id too; its Tgid tells the process.
         if (const auto status = m_procFs.ReadStatus(pid); status && status->tgid > 0 && status->tgid != pid)
@@ -147,8 +183,11 @@ ProcessTree::Entry* ProcessTree::FindOrCreateActor(pid_t pid, edr::Event& event,
         return entry;
     }
     // The event describes its actor only when the actor is the event's own
-    // process, never for a process start (whose actor is the parent).
-    if (!processStart && event.GetActorProcessId() == pid)
+    // process, never for a process start (whose actor is the parent), and
+    // only an exec or a fork describes a process.
+    const edr::EventType type = event.GetType();
+    if (!processStart && event.GetActorProcessId() == pid &&
+        (type == edr::EventType::Running || type == edr::EventType::Clone))
     {
         if (Entry* entry = CreateFromEvent(pid, event))
         {

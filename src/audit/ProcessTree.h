@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <unordered_map>
@@ -60,7 +61,14 @@ public:
     // must be processed ahead of the event are appended. A clone event is
     // moved into the clone cache under the new process, the call's result
     // (the pointer is left empty); the caller's entry goes with it.
-    bool UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents);
+    //
+    // With lineageMatch and lineageMatched given, an event that goes on also
+    // gets the answer AnyInLineage would give for its actor (the entry
+    // attached to an audit event, else the live entry of its pid), under the
+    // same lock; it stays empty when the event has no pid.
+    using Match = std::function<bool(const ProcessInfo&)>;
+    bool UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents,
+                         const Match* lineageMatch = nullptr, std::optional<bool>* lineageMatched = nullptr);
 
     // The live entry of a pid, or null.
     ProcessPtr GetProcess(pid_t pid) const;
@@ -76,7 +84,6 @@ public:
     // same walk as GetAncestors, without building the list. The second form
     // starts from a process record (an event's actor, which may be marked
     // terminated already when the event is its exit).
-    using Match = std::function<bool(const ProcessInfo&)>;
     bool AnyInLineage(pid_t pid, const Match& match);
     bool AnyInLineage(const ProcessInfo& process, const Match& match);
 
@@ -110,6 +117,7 @@ private:
     void AttachActor(edr::Event& event, pid_t pid);
     const ProcessInfo* ParentInLineage(const ProcessInfo& child);
     bool WalkLineage(const ProcessInfo& process, const Match& match);
+    std::optional<bool> ActorLineageMatches(const edr::Event& event, const Match& match);
     void AddRunning(const edr::Event& event);
     void CacheClone(std::unique_ptr<edr::Event> clone, pid_t child);
     void AnnounceContainer(Entry& entry, Events& pseudoEvents);

@@ -13,13 +13,14 @@ ProcessTreeUpdater::ProcessTreeUpdater(std::shared_ptr<ProcessTree> tree,
 {
 }
 
-bool ProcessTreeUpdater::Update(EventPtr& event, Events& pseudoEvents)
+bool ProcessTreeUpdater::Update(EventPtr& event, Events& pseudoEvents, const ProcessTree::Match* lineageMatch,
+                                std::optional<bool>* lineageMatched)
 {
     if (!m_tree)
     {
         return event->GetType() != edr::EventType::Clone;
     }
-    return m_tree->UpdateFromEvent(event, pseudoEvents);
+    return m_tree->UpdateFromEvent(event, pseudoEvents, lineageMatch, lineageMatched);
 }
 
 bool ProcessTreeUpdater::CleanIfDue(Events& terminated)

@@ -1,14 +1,24 @@
 #include "fim/JsonDataFormatter.h"
 
-#include "common/util/Json.h"
-
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include <rapidjson/memorystream.h>
 
 #include <stdexcept>
 
 namespace vantor::fim::internal
 {
+
+namespace
+{
+
+constexpr std::string_view kHead = "{\"events\":[";
+constexpr std::string_view kTail = "]}";
+
+bool IsJsonSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+} // namespace
 
 JsonDataFormatter::JsonDataFormatter()
 {
@@ -17,37 +27,50 @@ JsonDataFormatter::JsonDataFormatter()
 
 std::size_t JsonDataFormatter::Append(std::string_view record)
 {
-    // Parsed into the cache's own allocator, so that the element can be moved
-    // into the array without a copy.
-    rapidjson::Document document(&m_cache.GetAllocator());
-    if (!util::ParseJson(document, record) || !document.IsObject())
+    // As the shared JSON reader takes untrusted text: iteratively, with UTF-8
+    // validation, one root value and nothing but whitespace or a terminating
+    // NUL behind it.
+    const size_t size = record.size();
+    while (!record.empty() && record.back() == '\0')
+    {
+        record.remove_suffix(1);
+    }
+    while (!record.empty() && IsJsonSpace(record.front()))
+    {
+        record.remove_prefix(1);
+    }
+    while (!record.empty() && IsJsonSpace(record.back()))
+    {
+        record.remove_suffix(1);
+    }
+    rapidjson::MemoryStream stream(record.data(), record.size());
+    rapidjson::BaseReaderHandler<> ignore;
+    constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
+    if (record.empty() || record.front() != '{' || m_reader.Parse<kFlags>(stream, ignore).IsError())
     {
         throw std::invalid_argument("fim::JsonDataFormatter: 'data' is not a valid JSON object");
     }
-    auto& events = m_cache["events"];
-    const bool first = events.Empty();
-    events.PushBack(document.Move(), m_cache.GetAllocator());
-    return record.size() + (first ? 0 : 1);
+    const bool first = m_events.empty();
+    if (!first)
+    {
+        m_events.push_back(',');
+    }
+    m_events.append(record);
+    return size + (first ? 0 : 1);
 }
 
 void JsonDataFormatter::Serialize(std::string& out)
 {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    if (!m_cache.Accept(writer))
-    {
-        throw std::runtime_error("fim::JsonDataFormatter: Failed to serialize the cache");
-    }
-    out.assign(buffer.GetString(), buffer.GetSize());
+    out.reserve(kHead.size() + m_events.size() + kTail.size());
+    out.assign(kHead);
+    out.append(m_events);
+    out.append(kTail);
 }
 
 void JsonDataFormatter::Reset()
 {
-    // A fresh document releases the memory of the previous cache.
-    rapidjson::Document fresh;
-    m_cache.Swap(fresh);
-    m_cache.SetObject();
-    m_cache.AddMember("events", rapidjson::Value(rapidjson::kArrayType), m_cache.GetAllocator());
+    // A fresh string releases the memory of the previous cache.
+    std::string().swap(m_events);
 }
 
 } // namespace vantor::fim::internal

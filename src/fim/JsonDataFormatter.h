@@ -2,13 +2,20 @@
 
 #include "common/SpoolDataFormatter.h"
 
-#include <rapidjson/document.h>
+#include <rapidjson/reader.h>
+
+#include <string>
 
 namespace vantor::fim::internal
 {
 
 // Spools FIM event documents: the cache is one JSON object {"events": [...]}
 // and a spool file holds one such object.
+//
+// A document is checked (one JSON object, valid UTF-8) but not rebuilt: its
+// text goes into the cache as it came, so that no tree of it is made and
+// written out again. The documents come from a compact writer, so the spool
+// file is the same as if they had been rebuilt.
 class JsonDataFormatter : public common::SpoolDataFormatter
 {
 public:
@@ -21,7 +28,9 @@ public:
     void Reset() override;
 
 private:
-    rapidjson::Document m_cache;
+    // The documents, comma-separated.
+    std::string m_events;
+    rapidjson::Reader m_reader;
 };
 
 } // namespace vantor::fim::internal

@@ -307,8 +307,8 @@ TEST(ParserThreadTest, AQuietStreamHandsOnEventsHeldBackByAnUnfinishedOne)
     ParserThread parser(builder, sink.Callback(), nullptr, 100);
     parser.Start();
     // An event that never gets its end (a SYSCALL record alone), which
-    // libauparse would hold until a much newer record came, and a complete
-    // event behind it; nothing more arrives.
+    // would be held until a much newer record came, and a complete event
+    // behind it, which goes on at once; nothing more arrives.
     parser.Enqueue(Bytes("type=SYSCALL msg=audit(1700000000.1:40): arch=c000003e syscall=87 success=yes "
                          "exit=0 pid=1\n"));
     auto event = CompleteEvent(41);
@@ -317,7 +317,7 @@ TEST(ParserThreadTest, AQuietStreamHandsOnEventsHeldBackByAnUnfinishedOne)
     event.insert(event.end(), proctitle.begin(), proctitle.end());
     parser.Enqueue(event);
     EXPECT_TRUE(sink.WaitFor(2, 3000ms)) << "held until the stop";
-    EXPECT_EQ(sink.Serials(), (std::vector<uint32_t>{40, 41}));
+    EXPECT_EQ(sink.Serials(), (std::vector<uint32_t>{41, 40}));
     parser.Stop();
 }
 

@@ -98,6 +98,23 @@ TEST_F(ProcessTreeTest, AnEndedParentIsAskedOfProcOnlyOnceBetweenCleanings)
     EXPECT_EQ(m_tree.GetAncestors(4300).size(), 2U);
 }
 
+TEST_F(ProcessTreeTest, AnActorGoneFromProcIsNotAskedForAgainBeforeTheNextCleaning)
+{
+    Apply(m_tree, MakeEvent(EventType::Write, 5001));
+    EXPECT_FALSE(m_tree.GetProcess(5001));
+    // It shows up, as a thread of another process; not asked for until the
+    // tree is cleaned.
+    m_proc.AddProcess(5000, 1, "/usr/bin/server", 100);
+    m_proc.AddProcess(5001, 1, "/usr/bin/server", 100, {}, 5000);
+    std::unique_ptr<edr::Event> write = MakeEvent(EventType::Write, 5001);
+    Apply(m_tree, write);
+    EXPECT_EQ(write->GetActorProcessId(), 5001);
+    m_tree.Clean();
+    Apply(m_tree, write);
+    EXPECT_EQ(write->GetActorProcessId(), 5000) << "the thread id is mapped after the cleaning";
+    EXPECT_FALSE(m_log.Contains("Failed to create process from")) << "a write describes no process";
+}
+
 TEST_F(ProcessTreeTest, ReusedPidIsNotTakenForTheOldProcess)
 {
     m_proc.AddProcess(4242, 1, "/usr/bin/old", 100);
@@ -222,6 +239,33 @@ TEST_F(ProcessTreeTest, ExecveReplacesTheEntryAndProcessStartLooksUpTheParent)
     const auto lineage = m_tree.GetAncestors(701);
     ASSERT_EQ(lineage.size(), 2U);
     EXPECT_EQ(lineage[1]->GetPid(), 700);
+}
+
+TEST_F(ProcessTreeTest, TheUpdateAnswersTheActorsLineageUnderItsOwnLock)
+{
+    m_proc.AddProcess(900, 1, "/usr/bin/tool", 10);
+    m_proc.AddProcess(901, 900, "/usr/bin/bash", 20);
+    m_proc.AddProcess(902, 1, "/usr/bin/other", 30);
+    const ProcessTree::Match isTool = [](const ProcessInfo& p) { return p.GetImage() == "/usr/bin/tool"; };
+    const struct
+    {
+        pid_t pid;
+        std::optional<bool> expected;
+    } cases[] = {
+        {901, true},   // child of the tool
+        {902, false},  // unrelated
+        {900, true},   // the tool itself
+        {4444, false}, // unknown anywhere
+    };
+    for (const auto& c : cases)
+    {
+        std::unique_ptr<edr::Event> event = MakeEvent(EventType::Write, c.pid);
+        ProcessTree::Events pseudo;
+        std::optional<bool> matched;
+        EXPECT_TRUE(m_tree.UpdateFromEvent(event, pseudo, &isTool, &matched));
+        EXPECT_EQ(matched, c.expected) << c.pid;
+        EXPECT_EQ(matched, m_tree.AnyInLineage(c.pid, isTool)) << c.pid;
+    }
 }
 
 TEST_F(ProcessTreeTest, ExitRemovesTheEntryAtCleaningButKeepsParentsOfLiveChildren)

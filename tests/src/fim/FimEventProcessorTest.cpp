@@ -229,11 +229,17 @@ TEST(FimJsonDataFormatterTest, CollectsObjectsIntoOneEventsArray)
     JsonDataFormatter formatter;
     EXPECT_EQ(formatter.Append(R"({"a":1})"), 7u);
     EXPECT_EQ(formatter.Append(R"({"b":"x"})"), 10u);
-    EXPECT_THROW(formatter.Append("[1]"), std::invalid_argument);
-    EXPECT_THROW(formatter.Append("{\"a\":\"\xff\"}"), std::invalid_argument);
+    for (const char* refused : {"[1]", "{\"a\":\"\xff\"}", "{}{}", "{} x", "{\"a\":", "", " \n"})
+    {
+        EXPECT_THROW(formatter.Append(refused), std::invalid_argument) << refused;
+    }
+    // Kept as written, without the space around it or a terminating NUL.
+    EXPECT_EQ(formatter.Append(std::string(" {\"c\":[]}\n\0", 11)), 12u) << "its size and the comma";
     std::string out;
     formatter.Serialize(out);
-    EXPECT_EQ(out, R"({"events":[{"a":1},{"b":"x"}]})");
+    EXPECT_EQ(out, R"({"events":[{"a":1},{"b":"x"},{"c":[]}]})");
+    rapidjson::Document parsed;
+    EXPECT_TRUE(vantor::util::ParseJson(parsed, out));
     formatter.Reset();
     formatter.Serialize(out);
     EXPECT_EQ(out, R"({"events":[]})");

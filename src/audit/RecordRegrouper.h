@@ -1,0 +1,108 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vantor::audit
+{
+
+// Sorts raw audit record lines into their events ahead of libauparse, so that
+// libauparse gets each event's records together and holds (almost) nothing
+// while it parses: in feed mode it compares every record with every event it
+// still builds, so records of many unfinished events, or one that never
+// finishes, make every later record dearer.
+//
+// An event is keyed, as libauparse keys it, by its stamp
+// "audit(<seconds>.<millis>:<serial>)" and node. It is handed on when
+// libauparse would end it too, so that every event keeps exactly its records:
+//  - its last record is of a type that ends an event (PROCTITLE, EOE, the
+//    user-space and anomaly ranges, KERNEL): the event "ends itself";
+//  - a record two seconds newer than the event (by whole seconds) arrives,
+//    or Age() finds it two seconds older than now, or Flush(): handed on as
+//    "cut", libauparse has to be told that it is complete.
+// A record of the kernel's range that starts an event but is no SYSCALL
+// record (a rule change or multicast join by a process whose calls are not
+// audited, a record a call logs before its SYSCALL record) would wait for an
+// end that never comes; it is handed on alone, cut, at once. Should its
+// call's SYSCALL record come later, that starts the event the intake builds.
+//
+// Lines without a readable stamp are handed on at once as they are (cut):
+// libauparse skips them. No more than kMaxPending events are held; beyond
+// that the oldest is cut.
+//
+// Events are handed on in the order they complete (cut ones by time); the
+// records of one event keep their order. Buffers are reused: in the steady
+// state a record costs no allocation. Not thread-safe.
+class RecordRegrouper
+{
+public:
+    // One event's record lines, each with its line end. The view is valid
+    // during the call only.
+    using Sink = std::function<void(std::string_view records, bool endsItself)>;
+
+    static constexpr size_t kMaxPending = 4096;
+    // libauparse's wait for the end of an event, in seconds of record time.
+    static constexpr uint64_t kEndTimeoutSeconds = 2;
+
+    explicit RecordRegrouper(Sink sink);
+
+    // One record line, with or without its line end.
+    void Add(std::string_view line);
+    // Hands on the events that have reached the time-out at now.
+    void Age(std::time_t now);
+    // Hands on every event still held.
+    void Flush();
+
+    size_t PendingEvents() const { return m_pending; }
+
+private:
+    struct Stamp
+    {
+        uint64_t seconds = 0;
+        uint32_t millis = 0;
+        uint64_t serial = 0;
+        std::string_view node;
+        std::string_view text; // "audit(...)"
+    };
+    struct Slot
+    {
+        uint64_t seconds = 0;
+        uint32_t millis = 0;
+        uint64_t serial = 0;
+        std::string node;
+        std::string records;
+        int32_t nextInBucket = -1;
+        bool used = false;
+    };
+
+    static bool ParseStamp(std::string_view line, size_t typeAt, Stamp& stamp);
+    int32_t Find(const Stamp& stamp) const;
+    int32_t Open(const Stamp& stamp);
+    void Append(Slot& slot, std::string_view line);
+    // Hands the slot's event on and frees the slot.
+    void Close(int32_t index, bool endsItself);
+    // Cuts the events of the given second and before.
+    void CutUpTo(uint64_t seconds);
+    void CutOldest();
+    void Rehash(size_t buckets);
+    size_t BucketOf(uint64_t serial) const { return static_cast<size_t>(serial) & (m_buckets.size() - 1); }
+    void Emit(std::string_view records, bool endsItself);
+
+    Sink m_sink;
+    std::vector<Slot> m_slots;
+    std::vector<int32_t> m_free;
+    std::vector<int32_t> m_buckets;
+    std::vector<int32_t> m_due;
+    size_t m_pending = 0;
+    // No pending event is older (seconds); may lag behind after a close.
+    uint64_t m_oldestSeconds = UINT64_MAX;
+    // A line handed on alone when it lacks its line end.
+    std::string m_line;
+};
+
+} // namespace vantor::audit

@@ -1,0 +1,423 @@
+// This file replaces the global operator new to count allocations; GCC
+// takes the replaced pair for a mismatch where it inlines them.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+#include "tests/src/audit/AuditFixture.h"
+
+#include "audit/RecordRegrouper.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <new>
+#include <random>
+#include <set>
+#include <sstream>
+
+// Counts the allocations of this test binary, so that the steady state of
+// the regrouper can be shown to need none.
+namespace
+{
+std::atomic<uint64_t> g_allocations{0};
+}
+
+void* operator new(size_t size)
+{
+    g_allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* block = std::malloc(size == 0 ? 1 : size))
+    {
+        return block;
+    }
+    throw std::bad_alloc();
+}
+void operator delete(void* block) noexcept
+{
+    std::free(block);
+}
+void operator delete(void* block, size_t) noexcept
+{
+    std::free(block);
+}
+
+namespace vantor::audit
+{
+namespace
+{
+
+struct Handed
+{
+    std::string records;
+    bool endsItself;
+    bool operator==(const Handed&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Handed& handed)
+{
+    return out << (handed.endsItself ? "[ends] " : "[cut] ") << handed.records;
+}
+
+std::string Line(const std::string& type, unsigned long serial, int seconds = 0,
+                 const std::string& rest = "x=1")
+{
+    return "type=" + type + " msg=audit(" + std::to_string(1700000000 + seconds) +
+           ".100:" + std::to_string(serial) + "): " + rest + "\n";
+}
+
+struct Recorder
+{
+    std::vector<Handed> handed;
+    RecordRegrouper regrouper{[this](std::string_view records, bool endsItself) {
+        handed.push_back({std::string(records), endsItself});
+    }};
+
+    void Add(const std::vector<std::string>& lines)
+    {
+        for (const auto& line : lines)
+        {
+            regrouper.Add(line);
+        }
+    }
+};
+
+TEST(RecordRegrouperTest, EventsAreHandedOnWholeWhenLibauparseWouldEndThem)
+{
+    const std::string s1 = Line("SYSCALL", 1), c1 = Line("CWD", 1), p1 = Line("PROCTITLE", 1);
+    const std::string s2 = Line("SYSCALL", 2), e2 = Line("EOE", 2);
+    const std::string late = Line("SYSCALL", 3), fresh = Line("SYSCALL", 4, 2);
+    struct Case
+    {
+        const char* name;
+        std::vector<std::string> lines;
+        std::vector<Handed> expected;
+        size_t pending;
+    };
+    const std::vector<Case> cases = {
+        {"interleaved calls, each ended by its PROCTITLE or EOE",
+         {s1, s2, c1, e2, p1},
+         {{s2 + e2, true}, {s1 + c1 + p1, true}},
+         0},
+        {"records that end themselves, alone",
+         {Line("USER_CMD", 5), Line("EOE", 6), Line("KERNEL", 7), Line("UNKNOWN[9999]", 8)},
+         {{Line("USER_CMD", 5), true},
+          {Line("EOE", 6), true},
+          {Line("KERNEL", 7), true},
+          {Line("UNKNOWN[9999]", 8), true}},
+         0},
+        {"a record that no call started is cut at once; its call starts the event",
+         {Line("CONFIG_CHANGE", 9), Line("ANOM_ABEND", 10), Line("SYSCALL", 9), Line("PROCTITLE", 9)},
+         {{Line("CONFIG_CHANGE", 9), false},
+          {Line("ANOM_ABEND", 10), false},
+          {Line("SYSCALL", 9) + Line("PROCTITLE", 9), true}},
+         0},
+        {"a record two seconds newer cuts an event; a late record is then alone",
+         {late, Line("SYSCALL", 5, 1), fresh, Line("PATH", 3)},
+         {{late, false}, {Line("PATH", 3), false}},
+         2},
+        {"the same serial at another time or on another node is another event",
+         {s1, Line("PATH", 1, 1), "node=a " + Line("PATH", 1), p1},
+         {{Line("PATH", 1, 1), false}, {"node=a " + Line("PATH", 1), false}, {s1 + p1, true}},
+         0},
+        {"lines without a readable stamp go on as they are",
+         {"type=PATH msg=audit(1.2:3", "type=SYSCALL msg=audit(x.1:2): a", "type=PATH msg=audit(1.2:)\n"},
+         {{"type=PATH msg=audit(1.2:3\n", false},
+          {"type=SYSCALL msg=audit(x.1:2): a\n", false},
+          {"type=PATH msg=audit(1.2:)\n", false}},
+         0},
+    };
+    for (const auto& c : cases)
+    {
+        Recorder recorder;
+        recorder.Add(c.lines);
+        EXPECT_EQ(recorder.handed, c.expected) << c.name;
+        EXPECT_EQ(recorder.regrouper.PendingEvents(), c.pending) << c.name;
+    }
+}
+
+TEST(RecordRegrouperTest, AgeAndFlushCutWhatIsHeldInTimeOrder)
+{
+    Recorder recorder;
+    recorder.Add({Line("SYSCALL", 21, 5), Line("SYSCALL", 20, 5), Line("SYSCALL", 22, 6)});
+    recorder.regrouper.Age(1700000000 + 6);
+    EXPECT_TRUE(recorder.handed.empty()) << "not two seconds old yet";
+    recorder.regrouper.Age(1700000000 + 7);
+    EXPECT_EQ(recorder.handed,
+              (std::vector<Handed>{{Line("SYSCALL", 20, 5), false}, {Line("SYSCALL", 21, 5), false}}));
+    recorder.Add({Line("SYSCALL", 23, 6)});
+    recorder.handed.clear();
+    recorder.regrouper.Flush();
+    EXPECT_EQ(recorder.handed,
+              (std::vector<Handed>{{Line("SYSCALL", 22, 6), false}, {Line("SYSCALL", 23, 6), false}}));
+    EXPECT_EQ(recorder.regrouper.PendingEvents(), 0u);
+
+    // Beyond the bound the oldest goes.
+    for (unsigned long serial = 100; serial < 100 + RecordRegrouper::kMaxPending + 1; ++serial)
+    {
+        recorder.regrouper.Add(Line("SYSCALL", serial));
+    }
+    ASSERT_EQ(recorder.handed.size(), 3u);
+    EXPECT_EQ(recorder.handed.back(), (Handed{Line("SYSCALL", 100), false}));
+    EXPECT_EQ(recorder.regrouper.PendingEvents(), RecordRegrouper::kMaxPending);
+}
+
+TEST(RecordRegrouperTest, TheSteadyStateAllocatesNothing)
+{
+    size_t handed = 0;
+    RecordRegrouper regrouper([&handed](std::string_view, bool) { ++handed; });
+    std::vector<std::string> lines;
+    for (unsigned long serial = 1; serial <= 64; ++serial)
+    {
+        for (const char* type : {"SYSCALL", "CWD", "PATH", "PATH", "PROCTITLE"})
+        {
+            lines.push_back(Line(type, serial, 0, std::string(200, 'v')));
+        }
+    }
+    // Eight events at a time, their records mixed.
+    const auto feed = [&](size_t round)
+    {
+        for (size_t first = 0; first < 64; first += 8)
+        {
+            for (size_t record = 0; record < 5; ++record)
+            {
+                for (size_t event = first; event < first + 8; ++event)
+                {
+                    std::string& line = lines[event * 5 + record];
+                    line[line.find(':') - 5] = static_cast<char>('0' + round); // a new second each round
+                    regrouper.Add(line);
+                }
+            }
+        }
+    };
+    feed(0);
+    const uint64_t before = g_allocations.load();
+    for (size_t round = 1; round < 4; ++round)
+    {
+        feed(round);
+    }
+    EXPECT_EQ(g_allocations.load() - before, 0u);
+    EXPECT_EQ(handed, 4u * 64);
+}
+
+// ---- The typed events, fed as received and grouped by event -------------
+
+// Every fixture event once, in the order of the files.
+std::vector<std::vector<std::string>> FixtureEvents()
+{
+    std::vector<std::vector<std::string>> events;
+    std::map<std::string, size_t> byStamp;
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(CORVID_SOURCE_DIR "/tests/fixtures/audit"))
+    {
+        if (entry.path().extension() == ".log")
+        {
+            names.insert(entry.path().stem().string());
+        }
+    }
+    std::set<std::string> finished;
+    for (const auto& name : names)
+    {
+        std::istringstream lines(test::AuditFixture(name));
+        std::set<std::string> inThisFile;
+        for (std::string line; std::getline(lines, line);)
+        {
+            const size_t open = line.find("audit(");
+            const size_t close = line.find(')', open);
+            if (open == std::string::npos || close == std::string::npos)
+            {
+                continue;
+            }
+            const std::string stamp = line.substr(open, close - open);
+            if (finished.count(stamp) > 0)
+            {
+                continue; // the same event in an earlier file
+            }
+            inThisFile.insert(stamp);
+            auto [at, added] = byStamp.emplace(stamp, events.size());
+            if (added)
+            {
+                events.emplace_back();
+            }
+            events[at->second].push_back(line + "\n");
+        }
+        finished.insert(inThisFile.begin(), inThisFile.end());
+    }
+    return events;
+}
+
+// Moves event i to second base + i / perSecond (the millis kept).
+std::vector<std::vector<std::string>> Retimed(std::vector<std::vector<std::string>> events, size_t perSecond)
+{
+    for (size_t i = 0; i < events.size(); ++i)
+    {
+        for (auto& line : events[i])
+        {
+            const size_t at = line.find("audit(") + 6;
+            line.replace(at, line.find('.', at) - at, std::to_string(1795252233 + i / perSecond));
+        }
+    }
+    return events;
+}
+
+// The records of every run of width events mixed at random, each event's
+// records in order; with straggle, the last record of each run's first event
+// comes only after the next run.
+std::string Interleaved(const std::vector<std::vector<std::string>>& events, size_t width, bool straggle,
+                        std::mt19937& random)
+{
+    std::string text;
+    std::string held;
+    for (size_t first = 0; first < events.size(); first += width)
+    {
+        const size_t last = std::min(events.size(), first + width);
+        std::vector<size_t> next(last - first, 0);
+        std::string stragglerLine;
+        for (size_t left = last - first; left > 0;)
+        {
+            const size_t pick = random() % (last - first);
+            const auto& records = events[first + pick];
+            if (next[pick] >= records.size())
+            {
+                continue;
+            }
+            const std::string& line = records[next[pick]++];
+            if (straggle && pick == 0 && next[pick] == records.size() && records.size() > 1)
+            {
+                stragglerLine = line;
+            }
+            else
+            {
+                text += line;
+            }
+            left -= next[pick] == records.size() ? 1 : 0;
+        }
+        text += held;
+        held = stragglerLine;
+    }
+    return text + held;
+}
+
+// What a consumer can read of an event, as one line.
+std::string Describe(const edr::Event& event)
+{
+    std::ostringstream out;
+    const auto put = [&out](const char* name, const auto& read)
+    {
+        out << name << '=';
+        try
+        {
+            out << read();
+        }
+        catch (const std::exception&)
+        {
+            out << '-';
+        }
+        out << ' ';
+    };
+    put("time", [&] { return event.GetTimestamp(); });
+    put("id", [&] { return event.GetEventId(); });
+    put("type", [&] { return static_cast<int>(event.GetType()); });
+    put("action", [&] { return event.GetActionName(); });
+    put("category", [&] { return event.GetCategory(); });
+    put("ok", [&] { return event.IsSuccessful(); });
+    put("pid", [&] { return event.GetActorProcessId(); });
+    put("ppid", [&] { return event.GetActorParentProcessId(); });
+    put("uid", [&] { return event.GetActorUserId(); });
+    put("euid", [&] { return event.GetActorEuid(); });
+    put("auid", [&] { return event.GetActorAuid(); });
+    put("image", [&] { return event.GetImage(); });
+    put("image2", [&] { return event.GetSecondaryImage(); });
+    put("cmd", [&] { return event.GetCommandLine(); });
+    put("args", [&] { return event.GetActorProcessArguments().size(); });
+    put("cwd", [&] { return event.GetCwd(); });
+    put("file", [&] { return event.GetFile(); });
+    put("newfile", [&] { return event.GetNewFile(); });
+    put("pinode", [&] { return event.GetParentInode(); });
+    put("addr", [&] { return event.GetNetworkAddress(); });
+    put("port", [&] { return event.GetNetworkPort(); });
+    put("thread", [&] { return event.IsThread(); });
+    return out.str();
+}
+
+std::vector<std::string> TypedEvents(const std::string& text, AuparseFeed::Grouping grouping, size_t chunk)
+{
+    AuditEventBuilder builder(std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"));
+    AuparseFeed feed(builder, nullptr, grouping);
+    std::vector<std::string> described;
+    const auto keep = [&described](const AuparseFeed::Events& events)
+    {
+        for (const auto& event : events)
+        {
+            described.push_back(Describe(*event));
+        }
+    };
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    for (size_t at = 0; at < text.size(); at += chunk)
+    {
+        keep(feed.Feed(bytes + at, std::min(chunk, text.size() - at)));
+    }
+    keep(feed.Flush());
+    std::sort(described.begin(), described.end());
+    return described;
+}
+
+// What sorted a holds that sorted b lacks.
+std::vector<std::string> Difference(const std::vector<std::string>& a, const std::vector<std::string>& b)
+{
+    std::vector<std::string> only;
+    std::set_difference(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(only));
+    return only;
+}
+
+TEST(RecordRegrouperTest, TypedEventsAreTheSameAsFromTheStreamAsReceived)
+{
+    const auto fixtures = FixtureEvents();
+    ASSERT_GT(fixtures.size(), 50u);
+    struct Case
+    {
+        const char* name;
+        size_t width;
+        bool straggle;
+        // Without them only time-outs and the flush end the events.
+        bool dropEnds;
+        size_t perSecond;
+    };
+    const Case cases[] = {
+        {"contiguous", 1, false, false, 1000},
+        {"three at a time", 3, false, false, 1000},
+        {"eight at a time, stragglers", 8, true, false, 1000},
+        {"eight at a time, stragglers, no end records, two events a second", 8, true, true, 2},
+        {"sixteen at a time, no end records, one second", 16, false, true, 1000},
+    };
+    std::mt19937 random(20261123);
+    for (const auto& c : cases)
+    {
+        auto events = Retimed(fixtures, c.perSecond);
+        if (c.dropEnds)
+        {
+            for (auto& records : events)
+            {
+                std::erase_if(records,
+                              [](const std::string& line) {
+                                  return line.starts_with("type=PROCTITLE ") || line.starts_with("type=EOE ");
+                              });
+            }
+        }
+        const std::string text = Interleaved(events, c.width, c.straggle, random);
+        const auto asReceived = TypedEvents(text, AuparseFeed::Grouping::AsReceived, 4093);
+        EXPECT_GT(asReceived.size(), fixtures.size() / 2) << c.name;
+        for (const size_t chunk : {4093, 61})
+        {
+            const auto byEvent = TypedEvents(text, AuparseFeed::Grouping::ByEvent, chunk);
+            EXPECT_EQ(Difference(byEvent, asReceived), std::vector<std::string>{})
+                << c.name << ", chunk " << chunk;
+            EXPECT_EQ(Difference(asReceived, byEvent), std::vector<std::string>{})
+                << c.name << ", chunk " << chunk;
+        }
+    }
+}
+
+} // namespace
+} // namespace vantor::audit
