@@ -58,9 +58,14 @@ public:
     SpoolFuzzTarget(const SpoolFuzzTarget&) = delete;
     SpoolFuzzTarget& operator=(const SpoolFuzzTarget&) = delete;
 
-    // One upload run over the bytes as the spool's oldest file.
+    // One upload run over the bytes as the spool's oldest file; bytes the
+    // spool would never write as one file (over its file size) are skipped.
     void Run(std::string_view data)
     {
+        if (data.size() > common::SpoolStorage::kDefaultMaxFileSizeKb * 1024)
+        {
+            return;
+        }
         m_spool->Write(std::string(data));
         m_spool->FlushDataCache();
         m_schedule->RunOnce();
