@@ -7,7 +7,8 @@ CMAKE_ARGS ?=
 
 MAGIC_DB   := /etc/corvid/outpost/magic.mgc
 
-FUZZ_SECONDS ?= 600
+FUZZ_RUNS    ?= 1000000
+FUZZ_SECONDS ?= 3600
 
 .PHONY: fuzz all deps deps-demo deps-build build build-run build-asan test test-unit test-asan demo package \
         install format clean magic-db
@@ -71,10 +72,11 @@ format:
 clean:
 	@rm -rf $(BUILD) $(ASAN_BUILD)
 
-# Each fuzzer for FUZZ_SECONDS (default 600) from its committed seeds, under
-# the sanitizers, one after another; inputs that fail are kept in
-# $(ASAN_BUILD)/tests/fuzz/<name>.run.
+# Each fuzzer from its committed seeds until FUZZ_RUNS executions, under the
+# sanitizers, one after another; one that has not reached them within
+# FUZZ_SECONDS fails (FUZZ_RUNS= runs each for FUZZ_SECONDS instead). Inputs
+# that fail are kept in $(ASAN_BUILD)/tests/fuzz/<name>.run.
 fuzz: build-asan
-	@cd $(ASAN_BUILD) && CORVID_FUZZ_SECONDS=$(FUZZ_SECONDS) \
-	  ctest -R Fuzzer --timeout $$(( $(FUZZ_SECONDS) + 120 )) --output-on-failure -V | \
-	  grep -E 'Test +#|DONE|number_of_executed_units|Passed|Failed'
+	@cd $(ASAN_BUILD) && CORVID_FUZZ_RUNS=$(FUZZ_RUNS) CORVID_FUZZ_SECONDS=$(FUZZ_SECONDS) \
+	  ctest -R Fuzzer --timeout $$(( $(FUZZ_SECONDS) + 120 )) --output-on-failure -V >fuzz.log; \
+	  status=$$?; grep -E 'Test +#|fuzz: |Passed|Failed' fuzz.log; exit $$status

@@ -45,6 +45,12 @@ UploadSchedule::MakePayload(common::SpoolStorage::File& file)
         EDR_LOG_ERROR("UploadSchedule: Failed to parse file: " << file.path << " 'events' is not an array");
         return std::nullopt;
     }
+    if (!util::NestsWithin(stored["events"], kMaxNesting))
+    {
+        EDR_LOG_ERROR("UploadSchedule: Failed to parse file: " << file.path << " 'events' nest deeper than "
+                                                               << kMaxNesting << " levels");
+        return std::nullopt;
+    }
 
     rapidjson::Document payload;
     payload.SetObject();

@@ -2,6 +2,7 @@
 
 #include "common/Logging.h"
 #include "common/SqlRowIterator.h"
+#include "common/util/Json.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 
 #include <rapidjson/document.h>
@@ -9,12 +10,16 @@
 #include <rapidjson/writer.h>
 
 #include <charconv>
+#include <cstddef>
 
 namespace vantor::ioc::internal
 {
 
 namespace
 {
+
+// A stored tag value is a number; anything nested deeper is not worth its text.
+constexpr std::size_t kMaxLoggedNesting = 32;
 
 void AppendImage(SnapshotSqlDataFormatter& formatter, const ImageFile& image)
 {
@@ -152,7 +157,9 @@ std::map<std::string, int64_t> TtlProcessRow::ParseTags(const std::string& text)
 {
     std::map<std::string, int64_t> tags;
     rapidjson::Document document;
-    document.Parse(text.data(), text.size());
+    // Iteratively: a damaged row may nest deeper than a recursive parse
+    // could bear.
+    document.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
     if (document.HasParseError() || !document.IsObject())
     {
         if (!text.empty())
@@ -165,10 +172,15 @@ std::map<std::string, int64_t> TtlProcessRow::ParseTags(const std::string& text)
     {
         if (!member.value.IsInt64())
         {
+            // Writing the value out recurses once per level.
             rapidjson::StringBuffer buffer;
             rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-            member.value.Accept(writer);
-            EDR_LOG_ERROR("Tag value " << buffer.GetString() << " is deformed in db.");
+            if (util::NestsWithin(member.value, kMaxLoggedNesting))
+            {
+                member.value.Accept(writer);
+            }
+            EDR_LOG_ERROR("Tag value " << (buffer.GetSize() > 0 ? buffer.GetString() : "(nested too deep)")
+                                       << " is deformed in db.");
             continue;
         }
         tags.emplace(std::string(member.name.GetString(), member.name.GetStringLength()),

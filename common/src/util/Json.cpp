@@ -2,6 +2,8 @@
 
 #include <fstream>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 namespace vantor::util
 {
@@ -31,6 +33,43 @@ bool ReadFile(const std::string& path, std::string& text)
         return false;
     }
     text = out.str();
+    return true;
+}
+
+bool NestsWithin(const rapidjson::Value& value, std::size_t maxDepth)
+{
+    // Containers still to look into, with their depth below value.
+    std::vector<std::pair<const rapidjson::Value*, std::size_t>> pending{{&value, 0}};
+    const auto add = [&pending](const rapidjson::Value& child, std::size_t depth)
+    {
+        if (child.IsArray() || child.IsObject())
+        {
+            pending.emplace_back(&child, depth);
+        }
+    };
+    while (!pending.empty())
+    {
+        const auto [current, depth] = pending.back();
+        pending.pop_back();
+        if (depth > maxDepth)
+        {
+            return false;
+        }
+        if (current->IsArray())
+        {
+            for (const auto& element : current->GetArray())
+            {
+                add(element, depth + 1);
+            }
+        }
+        else if (current->IsObject())
+        {
+            for (const auto& member : current->GetObject())
+            {
+                add(member.value, depth + 1);
+            }
+        }
+    }
     return true;
 }
 

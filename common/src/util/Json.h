@@ -2,6 +2,7 @@
 
 #include <rapidjson/document.h>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,11 @@ bool ParseJson(rapidjson::Document& document, std::string_view text);
 
 // Reads a whole file into text; answers false when it cannot be read.
 bool ReadFile(const std::string& path, std::string& text);
+
+// Whether no array or object lies more than maxDepth levels below value.
+// Writing a value out (Accept) recurses once per level, so text parsed from
+// a hostile source is checked before it is written again. Iterative.
+bool NestsWithin(const rapidjson::Value& value, std::size_t maxDepth);
 
 // Member "key" as a string view, or empty when absent or not a string.
 std::string_view GetString(const rapidjson::Value& object, const char* key);

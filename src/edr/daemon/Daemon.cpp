@@ -6,7 +6,7 @@
 #include "common/Logging.h"
 #include "common/SignalHandler.h"
 #include "common/UnixClientStreamSockIOChannel.h"
-#include "common/util/Json.h"
+#include "edr/daemon/AgentCommand.h"
 #include "edr/daemon/ConfigurationFile.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
@@ -20,6 +20,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <malloc.h>
+#include <optional>
+#include <string_view>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -39,6 +41,11 @@ void OnTerminationSignal(int)
 
 constexpr const char* kCouldNotInitialize = "Error: The corvid-edr binary could not Initialize.";
 constexpr const char* kInvalidAgentJson = "Invalid json received from the agent.";
+
+std::string_view AsText(const std::vector<uint8_t>& bytes)
+{
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
 
 void Syslog(int priority, const std::string& text)
 {
@@ -200,22 +207,20 @@ bool Daemon::WaitForConfiguration()
 
 bool Daemon::Initialize()
 {
-    rapidjson::Document message;
-    bool parsed = false;
+    std::vector<uint8_t> pending;
     {
         std::lock_guard lock(m_mutex);
-        parsed = util::ParseJson(
-            message, std::string_view(reinterpret_cast<const char*>(m_pending.data()), m_pending.size()));
-        m_pending.clear();
+        pending.swap(m_pending);
     }
-    if (!parsed || !message.IsObject() || util::GetString(message, "command") != "config" ||
-        !message.HasMember("config_file") || !message["config_file"].IsString())
+    const AgentCommand message(AsText(pending));
+    const std::optional<std::string> configFile = message.ConfigFile();
+    if (message.GetKind() != AgentCommand::Kind::Config || !configFile)
     {
         Syslog(LOG_CRIT, kInvalidAgentJson);
         return false;
     }
 
-    const std::string path(util::GetString(message, "config_file"));
+    const std::string& path = *configFile;
     ConfigurationFile file;
     switch (file.Load(path))
     {
@@ -323,45 +328,35 @@ void Daemon::MainLoop(std::unique_lock<std::mutex>& lock)
 
 void Daemon::HandleCommand()
 {
-    rapidjson::Document message;
-    const bool parsed = util::ParseJson(
-        message, std::string_view(reinterpret_cast<const char*>(m_pending.data()), m_pending.size()));
+    const AgentCommand message(AsText(m_pending));
     m_pending.clear();
-    if (!parsed || !message.IsObject())
+    switch (message.GetKind())
     {
+    case AgentCommand::Kind::Invalid:
         EDR_LOG_ERROR(kInvalidAgentJson);
-        return;
-    }
-    const auto commandIt = message.FindMember("command");
-    if (commandIt == message.MemberEnd() || !commandIt->value.IsString())
-    {
-        return;
-    }
-    const std::string_view command(commandIt->value.GetString(), commandIt->value.GetStringLength());
-    if (command == "fim_status")
-    {
+        break;
+    case AgentCommand::Kind::Unnamed:
+        break;
+    case AgentCommand::Kind::FimStatus:
         EDR_LOG_INFO("Command 'fim_status' received from agent");
-    }
-    else if (command == "ioc_status")
-    {
+        break;
+    case AgentCommand::Kind::IocStatus:
         EDR_LOG_INFO("Command 'ioc_status' received from agent");
-    }
-    else if (command == "config")
-    {
+        break;
+    case AgentCommand::Kind::Config:
         ApplyConfig(message);
-    }
-    else if (command == "exit")
-    {
+        break;
+    case AgentCommand::Kind::Exit:
         EDR_LOG_INFO("Command 'exit' received from agent.");
         g_shutdown.store(true);
-    }
-    else
-    {
-        EDR_LOG_ERROR("Invalid command found in json received from agent: " << command);
+        break;
+    case AgentCommand::Kind::Unknown:
+        EDR_LOG_ERROR("Invalid command found in json received from agent: " << message.Name());
+        break;
     }
 }
 
-void Daemon::ApplyConfig(const rapidjson::Value& command)
+void Daemon::ApplyConfig(const AgentCommand& command)
 {
     EDR_LOG_INFO("Command 'config' received from agent");
     const std::string refused = ApplyConfigFile(command);
@@ -374,14 +369,14 @@ void Daemon::ApplyConfig(const rapidjson::Value& command)
     RecordConfig(AHSStatusCode::kConfigRefused, refused);
 }
 
-std::string Daemon::ApplyConfigFile(const rapidjson::Value& command)
+std::string Daemon::ApplyConfigFile(const AgentCommand& command)
 {
-    const auto fileIt = command.FindMember("config_file");
-    if (fileIt == command.MemberEnd() || !fileIt->value.IsString())
+    const std::optional<std::string> configFile = command.ConfigFile();
+    if (!configFile)
     {
         return "Incomplete 'config' command received from the agent";
     }
-    const std::string path(fileIt->value.GetString(), fileIt->value.GetStringLength());
+    const std::string& path = *configFile;
     ConfigurationFile file;
     switch (file.Load(path))
     {

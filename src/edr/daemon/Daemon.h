@@ -9,8 +9,6 @@
 #include "edr/daemon/DaemonComponents.h"
 #include "edr/daemon/MemoryWatchdog.h"
 
-#include <rapidjson/document.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -22,6 +20,8 @@
 
 namespace vantor::edr
 {
+
+class AgentCommand;
 
 // The process: detaches, connects to the host agent, waits for its
 // configuration, builds the long-lived objects in a fixed order, runs the main
@@ -67,9 +67,9 @@ private:
     void MainLoop(std::unique_lock<std::mutex>& lock);
     // Runs with the daemon mutex held, for every message after the first.
     void HandleCommand();
-    void ApplyConfig(const rapidjson::Value& command);
+    void ApplyConfig(const AgentCommand& command);
     // Answers why the command was refused; empty when it was applied.
-    std::string ApplyConfigFile(const rapidjson::Value& command);
+    std::string ApplyConfigFile(const AgentCommand& command);
     // The outcome of a configuration as a health-status record.
     void RecordConfig(int64_t statusCode, const std::string& reason);
     void ExportProxyEnvironment();

@@ -191,6 +191,33 @@ TEST_F(FimUploadScheduleTest, CorruptFileIsDeletedAndTheNextOneGoes)
     EXPECT_NE(LastPayload().find("/good"), std::string::npos);
 }
 
+TEST_F(FimUploadScheduleTest, FileNestedTooDeepIsDeletedAndOneAtTheBoundGoes)
+{
+    vantor::test::LogCapture log(Logging::Edr());
+    const auto nested = [](std::size_t depth)
+    { return R"({"events":[)" + std::string(depth, '[') + std::string(depth, ']') + "]}"; };
+    Spool("/will-be-too-deep");
+    Spool("/will-be-at-the-bound");
+    const std::string tooDeep = m_spool->FileName(m_spool->FileIndices().front());
+    // Deep enough to overflow the stack if it were written out again.
+    std::ofstream(tooDeep, std::ios::trunc) << nested(1'000'000);
+    std::ofstream(m_spool->FileName(m_spool->FileIndices().back()), std::ios::trunc)
+        << nested(UploadSchedule::kMaxNesting);
+
+    m_schedule->RunOnce();
+    EXPECT_EQ(m_receiver->RequestCount(), 0u);
+    EXPECT_FALSE(std::filesystem::exists(tooDeep));
+    EXPECT_TRUE(log.Contains("UploadSchedule: Failed to parse file: " + tooDeep +
+                             " 'events' nest deeper than 64 levels"));
+
+    m_schedule->RunOnce();
+    ASSERT_EQ(m_receiver->StoredCount(), 1u);
+    rapidjson::Document payload;
+    ASSERT_TRUE(vantor::util::ParseJson(payload, LastPayload()));
+    EXPECT_TRUE(vantor::util::NestsWithin(payload["events"], UploadSchedule::kMaxNesting));
+    EXPECT_FALSE(vantor::util::NestsWithin(payload["events"], UploadSchedule::kMaxNesting - 1));
+}
+
 TEST_F(FimUploadScheduleTest, SchedulerRunsTheFirstUploadAtOnce)
 {
     Spool("/scheduled");

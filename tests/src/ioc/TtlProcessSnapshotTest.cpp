@@ -197,6 +197,13 @@ TEST_F(TtlProcessSnapshotTest, TheColumnTextsReadBack)
     const std::map<std::string, int64_t> tags{{"a\"b,c", -2}, {"T1059", 40}};
     EXPECT_EQ(TtlProcessRow::ParseTags(TtlProcessRow::FormatTags(tags)), tags);
     EXPECT_THAT(TtlProcessRow::ParseTags(""), IsEmpty());
+    // A damaged row nested deeper than a recursive parse or write could bear.
+    const std::size_t depth = 1'000'000;
+    const std::string deep = std::string(depth, '[') + std::string(depth, ']');
+    EXPECT_EQ(TtlProcessRow::ParseTags(R"({"T1059":40,"deep":)" + deep + "}"),
+              (std::map<std::string, int64_t>{{"T1059", 40}}));
+    EXPECT_TRUE(log.Contains("Tag value (nested too deep) is deformed in db."));
+    EXPECT_THAT(TtlProcessRow::ParseTags(R"({"deep":)" + deep), IsEmpty());
 }
 
 // A save killed at any point (SIGKILL, no chance to clean up) must leave a
