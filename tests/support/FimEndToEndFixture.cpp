@@ -25,10 +25,7 @@ std::string Describe(const std::vector<FimDocument>& documents)
     return text;
 }
 
-namespace
-{
-
-bool ReadPayload(const std::string& text, std::vector<FimDocument>& documents)
+bool ReadFimPayload(const std::string& text, std::vector<FimDocument>& documents)
 {
     rapidjson::Document payload;
     if (!util::ParseJson(payload, text) || !payload.IsObject() || !payload.HasMember("events") ||
@@ -63,8 +60,6 @@ bool ReadPayload(const std::string& text, std::vector<FimDocument>& documents)
     }
     return true;
 }
-
-} // namespace
 
 void FimEndToEndFixture::SetUp()
 {
@@ -215,7 +210,7 @@ std::vector<FimDocument> FimEndToEndFixture::Received()
             continue;
         }
         std::vector<FimDocument> documents;
-        if (ReadPayload(ReadText(entry.path()), documents))
+        if (ReadFimPayload(ReadText(entry.path()), documents))
         {
             m_payloads.emplace(index, std::move(documents));
             m_unreadable.erase(index);
