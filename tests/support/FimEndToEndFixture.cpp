@@ -161,15 +161,14 @@ void FimEndToEndFixture::StartDaemon(const std::string& dispatcherSocket,
                 change(config);
             }
         });
-    // A restarted daemon appends to the same log: only its own lines count.
-    const size_t logMark = m_harness.Log().size();
     ASSERT_NO_FATAL_FAILURE(m_agent->Start(m_harness.ConfigFile()));
     m_daemonRan = true;
     m_daemonPid = m_agent->DaemonPid();
     ASSERT_GT(m_daemonPid, 0) << ReadText(m_harness.Dir() + "/agent.out") << m_harness.Syslog();
-    ASSERT_TRUE(Eventually(
-        [&] { return m_harness.Log().find("Memory threshold: softLimit", logMark) != std::string::npos; },
-        10s))
+    // A restarted daemon appends to the same log, which may rotate meanwhile:
+    // its own line is the one its main thread (its pid) writes.
+    const std::string ready = "[" + std::to_string(m_daemonPid) + "]:Memory threshold: softLimit";
+    ASSERT_TRUE(Eventually([&] { return m_harness.LogContains(ready); }, 10s))
         << m_harness.Log() << m_harness.Syslog();
     ASSERT_TRUE(Eventually([&] { return !RulesContaining(m_watched).empty(); }, 5s))
         << RunCommand("auditctl -l");
