@@ -101,6 +101,9 @@ protected:
 
     void Start()
     {
+        // Empties the harness's syslog socket, which holds only a few lines:
+        // a full one would block the next daemon in syslog() at its start.
+        m_harness.Syslog();
         ASSERT_NO_FATAL_FAILURE(StartIocDaemon(kManifest));
         m_tally.Started(test::SoakWorkload::Now());
     }
