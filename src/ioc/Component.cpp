@@ -23,11 +23,13 @@
 #include "ioc/TtlProcessTree.h"
 #include "ioc/UploadSchedule.h"
 #include "ioc/protobuf/DataFormatter.h"
+#include "ioc/protobuf/IocEvents.pb.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -54,6 +56,22 @@ std::shared_ptr<common::HttpUploader> CheckUploader(std::shared_ptr<common::Http
         throw std::runtime_error("ioc::Component: 'uploader' cannot be null");
     }
     return uploader;
+}
+
+// The number of the newest batch in the spool that can be read; 0 when none.
+uint64_t NewestSpooledBatch(const common::SpoolStorage& spool)
+{
+    const auto indices = spool.FileIndices();
+    for (auto index = indices.rbegin(); index != indices.rend(); ++index)
+    {
+        std::ifstream in(spool.FileName(*index), std::ios::binary);
+        com::corvid::ioc::model::proto::event::IoCEvent batch;
+        if (in && batch.ParseFromIstream(&in))
+        {
+            return batch.sequenceno();
+        }
+    }
+    return 0;
 }
 
 std::string WithSlash(std::string directory)
@@ -194,6 +212,7 @@ void Component::ApplySpoolSettingsLocked()
                                                      SpoolSettings(*m_config), kMaxSpoolFiles);
     m_spoolDirectory = directory;
     m_spoolPrefix = prefix;
+    m_sequenceNumber->AtLeast(NewestSpooledBatch(*m_spool));
     MakeBatchPipelineLocked();
 }
 

@@ -58,6 +58,19 @@ uint64_t SequenceNumber::Current() const
     return m_value;
 }
 
+void SequenceNumber::AtLeast(uint64_t value)
+{
+    std::lock_guard lock(m_mutex);
+    if (value <= m_value)
+    {
+        return;
+    }
+    EDR_LOG_WARNING("SequenceNumber: batch " << value << " is spooled but the stored number is " << m_value
+                                             << "; numbering goes on from the spooled one");
+    m_value = value;
+    Store(m_value);
+}
+
 uint64_t SequenceNumber::Next()
 {
     std::lock_guard lock(m_mutex);

@@ -31,6 +31,11 @@ public:
     explicit SequenceNumber(common::SqlStorage& snapshot);
 
     uint64_t Current() const;
+    // Goes on from value when it is ahead: a batch is spooled before its
+    // number is stored, so a crash between the two leaves the newest spooled
+    // batch one ahead of the row, and numbering from the row would give its
+    // number again. Logged and stored when it raises the number.
+    void AtLeast(uint64_t value);
     // Counts one more batch and writes the number back; answers it. A failed
     // write is logged; the number in memory goes on.
     uint64_t Next();

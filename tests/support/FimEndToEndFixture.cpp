@@ -25,10 +25,7 @@ std::string Describe(const std::vector<FimDocument>& documents)
     return text;
 }
 
-namespace
-{
-
-bool ReadPayload(const std::string& text, std::vector<FimDocument>& documents)
+bool ReadFimPayload(const std::string& text, std::vector<FimDocument>& documents)
 {
     rapidjson::Document payload;
     if (!util::ParseJson(payload, text) || !payload.IsObject() || !payload.HasMember("events") ||
@@ -63,8 +60,6 @@ bool ReadPayload(const std::string& text, std::vector<FimDocument>& documents)
     }
     return true;
 }
-
-} // namespace
 
 void FimEndToEndFixture::SetUp()
 {
@@ -166,15 +161,14 @@ void FimEndToEndFixture::StartDaemon(const std::string& dispatcherSocket,
                 change(config);
             }
         });
-    // A restarted daemon appends to the same log: only its own lines count.
-    const size_t logMark = m_harness.Log().size();
     ASSERT_NO_FATAL_FAILURE(m_agent->Start(m_harness.ConfigFile()));
     m_daemonRan = true;
     m_daemonPid = m_agent->DaemonPid();
     ASSERT_GT(m_daemonPid, 0) << ReadText(m_harness.Dir() + "/agent.out") << m_harness.Syslog();
-    ASSERT_TRUE(Eventually(
-        [&] { return m_harness.Log().find("Memory threshold: softLimit", logMark) != std::string::npos; },
-        10s))
+    // A restarted daemon appends to the same log, which may rotate meanwhile:
+    // its own line is the one its main thread (its pid) writes.
+    const std::string ready = "[" + std::to_string(m_daemonPid) + "]:Memory threshold: softLimit";
+    ASSERT_TRUE(Eventually([&] { return m_harness.LogContains(ready); }, 10s))
         << m_harness.Log() << m_harness.Syslog();
     ASSERT_TRUE(Eventually([&] { return !RulesContaining(m_watched).empty(); }, 5s))
         << RunCommand("auditctl -l");
@@ -215,7 +209,7 @@ std::vector<FimDocument> FimEndToEndFixture::Received()
             continue;
         }
         std::vector<FimDocument> documents;
-        if (ReadPayload(ReadText(entry.path()), documents))
+        if (ReadFimPayload(ReadText(entry.path()), documents))
         {
             m_payloads.emplace(index, std::move(documents));
             m_unreadable.erase(index);

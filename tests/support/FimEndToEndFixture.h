@@ -37,6 +37,9 @@ struct FimDocument
 };
 
 std::string Describe(const std::vector<FimDocument>& documents);
+// Appends the documents of an uploaded payload or a spool file ({"events":
+// [...]}); false when the text is not one.
+bool ReadFimPayload(const std::string& text, std::vector<FimDocument>& documents);
 
 class FimEndToEndFixture : public testing::Test
 {

@@ -75,6 +75,16 @@ IocBatch Decode(int file, const pb::IoCEvent& batch)
 
 } // namespace
 
+std::optional<IocBatch> ReadIocBatch(const std::string& bytes, int file)
+{
+    pb::IoCEvent batch;
+    if (!batch.ParseFromString(bytes))
+    {
+        return std::nullopt;
+    }
+    return Decode(file, batch);
+}
+
 std::string Describe(const std::vector<IocEvent>& events)
 {
     std::string text;
@@ -147,10 +157,9 @@ std::vector<IocBatch> IocEndToEndFixture::Batches() const
             continue;
         }
         const int file = std::atoi(entry.path().stem().c_str());
-        pb::IoCEvent batch;
-        if (batch.ParseFromString(ReadText(entry.path())))
+        if (auto batch = ReadIocBatch(ReadText(entry.path()), file))
         {
-            batches.emplace(file, Decode(file, batch));
+            batches.emplace(file, std::move(*batch));
         }
     }
     std::vector<IocBatch> ordered;

@@ -9,6 +9,7 @@
 #include "tests/support/FimEndToEndFixture.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,8 @@ struct IocBatch
 };
 
 std::string Describe(const std::vector<IocEvent>& events);
+// One serialised batch (as uploaded or spooled); nothing when it does not parse.
+std::optional<IocBatch> ReadIocBatch(const std::string& bytes, int file = 0);
 
 class IocEndToEndFixture : public FimEndToEndFixture
 {

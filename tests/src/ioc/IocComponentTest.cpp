@@ -9,6 +9,7 @@
 #include "ioc/SequenceNumber.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessTree.h"
+#include "ioc/protobuf/IocEvents.pb.h"
 #include "tests/src/ioc/IocTestEvent.h"
 #include "tests/src/ioc/IocTestJson.h"
 #include "tests/src/ioc/RecordingRuleEngine.h"
@@ -214,6 +215,33 @@ TEST_F(IocComponentTest, TheSequenceNumberGoesOnAfterARestartAndABadOneStartsAga
     EXPECT_THAT([&] { Make({m_manifest}); },
                 ThrowsMessage<std::runtime_error>(StrEq("ioc::component: sequence number out of range.")));
     EXPECT_FALSE(m_engine.HasEventHandlers(ioc::Component::kTag)) << "nothing was registered";
+}
+
+TEST_F(IocComponentTest, NumberingGoesOnFromTheNewestSpooledBatchWhenACrashLeftItAheadOfTheStoredNumber)
+{
+    // Spool files as the formatter leaves them, oldest first; the newest one
+    // is cut short (a field of 5 bytes holding 2) and is passed over.
+    std::filesystem::create_directories(m_dir.Path() + "/ioc");
+    const std::string torn{'\x0a', '\x05', 'a', 'b'};
+    for (const auto& [name, number] :
+         {std::pair{"batches.0001", 3}, {"batches.0002", 4}, {"batches.0003", 0}})
+    {
+        com::corvid::ioc::model::proto::event::IoCEvent batch;
+        batch.set_sequenceno(static_cast<uint64_t>(number));
+        m_dir.Write(std::string("ioc/") + name, number > 0 ? batch.SerializeAsString() : torn);
+    }
+    const struct
+    {
+        const char* stored;
+        uint64_t expected;
+    } cases[] = {{"2", 4}, {"3", 4}, {"9", 9}};
+    for (const auto& c : cases)
+    {
+        StoreSequenceNumber(c.stored);
+        EXPECT_EQ(Make({m_manifest})->GetSequenceNumber(), c.expected) << c.stored;
+        EXPECT_EQ(SnapshotRow(SnapshotSqlDataFormatter::kSequenceNumber), std::to_string(c.expected))
+            << c.stored;
+    }
 }
 
 TEST_F(IocComponentTest, TheRulesOfTheManifestsGoToTheEngineUnderTheTagAndTheirEventsReachTheHandler)
