@@ -16,7 +16,10 @@ bool ParseJson(rapidjson::Document& document, std::string_view text)
     }
     constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
     document.Parse<kFlags>(text.data(), text.size());
-    return !document.HasParseError();
+    // Writing a value out again recurses once per level, and configurations
+    // and manifests are written out: a document deeper than any the daemon
+    // reads is refused here, for every caller at once.
+    return !document.HasParseError() && NestsWithin(document, kMaxJsonDepth);
 }
 
 bool ReadFile(const std::string& path, std::string& text)

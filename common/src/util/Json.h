@@ -9,9 +9,13 @@
 namespace vantor::util
 {
 
+// Deeper than any document the daemon reads or writes.
+constexpr std::size_t kMaxJsonDepth = 256;
+
 // Parses untrusted JSON text: iteratively (deep nesting cannot exhaust the
 // stack), with UTF-8 validation, and only one root value followed by nothing
-// but whitespace or a terminating NUL. Answers whether it parsed.
+// but whitespace or a terminating NUL; refuses values nested deeper than
+// kMaxJsonDepth. Answers whether it parsed.
 bool ParseJson(rapidjson::Document& document, std::string_view text);
 
 // Reads a whole file into text; answers false when it cannot be read.

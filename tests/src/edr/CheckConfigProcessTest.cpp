@@ -186,5 +186,17 @@ TEST(CheckConfigFileTest, AnUnreadableConfigurationIsTheOneError)
         << run.output;
 }
 
+// Writing a parsed value out again recurses once per level: a file nested
+// deeper than any real one is refused as it is read, never a stack overflow.
+TEST(CheckConfigFileTest, FilesNestedTooDeeplyAreRefusedWithoutACrash)
+{
+    const test::TempDir dir;
+    const std::string deep = std::string(200000, '[') + std::string(200000, ']');
+    dir.Write("corvid-edr.json", R"({"fim_config": {"manifests": )" + deep + "}}");
+    const ToolRun run = CheckConfig(dir.File("corvid-edr.json"));
+    EXPECT_EQ(run.status, 1) << run.output;
+    EXPECT_NE(run.output.find("error: " + dir.File("corvid-edr.json")), std::string::npos) << run.output;
+}
+
 } // namespace
 } // namespace vantor::edr
