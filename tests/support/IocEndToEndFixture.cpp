@@ -40,6 +40,7 @@ IocBatch Decode(int file, const pb::IoCEvent& batch)
         auto event = Common("processEvent", message);
         event.target = message.imagepath();
         event.parent = message.parentprocessid();
+        event.arguments = message.arguments();
         event.meta = message.agentmetadata();
         events.push_back(std::move(event));
     }
@@ -105,7 +106,8 @@ void IocEndToEndFixture::SetUp()
     m_agentSocket = m_harness.Dir() + "/agent_edr.sock";
 }
 
-void IocEndToEndFixture::StartIocDaemon(const std::string& manifest)
+void IocEndToEndFixture::StartIocDaemon(const std::string& manifest,
+                                        const std::function<void(rapidjson::Document&)>& change)
 {
     rapidjson::Document document;
     ASSERT_TRUE(util::ParseJson(document, manifest)) << manifest;
@@ -127,6 +129,10 @@ void IocEndToEndFixture::StartIocDaemon(const std::string& manifest)
                     SetString(config, ioc["manifests"][0], "manifest_path", path);
                     ioc["upload_interval"].SetUint(1);
                     ioc["max_file_age_sec"].SetUint(1);
+                    if (change)
+                    {
+                        change(config);
+                    }
                 });
     EXPECT_TRUE(std::filesystem::exists(m_agentSocket));
     EXPECT_FALSE(std::filesystem::exists(DaemonHarness::kAgentSocket));

@@ -9,6 +9,7 @@
 #include "tests/support/FimEndToEndFixture.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ struct IocEvent
     // port ("127.0.0.1:443").
     std::string target;
     long long parent = -1; // process events: the parent's pid
+    std::string arguments; // process events
     std::string sha256;    // file events
     std::string meta;      // the actor's tags and verdicts (JSON), when sent
 };
@@ -49,7 +51,9 @@ protected:
     // Writes the manifest (its "gateway_url" is set to the receiver) and
     // starts the daemon with it; batches go into Dir()/spool/ioc. The agent
     // and the daemon meet on a socket in Dir(), not on the default one.
-    void StartIocDaemon(const std::string& manifest);
+    // change edits the configuration last.
+    void StartIocDaemon(const std::string& manifest,
+                        const std::function<void(rapidjson::Document&)>& change = {});
 
     // Every batch stored so far, in arrival order; one whose file cannot be
     // parsed yet is left for the next call.
