@@ -38,10 +38,19 @@ bool ReadFimPayload(const std::string& text, std::vector<FimDocument>& documents
         FimDocument doc;
         doc.action = util::GetString(event, "eventAction");
         doc.path = util::GetString(event, "imagePath");
-        if (event.HasMember("actor") && event["actor"].IsObject() && event["actor"].HasMember("processID") &&
-            event["actor"]["processID"].IsNumber())
+        if (const auto actor = event.FindMember("actor");
+            actor != event.MemberEnd() && actor->value.IsObject())
         {
-            doc.actor = event["actor"]["processID"].GetInt64();
+            const auto number = [&](const char* key)
+            {
+                const auto member = actor->value.FindMember(key);
+                return member != actor->value.MemberEnd() && member->value.IsInt64()
+                           ? member->value.GetInt64()
+                           : -1;
+            };
+            doc.actor = number("processID");
+            doc.userId = number("userID");
+            doc.procTitle = util::GetString(actor->value, "procTitle");
         }
         const auto operation = event.FindMember("operation");
         if (operation != event.MemberEnd() && operation->value.IsObject() &&
@@ -106,7 +115,13 @@ void FimEndToEndFixture::TearDown()
     m_state->Restore();
 }
 
-void FimEndToEndFixture::WriteManifest()
+void FimEndToEndFixture::WatchAlso(const std::string& ruleId, const std::string& path)
+{
+    m_extraRules.emplace_back(ruleId, path);
+    WriteManifest(m_extraRules);
+}
+
+void FimEndToEndFixture::WriteManifest(const std::vector<std::pair<std::string, std::string>>& extraRules)
 {
     rapidjson::Document manifest;
     ASSERT_TRUE(util::ParseJson(manifest, R"({"data": {"fim": {"policyVersion": "1.0", "rules": [{
@@ -120,6 +135,15 @@ void FimEndToEndFixture::WriteManifest()
     rule["imagePath"].SetString(m_watched.c_str(), allocator);
     const std::string excluded = m_watched + "/excluded";
     rule["exclusionFilters"][0]["patterns"][0].SetString(excluded.c_str(), allocator);
+    // A copy: adding to the array may move the rule.
+    const rapidjson::Value prototype(rule, allocator);
+    for (const auto& [id, path] : extraRules)
+    {
+        rapidjson::Value extra(prototype, allocator);
+        extra["ruleId"].SetString(id.c_str(), allocator);
+        extra["imagePath"].SetString(path.c_str(), allocator);
+        manifest["data"]["fim"]["rules"].PushBack(extra, allocator);
+    }
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
     manifest.Accept(writer);

@@ -21,6 +21,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vantor::test
@@ -32,6 +33,8 @@ struct FimDocument
     std::string action;
     std::string path;
     long long actor = -1;
+    long long userId = -1; // the actor's
+    std::string procTitle; // the actor's
     std::vector<std::string> rules;
     std::string newPath; // the new name of a rename
 };
@@ -93,12 +96,17 @@ protected:
     std::set<long long> m_daemonPids;
     std::set<long long> m_agentPids;
 
+    // Adds a rule like the watched one for another path to the manifest;
+    // before StartDaemon.
+    void WatchAlso(const std::string& ruleId, const std::string& path);
+
 private:
-    void WriteManifest();
+    void WriteManifest(const std::vector<std::pair<std::string, std::string>>& extraRules = {});
 
     // Documents of each payload file read so far, by the file's number.
     std::map<int, std::vector<FimDocument>> m_payloads;
     std::set<int> m_unreadable;
+    std::vector<std::pair<std::string, std::string>> m_extraRules;
 };
 
 } // namespace vantor::test

@@ -40,6 +40,7 @@ IocBatch Decode(int file, const pb::IoCEvent& batch)
         auto event = Common("processEvent", message);
         event.target = message.imagepath();
         event.parent = message.parentprocessid();
+        event.arguments = message.arguments();
         event.meta = message.agentmetadata();
         events.push_back(std::move(event));
     }

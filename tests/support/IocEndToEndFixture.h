@@ -9,6 +9,7 @@
 #include "tests/support/FimEndToEndFixture.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,6 +28,7 @@ struct IocEvent
     // port ("127.0.0.1:443").
     std::string target;
     long long parent = -1; // process events: the parent's pid
+    std::string arguments; // process events
     std::string sha256;    // file events
     std::string meta;      // the actor's tags and verdicts (JSON), when sent
 };

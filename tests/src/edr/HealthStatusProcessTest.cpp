@@ -7,17 +7,15 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/FimEndToEndFixture.h"
+#include "tests/support/StatusRecords.h"
 
-#include "common/util/Json.h"
 #include "edr/AHSRecord.h"
-#include "tools/TestReceiver.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <fcntl.h>
-#include <filesystem>
 #include <unistd.h>
 
 namespace vantor::edr
@@ -29,62 +27,26 @@ using namespace std::chrono_literals;
 
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
 
-struct StatusRecord
-{
-    std::string contextId;
-    int64_t statusCode = 0;
-    rapidjson::Document fields;
-};
-
 class HealthStatusProcessTest : public test::FimEndToEndFixture
 {
 protected:
     // Every status record the receiver took so far.
-    std::vector<StatusRecord> StatusRecords() const
+    std::vector<test::StatusRecord> StatusRecords() const
     {
-        std::vector<StatusRecord> records;
-        for (const auto& entry : std::filesystem::directory_iterator(m_receiver->Output()))
-        {
-            rapidjson::Document payload;
-            if (entry.path().extension() != tools::TestReceiver::kStatusSuffix ||
-                !util::ParseJson(payload, test::ReadText(entry.path())))
-            {
-                continue;
-            }
-            for (auto& record : payload["status"].GetArray())
-            {
-                StatusRecord received;
-                received.contextId = record["contextId"].GetString();
-                received.statusCode = record["statusCode"].GetInt64();
-                if (record.HasMember("additionalFields"))
-                {
-                    received.fields.CopyFrom(record["additionalFields"], received.fields.GetAllocator());
-                }
-                records.push_back(std::move(received));
-            }
-        }
-        return records;
+        return test::ReadStatusRecords(m_receiver->Output());
     }
 
-    static bool Has(const std::vector<StatusRecord>& records, const char* contextId, int64_t statusCode)
+    static bool Has(const std::vector<test::StatusRecord>& records, const char* contextId, int64_t statusCode)
     {
         return std::any_of(records.begin(), records.end(),
-                           [&](const StatusRecord& r)
+                           [&](const test::StatusRecord& r)
                            { return r.contextId == contextId && r.statusCode == statusCode; });
     }
 
     // Bytes the parser queue dropped, by the records received.
-    static uint64_t DroppedBytes(const std::vector<StatusRecord>& records)
+    static uint64_t DroppedBytes(const std::vector<test::StatusRecord>& records)
     {
-        uint64_t bytes = 0;
-        for (const auto& record : records)
-        {
-            if (record.contextId == AHSContext::kParserQueue && record.fields.IsObject())
-            {
-                bytes += record.fields["bytes"].GetUint64();
-            }
-        }
-        return bytes;
+        return test::Total(records, AHSContext::kParserQueue, AHSStatusCode::kParserQueueDropped, "bytes");
     }
 
     // Opens a watched file for writing until stopped or the time is up.
