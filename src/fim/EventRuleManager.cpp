@@ -62,7 +62,8 @@ std::optional<std::string> EventRuleManager::LoadManifest(const std::string& pat
         if (!util::ParseJson(document, text))
         {
             EDR_LOG_ERROR("Failed to parse manifest: "
-                          << rapidjson::GetParseError_En(document.GetParseError())
+                          << (document.HasParseError() ? rapidjson::GetParseError_En(document.GetParseError())
+                                                       : "nested too deep")
                           << " (offset: " << document.GetErrorOffset() << ")");
             reason = "Invalid manifest json format for: " + path;
             EDR_LOG_ERROR(reason);

@@ -32,8 +32,9 @@ std::optional<common::SpoolUploadSchedule::Payload>
 UploadSchedule::MakePayload(common::SpoolStorage::File& file)
 {
     rapidjson::Document stored;
+    // A document the reader refuses without a syntax error is nested too deep.
     const bool parsed = util::ParseJson(stored, file.data);
-    if (!parsed)
+    if (stored.HasParseError())
     {
         EDR_LOG_ERROR("UploadSchedule: Failed to parse file: "
                       << file.path << " " << rapidjson::GetParseError_En(stored.GetParseError())
@@ -45,7 +46,7 @@ UploadSchedule::MakePayload(common::SpoolStorage::File& file)
         EDR_LOG_ERROR("UploadSchedule: Failed to parse file: " << file.path << " 'events' is not an array");
         return std::nullopt;
     }
-    if (!util::NestsWithin(stored["events"], kMaxNesting))
+    if (!parsed || !util::NestsWithin(stored["events"], kMaxNesting))
     {
         EDR_LOG_ERROR("UploadSchedule: Failed to parse file: " << file.path << " 'events' nest deeper than "
                                                                << kMaxNesting << " levels");

@@ -33,10 +33,10 @@ struct FimDocument
     std::string action;
     std::string path;
     long long actor = -1;
-    long long userId = -1; // the actor's
-    std::string procTitle; // the actor's
     std::vector<std::string> rules;
-    std::string newPath; // the new name of a rename
+    std::string newPath;     // the new name of a rename
+    long long userId = -1;   // the actor's
+    std::string procTitle{}; // the actor's
 };
 
 std::string Describe(const std::vector<FimDocument>& documents);
