@@ -86,8 +86,13 @@ void DocumentThread::Add(PendingDocument document, bool settles)
         return;
     }
     m_pending.Add(std::move(document), settles, Clock::now(), m_settleTime);
+    const auto due = m_pending.NextDue();
+    const bool wake = due && *due < m_sleepsUntil;
     lock.unlock();
-    m_wake.notify_one();
+    if (wake)
+    {
+        m_wake.notify_one();
+    }
 }
 
 void DocumentThread::Flush()
@@ -161,6 +166,7 @@ void DocumentThread::Run()
         {
             due = nextBaseline;
         }
+        m_sleepsUntil = due ? *due : Clock::time_point::max();
         if (due)
         {
             m_wake.wait_until(lock, *due);
@@ -169,6 +175,7 @@ void DocumentThread::Run()
         {
             m_wake.wait(lock);
         }
+        m_sleepsUntil = Clock::time_point::min();
     }
     // Nothing accepted is lost: what waits is built now.
     while (auto group = m_pending.TakeFirst())

@@ -77,6 +77,10 @@ private:
     // Wakes waiters: room, or everything built.
     std::condition_variable m_done;
     PendingDocuments m_pending;
+    // Until when the thread sleeps; min() while it is awake. An Add wakes it
+    // only for a document due before then: most are due later, and waking
+    // the thread for each of them costs two context switches.
+    Clock::time_point m_sleepsUntil = Clock::time_point::min();
     bool m_building = false;
     unsigned m_flushes = 0;
     // Groups to build before their time, one for each Add that found no room.

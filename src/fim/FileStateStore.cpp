@@ -34,7 +34,17 @@ std::optional<FileState> FileStateStore::Get(const std::string& path)
     {
         return std::nullopt;
     }
+    std::unique_lock lock(m_mutex);
+    if (m_absent.count(path) != 0)
+    {
+        return std::nullopt;
+    }
     const auto result = m_storage->Read(kStateTable, path);
+    if (result.success && result.rows.empty())
+    {
+        RememberAbsent(path);
+    }
+    lock.unlock();
     LogFailure("read the state of", path, result);
     if (!result.success || result.rows.empty())
     {
@@ -57,20 +67,41 @@ void FileStateStore::Put(const std::string& path, const FileState& state)
     {
         return;
     }
-    std::string record;
-    {
-        std::lock_guard lock(m_mutex);
-        record = m_formatter.FormatState(path, state);
-    }
-    LogFailure("store the state of", path, m_storage->Write(kStateTable, {{path, std::move(record)}}));
+    std::unique_lock lock(m_mutex);
+    m_absent.erase(path);
+    const auto result = m_storage->Write(kStateTable, {{path, m_formatter.FormatState(path, state)}});
+    lock.unlock();
+    LogFailure("store the state of", path, result);
 }
 
 void FileStateStore::Remove(const std::string& path)
 {
-    if (m_storage != nullptr)
+    if (m_storage == nullptr)
     {
-        LogFailure("forget the state of", path, m_storage->Delete(kStateTable, path));
+        return;
     }
+    std::unique_lock lock(m_mutex);
+    if (m_absent.count(path) != 0)
+    {
+        return;
+    }
+    const auto result = m_storage->Delete(kStateTable, path);
+    if (result.success)
+    {
+        RememberAbsent(path);
+    }
+    lock.unlock();
+    LogFailure("forget the state of", path, result);
+}
+
+void FileStateStore::RememberAbsent(const std::string& path)
+{
+    if (m_absent.size() >= kMaxAbsent)
+    {
+        // Forgetting only costs statements again.
+        m_absent.clear();
+    }
+    m_absent.insert(path);
 }
 
 void FileStateStore::PutContentStatus(const std::string& path, const char* status)

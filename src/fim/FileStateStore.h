@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_set>
 
 namespace vantor::common
 {
@@ -20,6 +21,11 @@ namespace vantor::fim::internal
 // the path's bytes. Failures of the store are logged; a lookup then knows
 // nothing, so a document shows "Unknown" rather than being lost.
 //
+// Paths the store is known not to hold (a lookup found nothing, or they
+// were removed) are remembered, up to kMaxAbsent of them, so that the usual
+// lookup and removal of a path that is gone cost no statement. This
+// assumes the store is the only writer of its table.
+//
 // Thread-safe.
 class FileStateStore
 {
@@ -27,15 +33,22 @@ public:
     // storage may be null: nothing is kept then.
     explicit FileStateStore(common::SqlStorage* storage);
 
+    static constexpr size_t kMaxAbsent = 4096;
+
     std::optional<FileState> Get(const std::string& path);
     void Put(const std::string& path, const FileState& state);
     void Remove(const std::string& path);
     void PutContentStatus(const std::string& path, const char* status);
 
 private:
+    void RememberAbsent(const std::string& path);
+
     common::SqlStorage* m_storage;
-    std::mutex m_mutex; // the formatter's record buffer
+    // The formatter's record buffer, and the absent paths with the
+    // statements that change what they tell.
+    std::mutex m_mutex;
     BaselineEventSqlDataFormatter m_formatter;
+    std::unordered_set<std::string> m_absent;
 };
 
 } // namespace vantor::fim::internal

@@ -185,6 +185,18 @@ TEST_F(FimDocumentThreadTest, ContentIsWhatTheWriterLeftWhenThePathSettled)
     EXPECT_EQ(m_thread->GetOverflowCount(), 0u);
 }
 
+// The thread sleeps until the first group is due; a document due earlier
+// must wake it.
+TEST_F(FimDocumentThreadTest, ADocumentDueNowIsBuiltWhileAnotherSettles)
+{
+    Make(100, 3s);
+    m_thread->Add(Pending(EventType::Create, m_dir.Write("slow", "x"), 1), true);
+    std::this_thread::sleep_for(50ms);
+    m_thread->Add(Pending(EventType::Delete, m_dir.File("gone"), 2), false);
+    ASSERT_TRUE(WaitFor(1, 1500ms));
+    EXPECT_EQ(Built()[0]["eventId"].GetUint(), 2u);
+}
+
 TEST_F(FimDocumentThreadTest, DocumentsOfOnePathKeepTheirOrder)
 {
     Make(100, 100ms);

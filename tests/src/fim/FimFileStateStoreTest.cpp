@@ -8,6 +8,7 @@
 #include <sqlite3.h>
 
 #include <memory>
+#include <string>
 
 using vantor::fim::BaselineEventSqlDataFormatter;
 using vantor::fim::FileState;
@@ -68,6 +69,33 @@ TEST(FimFileStateStoreTest, AStoreOfTheFirstVersionGainsTheStateTableAndKeepsIts
     store.Put("/etc/hosts", FileState{7, 0100644, 0, 0, 5, ""});
     ASSERT_TRUE(store.Get("/etc/hosts"));
     EXPECT_EQ(store.Get("/etc/hosts")->size, 7u);
+}
+
+// A path found missing or removed is remembered as absent: a later state
+// of it must still be stored and found, also past the bound of that memory.
+TEST(FimFileStateStoreTest, APathOnceAbsentIsStoredAgain)
+{
+    vantor::test::TempDir dir;
+    auto storage = Open(dir);
+    FileStateStore store(storage.get());
+    const FileState first{1, 0100644, 0, 0, 1, ""};
+    const FileState second{2, 0100600, 0, 0, 2, "cd"};
+    EXPECT_FALSE(store.Get("/w/a"));
+    store.Remove("/w/a");
+    store.Put("/w/a", first);
+    ASSERT_TRUE(store.Get("/w/a"));
+    EXPECT_EQ(store.Get("/w/a")->size, 1u);
+    store.Remove("/w/a");
+    EXPECT_FALSE(store.Get("/w/a"));
+    for (size_t i = 0; i <= FileStateStore::kMaxAbsent; ++i)
+    {
+        store.Remove("/w/gone" + std::to_string(i));
+    }
+    store.Put("/w/a", second);
+    store.Put("/w/gone0", first);
+    EXPECT_EQ(store.Get("/w/a")->sha256, "cd");
+    EXPECT_EQ(store.Get("/w/gone0")->size, 1u);
+    EXPECT_EQ(storage->Read("FileState", "/w/a").rows.size(), 1u);
 }
 
 TEST(FimFileStateStoreTest, WithoutAStoreNothingIsKnown)
