@@ -83,12 +83,19 @@ public:
             *existing = std::move(value);
             return *existing;
         }
+        return PutAbsent(Key(key), std::move(value));
+    }
+
+    // Put for a key known to be absent (Find just answered nullptr): spares
+    // a second lookup and takes the key without a copy.
+    Value& PutAbsent(Key&& key, Value value)
+    {
         if (m_index.size() >= EvictionThreshold())
         {
             m_index.erase(std::cref(m_order.back().first));
             m_order.pop_back();
         }
-        m_order.emplace_front(key, std::move(value));
+        m_order.emplace_front(std::move(key), std::move(value));
         m_index.emplace(std::cref(m_order.front().first), m_order.begin());
         return m_order.front().second;
     }

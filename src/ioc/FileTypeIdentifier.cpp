@@ -68,21 +68,43 @@ const char* FileTypeIdentifier::KindText(uint32_t mode)
     }
 }
 
-std::string FileTypeIdentifier::Identify(const std::string& path, uint32_t mode) const
+std::string FileTypeIdentifier::Identify(const std::string& path, uint32_t mode,
+                                         const std::optional<Version>& version) const
 {
     if ((mode & S_IFMT) != S_IFREG || !m_magic)
     {
         return KindText(mode);
     }
+    if (version)
+    {
+        std::lock_guard lock(m_mutex);
+        const auto it = m_remembered.find(path);
+        if (it != m_remembered.end() && it->second.first == *version)
+        {
+            return it->second.second;
+        }
+    }
+    std::string type;
     try
     {
-        return Classify(m_magic->Describe(path));
+        type = Classify(m_magic->Describe(path));
     }
     catch (const std::runtime_error& e)
     {
+        // Not remembered: the file may be readable at the next event.
         EDR_LOG_DEBUG("FileTypeIdentifier: " << e.what());
         return kRegularFile;
     }
+    if (version)
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_remembered.size() >= kMaxRemembered)
+        {
+            m_remembered.clear();
+        }
+        m_remembered.insert_or_assign(path, std::pair{*version, type});
+    }
+    return type;
 }
 
 std::string FileTypeIdentifier::Classify(const std::string& description) const

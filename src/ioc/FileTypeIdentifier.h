@@ -2,7 +2,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Poco
@@ -34,8 +38,13 @@ namespace vantor::ioc::internal
 // "HTML document" -> "HTML", "JPEG image" -> "JPEG", "SQLite .* database"
 // -> "SQLite".
 //
-// Immutable after construction; Identify is safe from any thread (the magic
-// wrapper serialises its own lookups).
+// A regular file's type is remembered by path with the version the caller
+// names (its modification time and size from the event): the same version of
+// a file is described once, as files are written many times over. At most
+// kMaxRemembered paths are kept; the memory starts afresh when full.
+//
+// Identify is safe from any thread (the magic wrapper serialises its own
+// lookups; the memory has its own mutex).
 class FileTypeIdentifier
 {
 public:
@@ -63,9 +72,21 @@ public:
     FileTypeIdentifier(const FileTypeIdentifier&) = delete;
     FileTypeIdentifier& operator=(const FileTypeIdentifier&) = delete;
 
+    // The version of a file's content as far as the caller knows it.
+    struct Version
+    {
+        int64_t modified = 0;
+        int64_t size = 0;
+        bool operator==(const Version&) const = default;
+    };
+
+    static constexpr size_t kMaxRemembered = 4096;
+
     // The type text of the file at path whose st_mode type bits are mode. A
-    // file the magic database cannot describe keeps its kind.
-    std::string Identify(const std::string& path, uint32_t mode) const;
+    // file the magic database cannot describe keeps its kind. With a
+    // version, the type found for that version of the path before is used.
+    std::string Identify(const std::string& path, uint32_t mode,
+                         const std::optional<Version>& version = std::nullopt) const;
     // The type text of a regular file with this magic description.
     std::string Classify(const std::string& description) const;
 
@@ -81,6 +102,8 @@ private:
 
     const std::shared_ptr<const edr::LibMagicWrapper> m_magic;
     std::vector<Compiled> m_patterns;
+    mutable std::mutex m_mutex;
+    mutable std::unordered_map<std::string, std::pair<Version, std::string>> m_remembered;
 };
 
 } // namespace vantor::ioc::internal

@@ -95,7 +95,7 @@ Verdict HeuristicsEngine::Count()
     Entry* entry = m_cache->Find(m_key);
     if (entry == nullptr)
     {
-        m_cache->Put(m_key, Entry{1, now});
+        m_cache->PutAbsent(std::move(m_key), Entry{1, now});
         return Verdict::Unknown;
     }
     if (now - entry->firstSeen > std::chrono::nanoseconds(kCountPeriod).count())

@@ -11,7 +11,11 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace vantor::ioc
@@ -20,7 +24,7 @@ namespace vantor::ioc
 namespace
 {
 
-std::string UserName(uid_t uid)
+std::string LookUpUserName(uid_t uid)
 {
     std::vector<char> buffer(4096);
     passwd entry{};
@@ -32,7 +36,7 @@ std::string UserName(uid_t uid)
     return found->pw_name;
 }
 
-std::string GroupName(gid_t gid)
+std::string LookUpGroupName(gid_t gid)
 {
     std::vector<char> buffer(4096);
     group entry{};
@@ -42,6 +46,57 @@ std::string GroupName(gid_t gid)
         return {};
     }
     return found->gr_name;
+}
+
+// Names by id, looked up once a minute at most: every process start needs
+// its image's owner, and each NSS lookup opens and scans /etc/passwd or
+// /etc/group. A renamed account shows its new name within kNameLifetime.
+class NameCache
+{
+public:
+    using LookUp = std::string (*)(uint32_t);
+
+    explicit NameCache(LookUp lookUp)
+        : m_lookUp(lookUp)
+    {
+    }
+
+    std::string Name(uint32_t id)
+    {
+        const auto now = std::chrono::steady_clock::now();
+        std::lock_guard lock(m_mutex);
+        auto it = m_names.find(id);
+        if (it == m_names.end() || now - it->second.first >= kNameLifetime)
+        {
+            if (m_names.size() >= kMaxNames)
+            {
+                m_names.clear();
+            }
+            auto name = m_lookUp(id);
+            it = m_names.insert_or_assign(id, std::pair{now, std::move(name)}).first;
+        }
+        return it->second.second;
+    }
+
+private:
+    static constexpr std::chrono::minutes kNameLifetime{1};
+    static constexpr size_t kMaxNames = 4096;
+
+    const LookUp m_lookUp;
+    std::mutex m_mutex;
+    std::unordered_map<uint32_t, std::pair<std::chrono::steady_clock::time_point, std::string>> m_names;
+};
+
+std::string UserName(uid_t uid)
+{
+    static NameCache users([](uint32_t id) { return LookUpUserName(id); });
+    return users.Name(uid);
+}
+
+std::string GroupName(gid_t gid)
+{
+    static NameCache groups([](uint32_t id) { return LookUpGroupName(id); });
+    return groups.Name(gid);
 }
 
 std::string InodeFlags(const std::string& path)

@@ -58,24 +58,74 @@ SnapshotFiles::Times TimesAt(const std::vector<common::SqlRowIterator::Value>& r
     return {Int(row, first), Int(row, first + 1), Int(row, first + 2), Int(row, first + 3)};
 }
 
-bool Store(common::SqlStorage& snapshot, const char* table, const std::string& key, std::string record)
+std::string RecordOf(const SnapshotFiles::FileRow& row)
 {
-    const auto result = snapshot.Write(table, {{key, std::move(record)}});
-    if (!result.success)
-    {
-        EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
-    }
-    return result.success;
+    SnapshotSqlDataFormatter formatter;
+    formatter.Start();
+    formatter.AppendString(row.rowId);
+    formatter.AppendString(row.parentId);
+    formatter.AppendInt64(row.size);
+    AppendTimes(formatter, row.times);
+    formatter.AppendString(row.md5);
+    formatter.AppendString(row.sha1);
+    formatter.AppendString(row.sha256);
+    return formatter.TakeBuffer();
 }
 
-bool Remove(common::SqlStorage& snapshot, const char* table, const std::string& key)
+std::string RecordOf(const SnapshotFiles::DirectoryRow& row)
 {
-    const auto result = snapshot.Delete(table, key);
-    if (!result.success)
+    SnapshotSqlDataFormatter formatter;
+    formatter.Start();
+    formatter.AppendString(row.rowId);
+    formatter.AppendString(row.path);
+    AppendTimes(formatter, row.times);
+    return formatter.TakeBuffer();
+}
+
+// Stores the held rows of one table (writes in one transaction) and empties
+// the map.
+template <typename Row>
+bool FlushTable(common::SqlStorage& snapshot, const char* table,
+                std::unordered_map<std::string, std::optional<Row>>& held)
+{
+    bool stored = true;
+    common::SqlStorage::Records records;
+    records.reserve(held.size());
+    for (auto& [key, row] : held)
     {
-        EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
+        if (row)
+        {
+            records.emplace_back(key, RecordOf(*row));
+            continue;
+        }
+        const auto result = snapshot.Delete(table, key);
+        if (!result.success)
+        {
+            EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
+            stored = false;
+        }
     }
-    return result.success;
+    held.clear();
+    if (!records.empty())
+    {
+        const auto result = snapshot.Write(table, records);
+        if (!result.success)
+        {
+            EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
+            stored = false;
+        }
+    }
+    return stored;
+}
+
+// The held row of a key when there is one (nothing inside for a deleted
+// row), else nothing.
+template <typename Row>
+const std::optional<Row>* HeldRow(const std::unordered_map<std::string, std::optional<Row>>& held,
+                                  const std::string& key)
+{
+    const auto it = held.find(key);
+    return it == held.end() ? nullptr : &it->second;
 }
 
 } // namespace
@@ -92,6 +142,10 @@ std::string SnapshotFiles::RowIdOf(std::string_view path)
 
 std::optional<SnapshotFiles::FileRow> SnapshotFiles::ReadFile(const std::string& rowId) const
 {
+    if (const auto* held = HeldRow(m_files, rowId))
+    {
+        return *held;
+    }
     const auto row = ReadRow(m_snapshot, kFile, rowId);
     if (!row)
     {
@@ -103,6 +157,10 @@ std::optional<SnapshotFiles::FileRow> SnapshotFiles::ReadFile(const std::string&
 
 std::optional<SnapshotFiles::DirectoryRow> SnapshotFiles::ReadDirectory(const std::string& rowId) const
 {
+    if (const auto* held = HeldRow(m_directories, rowId))
+    {
+        return *held;
+    }
     const auto row = ReadRow(m_snapshot, kDirectory, rowId);
     if (!row)
     {
@@ -113,36 +171,32 @@ std::optional<SnapshotFiles::DirectoryRow> SnapshotFiles::ReadDirectory(const st
 
 bool SnapshotFiles::WriteFile(const FileRow& row)
 {
-    SnapshotSqlDataFormatter formatter;
-    formatter.Start();
-    formatter.AppendString(row.rowId);
-    formatter.AppendString(row.parentId);
-    formatter.AppendInt64(row.size);
-    AppendTimes(formatter, row.times);
-    formatter.AppendString(row.md5);
-    formatter.AppendString(row.sha1);
-    formatter.AppendString(row.sha256);
-    return Store(m_snapshot, kFile, row.rowId, formatter.TakeBuffer());
+    m_files.insert_or_assign(row.rowId, row);
+    return true;
 }
 
 bool SnapshotFiles::WriteDirectory(const DirectoryRow& row)
 {
-    SnapshotSqlDataFormatter formatter;
-    formatter.Start();
-    formatter.AppendString(row.rowId);
-    formatter.AppendString(row.path);
-    AppendTimes(formatter, row.times);
-    return Store(m_snapshot, kDirectory, row.rowId, formatter.TakeBuffer());
+    m_directories.insert_or_assign(row.rowId, row);
+    return true;
 }
 
 bool SnapshotFiles::DeleteFile(const std::string& rowId)
 {
-    return Remove(m_snapshot, kFile, rowId);
+    m_files.insert_or_assign(rowId, std::nullopt);
+    return true;
 }
 
 bool SnapshotFiles::DeleteDirectory(const std::string& rowId)
 {
-    return Remove(m_snapshot, kDirectory, rowId);
+    m_directories.insert_or_assign(rowId, std::nullopt);
+    return true;
+}
+
+bool SnapshotFiles::Flush()
+{
+    const bool files = FlushTable(m_snapshot, kFile, m_files);
+    return FlushTable(m_snapshot, kDirectory, m_directories) && files;
 }
 
 } // namespace vantor::ioc::internal

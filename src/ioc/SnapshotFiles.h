@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 namespace vantor::common
 {
@@ -18,9 +19,13 @@ namespace vantor::ioc::internal
 // path (RowIdOf), so a parent directory's id follows from its path alone
 // and a file's row is found again by the path of a later event.
 //
-// Times are milliseconds since the epoch, 0 when unknown. Storage failures
-// are answered (false, or std::runtime_error from reads), never hidden.
-// Stateless over the storage; thread-safe as the storage is.
+// Writes and deletes are held in memory until Flush, which stores them with
+// one transaction per table, so that a batch of events costs one commit, not
+// one per event; reads see the held rows first. The owner flushes when its
+// batch is finished, so a crash loses no more rows than events. Times are
+// milliseconds since the epoch, 0 when unknown. Storage failures are
+// answered (false from Flush, std::runtime_error from reads), never hidden.
+// Not thread-safe: one thread (the batch's) uses it.
 class SnapshotFiles
 {
 public:
@@ -60,13 +65,26 @@ public:
     std::optional<FileRow> ReadFile(const std::string& rowId) const;
     std::optional<DirectoryRow> ReadDirectory(const std::string& rowId) const;
 
+    // Held until Flush; answer true (kept for the callers' failure paths).
     bool WriteFile(const FileRow& row);
     bool WriteDirectory(const DirectoryRow& row);
     bool DeleteFile(const std::string& rowId);
     bool DeleteDirectory(const std::string& rowId);
 
+    // Stores what is held; answers whether all of it was stored. Held rows
+    // are let go either way (a failed write is logged, as a failed
+    // per-event write was).
+    bool Flush();
+    size_t HeldCount() const { return m_files.size() + m_directories.size(); }
+
 private:
+    // rowId -> the row to write, or nothing for a delete.
+    template <typename Row>
+    using Held = std::unordered_map<std::string, std::optional<Row>>;
+
     common::SqlStorage& m_snapshot;
+    Held<FileRow> m_files;
+    Held<DirectoryRow> m_directories;
 };
 
 } // namespace vantor::ioc::internal

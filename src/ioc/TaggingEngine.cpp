@@ -203,6 +203,18 @@ bool TaggingEngine::AddLocked(ProcessInfo& process, const Tag& tag)
     return true;
 }
 
+size_t TaggingEngine::TagIndex(const std::string& name) const
+{
+    for (size_t i = 0; i < kTagCount; ++i)
+    {
+        if (m_tags[i]->Name() == name)
+        {
+            return i;
+        }
+    }
+    return kTagCount;
+}
+
 void TaggingEngine::InheritLocked(ProcessInfo& process)
 {
     if (process.parentPid <= 0)
@@ -223,10 +235,13 @@ void TaggingEngine::InheritLocked(ProcessInfo& process)
         givers,
         [&](const ProcessInfo& giver)
         {
-            for (size_t i = 0; i < kTagCount; ++i)
+            // A giver holds few tags (its states among them), and a busy
+            // parent has thousands of children: look up the giver's tags, not
+            // every tactic in each giver.
+            for (const auto& held : giver.tags)
             {
-                const Tag& tag = *m_tags[i];
-                if (!givenBy[i] && tag.IsEnabled() && giver.HasTag(tag.Name()) && !process.HasTag(tag.Name()))
+                const size_t i = TagIndex(held.first);
+                if (i < kTagCount && !givenBy[i] && m_tags[i]->IsEnabled() && !process.HasTag(held.first))
                 {
                     givenBy[i].emplace(giver.pid, logging ? Describe(giver) : std::string());
                 }

@@ -78,6 +78,8 @@ private:
     bool ApplyLocked(const rapidjson::Value& tags);
     // The tactic tags' scores of a process.
     int64_t ScoreOf(const ProcessInfo& process) const;
+    // The index of a tactic tag by name; kTagCount for another tag (a state).
+    size_t TagIndex(const std::string& name) const;
     void InheritLocked(ProcessInfo& process);
     // Adds the tag to the process; answers whether it was added.
     bool AddLocked(ProcessInfo& process, const Tag& tag);

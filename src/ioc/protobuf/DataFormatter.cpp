@@ -38,7 +38,26 @@ DataFormatter::DataFormatter(AgentIdentity identity, Services services)
 {
 }
 
-DataFormatter::~DataFormatter() = default;
+DataFormatter::~DataFormatter()
+{
+    // Rows of events appended since the last Finish.
+    FlushSnapshot();
+}
+
+void DataFormatter::FlushSnapshot()
+{
+    try
+    {
+        if (!m_files.Flush())
+        {
+            EDR_LOG_ERROR("DataFormatter: Failed to store the batch's file rows in the snapshot");
+        }
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("DataFormatter: Failed to store the batch's file rows in the snapshot: " << e.what());
+    }
+}
 
 int64_t DataFormatter::ReadBootTime() const
 {
@@ -210,6 +229,7 @@ bool DataFormatter::Finish()
     }
     m_inBatch = false;
     m_context.reset();
+    FlushSnapshot();
     if (m_count == 0)
     {
         EDR_LOG_DEBUG("DataFormatter::Finish: Empty batch, nothing to write.");

@@ -58,7 +58,8 @@ namespace vantor::ioc::internal::protobuf
 // "loadedModule" messages of a running process). Finish takes the next
 // sequence number, serializes the batch, writes it to the spool as a file of
 // its own and writes the number back to "ClientInformation" /
-// "SequenceNumber", so that numbering goes on after a restart. An empty batch
+// "SequenceNumber", so that numbering goes on after a restart. The snapshot
+// rows of the batch's events are stored at Finish (and at destruction). An empty batch
 // is closed without a number or a file.
 //
 // Out of order, Append and Finish throw DataFormatterException
@@ -144,6 +145,8 @@ private:
     const Event* ConverterFor(const edr::Event& event) const;
     bool Add(const Event& converter, const Input& input, const char* caller);
     int64_t ReadBootTime() const;
+    // Stores the snapshot rows held since the last flush; logs a failure.
+    void FlushSnapshot();
     // Writes one serialized batch as a spool file; answers the error code,
     // 0 on success.
     int WriteToSpool(std::string bytes);

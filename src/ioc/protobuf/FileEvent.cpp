@@ -140,7 +140,8 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
     }
 
     row.size = static_cast<int64_t>(EventFields::Try([&] { return event.GetFileSize(); }).value_or(row.size));
-    if (const auto modified = EventFields::Try([&] { return event.GetFileModificationTime(); }))
+    const auto modified = EventFields::Try([&] { return event.GetFileModificationTime(); });
+    if (modified)
     {
         row.times.lastWrite = Millis(*modified);
     }
@@ -169,8 +170,15 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
     {
         EDR_LOG_DEBUG("File size being truncated for file " << path << ": " << row.size);
     }
+    // The event's stat names the content's version; without it the file is
+    // described afresh.
+    std::optional<FileTypeIdentifier::Version> version;
+    if (modified)
+    {
+        version = FileTypeIdentifier::Version{modified->time_since_epoch().count(), row.size};
+    }
     message.set_type(tooLarge || action == pb::DELETE ? FileTypeIdentifier::KindText(mode)
-                                                      : context.types.Identify(path, mode));
+                                                      : context.types.Identify(path, mode, version));
 
     if (!input.hashContent || action == pb::DELETE)
     {

@@ -193,6 +193,31 @@ TEST_F(IocDataFormatterTest, DeleteIsReportedOnlyForAFileReportedBefore)
     EXPECT_TRUE(log.Contains("Ignoring content hash for event with ID 2"));
 }
 
+TEST_F(IocDataFormatterTest, SnapshotRowsAreStoredWhenTheBatchFinishes)
+{
+    const std::string path = m_dir.Write("files/kept", "data");
+    const std::string rowId = SnapshotFiles::RowIdOf(path);
+    const std::string parentId = SnapshotFiles::RowIdOf(m_dir.File("files"));
+    const auto stored = [&] { return SnapshotFiles(*m_snapshot).ReadFile(rowId).has_value(); };
+    auto write = File(EventType::Write, "kept", 1);
+    auto remove = File(EventType::Delete, "kept", 2);
+
+    m_formatter->Start();
+    EXPECT_TRUE(m_formatter->Append(write));
+    EXPECT_FALSE(stored());
+    EXPECT_FALSE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId));
+    EXPECT_TRUE(m_formatter->Finish());
+    EXPECT_TRUE(stored());
+    EXPECT_TRUE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId));
+
+    m_formatter->Start();
+    EXPECT_TRUE(m_formatter->Append(remove));
+    EXPECT_TRUE(stored());
+    m_formatter.reset();
+    // The formatter's end stores what its open batch held.
+    EXPECT_FALSE(stored());
+}
+
 TEST_F(IocDataFormatterTest, DirectoriesAreReportedWithTheirRowsLikeFiles)
 {
     test::LogCapture log(common::Logging::Edr());

@@ -72,3 +72,24 @@ TEST(IocFileTypeIdentifierTest, PatternsThatDoNotCompileLeaveEveryFileUnmatched)
     EXPECT_TRUE(log.Contains("FileTypeIdentifier: Failed to compile patterns: "));
     EXPECT_EQ(types.Classify("Perl script text executable"), "regularfile");
 }
+
+TEST(IocFileTypeIdentifierTest, AVersionOfAPathIsDescribedOnce)
+{
+    vantor::test::TempDir dir;
+    const FileTypeIdentifier types(std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase));
+    const FileTypeIdentifier::Version first{100, 25};
+    const FileTypeIdentifier::Version second{200, 25};
+    const std::string path = dir.Write("script", "#!/usr/bin/perl\nprint 1;\n");
+    EXPECT_EQ(types.Identify(path, S_IFREG, first), "Perl");
+    dir.Write("script", "#!/usr/bin/ruby\nputs 1\n");
+    // The same version is not read again; another version or none is.
+    EXPECT_EQ(types.Identify(path, S_IFREG, first), "Perl");
+    EXPECT_EQ(types.Identify(path, S_IFREG, second), "Ruby");
+    dir.Write("script", "<?php echo 1; ?>\n");
+    EXPECT_EQ(types.Identify(path, S_IFREG), "PHP");
+    // A file that cannot be read is not remembered as untyped.
+    const std::string late = dir.File("late");
+    EXPECT_EQ(types.Identify(late, S_IFREG, first), "regularfile");
+    dir.Write("late", "#!/usr/bin/perl\nprint 1;\n");
+    EXPECT_EQ(types.Identify(late, S_IFREG, first), "Perl");
+}
