@@ -122,9 +122,8 @@ Component::Component(uint64_t bootTime, std::unique_ptr<Ioc::Config> config,
 {
     const std::string snapshotDirectory = installPath + kSnapshotDirectory;
     CreateDirectory(snapshotDirectory);
-    m_snapshot = std::make_unique<common::SqlStorage>(snapshotDirectory, kSnapshotDbName,
-                                                      std::make_unique<internal::SnapshotSqlDataFormatter>(),
-                                                      false, kSnapshotCacheBytes);
+    m_snapshot = std::make_unique<common::SqlStorage>(
+        snapshotDirectory, kSnapshotDbName, std::make_unique<internal::SnapshotSqlDataFormatter>(), false);
     m_sequenceNumber = std::make_unique<internal::SequenceNumber>(*m_snapshot);
     m_processTree = std::make_unique<TtlProcessTree>();
     m_processTree->Load(*m_snapshot);

@@ -8,7 +8,6 @@
 #include <rapidjson/document.h>
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -95,9 +94,6 @@ public:
     static constexpr const char* kTag = "IOC";
     static constexpr const char* kSnapshotDirectory = "/edr";
     static constexpr const char* kSnapshotDbName = "SnapshotEdr.db";
-    // Every reported file event reads its file's and its directory's rows:
-    // recent rows (and their absence) are answered from memory.
-    static constexpr size_t kSnapshotCacheBytes = 4 * 1024 * 1024;
     static constexpr const char* kDefaultEventFileName = "ioc_events";
     static constexpr uint64_t kMaxSpoolFiles = 10000;
 
