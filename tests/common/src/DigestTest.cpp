@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <openssl/evp.h>
-
 #include <stdexcept>
 #include <string>
 
@@ -73,18 +71,6 @@ TEST(DigestTest, FileThatCannotBeHashedFailsWithTheReason)
     EXPECT_EQ(stageOf(dir.File("missing"), 100), common::FileReadException::Stage::Open);
     EXPECT_EQ(stageOf(path, 2), common::FileReadException::Stage::TooLarge);
     EXPECT_THROW(Digest::HexOfFile(Algorithm::Sha256, dir.Path(), 100), std::runtime_error);
-}
-
-TEST(DigestTest, ContextServesSigningCallersToo)
-{
-    const Digest::Context context = Digest::NewContext();
-    ASSERT_NE(context, nullptr);
-    ASSERT_EQ(EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr), 1);
-    ASSERT_EQ(EVP_DigestUpdate(context.get(), "abc", 3), 1);
-    unsigned char md[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    ASSERT_EQ(EVP_DigestFinal_ex(context.get(), md, &length), 1);
-    EXPECT_EQ(Digest::Hex(std::string(reinterpret_cast<const char*>(md), length)), kSha256Abc);
 }
 
 } // namespace

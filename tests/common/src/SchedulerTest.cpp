@@ -1,9 +1,11 @@
 #include "common/Scheduler.h"
 #include "common/AsyncTask.h"
 #include "common/CircularBuffer.h"
+#include "common/Logging.h"
 #include "common/PeriodicSchedule.h"
 #include "common/SynchronizedQueue.h"
 #include "common/ThreadedClass.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -161,15 +163,19 @@ public:
     ~BlockingTask() override { Stop(); }
     std::atomic<int> runs{0};
     std::atomic<bool> sawCancel{false};
-    bool throws = false;
+    int throws = 0; // 1: a std::exception, 2: anything else
 
 protected:
     void DoWork() override
     {
         ++runs;
-        if (throws)
+        if (throws == 1)
         {
             throw std::runtime_error("work failed");
+        }
+        if (throws == 2)
+        {
+            throw 7;
         }
         while (!IsCancelling())
         {
@@ -191,10 +197,14 @@ TEST(AsyncTaskTest, OneExecutionAtATimeAndStopWaitsForIt)
     EXPECT_EQ(task.GetState(), AsyncTask::State::Idle);
     task.Stop(); // idle: returns at once
 
-    task.throws = true;
-    EXPECT_TRUE(task.Launch());
-    EXPECT_TRUE(WaitFor([&] { return task.GetState() == AsyncTask::State::Idle; }));
-    EXPECT_EQ(task.runs, 2) << "a throwing execution ends as idle";
+    // A throwing execution ends as idle and does not block the next one.
+    for (int kind : {1, 2})
+    {
+        task.throws = kind;
+        EXPECT_TRUE(task.Launch()) << kind;
+        EXPECT_TRUE(WaitFor([&] { return task.GetState() == AsyncTask::State::Idle; }));
+    }
+    EXPECT_EQ(task.runs, 3);
 }
 
 namespace
@@ -209,6 +219,7 @@ public:
     ~Worker() override { Stop(); }
     std::atomic<int> loops{0};
     bool throwAtStart = false;
+    bool stopItself = false;
 
 protected:
     void Run() override
@@ -216,6 +227,10 @@ protected:
         if (throwAtStart)
         {
             throw std::runtime_error("worker failed");
+        }
+        if (stopItself)
+        {
+            Stop(); // from its own worker: a request to stop, never a hang
         }
         while (!IsStopping())
         {
@@ -240,6 +255,14 @@ TEST(ThreadedClassTest, StartStopAndContainedException)
     failing.Start();
     EXPECT_TRUE(WaitFor([&] { return !failing.IsRunning(); }));
     failing.Stop();
+
+    vantor::test::LogCapture capture(Logging::Edr());
+    Worker selfStopping;
+    selfStopping.stopItself = true;
+    selfStopping.Start();
+    EXPECT_TRUE(WaitFor([&] { return !selfStopping.IsRunning(); }));
+    selfStopping.Stop();
+    EXPECT_TRUE(capture.Contains("Uncaught exception when stopping TestWorker."));
 }
 
 TEST(SynchronizedQueueTest, PopErrorsAndPopAll)

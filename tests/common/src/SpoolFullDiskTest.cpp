@@ -8,23 +8,16 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TmpfsMount.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/mount.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 using namespace vantor::common;
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 using vantor::test::Eventually;
 namespace fs = std::filesystem;
 
@@ -38,27 +31,13 @@ class SpoolFullDiskTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        fs::create_directory(m_mount);
-        if (::mount("tmpfs", m_mount.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "size=1m,mode=0700") != 0)
+        const auto skip = m_tmpfs.Mount(m_tmp.File("small"), 1024);
+        if (!skip.empty())
         {
-            const int error = errno;
-            if (error == EPERM)
-            {
-                GTEST_SKIP() << "mounting a tmpfs needs root";
-            }
-            FAIL() << "mount tmpfs: " << std::strerror(error);
+            GTEST_SKIP() << skip;
         }
-        m_mounted = true;
+        ASSERT_FALSE(HasFailure());
         fs::create_directory(m_spoolDir);
-    }
-
-    void TearDown() override
-    {
-        m_spool.reset();
-        if (m_mounted)
-        {
-            EXPECT_EQ(::umount2(m_mount.c_str(), MNT_DETACH), 0) << std::strerror(errno);
-        }
     }
 
     // 1 MiB quota (the smallest), files of at most 300 KiB.
@@ -69,21 +48,6 @@ protected:
             SpoolStorage::Settings{.maxDiskSizeMb = 1, .maxFileSizeKb = 300}, 100);
         return *m_spool;
     }
-
-    // Takes every free page of the file system.
-    void Fill()
-    {
-        const int fd = ::open(m_filler.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        ASSERT_GE(fd, 0);
-        const std::string chunk(4 * kKiB, 'f');
-        while (::write(fd, chunk.data(), chunk.size()) > 0)
-        {
-        }
-        EXPECT_EQ(errno, ENOSPC);
-        ::close(fd);
-    }
-
-    void Free() { fs::remove(m_filler); }
 
     // A file of one record: 'c' repeated, 300 KiB minus a little.
     static std::string Record(char c) { return std::string(290 * kKiB, c); }
@@ -108,10 +72,8 @@ protected:
     }
 
     vantor::test::TempDir m_tmp;
-    const std::string m_mount = m_tmp.File("small");
-    const std::string m_spoolDir = m_mount + "/spool";
-    const std::string m_filler = m_mount + "/filler";
-    bool m_mounted = false;
+    vantor::test::TmpfsMount m_tmpfs;
+    const std::string m_spoolDir = m_tmp.File("small/spool");
     Scheduler m_scheduler;
     std::unique_ptr<SpoolStorage> m_spool;
 };
@@ -122,7 +84,7 @@ TEST_F(SpoolFullDiskTest, RecordsAreHeldWhileTheDiskIsFullAndWrittenInOrderOnceI
 {
     vantor::test::LogCapture log(Logging::Edr());
     auto& spool = Make();
-    ASSERT_NO_FATAL_FAILURE(Fill());
+    ASSERT_NO_FATAL_FAILURE(m_tmpfs.Fill());
 
     // Small records through the cache: each cache that fills is held.
     for (int i = 0; i < 20; ++i)
@@ -139,7 +101,7 @@ TEST_F(SpoolFullDiskTest, RecordsAreHeldWhileTheDiskIsFullAndWrittenInOrderOnceI
     EXPECT_FALSE(log.Contains("Dropping"));
 
     // The retry finds room without any further write or flush.
-    Free();
+    m_tmpfs.Free();
     ASSERT_TRUE(Eventually([&] { return spool.HeldFiles() == 0; }, 10s));
     EXPECT_EQ(spool.Dropped().files, 0u);
     std::string all;
@@ -160,7 +122,7 @@ TEST_F(SpoolFullDiskTest, QuotaDropsTheOldestHeldFilesAndCountsThem)
 {
     vantor::test::LogCapture log(Logging::Edr());
     auto& spool = Make();
-    ASSERT_NO_FATAL_FAILURE(Fill());
+    ASSERT_NO_FATAL_FAILURE(m_tmpfs.Fill());
     for (char c : {'B', 'C', 'D'})
     {
         ASSERT_NO_FATAL_FAILURE(Spool(c));
@@ -176,13 +138,13 @@ TEST_F(SpoolFullDiskTest, QuotaDropsTheOldestHeldFilesAndCountsThem)
     EXPECT_EQ(spool.Dropped().bytes, 2 * 290 * kKiB);
     EXPECT_EQ(log.Count("bytes held in memory, not yet written"), 2u);
 
-    Free();
+    m_tmpfs.Free();
     EXPECT_TRUE(spool.FlushDataCache());
     EXPECT_EQ(OnDisk(), "DEF");
 
     // A spool that ends while the disk is full says what it could not keep.
     spool.Clear();
-    ASSERT_NO_FATAL_FAILURE(Fill());
+    ASSERT_NO_FATAL_FAILURE(m_tmpfs.Fill());
     ASSERT_NO_FATAL_FAILURE(Spool('H'));
     ASSERT_EQ(spool.HeldFiles(), 1u);
     m_spool.reset();
@@ -193,7 +155,7 @@ TEST_F(SpoolFullDiskTest, WrittenFilesGoBeforeHeldOnesWhenTheQuotaMustGive)
 {
     auto& spool = Make();
     ASSERT_NO_FATAL_FAILURE(Spool('A'));
-    ASSERT_NO_FATAL_FAILURE(Fill());
+    ASSERT_NO_FATAL_FAILURE(m_tmpfs.Fill());
     for (char c : {'B', 'C', 'D'})
     {
         ASSERT_NO_FATAL_FAILURE(Spool(c));
@@ -204,7 +166,7 @@ TEST_F(SpoolFullDiskTest, WrittenFilesGoBeforeHeldOnesWhenTheQuotaMustGive)
     EXPECT_EQ(spool.HeldFiles() + spool.FileIndices().size(), 3u);
     EXPECT_EQ(OnDisk().find('A'), std::string::npos);
 
-    Free();
+    m_tmpfs.Free();
     EXPECT_TRUE(spool.FlushDataCache());
     EXPECT_EQ(OnDisk(), "BCD");
     EXPECT_EQ(spool.Dropped().files, 1u);

@@ -1,7 +1,5 @@
 #include "common/WorkerThread.h"
-#include "common/AsyncTask.h"
 #include "common/Logging.h"
-#include "common/ThreadedClass.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 
@@ -113,58 +111,6 @@ TEST(WorkerThreadTest, OwnerDestroyedByItsOwnThreadLetsItFinish)
             finished = true;
         });
     EXPECT_TRUE(test::Eventually([&] { return finished.load(); }, kPatience));
-}
-
-class SelfStoppingWorker : public ThreadedClass
-{
-public:
-    SelfStoppingWorker()
-        : ThreadedClass("SelfStopping")
-    {
-    }
-    ~SelfStoppingWorker() override { Stop(); }
-    std::atomic<bool> ended{false};
-
-protected:
-    void Run() override
-    {
-        Stop(); // from its own worker: a request to stop, never a hang
-        while (!IsStopping())
-        {
-            std::this_thread::sleep_for(1ms);
-        }
-        ended = true;
-    }
-};
-
-TEST(ThreadedClassTest, StopFromItsOwnWorkerIsLoggedAndEndsTheWorker)
-{
-    test::LogCapture capture(Logging::Edr());
-    SelfStoppingWorker worker;
-    worker.Start();
-    EXPECT_TRUE(test::Eventually([&] { return worker.ended.load(); }, kPatience));
-    worker.Stop();
-    EXPECT_FALSE(worker.IsRunning());
-    EXPECT_TRUE(capture.Contains("Uncaught exception when stopping SelfStopping."));
-}
-
-class OddlyFailingTask : public AsyncTask
-{
-public:
-    ~OddlyFailingTask() override { Stop(); }
-
-protected:
-    void DoWork() override { throw 7; }
-};
-
-TEST(AsyncTaskTest, AnyExceptionFromTheWorkLeavesTheTaskIdle)
-{
-    OddlyFailingTask task;
-    ASSERT_TRUE(task.Launch());
-    EXPECT_TRUE(test::Eventually([&] { return task.GetState() == AsyncTask::State::Idle; }, kPatience));
-    EXPECT_TRUE(task.Launch()) << "a failed execution must not block the next one";
-    task.Stop();
-    EXPECT_EQ(task.GetState(), AsyncTask::State::Idle);
 }
 
 } // namespace
