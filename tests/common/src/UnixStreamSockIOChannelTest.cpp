@@ -86,17 +86,20 @@ std::vector<uint8_t> Bytes(const std::string& text)
     return std::vector<uint8_t>(text.begin(), text.end());
 }
 
-int RawSocket()
+// A raw socket bound (bind) or connected to path; -1 on failure.
+int RawSocket(const std::string& path, bool bind)
 {
-    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-}
-
-sockaddr_un Address(const std::string& path)
-{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    return address;
+    const auto* raw = reinterpret_cast<const sockaddr*>(&address);
+    if ((bind ? ::bind(fd, raw, sizeof(address)) : ::connect(fd, raw, sizeof(address))) != 0)
+    {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 class UnixStreamSockIOChannelTest : public testing::Test
@@ -127,9 +130,8 @@ TEST_F(UnixStreamSockIOChannelTest, BadPathsAndConnectFailuresMapToDistinctError
                 testing::ThrowsMessage<IOChannelException>(testing::StrEq("IOChannel: Invalid data")));
 
     // Bound but not listening: the connection is refused.
-    const int fd = RawSocket();
-    const sockaddr_un address = Address(m_path);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    const int fd = RawSocket(m_path, true);
+    ASSERT_GE(fd, 0);
     UnixClientStreamSockIOChannel refused(m_path, 1);
     EXPECT_THAT([&] { refused.Start(); },
                 testing::ThrowsMessage<IOChannelException>(testing::StrEq("IOChannel: Remote failure")));
@@ -185,9 +187,8 @@ TEST_F(UnixStreamSockIOChannelTest, SecondClientWaitsInBacklogUntilFirstLeaves)
     first.Write(Bytes("first;"));
     ASSERT_TRUE(atServer.WaitForBytes("first;"));
 
-    const int second = RawSocket();
-    const sockaddr_un address = Address(m_path);
-    ASSERT_EQ(::connect(second, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    const int second = RawSocket(m_path, false);
+    ASSERT_GE(second, 0);
     ASSERT_EQ(::send(second, "second;", 7, MSG_NOSIGNAL), 7);
     std::this_thread::sleep_for(200ms);
     EXPECT_EQ(atServer.Text(), "first;") << "the second client was served alongside the first";
@@ -262,9 +263,8 @@ TEST_F(UnixStreamSockIOChannelTest, ReconnectsWhenServerComesBackAndStopEndsReco
 TEST_F(UnixStreamSockIOChannelTest, BrokenPipeIsAnExceptionNotASignal)
 {
     // Client side: the peer stops reading, so sends fail with EPIPE.
-    const int listener = RawSocket();
-    const sockaddr_un address = Address(m_path);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    const int listener = RawSocket(m_path, true);
+    ASSERT_GE(listener, 0);
     ASSERT_EQ(::listen(listener, 1), 0);
     UnixClientStreamSockIOChannel client(m_path, -1);
     client.Start();
@@ -280,9 +280,8 @@ TEST_F(UnixStreamSockIOChannelTest, BrokenPipeIsAnExceptionNotASignal)
     // Server side, the same.
     UnixServerStreamSockIOChannel server(m_dir + "/server.sock");
     server.Start();
-    const int peer = RawSocket();
-    const sockaddr_un serverAddress = Address(m_dir + "/server.sock");
-    ASSERT_EQ(::connect(peer, reinterpret_cast<const sockaddr*>(&serverAddress), sizeof(serverAddress)), 0);
+    const int peer = RawSocket(m_dir + "/server.sock", false);
+    ASSERT_GE(peer, 0);
     ASSERT_TRUE(Eventually([&] { return server.HasClient(); }, 1s));
     ASSERT_EQ(::shutdown(peer, SHUT_RD), 0);
     EXPECT_THAT([&] { server.Write(Bytes("lost")); },
