@@ -165,17 +165,18 @@ TEST(CommonConfigTest, SerialisesMembersInFixedOrder)
 
 TEST(CommonConfigTest, GivesHttpSettingsWithExportedProxiesInOrderAndTheKeyPath)
 {
-    rapidjson::Document json;
-    json.Parse(R"({"agent_id":"a1","agent_version":"1","ca_cert_path":"/ca.pem","connection_timeout":7,
-        "customer_id":"c1","log_config_file":"/l","proxy_order":1,"proxy_fail_open":true,"request_timeout":9,
-        "service_url":"https://x","activation_id":"x","agent_effective_uid":0,"agent_effective_gid":0,
-        "ipv4":"","ipv6":"","osname":"","platform":"","agent_install_path":"/opt/a","sudo_command":"",
-        "use_sudo":false,"environment_variables":{"http_proxy":"http://p3:1","corvid_https_proxy":"http://p2:1",
-        "corvid_https_tls_proxy":"http://p1:1","https_proxy":"http://p2:1","PATH":"/bin"}})");
-    const CommonConfig config(json);
+    const CommonConfig config(CommonWith(
+        [](auto& d)
+        {
+            d["request_timeout"].SetUint(9);
+            d.AddMember("proxy_fail_open", true, d.GetAllocator());
+            const auto proxies = Parse(R"({"http_proxy": "http://p3:1", "corvid_https_proxy": "http://p2:1",
+                "corvid_https_tls_proxy": "http://p1:1", "https_proxy": "http://p2:1"})");
+            d["environment_variables"].CopyFrom(proxies, d.GetAllocator());
+        }));
     const auto settings = config.HttpSettings();
     EXPECT_EQ(settings.requestTimeout, std::chrono::seconds(9));
     EXPECT_TRUE(settings.proxyFailOpen);
     EXPECT_EQ(settings.proxies, (std::vector<std::string>{"http://p1:1", "http://p2:1", "http://p3:1"}));
-    EXPECT_EQ(config.HmacKeyPath(), "/opt/a/keys/edr_hmac.key");
+    EXPECT_EQ(config.HmacKeyPath(), "/opt/outpost/keys/edr_hmac.key");
 }
