@@ -63,7 +63,8 @@ protected:
             << m_harness.Log() << m_harness.Syslog();
     }
 
-    // The daemon's first message from the agent ends its start with status.
+    // Starts a daemon that must fail its start on the first message with
+    // status, syslogText logged.
     void ExpectStartUpFailure(const std::string& first, int status, const char* syslogText)
     {
         m_agent.Listen();
