@@ -81,18 +81,16 @@ TEST_F(AuditEventProcessorTest, EventsOfHostAgentToolsTheirDescendantsAndTheDaem
     m_proc.AddProcess(100, 1, "/usr/sbin/outpost-updater", 10);
     m_proc.AddProcess(101, 100, "/usr/bin/bash", 20);
     m_proc.AddProcess(102, 101, "/usr/bin/rpm", 30);
-    m_proc.AddProcess(200, 1, "/usr/bin/outpost-probe", 10); // half of a run-together entry
     m_proc.AddProcess(kOwnPid, 1, "/usr/sbin/corvid-edr", 5);
     m_proc.AddProcess(300, kOwnPid, "/usr/bin/sh", 40);
 
     Process(MakeEvent(EventType::Write, 102, 31)); // grandchild of a tool
     Process(MakeEvent(EventType::Write, 100, 32));
     Process(MakeEvent(EventType::Write, kOwnPid, 33));
-    Process(MakeEvent(EventType::Write, 300, 34)); // child of the daemon
-    Process(MakeEvent(EventType::Write, 200, 35));
+    Process(MakeEvent(EventType::Write, 300, 34));  // child of the daemon
     Process(MakeEvent(EventType::Write, 4444, 36)); // unknown anywhere: processed
     Process(MakeEvent(EventType::AbnormalEnd, 102, 37));
-    EXPECT_EQ(m_seen, (std::vector<std::string>{"fim:35", "fim:36", "ioc:37"}));
+    EXPECT_EQ(m_seen, (std::vector<std::string>{"fim:36", "ioc:37"}));
     EXPECT_EQ(m_log.Count("AuditRuleEngine::ShouldProcessEvent: Dropping Corvid generated event with ID: "),
               4U);
     EXPECT_TRUE(m_log.Contains("Dropping Corvid generated event with ID: 31"));

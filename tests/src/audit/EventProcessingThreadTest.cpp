@@ -115,38 +115,6 @@ protected:
     test::LogCapture m_log{common::Logging::Edr()};
 };
 
-TEST_F(EventProcessingThreadFlowTest, ABatchIsHandledInOrderAndStartStopAreLogged)
-{
-    std::mutex mutex;
-    std::vector<uint32_t> seen;
-    std::promise<void> all;
-    Register(
-        [&](edr::Event& event)
-        {
-            std::lock_guard lock(mutex);
-            seen.push_back(event.GetEventId());
-            if (seen.size() == 4)
-            {
-                all.set_value();
-            }
-        });
-    EventProcessingThread thread(m_processor.Get(), 100, {});
-    Events batch;
-    batch.push_back(Event(1000, 5));
-    batch.push_back(Event(1000, 4294967295U));
-    batch.push_back(Event(999, 8));
-    batch.push_back(Event(1001, 1));
-    thread.Enqueue(std::move(batch)); // queued before the thread runs: one batch
-    thread.Start();
-    thread.Start();
-    ASSERT_EQ(all.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    thread.Stop();
-    EXPECT_EQ(seen, (std::vector<uint32_t>{8, 4294967295U, 5, 1}));
-    EXPECT_EQ(m_log.Count("Started parsed events processing thread"), 1U);
-    EXPECT_EQ(m_log.Count("Parsed events processing thread already running"), 1U);
-    EXPECT_EQ(m_log.Count("Stopping parsed events processing thread"), 1U);
-}
-
 TEST_F(EventProcessingThreadFlowTest, AFullQueueBlocksTheProducerAndLosesNothing)
 {
     std::promise<void> release;

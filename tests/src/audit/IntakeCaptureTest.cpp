@@ -4,7 +4,6 @@
 
 #include "audit/AuditEventBuilder.h"
 #include "audit/DispatcherIOChannel.h"
-#include "audit/KernelIOChannel.h"
 #include "audit/ParserThread.h"
 #include "edr/LibMagicWrapper.h"
 
@@ -98,12 +97,6 @@ protected:
         };
     }
 
-    void KeepRaw(const std::vector<uint8_t>& data)
-    {
-        std::lock_guard lock(m_mutex);
-        m_raw.append(data.begin(), data.end());
-    }
-
     static void WaitFor(const std::function<bool()>& done)
     {
         const auto deadline = std::chrono::steady_clock::now() + 10s;
@@ -129,7 +122,10 @@ protected:
         channel.SetDataCallback(
             [&](std::vector<uint8_t> data)
             {
-                KeepRaw(data);
+                {
+                    std::lock_guard lock(m_mutex);
+                    m_raw.append(data.begin(), data.end());
+                }
                 parser.Enqueue(std::move(data));
             });
         channel.Start();
@@ -149,30 +145,6 @@ protected:
         WaitFor(done);
         channel.Stop();
         parser.Stop();
-    }
-
-    // The same through the kernel channel; the flag it set is put back.
-    void CaptureThroughKernel(EventBuilder& builder, const std::function<void()>& work,
-                              const std::function<bool()>& done)
-    {
-        const auto enabledBefore = test::StatusValue("enabled");
-        ParserThread parser(builder, Sink(), nullptr, 100);
-        parser.Start();
-        KernelIOChannel channel;
-        channel.SetEnableAudit(true);
-        channel.SetDataCallback(
-            [&](std::vector<uint8_t> data)
-            {
-                KeepRaw(data);
-                parser.Enqueue(std::move(data));
-            });
-        channel.Start();
-        EXPECT_EQ(test::StatusValue("enabled"), 1);
-        work();
-        WaitFor(done);
-        channel.Stop();
-        parser.Stop();
-        EXPECT_EQ(test::StatusValue("enabled"), enabledBefore) << "the channel puts the enabled flag back";
     }
 
     test::TempDir m_dir;
@@ -289,7 +261,7 @@ protected:
         return nullptr;
     }
 
-    void Capture(bool dispatcher)
+    void Capture()
     {
         const auto work = [this] { DoWork(); };
         const auto done = [this]
@@ -297,8 +269,7 @@ protected:
             std::lock_guard lock(m_mutex);
             return FileEvents().size() >= 6 && ChildStart() != nullptr;
         };
-        dispatcher ? CaptureThroughDispatcher(m_builder, work, done)
-                   : CaptureThroughKernel(m_builder, work, done);
+        CaptureThroughDispatcher(m_builder, work, done);
     }
 
     static void ExpectActor(const edr::Event& event, pid_t pid, pid_t ppid)
@@ -367,16 +338,10 @@ TEST_F(TypedEventsCaptureTest, FileWorkAndProcessStartArriveThroughTheAuditDispa
     {
         return;
     }
-    Capture(true);
+    Capture();
     ExpectTypedEvents();
     std::lock_guard lock(m_mutex);
     EXPECT_NE(m_raw.find("\x1d"), std::string::npos) << "the enriched form was parsed";
-}
-
-TEST_F(TypedEventsCaptureTest, FileWorkAndProcessStartArriveThroughTheKernelChannel)
-{
-    Capture(false);
-    ExpectTypedEvents();
 }
 
 } // namespace

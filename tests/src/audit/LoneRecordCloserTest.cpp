@@ -14,19 +14,22 @@ std::string Line(const std::string& type, unsigned long serial, const std::strin
     return "type=" + type + " msg=audit(1700000000.100:" + std::to_string(serial) + "): " + rest;
 }
 
-TEST(LoneRecordCloserTest, RecordsOfAnAuditedCallStayTogether)
+TEST(LoneRecordCloserTest, OnlyARecordWithoutItsCallGetsAnEndOfEvent)
 {
     LoneRecordCloser closer;
+    // The records of an audited call stay together; user messages, daemon
+    // records and user-space anomalies end themselves; other lines pass.
     EXPECT_FALSE(closer.EndOfEventFor(Line("SYSCALL", 1)));
-    for (const char* type : {"CWD", "PATH", "EXECVE", "SOCKADDR", "PROCTITLE", "EOE"})
+    for (const std::string& line :
+         {Line("CWD", 1), Line("PATH", 1), Line("EXECVE", 1), Line("SOCKADDR", 1), Line("PROCTITLE", 1),
+          Line("EOE", 1), Line("USER_CMD", 6), Line("DAEMON_START", 6), Line("ANOM_LOGIN_FAILURES", 6),
+          Line("KERNEL", 6), Line("PROCTITLE", 6), Line("EOE", 6), Line("UNKNOWN[9999]", 6), std::string(),
+          std::string("garbage"), std::string("type=PATH"), std::string("type=PATH msg=audit(1.2:3"),
+          std::string("type= msg=audit(1.2:3): ")})
     {
-        EXPECT_FALSE(closer.EndOfEventFor(Line(type, 1))) << type;
+        EXPECT_FALSE(closer.EndOfEventFor(line)) << line;
     }
-}
 
-TEST(LoneRecordCloserTest, ARecordWithoutItsCallGetsAnEndOfEvent)
-{
-    LoneRecordCloser closer;
     EXPECT_EQ(closer.EndOfEventFor(Line("CONFIG_CHANGE", 2)), "type=EOE msg=audit(1700000000.100:2): ");
     EXPECT_EQ(closer.EndOfEventFor(Line("EVENT_LISTENER", 3)), "type=EOE msg=audit(1700000000.100:3): ");
     // A core dump's record comes outside any call.
@@ -37,23 +40,6 @@ TEST(LoneRecordCloserTest, ARecordWithoutItsCallGetsAnEndOfEvent)
     // auditd may name the node first.
     EXPECT_EQ(closer.EndOfEventFor("node=host type=AVC msg=audit(1.002:5): denied"),
               "type=EOE msg=audit(1.002:5): ");
-}
-
-TEST(LoneRecordCloserTest, RecordsThatEndThemselvesAndOtherLinesAreLeftAlone)
-{
-    LoneRecordCloser closer;
-    // User messages, daemon records and user-space anomalies complete on
-    // their own.
-    for (const char* type :
-         {"USER_CMD", "DAEMON_START", "ANOM_LOGIN_FAILURES", "KERNEL", "PROCTITLE", "EOE", "UNKNOWN[9999]"})
-    {
-        EXPECT_FALSE(closer.EndOfEventFor(Line(type, 6))) << type;
-    }
-    for (const char* line :
-         {"", "garbage", "type=PATH", "type=PATH msg=audit(1.2:3", "type= msg=audit(1.2:3): "})
-    {
-        EXPECT_FALSE(closer.EndOfEventFor(line)) << line;
-    }
 }
 
 TEST(LoneRecordCloserTest, OnlyRecentCallsAreRemembered)

@@ -9,11 +9,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <future>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace vantor::audit
 {
@@ -312,48 +309,6 @@ TEST_F(ProcessTreeTest, ProcessInfoComesOnlyFromExecOrClone)
     EXPECT_THAT([&] { ProcessInfo info(*exec, {}); },
                 testing::ThrowsMessage<std::runtime_error>(
                     testing::StrEq("ProcessInfo cannot find image information for PID:12")));
-}
-
-// Against the real /proc.
-TEST(ProcessTreeLiveTest, ProcessStartedBeforeTheTreeIsFoundThroughProc)
-{
-    ProcessTree tree;
-    EXPECT_GT(tree.GetBootTime(), 1000000000U);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0)
-    {
-        ::execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    // Until execve has finished the child still shows the test's image or
-    // no arguments.
-    std::shared_ptr<const ProcessInfo> process;
-    for (int i = 0; i < 200; ++i)
-    {
-        std::unique_ptr<edr::Event> event = MakeEvent(EventType::Write, child);
-        ProcessTree::Events pseudo;
-        tree.UpdateFromEvent(event, pseudo);
-        process = tree.GetProcess(child);
-        // The exe link changes before the new arguments are in place.
-        if (process && process->GetName() == "sleep" && !process->GetArguments().empty())
-        {
-            break;
-        }
-        // Retry with a fresh tree entry.
-        tree.Clean();
-        std::unique_ptr<edr::Event> exit = MakeEvent(EventType::Exit, child);
-        tree.UpdateFromEvent(exit, pseudo);
-        tree.Clean();
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    ASSERT_TRUE(process);
-    EXPECT_EQ(process->GetName(), "sleep");
-    EXPECT_EQ(process->GetArguments(), (std::vector<std::string>{"sleep", "30"}));
-    EXPECT_EQ(process->GetParentPid(), ::getpid());
-    EXPECT_EQ(tree.GetAncestors(child).at(1)->GetPid(), ::getpid());
 }
 
 TEST(ProcessTreeLiveTest, ThreadIdIsRewrittenToItsProcessId)

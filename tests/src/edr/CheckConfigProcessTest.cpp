@@ -2,6 +2,7 @@
 // file is named with the daemon's own text for it, every error of a run is
 // printed (not only the first), and the exit status says whether all load.
 
+#include "tests/support/DaemonHarness.h"
 #include "tests/support/TempDir.h"
 
 #include "common/util/Json.h"
@@ -14,7 +15,6 @@
 
 #include <array>
 #include <cstdio>
-#include <fstream>
 #include <functional>
 #include <sys/wait.h>
 
@@ -22,12 +22,6 @@ namespace vantor::edr
 {
 namespace
 {
-
-std::string Read(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 std::string Text(const rapidjson::Document& document)
 {
@@ -40,7 +34,7 @@ std::string Text(const rapidjson::Document& document)
 rapidjson::Document Sample(const char* name)
 {
     rapidjson::Document document;
-    EXPECT_TRUE(util::ParseJson(document, Read(std::string(CORVID_SOURCE_DIR "/config/") + name)));
+    EXPECT_TRUE(util::ParseJson(document, test::ReadText(std::string(CORVID_SOURCE_DIR "/config/") + name)));
     return document;
 }
 
@@ -50,16 +44,9 @@ struct Files
     rapidjson::Document config = Sample("corvid-edr.json");
     rapidjson::Document fim = Sample("fim_manifest.json");
     rapidjson::Document ioc = Sample("ioc_manifest.json");
-    std::string logging = Read(CORVID_SOURCE_DIR "/config/logging.properties");
+    std::string logging = test::ReadText(CORVID_SOURCE_DIR "/config/logging.properties");
     bool writeLogging = true;
 };
-
-void SetString(rapidjson::Document& document, rapidjson::Value& object, const char* key,
-               const std::string& value)
-{
-    object[key].SetString(value.c_str(), static_cast<rapidjson::SizeType>(value.size()),
-                          document.GetAllocator());
-}
 
 struct ToolRun
 {
@@ -111,11 +98,11 @@ TEST_P(CheckConfigProcessTest, PrintsEveryErrorWithTheDaemonsText)
     const test::TempDir dir;
     Files files;
     auto& common = files.config["common_config"];
-    SetString(files.config, common, "log_config_file", dir.File("logging.properties"));
-    SetString(files.config, common, "agent_install_path", dir.Path());
-    SetString(files.config, files.config["fim_config"], "manifest_path", dir.File("fim_manifest.json"));
-    SetString(files.config, files.config["ioc_config"]["manifests"][0], "manifest_path",
-              dir.File("ioc_manifest.json"));
+    test::SetString(files.config, common, "log_config_file", dir.File("logging.properties"));
+    test::SetString(files.config, common, "agent_install_path", dir.Path());
+    test::SetString(files.config, files.config["fim_config"], "manifest_path", dir.File("fim_manifest.json"));
+    test::SetString(files.config, files.config["ioc_config"]["manifests"][0], "manifest_path",
+                    dir.File("ioc_manifest.json"));
     const std::string shippedLog = "/var/log/corvid/edr.log";
     files.logging.replace(files.logging.find(shippedLog), shippedLog.size(), dir.File("log/edr.log"));
     if (c.change)
@@ -153,8 +140,8 @@ INSTANTIATE_TEST_SUITE_P(
              {
                  f.config["edr_config"]["cpu_limit"].SetDouble(50.5);
                  f.config["common_config"].RemoveMember("use_sudo");
-                 SetString(f.fim, f.fim["data"]["fim"], "policyVersion", "2.0");
-                 SetString(f.ioc, f.ioc, "policyVersion", "2.x");
+                 test::SetString(f.fim, f.fim["data"]["fim"], "policyVersion", "2.0");
+                 test::SetString(f.ioc, f.ioc, "policyVersion", "2.x");
              },
              {{"corvid-edr.json", "EDR::Config: Invalid json"},
               {"corvid-edr.json", "CommonConfig: Invalid json"},

@@ -7,6 +7,9 @@
 
 #include <rapidjson/document.h>
 
+#include <functional>
+#include <sstream>
+
 using vantor::edr::CommonConfig;
 using vantor::edr::EDR::Config;
 
@@ -108,39 +111,27 @@ TEST(CommonConfigTest, ProxyOrderEnvironmentAndBlackoutEvents)
 
 TEST(CommonConfigTest, RejectsEachMandatoryKeyMissingOrMistyped)
 {
-    const char* mandatory[] = {"agent_id",
-                               "agent_version",
-                               "ca_cert_path",
-                               "connection_timeout",
-                               "customer_id",
-                               "log_config_file",
-                               "proxy_order",
-                               "request_timeout",
-                               "service_url",
-                               "activation_id",
-                               "environment_variables",
-                               "agent_effective_uid",
-                               "agent_effective_gid",
-                               "ipv4",
-                               "ipv6",
-                               "osname",
-                               "platform",
-                               "agent_install_path",
-                               "sudo_command",
-                               "use_sudo"};
-    for (const char* key : mandatory)
+    std::istringstream mandatory(
+        "agent_id agent_version ca_cert_path connection_timeout customer_id log_config_file proxy_order "
+        "request_timeout service_url activation_id environment_variables agent_effective_uid "
+        "agent_effective_gid ipv4 ipv6 osname platform agent_install_path sudo_command use_sudo");
+    for (std::string key; mandatory >> key;)
     {
-        const auto missing = CommonWith([key](auto& d) { d.RemoveMember(key); });
+        const auto missing = CommonWith([&](auto& d) { d.RemoveMember(key.c_str()); });
         EXPECT_EQ(ErrorOf([&] { CommonConfig c(missing); }), "CommonConfig: Invalid json") << key;
     }
-    const auto boolAsString = CommonWith([](auto& d) { d["use_sudo"].SetString("true"); });
-    EXPECT_EQ(ErrorOf([&] { CommonConfig c(boolAsString); }), "CommonConfig: Invalid json");
-    const auto negativeTimeout = CommonWith([](auto& d) { d["connection_timeout"].SetInt(-5); });
-    EXPECT_EQ(ErrorOf([&] { CommonConfig c(negativeTimeout); }), "CommonConfig: Invalid json");
-    const auto floatUid = CommonWith([](auto& d) { d["agent_effective_uid"].SetDouble(1.5); });
-    EXPECT_EQ(ErrorOf([&] { CommonConfig c(floatUid); }), "CommonConfig: Invalid json");
-    const auto noFailOpen = CommonWith([](auto& d) { d.RemoveMember("Blackout_Events"); });
-    EXPECT_NO_THROW(CommonConfig c(noFailOpen));
+    const std::function<void(rapidjson::Document&)> mistyped[] = {
+        [](auto& d) { d["use_sudo"].SetString("true"); },
+        [](auto& d) { d["connection_timeout"].SetInt(-5); },
+        [](auto& d) { d["agent_effective_uid"].SetDouble(1.5); },
+    };
+    for (const auto& change : mistyped)
+    {
+        const auto bad = CommonWith(change);
+        EXPECT_EQ(ErrorOf([&] { CommonConfig c(bad); }), "CommonConfig: Invalid json");
+    }
+    const auto noBlackout = CommonWith([](auto& d) { d.RemoveMember("Blackout_Events"); });
+    EXPECT_NO_THROW(CommonConfig c(noBlackout));
 }
 
 TEST(CommonConfigTest, SerialisesMembersInFixedOrder)
@@ -152,32 +143,16 @@ TEST(CommonConfigTest, SerialisesMembersInFixedOrder)
             d.AddMember("proxy_fail_open", true, d.GetAllocator());
         }));
     const std::string json = c.ToJson();
-    const char* order[] = {"agent_id",
-                           "agent_version",
-                           "ca_cert_path",
-                           "customer_id",
-                           "log_config_file",
-                           "proxy_order",
-                           "proxy_fail_open",
-                           "connection_timeout",
-                           "request_timeout",
-                           "service_url",
-                           "activation_id",
-                           "agent_effective_uid",
-                           "agent_effective_gid",
-                           "ipv4",
-                           "ipv6",
-                           "osname",
-                           "platform",
-                           "agent_install_path",
-                           "sudo_command",
-                           "use_sudo",
-                           "environment_variables",
-                           "Blackout_Events"};
+    std::istringstream order(
+        "agent_id agent_version ca_cert_path customer_id log_config_file proxy_order proxy_fail_open "
+        "connection_timeout request_timeout service_url activation_id agent_effective_uid "
+        "agent_effective_gid "
+        "ipv4 ipv6 osname platform agent_install_path sudo_command use_sudo environment_variables "
+        "Blackout_Events");
     size_t last = 0;
-    for (const char* key : order)
+    for (std::string key; order >> key;)
     {
-        const size_t pos = json.find(std::string("\"") + key + "\":");
+        const size_t pos = json.find("\"" + key + "\":");
         ASSERT_NE(pos, std::string::npos) << key;
         EXPECT_GT(pos, last == 0 ? 0 : last) << key << " out of order in " << json;
         last = pos;
@@ -190,17 +165,18 @@ TEST(CommonConfigTest, SerialisesMembersInFixedOrder)
 
 TEST(CommonConfigTest, GivesHttpSettingsWithExportedProxiesInOrderAndTheKeyPath)
 {
-    rapidjson::Document json;
-    json.Parse(R"({"agent_id":"a1","agent_version":"1","ca_cert_path":"/ca.pem","connection_timeout":7,
-        "customer_id":"c1","log_config_file":"/l","proxy_order":1,"proxy_fail_open":true,"request_timeout":9,
-        "service_url":"https://x","activation_id":"x","agent_effective_uid":0,"agent_effective_gid":0,
-        "ipv4":"","ipv6":"","osname":"","platform":"","agent_install_path":"/opt/a","sudo_command":"",
-        "use_sudo":false,"environment_variables":{"http_proxy":"http://p3:1","corvid_https_proxy":"http://p2:1",
-        "corvid_https_tls_proxy":"http://p1:1","https_proxy":"http://p2:1","PATH":"/bin"}})");
-    const CommonConfig config(json);
+    const CommonConfig config(CommonWith(
+        [](auto& d)
+        {
+            d["request_timeout"].SetUint(9);
+            d.AddMember("proxy_fail_open", true, d.GetAllocator());
+            const auto proxies = Parse(R"({"http_proxy": "http://p3:1", "corvid_https_proxy": "http://p2:1",
+                "corvid_https_tls_proxy": "http://p1:1", "https_proxy": "http://p2:1"})");
+            d["environment_variables"].CopyFrom(proxies, d.GetAllocator());
+        }));
     const auto settings = config.HttpSettings();
     EXPECT_EQ(settings.requestTimeout, std::chrono::seconds(9));
     EXPECT_TRUE(settings.proxyFailOpen);
     EXPECT_EQ(settings.proxies, (std::vector<std::string>{"http://p1:1", "http://p2:1", "http://p3:1"}));
-    EXPECT_EQ(config.HmacKeyPath(), "/opt/a/keys/edr_hmac.key");
+    EXPECT_EQ(config.HmacKeyPath(), "/opt/outpost/keys/edr_hmac.key");
 }

@@ -63,6 +63,18 @@ protected:
             << m_harness.Log() << m_harness.Syslog();
     }
 
+    // Starts a daemon that must fail its start on the first message with
+    // status, syslogText logged.
+    void ExpectStartUpFailure(const std::string& first, int status, const char* syslogText)
+    {
+        m_agent.Listen();
+        m_agent.StartDaemon();
+        m_agent.AcceptDaemon();
+        m_agent.Send(first);
+        EXPECT_EQ(m_agent.WaitForExit(5s), status);
+        EXPECT_TRUE(m_harness.SyslogContains(syslogText)) << m_harness.Syslog();
+    }
+
     DaemonHarness m_harness;
     vantor::test::AgentEndpoint m_agent;
     std::string m_dir;
@@ -138,36 +150,20 @@ TEST_F(DaemonProcessTest, MissingAgentSocketFailsStartUp)
 
 TEST_F(DaemonProcessTest, FirstMessageMustBeConfig)
 {
-    m_agent.Listen();
-    m_agent.StartDaemon();
-    m_agent.AcceptDaemon();
-    m_agent.Send(AgentCommand("exit"));
-    EXPECT_EQ(m_agent.WaitForExit(5s), 4);
-    EXPECT_TRUE(m_harness.SyslogContains("Invalid json received from the agent.")) << m_harness.Syslog();
-    EXPECT_TRUE(m_harness.SyslogContains("Error: The corvid-edr binary could not Initialize."));
+    ExpectStartUpFailure(AgentCommand("exit"), 4, "Invalid json received from the agent.");
 }
 
 TEST_F(DaemonProcessTest, InvalidEdrConfigFailsStartUp)
 {
     WriteConfiguration([](rapidjson::Document& config)
                        { config["edr_config"]["cpu_limit"].SetDouble(50.5); });
-    m_agent.Listen();
-    m_agent.StartDaemon();
-    m_agent.AcceptDaemon();
-    m_agent.Send(AgentCommand("config", m_configFile));
-    EXPECT_EQ(m_agent.WaitForExit(5s), 4);
-    EXPECT_TRUE(m_harness.SyslogContains("EDR::Config: Invalid json")) << m_harness.Syslog();
+    ExpectStartUpFailure(AgentCommand("config", m_configFile), 4, "EDR::Config: Invalid json");
 }
 
 TEST_F(DaemonProcessTest, InvalidLoggingConfigFailsStartUp)
 {
-    m_agent.Listen();
     std::ofstream(m_logConfig, std::ios::app) << "logging.channels.c2.class = NoSuchChannel\n";
-    m_agent.StartDaemon();
-    m_agent.AcceptDaemon();
-    m_agent.Send(AgentCommand("config", m_configFile));
-    EXPECT_EQ(m_agent.WaitForExit(5s), 5);
-    EXPECT_TRUE(m_harness.SyslogContains("Error:corvid-edr:log config is invalid.")) << m_harness.Syslog();
+    ExpectStartUpFailure(AgentCommand("config", m_configFile), 5, "Error:corvid-edr:log config is invalid.");
 }
 
 TEST_F(DaemonProcessTest, AgentGoingAwayEndsTheDaemonAfterReconnectTimeout)

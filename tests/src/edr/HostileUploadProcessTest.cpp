@@ -8,6 +8,7 @@
 // arrives exactly once and the daemon still captures and obeys its agent.
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/HostileWorkload.h"
 #include "tests/support/IocEndToEndFixture.h"
 #include "tools/HostileAnswer.h"
 
@@ -64,21 +65,6 @@ const HostileCase kCases[] = {
     {Mode::Reset, "Connection reset by peer", true},
     {Mode::WrongHost, "no alternative certificate subject name matches", true},
 };
-
-// A process's peak resident set size in KiB, -1 when unknown.
-long long VmHwmKb(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
-    {
-        if (line.rfind("VmHWM:", 0) == 0)
-        {
-            return std::stoll(line.substr(6));
-        }
-    }
-    return -1;
-}
 
 bool HasLineWith(const std::string& text, const std::string& first, const std::string& second)
 {
@@ -174,7 +160,7 @@ TEST_F(HostileUploadProcessTest, EveryAttemptFailsBoundedAndNothingIsLostOrDoubl
         EXPECT_LE(took, kFailureBound);
         std::cout << name << ": attempts on both routes failed after "
                   << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms, VmHWM "
-                  << VmHwmKb(m_daemonPid) << " KiB" << std::endl;
+                  << test::StatusKb(m_daemonPid, "VmHWM") << " KiB" << std::endl;
     }
     // A hostile receiver stores nothing: all of it must come again.
     for (const auto& file : files)
@@ -210,7 +196,7 @@ TEST_F(HostileUploadProcessTest, EveryAttemptFailsBoundedAndNothingIsLostOrDoubl
     {
         EXPECT_EQ(Starts(events, pid), 1u) << pid << "\n" << test::Describe(events);
     }
-    const long long peak = VmHwmKb(m_daemonPid);
+    const long long peak = test::StatusKb(m_daemonPid, "VmHWM");
     std::cout << "daemon VmHWM " << peak << " KiB (bound " << kMaxVmHwmKb << " KiB)" << std::endl;
     EXPECT_GT(peak, 0);
     EXPECT_LE(peak, kMaxVmHwmKb);

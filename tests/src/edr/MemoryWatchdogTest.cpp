@@ -1,5 +1,6 @@
 #include "edr/daemon/MemoryWatchdog.h"
 #include "edr/ResourceMonitor.h"
+#include "tests/support/ExpectThrowText.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -156,15 +157,8 @@ TEST(ResourceMonitorTest, ThresholdsAndTotalMemory)
                     testing::StrEq("Memory usage threshold percentage cannot be greater than 100%")));
     EXPECT_EQ(ResourceMonitor(1, 1, proc.Sources()).TotalMemoryKb(), 16'000'000u);
     proc.files["/p/meminfo"] = "MemTotal: lots\n";
-    try
-    {
-        ResourceMonitor(1, 1, proc.Sources());
-        FAIL();
-    }
-    catch (const std::runtime_error& e)
-    {
-        EXPECT_EQ(std::string(e.what()).rfind("Failed to parse system memory: '", 0), 0u) << e.what();
-    }
+    vantor::test::ExpectThrowText<std::runtime_error>([&] { ResourceMonitor(1, 1, proc.Sources()); },
+                                                      "Failed to parse system memory: '");
     proc.files.erase("/p/meminfo");
     EXPECT_THROW(ResourceMonitor(1, 1, proc.Sources()), std::runtime_error);
 }

@@ -1,8 +1,5 @@
 #include "edr/PathEscape.h"
 #include "common/util/Utf8.h"
-#include "fim/DocumentWriter.h"
-
-#include "common/util/Json.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +8,6 @@
 #include <string>
 
 using vantor::edr::PathEscape;
-using vantor::fim::internal::DocumentWriter;
 
 namespace
 {
@@ -80,22 +76,6 @@ TEST(PathEscapeTest, TextsThatNoNameMakesAreRefused)
     EXPECT_EQ(PathEscape::Unescape("\\xff"), std::nullopt); // lower-case digits are not the form
     EXPECT_EQ(PathEscape::Unescape("\\n"), std::nullopt);
     EXPECT_EQ(PathEscape::Unescape("raw\xff"), std::nullopt);
-}
-
-TEST(PathEscapeTest, ADocumentPathSurvivesJsonByteForByte)
-{
-    const std::string path = "/w/quote\"back\\slash\xff\xfe\nend";
-    DocumentWriter w;
-    w.StartObject();
-    w.PathMember("imagePath", path);
-    w.EndObject();
-    const std::string text = w.Text();
-    EXPECT_TRUE(IsValidUtf8(text));
-    // The raw document shows the escape with its backslash escaped once more.
-    EXPECT_NE(text.find(R"(back\\\\slash\\xFF\\xFE\nend)"), std::string::npos) << text;
-    rapidjson::Document document;
-    ASSERT_TRUE(vantor::util::ParseJson(document, text));
-    EXPECT_EQ(PathEscape::Unescape(document["imagePath"].GetString()), path);
 }
 
 } // namespace

@@ -6,14 +6,12 @@
 // and the receiver return, what the quota kept arrives exactly once, with
 // later documents behind it.
 
+#include "edr/AHSRecord.h"
 #include "tests/support/IocEndToEndFixture.h"
+#include "tests/support/StatusRecords.h"
 #include "tests/support/TmpfsMount.h"
 
-#include "common/util/Json.h"
-
 #include <gtest/gtest.h>
-
-#include <rapidjson/document.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -31,7 +29,6 @@ namespace
 
 using namespace std::chrono_literals;
 using test::EventuallyWithTraffic;
-using test::ReadText;
 
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
 
@@ -132,45 +129,11 @@ protected:
         return counts;
     }
 
-    // The files that the quota records of a context the receiver stored
-    // count (each record counts those since the one before).
-    uint64_t EvictedFiles(const std::string& contextId) const
+    // The files that the quota records of a context the receiver stored count.
+    uint64_t EvictedFiles(const char* contextId) const
     {
-        uint64_t total = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(m_receiver->Output()))
-        {
-            rapidjson::Document payload;
-            if (entry.path().extension() != ".status" || !util::ParseJson(payload, ReadText(entry.path())) ||
-                !payload.IsObject() || !payload.HasMember("status") || !payload["status"].IsArray())
-            {
-                continue;
-            }
-            for (const auto& record : payload["status"].GetArray())
-            {
-                if (util::GetString(record, "contextId") != contextId || !record.HasMember("statusCode") ||
-                    !record["statusCode"].IsInt64() || record["statusCode"].GetInt64() != 3009)
-                {
-                    continue;
-                }
-                rapidjson::Document fields;
-                const auto it = record.FindMember("additionalFields");
-                if (it == record.MemberEnd())
-                {
-                    continue;
-                }
-                const rapidjson::Value* object = &it->value;
-                if (it->value.IsString())
-                {
-                    util::ParseJson(fields, it->value.GetString());
-                    object = &fields;
-                }
-                if (object->IsObject() && object->HasMember("files") && (*object)["files"].IsUint64())
-                {
-                    total += (*object)["files"].GetUint64();
-                }
-            }
-        }
-        return total;
+        return test::Total(test::ReadStatusRecords(m_receiver->Output()), contextId,
+                           AHSStatusCode::kSpoolEvicted, "files");
     }
 
     std::unique_ptr<test::TmpfsMount> m_tmpfs;
@@ -231,7 +194,7 @@ TEST_F(SpoolFullDiskProcessTest, QuotaEvictsOldestCountsThemAndTheRestArrivesOnc
         [&]
         {
             return Arrivals(false)[total - 1] > 0 && Arrivals(true)[total - 1] > 0 && Watch().second == 0 &&
-                   EvictedFiles("fim.spool") > 0 && EvictedFiles("ioc.spool") > 0;
+                   EvictedFiles(AHSContext::kFimSpool) > 0 && EvictedFiles(AHSContext::kIocSpool) > 0;
         },
         Nudge))
         << m_harness.Log();
@@ -254,8 +217,9 @@ TEST_F(SpoolFullDiskProcessTest, QuotaEvictsOldestCountsThemAndTheRestArrivesOnc
             << seen;
     }
     EXPECT_LE(m_peak, kQuota + kMaxFileKb * 1024);
-    std::cout << "evicted files: fim " << EvictedFiles("fim.spool") << ", ioc " << EvictedFiles("ioc.spool")
-              << "; largest spool on disk " << m_peak << " bytes" << std::endl;
+    std::cout << "evicted files: fim " << EvictedFiles(AHSContext::kFimSpool) << ", ioc "
+              << EvictedFiles(AHSContext::kIocSpool) << "; largest spool on disk " << m_peak << " bytes"
+              << std::endl;
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }
 

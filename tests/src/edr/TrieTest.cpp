@@ -59,18 +59,19 @@ TEST(TrieTest, SeveralTagsOnOnePath)
 TEST(TrieTest, InvalidArgumentsAreRejected)
 {
     Trie trie;
-    ExpectThrowText<std::runtime_error>([&] { trie.GetValues("var/log"); },
-                                        "Trie::GetValues: path is empty or invalid");
-    ExpectThrowText<std::runtime_error>([&] { trie.GetValues(""); },
-                                        "Trie::GetValues: path is empty or invalid");
-    ExpectThrowText<std::runtime_error>([&] { trie.Insert("", "t"); },
-                                        "Trie::Insert: path is empty or invalid");
-    ExpectThrowText<std::runtime_error>([&] { trie.Insert("etc", "t"); },
-                                        "Trie::Insert: path is empty or invalid");
-    ExpectThrowText<std::runtime_error>([&] { trie.Insert("/etc", ""); }, "Trie::Insert: value is empty");
-    ExpectThrowText<std::runtime_error>([&] { trie.Delete("", "t"); },
-                                        "Trie::Delete: path is empty or invalid");
-    ExpectThrowText<std::runtime_error>([&] { trie.Delete("/etc", ""); }, "Trie::Delete: value is empty");
+    const std::pair<std::function<void()>, const char*> cases[] = {
+        {[&] { trie.GetValues("var/log"); }, "Trie::GetValues: path is empty or invalid"},
+        {[&] { trie.GetValues(""); }, "Trie::GetValues: path is empty or invalid"},
+        {[&] { trie.Insert("", "t"); }, "Trie::Insert: path is empty or invalid"},
+        {[&] { trie.Insert("etc", "t"); }, "Trie::Insert: path is empty or invalid"},
+        {[&] { trie.Insert("/etc", ""); }, "Trie::Insert: value is empty"},
+        {[&] { trie.Delete("", "t"); }, "Trie::Delete: path is empty or invalid"},
+        {[&] { trie.Delete("/etc", ""); }, "Trie::Delete: value is empty"},
+    };
+    for (const auto& [call, text] : cases)
+    {
+        ExpectThrowText<std::runtime_error>(call, text);
+    }
     EXPECT_EQ(trie.GetNodeCount(), 0U);
 }
 

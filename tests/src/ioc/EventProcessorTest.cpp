@@ -1,17 +1,12 @@
 // The event processor: which events reach the engines, when an event is
-// reported, cached or dropped, the order of cached events, exclusion by a
-// whitelist, heuristics dropping repeated runs, and failures that end only
-// their own event.
+// reported, cached or dropped, the order of cached events, heuristics
+// dropping repeated runs, and failures that end only their own event.
 
 #include "ioc/EventProcessor.h"
-#include "ioc/FilteringEngine.h"
 #include "ioc/HeuristicsEngine.h"
-#include "ioc/NetworkRule.h"
 #include "ioc/TtlProcessTree.h"
-#include "ioc/WhitelistGlobalRule.h"
 #include "tests/src/ioc/FakeProc.h"
 #include "tests/src/ioc/IocTestEvent.h"
-#include "tests/src/ioc/IocTestJson.h"
 #include "tests/src/ioc/ScriptedEngine.h"
 #include "tests/support/LogCapture.h"
 
@@ -25,7 +20,6 @@ using namespace std::chrono_literals;
 using ioc::TtlProcessTree;
 using ioc::Verdict;
 using ioc::test::IocTestEvent;
-using ioc::test::Json;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -170,42 +164,6 @@ TEST_F(EventProcessorTest, CachedEventsAreReportedInIdOrderWithTheirProcess)
     reuse.timestamp = 99000;
     Process(reuse);
     EXPECT_THAT(TakeReported(), IsEmpty()) << "a reused pid is another process";
-}
-
-TEST_F(EventProcessorTest, AWhitelistExcludesAProcessUntilOneOfItsEventsIsReported)
-{
-    ioc::internal::FilteringEngine filtering(m_tree);
-    filtering.SetRules(
-        std::make_shared<const ioc::internal::FilteringEngine::Rules>(ioc::internal::FilteringEngine::Rules{
-            std::make_shared<ioc::internal::NetworkRule>(
-                Json(R"({"ruleId": "connects", "ruleType": "Network", "notify": ["establish"]})")),
-            std::make_shared<ioc::internal::WhitelistGlobalRule>(Json(
-                R"({"ruleId": "quiet", "ruleType": "EDR", "ruleClass": "WhitelistGlobal",
-                    "applyTo": ["/usr/bin/curl"], "exclusionFilters": [{"filterType": [{"objectType": "network",
-                    "protocol": "any", "remotePort": [{"number": 80}]}]}]})"))}));
-    Use(filtering, m_heuristics);
-    m_tree.AddOrUpdate(Running(10, 1, 1, "/usr/bin/curl"));
-    const auto connect = [](uint32_t id, uint16_t port)
-    {
-        auto event = ioc::test::By(10, ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", port));
-        event.id = id;
-        event.image = "/usr/bin/curl";
-        return event;
-    };
-
-    test::LogCapture log(common::Logging::Edr());
-    Process(connect(2, 80));
-    EXPECT_THAT(TakeReported(), IsEmpty());
-    EXPECT_TRUE(m_tree.HasTag(10, TtlProcessTree::kExcluded));
-    EXPECT_TRUE(
-        log.Contains("Adding verdict 'Clean' to Test event for unreported process (curl ( pid: 10) as "
-                     "WhitelistGlobal exclusion filter matched"));
-
-    Process(connect(3, 443));
-    EXPECT_THAT(TakeReported(), ElementsAre(3));
-    EXPECT_FALSE(m_tree.HasTag(10, TtlProcessTree::kExcluded));
-    EXPECT_TRUE(m_tree.HasTag(10, TtlProcessTree::kReported));
-    EXPECT_TRUE(log.Contains("Removing 'Excluded' tag from process"));
 }
 
 TEST_F(EventProcessorTest, AFailureEndsOnlyItsOwnEvent)

@@ -1,7 +1,8 @@
 // What IOC uploads from the real kernel: the shipped daemon, started by the
-// stand-in agent, reporting a workload through its verdict chain into
-// protobuf batches that the local HTTPS receiver takes on the gateway route
-// (it refuses what the back end refuses) and the test decodes.
+// stand-in agent, holds IOC's kernel rules while it runs and reports a
+// workload through its verdict chain into protobuf batches that the local
+// HTTPS receiver takes on the gateway route (it refuses what the back end
+// refuses) and the test decodes.
 
 #include "common/util/Sha256.h"
 #include "tests/support/ChildProcess.h"
@@ -161,6 +162,13 @@ TEST_F(IocUploadProcessTest, TaggedWorkloadArrivesDecodedWhileWhitelistedAndRepe
         R"({"thresholdScore": 10, "Execution": {"score": 5, "exclusions": []},
             "CredentialAccess": {"score": 5, "exclusions": [], "pathRegex": "^)" +
             dir + R"(/creds/.*$"}, "Exfiltration": {"score": 5, "exclusions": []}})")));
+    // The process and network rules live in the kernel under IOC's key
+    // while the daemon runs.
+    const std::string rules = testing::PrintToString(test::RulesContaining("key=IOC"));
+    for (const char* call : {"-S execve", "connect", "accept"})
+    {
+        EXPECT_NE(rules.find(call), std::string::npos) << call << " in " << rules;
+    }
 
     // A first sighting of an executable is reported whatever its tags; the
     // second runs are judged by their tags alone.
@@ -228,6 +236,8 @@ TEST_F(IocUploadProcessTest, TaggedWorkloadArrivesDecodedWhileWhitelistedAndRepe
     ExpectStartedOnce(owed);
     EXPECT_EQ(Starts(events, repeated.back()), 0u) << described;
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
+    EXPECT_TRUE(test::RulesContaining("key=IOC").empty()) << "the daemon left IOC's rules";
+    EXPECT_TRUE(m_harness.LogContains("Ioc component destroyed."));
 }
 
 } // namespace

@@ -20,6 +20,8 @@
 
 #include <sys/stat.h>
 
+#include <functional>
+#include <map>
 #include <memory>
 
 using namespace vantor;
@@ -38,27 +40,15 @@ constexpr pid_t kPid = 7;
 
 std::unique_ptr<Tag> MakeTag(const std::string& name)
 {
-    if (name == "CredentialAccess")
-    {
-        return std::make_unique<ioc::internal::CredentialAccessTag>();
-    }
-    if (name == "DefenseEvasion")
-    {
-        return std::make_unique<DefenseEvasionTag>();
-    }
-    if (name == "Execution")
-    {
-        return std::make_unique<ioc::internal::ExecutionTag>();
-    }
-    if (name == "Exfiltration")
-    {
-        return std::make_unique<ioc::internal::ExfiltrationTag>();
-    }
-    if (name == "Persistence")
-    {
-        return std::make_unique<ioc::internal::PersistenceTag>();
-    }
-    return std::make_unique<ioc::internal::PrivilegeEscalationTag>();
+    using namespace ioc::internal;
+    const std::map<std::string, std::function<std::unique_ptr<Tag>()>> makers{
+        {"CredentialAccess", [] { return std::make_unique<CredentialAccessTag>(); }},
+        {"DefenseEvasion", [] { return std::make_unique<DefenseEvasionTag>(); }},
+        {"Execution", [] { return std::make_unique<ExecutionTag>(); }},
+        {"Exfiltration", [] { return std::make_unique<ExfiltrationTag>(); }},
+        {"Persistence", [] { return std::make_unique<PersistenceTag>(); }},
+        {"PrivilegeEscalation", [] { return std::make_unique<PrivilegeEscalationTag>(); }}};
+    return makers.at(name)();
 }
 
 struct Case

@@ -162,19 +162,6 @@ TEST_F(TaggingEngineTest, DisabledAndExcludedTagsAreNeverAdded)
     EXPECT_TRUE(TagsOf(12).empty());
 }
 
-TEST_F(TaggingEngineTest, AnEmptyPathPatternFallsBackToTheDefault)
-{
-    Add(10, 1, "/usr/bin/vim");
-    test::LogCapture log(common::Logging::Edr());
-    ASSERT_TRUE(
-        m_engine.ApplySettings(R"({"thresholdScore": 9, "Persistence": {"score": 3, "pathRegex": ""}})"));
-    EXPECT_TRUE(log.Contains("pathRegex is empty or invalid. Using default regex."));
-    auto create = std::make_shared<IocTestEvent>(ioc::test::FileEvent(EventType::Create, "/etc/cron.d/job"));
-    create->pid = 10;
-    EXPECT_EQ(m_engine.GetVerdict(create), Verdict::Clean);
-    EXPECT_THAT(TagsOf(10), ElementsAre(Pair("Persistence", 3)));
-}
-
 TEST_F(TaggingEngineTest, NewProcessesInheritAndNewTagsSpreadToChildrenAndSiblings)
 {
     ASSERT_TRUE(m_engine.ApplySettings(

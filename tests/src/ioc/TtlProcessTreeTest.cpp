@@ -174,7 +174,7 @@ TEST_F(TtlProcessTreeTest, TagsVerdictsAndStates)
     EXPECT_TRUE(m_tree.RemoveTag(20, TtlProcessTree::kReported));
 }
 
-TEST_F(TtlProcessTreeTest, SiblingsAndATagForManyProcesses)
+TEST_F(TtlProcessTreeTest, SiblingsAndAVisitOfManyProcesses)
 {
     Start(10, 1, 400);
     Start(20, 10, 500);
@@ -185,16 +185,6 @@ TEST_F(TtlProcessTreeTest, SiblingsAndATagForManyProcesses)
     EXPECT_THAT(m_tree.GetSiblings(21), ElementsAre(20, 22));
     EXPECT_THAT(m_tree.GetSiblings(31), ElementsAre(32)) << "a shared parent pid makes siblings";
     EXPECT_THAT(m_tree.GetSiblings(99), IsEmpty());
-
-    ASSERT_TRUE(m_tree.AddTag(21, "Execution", 9));
-    m_tree.AddOrUpdate(*Running(22, 10, "/usr/bin/vim"));
-    const auto received =
-        m_tree.AddTagToProcesses({20, 21, 22, 99}, "Execution", 4,
-                                 [](const ProcessInfo& p) { return p.image.path != "/usr/bin/vim"; });
-    EXPECT_THAT(received, ElementsAre(20)) << "unknown, refused and carrying processes receive nothing";
-    EXPECT_EQ(m_tree.GetProcessInfo(20).tags.at("Execution"), 4);
-    EXPECT_EQ(m_tree.GetProcessInfo(21).tags.at("Execution"), 9) << "a carried tag keeps its score";
-    EXPECT_FALSE(m_tree.HasTag(22, "Execution"));
 
     std::vector<pid_t> visited;
     m_tree.VisitProcesses({22, 99, 20}, [&](const ProcessInfo& p) { visited.push_back(p.pid); });
@@ -287,17 +277,6 @@ TEST(IocProcessInfoTest, ReadsTheRunningTestProcessFromProc)
                                               "Failed to update process info: ");
 }
 
-TEST(IocProcessInfoTest, TheSecondaryImageIsTheScriptAnInterpreterRuns)
-{
-    EXPECT_EQ(ProcessInfo::ScriptOf("/usr/bin/python3.11", {"python3", "-u", "/opt/x.py", "a"}), "/opt/x.py");
-    EXPECT_EQ(ProcessInfo::ScriptOf("/bin/bash", {"bash", "-c", "echo hi"}), "");
-    EXPECT_EQ(ProcessInfo::ScriptOf("/usr/bin/shred", {"shred", "file"}), "") << "no interpreter";
-    EXPECT_EQ(ProcessInfo::ScriptOf("/bin/sh", {"sh"}), "");
-    EXPECT_STREQ(ProcessInfo::StateText(ProcessInfo::StateOf('D')), "Waiting");
-    EXPECT_STREQ(ProcessInfo::StateText(ProcessInfo::StateOf('Z')), "Zombie");
-    EXPECT_STREQ(ProcessInfo::StateText(ProcessInfo::StateOf('?')), "Unknown");
-}
-
 // The kernel names the interpreter as the executed file when it is run with
 // the script as an argument, under whatever name the caller used; only a
 // script executed by itself is named.
@@ -335,6 +314,8 @@ TEST(IocProcessInfoTest, TheScriptOfAProcessStartIsTheExecutedFileOrTheInterpret
         EXPECT_EQ(ProcessInfo::FromEvent(event, 1).secondaryImage.path, c.secondary)
             << c.executed.value_or("(none)") << " " << c.arguments.back();
     }
+    EXPECT_EQ(ProcessInfo::ScriptOf("/usr/bin/python3.11", {"python3", "-u", "/opt/x.py", "a"}), "/opt/x.py");
+    EXPECT_EQ(ProcessInfo::ScriptOf("/usr/bin/shred", {"shred", "file"}), "") << "no interpreter";
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "ioc/Verdict.h"
+#include "tests/support/ExpectThrowText.h"
 
 #include <gtest/gtest.h>
 
@@ -22,23 +23,19 @@ TEST(VerdictTest, ValuesAndTextsOutsideTheScaleFailWithTheirTexts)
 {
     for (int value : {0, 6, -1})
     {
-        try
-        {
-            ToString(static_cast<Verdict>(value));
-            ADD_FAILURE() << value;
-        }
-        catch (const VerdictException& e)
-        {
-            EXPECT_EQ("Cannot convert verdict " + std::to_string(value) + " to string", e.what());
-        }
+        test::ExpectThrowText<VerdictException>([&] { ToString(static_cast<Verdict>(value)); },
+                                                "Cannot convert verdict " + std::to_string(value) +
+                                                    " to string");
         EXPECT_THROW(VerdictFromInt(value), VerdictException);
     }
+    // The whole text is compared: a longer one would show as a mismatch.
     for (const char* text : {"clean", "", "Clean ", "Bad"})
     {
+        SCOPED_TRACE(text);
         try
         {
             VerdictFromString(text);
-            ADD_FAILURE() << text;
+            ADD_FAILURE();
         }
         catch (const VerdictException& e)
         {
