@@ -1,5 +1,5 @@
-// Health-status records from the shipped binary on the real kernel: the
-// loaded configuration and kernel rules removed by others reach the receiver.
+// Health-status records from the shipped binary on the real kernel: a parser
+// queue overflow and kernel rules removed by others reach the receiver.
 
 #include "audit/KernelRuleWatchdog.h"
 #include "tests/support/ChildProcess.h"
@@ -13,6 +13,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace vantor::edr
 {
@@ -38,7 +40,67 @@ protected:
                            [&](const test::StatusRecord& r)
                            { return r.contextId == contextId && r.statusCode == statusCode; });
     }
+
+    // Bytes the parser queue dropped, by the records received.
+    static uint64_t DroppedBytes(const std::vector<test::StatusRecord>& records)
+    {
+        return test::Total(records, AHSContext::kParserQueue, AHSStatusCode::kParserQueueDropped, "bytes");
+    }
+
+    // Opens a watched file for writing until stopped or the time is up.
+    pid_t Flood(std::chrono::seconds duration)
+    {
+        const std::string path = m_watched + "/flood";
+        const pid_t pid = ::fork();
+        if (pid == 0)
+        {
+            const auto end = std::chrono::steady_clock::now() + duration;
+            while (std::chrono::steady_clock::now() < end)
+            {
+                for (int i = 0; i < 1000; ++i)
+                {
+                    const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+                    if (fd >= 0)
+                    {
+                        ::close(fd);
+                    }
+                }
+            }
+            ::_exit(0);
+        }
+        return pid;
+    }
 };
+
+TEST_F(HealthStatusProcessTest, ParserQueueOverflowArrivesAsAStatusRecord)
+{
+    ASSERT_NO_FATAL_FAILURE(StartDaemon({},
+                                        [](rapidjson::Document& config)
+                                        {
+                                            auto& edr = config["edr_config"];
+                                            edr["cpu_limit"].SetUint(1);
+                                            edr["memory_limit"].SetUint(1);
+                                            edr.AddMember("status_upload_interval", 2, config.GetAllocator());
+                                        }));
+    const pid_t flood = Flood(60s);
+    const bool dropped = test::Eventually([&] { return DroppedBytes(StatusRecords()) > 0; }, 120s);
+    ::kill(flood, SIGKILL);
+    test::WaitForChild(flood, 10s);
+    ASSERT_TRUE(dropped) << m_harness.Log().substr(0, 4000);
+    EXPECT_TRUE(m_harness.LogContains("Audit parser queue threshold hit. Disabling queueing of events."));
+
+    const auto records = StatusRecords();
+    EXPECT_TRUE(Has(records, AHSContext::kDaemonConfig, AHSStatusCode::kConfigLoaded));
+    EXPECT_TRUE(Has(records, AHSContext::kFimManifest, AHSStatusCode::kConfigLoaded));
+    for (const auto& record : records)
+    {
+        if (record.contextId == AHSContext::kParserQueue)
+        {
+            EXPECT_GT(record.fields["buffers"].GetUint64(), 0u);
+        }
+    }
+    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
+}
 
 // auditd's rule loader begins with -D, and so may an operator: the kernel
 // loses the daemon's rules without telling it. Within the watchdog's
@@ -92,9 +154,6 @@ TEST_F(HealthStatusProcessTest, KernelRulesRemovedBySomebodyElseComeBackAndAreRe
         << m_harness.Log().substr(0, 4000);
     EXPECT_TRUE(m_harness.LogContains(std::to_string(installed.size()) +
                                       " audit rules of ours were removed from the kernel"));
-    const auto records = StatusRecords();
-    EXPECT_TRUE(Has(records, AHSContext::kDaemonConfig, AHSStatusCode::kConfigLoaded));
-    EXPECT_TRUE(Has(records, AHSContext::kFimManifest, AHSStatusCode::kConfigLoaded));
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }
 
