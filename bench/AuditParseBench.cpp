@@ -12,7 +12,8 @@
 //    arg "as_received" 1: the records fed to libauparse as they came
 //    instead of grouped by event first.
 // After the runs the ratio of their CPU per event and the peak RSS are
-// printed.
+// printed. Before them, the heap bytes that the typed events of the corpus
+// hold while queued, and what a clone of each (as IOC makes) adds.
 
 #include "bench/AuditCorpus.h"
 #include "bench/AuparseFloor.h"
@@ -23,6 +24,8 @@
 #include "edr/LibMagicWrapper.h"
 
 #include <benchmark/benchmark.h>
+
+#include <malloc.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -114,7 +117,13 @@ BENCHMARK(BM_AuparseFeedBuilder)
     ->UseRealTime()
     ->MinTime(2.0);
 
-// What the intake makes of the corpus, once, untimed.
+size_t HeapInUse()
+{
+    return mallinfo2().uordblks;
+}
+
+// What the intake makes of the corpus, once, untimed, and the heap its
+// typed events hold while all of them are alive (as in a full queue).
 void PrintCorpus()
 {
     const Corpus& corpus = TheCorpus();
@@ -123,37 +132,55 @@ void PrintCorpus()
                 static_cast<double>(corpus.texts[0].size()) / 1e6);
     vantor::audit::AuditEventBuilder builder(
         std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase));
-    vantor::audit::AuparseFeed feed(builder);
-    std::map<std::string, size_t> byAction;
-    size_t total = 0;
-    const auto count = [&](const vantor::audit::AuparseFeed::Events& events)
+    vantor::audit::AuparseFeed::Events kept;
+    kept.reserve(kEvents + kEvents / 2);
+    const size_t heapBefore = HeapInUse();
     {
-        total += events.size();
-        for (const auto& event : events)
+        vantor::audit::AuparseFeed feed(builder);
+        const auto keep = [&](vantor::audit::AuparseFeed::Events events)
         {
-            try
+            for (auto& event : events)
             {
-                ++byAction[event->GetActionName()];
+                kept.push_back(std::move(event));
             }
-            catch (const std::exception&)
-            {
-                ++byAction["(no action name)"];
-            }
+        };
+        const std::string& text = corpus.texts[0];
+        const auto* data = reinterpret_cast<const uint8_t*>(text.data());
+        for (size_t at = 0; at < text.size(); at += AuparseFloor::kChunkSize)
+        {
+            keep(feed.Feed(data + at, std::min(AuparseFloor::kChunkSize, text.size() - at)));
         }
-    };
-    const std::string& text = corpus.texts[0];
-    const auto* data = reinterpret_cast<const uint8_t*>(text.data());
-    for (size_t at = 0; at < text.size(); at += AuparseFloor::kChunkSize)
-    {
-        count(feed.Feed(data + at, std::min(AuparseFloor::kChunkSize, text.size() - at)));
+        keep(feed.Flush());
     }
-    count(feed.Flush());
-    std::printf("typed events: %zu:", total);
+    const size_t heapEvents = HeapInUse();
+    vantor::audit::AuparseFeed::Events clones;
+    clones.reserve(kept.size());
+    for (const auto& event : kept)
+    {
+        clones.push_back(event->Clone());
+    }
+    const size_t heapClones = HeapInUse();
+    std::map<std::string, size_t> byAction;
+    for (const auto& event : kept)
+    {
+        try
+        {
+            ++byAction[event->GetActionName()];
+        }
+        catch (const std::exception&)
+        {
+            ++byAction["(no action name)"];
+        }
+    }
+    std::printf("typed events: %zu:", kept.size());
     for (const auto& [action, count] : byAction)
     {
         std::printf(" %s %zu", action.c_str(), count);
     }
-    std::printf("\n");
+    const auto perEvent = [&](size_t bytes)
+    { return static_cast<double>(bytes) / static_cast<double>(kept.size()); };
+    std::printf("\nheap per typed event: %.0f bytes held (event object and its members), clone %.0f bytes\n",
+                perEvent(heapEvents - heapBefore), perEvent(heapClones - heapEvents));
 }
 
 } // namespace

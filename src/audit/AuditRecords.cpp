@@ -6,6 +6,8 @@
 
 #include <libaudit.h>
 
+#include <algorithm>
+
 namespace vantor::audit::internal
 {
 
@@ -27,6 +29,12 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
                 throw edr::EventException("Multiple syscall records found in event");
             }
             syscall = SyscallRecord::Parse(au);
+            if ((wanted & kPath) != 0 && paths.empty())
+            {
+                // items counts the PATH records that follow: one allocation
+                // instead of growth (the count is capped against a hostile value).
+                paths.reserve(std::min<uint32_t>(syscall.items, 16));
+            }
             break;
         case AUDIT_PATH:
             if ((wanted & kPath) != 0)
@@ -53,7 +61,7 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
                     const char* name = auparse_get_field_name(au);
                     if (name != nullptr && AuparseField::Is(name, "cwd"))
                     {
-                        cwds.push_back(AuparseField::Text(au).value_or(std::string()));
+                        AuparseField::AppendText(au, cwds.emplace_back());
                     }
                 } while (auparse_next_field(au) == 1);
             }
@@ -198,11 +206,7 @@ void AuditRecords::ParseExecve(auparse_state_t* au)
         {
             arguments.resize(index + 1);
         }
-        auto text = AuparseField::Text(au);
-        if (text)
-        {
-            arguments[index].append(*text);
-        }
+        AuparseField::AppendText(au, arguments[index]);
     } while (auparse_next_field(au) == 1);
 }
 

@@ -45,20 +45,133 @@ public:
     // The decoded text; nullopt when the field is missing or "(null)".
     static std::optional<std::string> Text(auparse_state_t* au)
     {
-        const std::string_view raw = Raw(au);
-        if (raw.empty() || raw == "(null)")
+        std::string text;
+        if (!AppendText(au, text))
         {
             return std::nullopt;
+        }
+        return text;
+    }
+
+    // Appends the current field's decoded text to out; false (out untouched)
+    // when the field is missing, "(null)" or undecodable.
+    // For a text field the result is what auparse_interpret_field gives in
+    // raw escape mode: the common forms (a quoted text, an even run of hex
+    // digits) are decoded here without the library's allocation, any other
+    // form goes to the library.
+    static bool AppendText(auparse_state_t* au, std::string& out)
+    {
+        const std::string_view raw = Raw(au);
+        switch (FormOf(raw))
+        {
+        case Form::Missing:
+            return false;
+        case Form::Quoted:
+            out.append(raw.substr(1, raw.find('"', 1) - 1));
+            return true;
+        case Form::Hex:
+            AppendHex(raw, out);
+            return true;
+        case Form::Other:
+            break;
         }
         const char* text = auparse_interpret_field(au);
         if (text == nullptr)
         {
-            return std::nullopt;
+            return false;
         }
-        return std::string(text);
+        out.append(text);
+        return true;
+    }
+
+    // Whether AppendText would give a text, without decoding the common forms.
+    static bool HasText(auparse_state_t* au)
+    {
+        const Form form = FormOf(Raw(au));
+        return form == Form::Quoted || form == Form::Hex ||
+               (form == Form::Other && auparse_interpret_field(au) != nullptr);
+    }
+
+    // Replaces out with the decoded text; false (out untouched) as above.
+    static bool AssignText(auparse_state_t* au, std::string& out)
+    {
+        const size_t before = out.size();
+        if (!AppendText(au, out))
+        {
+            return false;
+        }
+        out.erase(0, before);
+        return true;
     }
 
     static bool Is(const char* name, const char* wanted) { return std::strcmp(name, wanted) == 0; }
+
+private:
+    static int HexDigit(char c)
+    {
+        if (c >= '0' && c <= '9')
+        {
+            return c - '0';
+        }
+        if (c >= 'A' && c <= 'F')
+        {
+            return c - 'A' + 10;
+        }
+        if (c >= 'a' && c <= 'f')
+        {
+            return c - 'a' + 10;
+        }
+        return -1;
+    }
+
+    enum class Form
+    {
+        Missing,
+        Quoted,
+        Hex,
+        Other
+    };
+
+    // Quoted: with its closing quote. Hex: an even run of hex digits; one
+    // with a leading "00" (an abstract socket name, which the library treats
+    // on its own) is left to the library.
+    static Form FormOf(std::string_view raw)
+    {
+        if (raw.empty() || raw == "(null)")
+        {
+            return Form::Missing;
+        }
+        if (raw.front() == '"')
+        {
+            return raw.find('"', 1) != std::string_view::npos ? Form::Quoted : Form::Other;
+        }
+        if (raw.size() % 2 != 0 || (raw[0] == '0' && raw[1] == '0'))
+        {
+            return Form::Other;
+        }
+        for (const char c : raw)
+        {
+            if (HexDigit(c) < 0)
+            {
+                return Form::Other;
+            }
+        }
+        return Form::Hex;
+    }
+
+    // Cut at the first NUL byte, as the library's C string is.
+    static void AppendHex(std::string_view raw, std::string& out)
+    {
+        for (size_t i = 0; i < raw.size(); i += 2)
+        {
+            const auto byte = static_cast<char>(HexDigit(raw[i]) * 16 + HexDigit(raw[i + 1]));
+            if (byte == '\0')
+            {
+                break;
+            }
+            out.push_back(byte);
+        }
+    }
 };
 
 } // namespace vantor::audit::internal

@@ -4,6 +4,8 @@
 
 #include <sys/syscall.h>
 
+#include <stdexcept>
+
 namespace vantor::audit::internal
 {
 
@@ -46,16 +48,14 @@ DeleteEvent::DeleteEvent(const FileEvent& rename, const PathRecord& replaced)
     {
         throw edr::EventException("Missing path for child");
     }
-    const auto& paths = m_records.paths;
-    const PathRecord* parent = nullptr;
-    for (const auto& path : paths)
+    // The copy holds the rename's records in the same places.
+    const auto& renamePaths = rename.Records().paths;
+    if (&replaced < renamePaths.data() || &replaced >= renamePaths.data() + renamePaths.size())
     {
-        if (path.nameType == PathRecord::NameType::Parent)
-        {
-            parent = &path;
-        }
+        throw std::logic_error("DeleteEvent: the replaced target is not a record of the rename");
     }
-    SetObjectPath(replaced, replaced.name, parent);
+    SetObjectPath(m_records.paths[static_cast<size_t>(&replaced - renamePaths.data())],
+                  FindLastPath(PathRecord::NameType::Parent));
 }
 
 std::unique_ptr<edr::Event> DeleteEvent::Clone() const

@@ -5,6 +5,8 @@
 #include "common/StatHelper.h"
 #include "common/util/Digest.h"
 
+#include <stdexcept>
+
 namespace vantor::audit::internal
 {
 namespace
@@ -96,18 +98,30 @@ const PathRecord* FileEvent::FindLastPath(PathRecord::NameType type) const
     return nullptr;
 }
 
-void FileEvent::SetObjectPath(const PathRecord& object, std::string path, const PathRecord* parent)
+size_t FileEvent::IndexOf(const PathRecord* record) const
 {
-    m_object = object;
-    m_path = std::move(path);
-    if (parent != nullptr)
+    const auto& paths = m_records.paths;
+    if (record == nullptr)
     {
-        m_parent = *parent;
+        return kNoPath;
     }
-    else
+    if (record < paths.data() || record >= paths.data() + paths.size())
     {
-        m_parent.reset();
+        throw std::logic_error("FileEvent: a PATH record of another event");
     }
+    return static_cast<size_t>(record - paths.data());
+}
+
+const PathRecord& FileEvent::PathAt(size_t index) const
+{
+    static const PathRecord kEmpty;
+    return index < m_records.paths.size() ? m_records.paths[index] : kEmpty;
+}
+
+void FileEvent::SetObjectPath(const PathRecord& object, const PathRecord* parent)
+{
+    m_object = IndexOf(&object);
+    m_parent = IndexOf(parent);
     m_statMode = StatMode::None;
     m_stat.reset();
 }
@@ -118,15 +132,16 @@ void FileEvent::SetObject(const PathRecord& object, const PathRecord* parent, St
     {
         throw edr::EventException("Missing path for child");
     }
-    SetObjectPath(object, object.name, parent);
+    SetObjectPath(object, parent);
     m_statMode = mode;
     if (mode == StatMode::None)
     {
         return;
     }
+    const std::string& path = ObjectPath();
     try
     {
-        m_stat = common::StatHelper::TryStat(m_path, mode == StatMode::Follow);
+        m_stat = common::StatHelper::TryStat(path, mode == StatMode::Follow);
     }
     catch (const common::StatHelperException& e)
     {
@@ -134,7 +149,7 @@ void FileEvent::SetObject(const PathRecord& object, const PathRecord* parent, St
     }
     if (m_stat && (m_stat->st_ino != object.inode || m_stat->st_dev != object.device))
     {
-        throw edr::EventException("File " + m_path + " differs from the object of the audit event with ID " +
+        throw edr::EventException("File " + path + " differs from the object of the audit event with ID " +
                                   std::to_string(GetEventId()));
     }
 }
@@ -160,7 +175,7 @@ const struct stat& FileEvent::RequireStat() const
 
 std::string FileEvent::GetFile() const
 {
-    return m_path;
+    return ObjectPath();
 }
 
 edr::Event::TimePoint FileEvent::GetFileAccessTime() const
@@ -188,7 +203,7 @@ uint32_t FileEvent::GetFileType() const
     // An object that is gone (deleted, or removed before the event was
     // built) keeps the type the kernel recorded in its PATH record.
     const mode_t type =
-        (m_stat || (m_object.mode & S_IFMT) == 0 ? RequireStat().st_mode : m_object.mode) & S_IFMT;
+        (m_stat || (Object().mode & S_IFMT) == 0 ? RequireStat().st_mode : Object().mode) & S_IFMT;
     if (type != S_IFREG && type != S_IFDIR && type != S_IFLNK)
     {
         throw edr::EventException("Unsupported file type for " + GetActionName() + " event");
@@ -200,11 +215,11 @@ std::string FileEvent::GetFileTypeDesc() const
 {
     if (!m_magic)
     {
-        throw edr::EventException("Failed to find type description for " + m_path);
+        throw edr::EventException("Failed to find type description for " + ObjectPath());
     }
     try
     {
-        return m_magic->Describe(m_path);
+        return m_magic->Describe(ObjectPath());
     }
     catch (const std::runtime_error& e)
     {
@@ -220,13 +235,13 @@ std::string FileEvent::GetFileContent() const
     {
         ino_t inode = 0;
         const auto result = common::StatHelper::ReadContent(
-            m_path, content, common::StatHelper::kDefaultMaxContentSize, &inode);
-        EDR_LOG_DEBUG("Reading file content from " << m_path << " (stat: " << st.st_size
+            ObjectPath(), content, common::StatHelper::kDefaultMaxContentSize, &inode);
+        EDR_LOG_DEBUG("Reading file content from " << ObjectPath() << " (stat: " << st.st_size
                                                    << " bytes. Content: " << content.size() << " bytes)");
         if (inode != st.st_ino)
         {
             m_readStatus = edr::FileReadStatus::ReadFailure;
-            throw edr::EventException("The file at " + m_path + " has been replaced");
+            throw edr::EventException("The file at " + ObjectPath() + " has been replaced");
         }
         m_readStatus = result == common::StatHelper::ReadResult::SizeLimitReached
                            ? edr::FileReadStatus::MaxSizeLimitReached
@@ -235,7 +250,7 @@ std::string FileEvent::GetFileContent() const
     catch (const common::StatHelperException& e)
     {
         m_readStatus = edr::FileReadStatus::ReadFailure;
-        throw edr::EventException("Failed to read contents of file " + m_path + ": " + e.what());
+        throw edr::EventException("Failed to read contents of file " + ObjectPath() + ": " + e.what());
     }
     return content;
 }
@@ -264,11 +279,11 @@ std::string FileEvent::GetFileContentHash(edr::HashType type) const
     }
     try
     {
-        return util::Digest::HexOfFile(algorithm, m_path, common::StatHelper::kDefaultMaxContentSize);
+        return util::Digest::HexOfFile(algorithm, ObjectPath(), common::StatHelper::kDefaultMaxContentSize);
     }
     catch (const std::runtime_error& e)
     {
-        throw edr::EventException(failure + m_path + ": " + e.what());
+        throw edr::EventException(failure + ObjectPath() + ": " + e.what());
     }
 }
 
@@ -279,20 +294,20 @@ uint32_t FileEvent::GetCategory() const
 
 uint64_t FileEvent::GetParentInode() const
 {
-    if (!m_parent)
+    if (m_parent == kNoPath)
     {
         throw edr::EventException("Failed to get parent inode/deviceid for " + GetActionName() + " event");
     }
-    return m_parent->inode;
+    return PathAt(m_parent).inode;
 }
 
 uint64_t FileEvent::GetParentDeviceID() const
 {
-    if (!m_parent)
+    if (m_parent == kNoPath)
     {
         throw edr::EventException("Failed to get parent inode/deviceid for " + GetActionName() + " event");
     }
-    return m_parent->device;
+    return PathAt(m_parent).device;
 }
 
 std::string FileEvent::GetCwd() const
@@ -307,7 +322,7 @@ edr::FileReadStatus FileEvent::GetFileReadStatus() const
 
 bool FileEvent::IsSymlink() const
 {
-    return S_ISLNK(m_object.mode);
+    return S_ISLNK(Object().mode);
 }
 
 void FileEvent::Refresh()
@@ -318,7 +333,7 @@ void FileEvent::Refresh()
     }
     try
     {
-        m_stat = common::StatHelper::TryStat(m_path, m_statMode == StatMode::Follow);
+        m_stat = common::StatHelper::TryStat(ObjectPath(), m_statMode == StatMode::Follow);
     }
     catch (const common::StatHelperException& e)
     {

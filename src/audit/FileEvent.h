@@ -42,8 +42,6 @@ public:
     bool IsSymlink() const override;
     void Refresh() override;
 
-    const PathRecord& GetObject() const { return m_object; }
-
 protected:
     using Magic = std::shared_ptr<const edr::LibMagicWrapper>;
 
@@ -53,9 +51,16 @@ protected:
 
     // Sets the object of the event and, unless mode is None, stats it. A stat
     // of another object (the file was replaced) throws "File ... differs from
-    // the object of the audit event with ID ...".
+    // the object of the audit event with ID ...". Both records are records of
+    // this event (the event keeps their places, not copies).
     void SetObject(const PathRecord& object, const PathRecord* parent, StatMode mode);
-    void SetObjectPath(const PathRecord& object, std::string path, const PathRecord* parent);
+    void SetObjectPath(const PathRecord& object, const PathRecord* parent);
+
+    // Place of a record of this event in its PATH records; kNoPath for null.
+    static constexpr size_t kNoPath = static_cast<size_t>(-1);
+    size_t IndexOf(const PathRecord* record) const;
+    // The record at a place; an empty record for kNoPath.
+    const PathRecord& PathAt(size_t index) const;
 
     // The text thrown when a stat-based operation has no stat.
     virtual std::string MissingStatText() const;
@@ -78,10 +83,12 @@ protected:
 private:
     const struct stat& RequireStat() const;
 
+    const PathRecord& Object() const { return PathAt(m_object); }
+    const std::string& ObjectPath() const { return Object().name; }
+
     Magic m_magic;
-    PathRecord m_object;
-    std::string m_path;
-    std::optional<PathRecord> m_parent;
+    size_t m_object = kNoPath;
+    size_t m_parent = kNoPath;
     StatMode m_statMode = StatMode::None;
     std::optional<struct stat> m_stat;
     mutable edr::FileReadStatus m_readStatus = edr::FileReadStatus::NotRead;

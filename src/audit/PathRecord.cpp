@@ -52,6 +52,13 @@ bool ParseDevice(std::string_view text, dev_t& device)
     return true;
 }
 
+void ReadNameType(auparse_state_t* au, PathRecord& record)
+{
+    const std::string_view text = AuparseField::Raw(au);
+    record.nameType = ToNameType(text);
+    record.nameTypeText.assign(text);
+}
+
 } // namespace
 
 const char* PathRecord::NameTypeText(NameType type)
@@ -85,62 +92,78 @@ PathRecord PathRecord::Parse(auparse_state_t* au)
             {
                 continue;
             }
-            if (AuparseField::Is(name, "item"))
+            // Dispatch on the first letter: this runs for every PATH field.
+            switch (name[0])
             {
-                record.item = AuparseField::Number<uint32_t>(au).value_or(0);
-            }
-            else if (AuparseField::Is(name, "name"))
-            {
-                auto text = AuparseField::Text(au);
-                if (text)
+            case 'i':
+                if (AuparseField::Is(name, "item"))
                 {
-                    record.name = std::move(*text);
-                    record.hasName = true;
-                    if (record.name == "/proc/self")
+                    record.item = AuparseField::Number<uint32_t>(au).value_or(0);
+                }
+                else if (AuparseField::Is(name, "inode"))
+                {
+                    const auto inode = AuparseField::Number<ino_t>(au);
+                    if (inode)
                     {
-                        EDR_LOG_DEBUG("Got proc/self in path record");
+                        record.inode = *inode;
+                        haveInode = true;
                     }
                 }
-            }
-            else if (AuparseField::Is(name, "inode"))
-            {
-                const auto inode = AuparseField::Number<ino_t>(au);
-                if (inode)
+                break;
+            case 'n':
+                if (AuparseField::Is(name, "name"))
                 {
-                    record.inode = *inode;
-                    haveInode = true;
+                    if (AuparseField::AssignText(au, record.name))
+                    {
+                        record.hasName = true;
+                        if (record.name == "/proc/self")
+                        {
+                            EDR_LOG_DEBUG("Got proc/self in path record");
+                        }
+                    }
                 }
-            }
-            else if (AuparseField::Is(name, "dev"))
-            {
-                ParseDevice(AuparseField::Raw(au), record.device);
-            }
-            else if (AuparseField::Is(name, "mode"))
-            {
-                const auto mode = AuparseField::Number<mode_t>(au, 8);
-                if (mode)
+                else if (AuparseField::Is(name, "nametype"))
                 {
-                    record.mode = *mode;
+                    ReadNameType(au, record);
                 }
-                else
+                break;
+            case 'd':
+                if (AuparseField::Is(name, "dev"))
                 {
-                    EDR_LOG_DEBUG("Unknown mode" << AuparseField::Raw(au) << " in PATH record");
+                    ParseDevice(AuparseField::Raw(au), record.device);
                 }
-            }
-            else if (AuparseField::Is(name, "ouid"))
-            {
-                record.ouid = AuparseField::Number<uint32_t>(au).value_or(0);
-            }
-            else if (AuparseField::Is(name, "ogid"))
-            {
-                record.ogid = AuparseField::Number<uint32_t>(au).value_or(0);
-            }
-            else if (AuparseField::Is(name, "nametype") || AuparseField::Is(name, "objtype"))
-            {
-                // Older kernels call it objtype; both carry the same words.
-                const std::string_view text = AuparseField::Raw(au);
-                record.nameType = ToNameType(text);
-                record.nameTypeText.assign(text);
+                break;
+            case 'm':
+                if (AuparseField::Is(name, "mode"))
+                {
+                    const auto mode = AuparseField::Number<mode_t>(au, 8);
+                    if (mode)
+                    {
+                        record.mode = *mode;
+                    }
+                    else
+                    {
+                        EDR_LOG_DEBUG("Unknown mode" << AuparseField::Raw(au) << " in PATH record");
+                    }
+                }
+                break;
+            case 'o':
+                if (AuparseField::Is(name, "ouid"))
+                {
+                    record.ouid = AuparseField::Number<uint32_t>(au).value_or(0);
+                }
+                else if (AuparseField::Is(name, "ogid"))
+                {
+                    record.ogid = AuparseField::Number<uint32_t>(au).value_or(0);
+                }
+                else if (AuparseField::Is(name, "objtype"))
+                {
+                    // Older kernels call nametype so; both carry the same words.
+                    ReadNameType(au, record);
+                }
+                break;
+            default:
+                break;
             }
         } while (auparse_next_field(au) == 1);
     }

@@ -49,21 +49,18 @@ RenameEvent::RenameEvent(auparse_state_t* au, Magic magic)
     {
         throw edr::EventException("Missing/incorrect destination PATH records in Rename event");
     }
-    if (replaced != nullptr)
-    {
-        m_replaced = *replaced;
-    }
-    m_destinationParent = *parent;
-    m_newPath = destination->name;
+    m_replaced = IndexOf(replaced);
+    m_destinationParent = IndexOf(parent);
+    m_destination = IndexOf(destination);
     // The source is gone; the object to examine is the destination, which is
     // the same inode. The rename moves a link itself, so it is not followed.
-    m_sourcePath = source->name;
+    m_source = IndexOf(source);
     SetObject(*destination, parent, StatMode::NoFollow);
 }
 
 std::string RenameEvent::GetFile() const
 {
-    return m_sourcePath;
+    return PathAt(m_source).name;
 }
 
 std::unique_ptr<edr::Event> RenameEvent::Clone() const
@@ -83,17 +80,17 @@ std::string RenameEvent::GetActionName() const
 
 std::string RenameEvent::GetNewFile() const
 {
-    return m_newPath;
+    return PathAt(m_destination).name;
 }
 
 uint64_t RenameEvent::GetParentInode() const
 {
-    return m_destinationParent->inode;
+    return PathAt(m_destinationParent).inode;
 }
 
 uint64_t RenameEvent::GetParentDeviceID() const
 {
-    return m_destinationParent->device;
+    return PathAt(m_destinationParent).device;
 }
 
 std::string RenameEvent::MissingStatText() const

@@ -21,16 +21,17 @@ public:
     uint64_t GetParentDeviceID() const override;
 
     // The target replaced by the rename, if there was one.
-    const PathRecord* GetReplaced() const { return m_replaced ? &*m_replaced : nullptr; }
+    const PathRecord* GetReplaced() const { return m_replaced != kNoPath ? &PathAt(m_replaced) : nullptr; }
 
 protected:
     std::string MissingStatText() const override;
 
 private:
-    std::string m_sourcePath;
-    std::string m_newPath;
-    std::optional<PathRecord> m_destinationParent;
-    std::optional<PathRecord> m_replaced;
+    // Places of the records in the event's PATH records.
+    size_t m_source = kNoPath;
+    size_t m_destination = kNoPath;
+    size_t m_destinationParent = kNoPath;
+    size_t m_replaced = kNoPath;
 };
 
 } // namespace vantor::audit::internal

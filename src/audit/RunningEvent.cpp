@@ -41,7 +41,12 @@ RunningEvent::RunningEvent(auparse_state_t* au)
 
     // The image is the executed file, or for a script its interpreter, which
     // the kernel records as a further PATH record. Compare by identity only
-    // when the names do not already agree.
+    // when the names do not already agree; the answer only feeds a debug
+    // line, so the stat is spared when that level is off.
+    if (!common::Logging::Edr().is(Poco::Message::PRIO_DEBUG))
+    {
+        return;
+    }
     const std::string& image = m_records.syscall.exe;
     bool same = image == m_executable;
     for (size_t i = 1; !same && i < m_records.paths.size(); ++i)

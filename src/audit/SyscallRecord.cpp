@@ -53,12 +53,8 @@ SyscallRecord SyscallRecord::Parse(auparse_state_t* au)
             case 'c':
                 if (AuparseField::Is(name, "comm"))
                 {
-                    auto text = AuparseField::Text(au);
-                    if (text)
-                    {
-                        record.comm = std::move(*text);
-                        haveComm = true;
-                    }
+                    // Required, but no event reads it.
+                    haveComm = AuparseField::HasText(au) || haveComm;
                 }
                 break;
             case 'e':
@@ -72,12 +68,7 @@ SyscallRecord SyscallRecord::Parse(auparse_state_t* au)
                 }
                 else if (AuparseField::Is(name, "exe"))
                 {
-                    auto text = AuparseField::Text(au);
-                    if (text)
-                    {
-                        record.exe = std::move(*text);
-                        haveExe = true;
-                    }
+                    haveExe = AuparseField::AssignText(au, record.exe) || haveExe;
                 }
                 break;
             case 'i':

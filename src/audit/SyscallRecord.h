@@ -31,7 +31,6 @@ public:
     uint32_t auid = kUnsetAuid;
     uint32_t uid = 0;
     uint32_t euid = 0;
-    std::string comm;
     std::string exe;
 };
 

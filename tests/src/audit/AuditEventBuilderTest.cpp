@@ -1,5 +1,6 @@
 #include "audit/AuditEventBuilder.h"
 #include "audit/AuditRecords.h"
+#include "audit/AuparseField.h"
 #include "audit/CloneEvent.h"
 #include "audit/RenameEvent.h"
 #include "tests/src/audit/AuditFixture.h"
@@ -10,6 +11,8 @@
 #include <libaudit.h>
 
 #include <functional>
+#include <optional>
+#include <set>
 #include <string>
 
 namespace vantor::audit
@@ -294,6 +297,59 @@ TEST(AuditEventBuilderTest, ProctitleValuesDecodeToTheirArguments)
     // Not the kernel's encoding: kept as it came rather than lost.
     EXPECT_EQ(AuditRecords::DecodeProctitle("6G"), (Arguments{"6G"}));
     EXPECT_EQ(AuditRecords::DecodeProctitle("616"), (Arguments{"616"}));
+}
+
+TEST(AuditEventBuilderTest, TextFieldsDecodeAsTheLibraryInterpretsThem)
+{
+    // Quoted, hex (upper and lower case, NUL inside, bytes above 0x7f) and
+    // forms the library treats on its own, in every text field read.
+    const std::vector<std::string> values = {"\"/tmp/a\"", "\"\"",     "\"open", "2F746D702F6120622E747874",
+                                             "2f746d70",   "61006263", "0061",   "616",
+                                             "6G",         "FF80C3A9", "(null)"};
+    std::string text;
+    uint32_t serial = 1;
+    for (const auto& value : values)
+    {
+        const std::string stamp = " msg=audit(1700000000.000:" + std::to_string(serial++) + "): ";
+        text += "type=SYSCALL" + stamp + "arch=c000003e syscall=2 success=yes exit=3 a0=0 a1=0 a2=0 a3=0 " +
+                "items=1 ppid=1 pid=2 auid=0 uid=0 gid=0 euid=0 comm=" + value + " exe=" + value + "\n";
+        text += "type=CWD" + stamp + "cwd=" + value + "\n";
+        text += "type=PATH" + stamp + "item=0 name=" + value +
+                " inode=1 dev=00:01 mode=0100644 nametype=NORMAL\n";
+        text += "type=EXECVE" + stamp + "argc=1 a0=" + value + "\n";
+    }
+    auparse_state_t* au = auparse_init(AUSOURCE_BUFFER, text.c_str());
+    auparse_set_escape_mode(au, AUPARSE_ESC_RAW);
+    const std::set<std::string> textFields = {"comm", "exe", "cwd", "name", "a0"};
+    size_t compared = 0;
+    while (auparse_next_event(au) > 0)
+    {
+        auparse_first_record(au);
+        do
+        {
+            if (auparse_first_field(au) != 1)
+            {
+                continue;
+            }
+            do
+            {
+                const std::string name = auparse_get_field_name(au);
+                if (textFields.count(name) == 0 || (name == "a0" && auparse_get_type(au) != AUDIT_EXECVE))
+                {
+                    continue;
+                }
+                const std::string raw = auparse_get_field_str(au);
+                const char* interpreted = auparse_interpret_field(au);
+                const std::optional<std::string> expected =
+                    raw == "(null)" || interpreted == nullptr ? std::nullopt : std::optional(interpreted);
+                EXPECT_EQ(internal::AuparseField::Text(au), expected) << name << "=" << raw;
+                EXPECT_EQ(internal::AuparseField::HasText(au), expected.has_value()) << name << "=" << raw;
+                ++compared;
+            } while (auparse_next_field(au) == 1);
+        } while (auparse_next_record(au) == 1);
+    }
+    auparse_destroy(au);
+    EXPECT_EQ(compared, values.size() * 5);
 }
 
 TEST(AuditEventBuilderTest, RejectsEventsThatDoNotFitTheirClass)

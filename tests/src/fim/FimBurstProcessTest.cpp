@@ -20,7 +20,6 @@
 #include <iostream>
 #include <iterator>
 #include <map>
-#include <ostream>
 #include <thread>
 #include <unistd.h>
 
@@ -47,11 +46,6 @@ enum class Channel
 std::string ChannelName(const testing::TestParamInfo<Channel>& info)
 {
     return info.param == Channel::Kernel ? "Kernel" : "Dispatcher";
-}
-
-void PrintTo(Channel channel, std::ostream* out)
-{
-    *out << (channel == Channel::Kernel ? "the kernel channel" : "the audit dispatcher");
 }
 
 // What arrived for the burst's files: per path, the actions in arrival order.
@@ -227,9 +221,7 @@ protected:
     {
         ASSERT_NO_FATAL_FAILURE(StartCapture(RoomForTheBurst));
 
-        const auto started = std::chrono::steady_clock::now();
         const pid_t actor = Burst();
-        const auto burstTime = std::chrono::steady_clock::now() - started;
         const size_t expected = 3 * static_cast<size_t>(kBurstFiles);
         // Waits while documents keep coming: a slow host takes longer, a lost
         // one never comes.
@@ -250,12 +242,6 @@ protected:
                 break;
             }
         }
-        const auto arrivalTime = std::chrono::steady_clock::now() - started;
-        std::cerr << "burst of " << kBurstFiles
-                  << " files: " << std::chrono::duration_cast<std::chrono::milliseconds>(burstTime).count()
-                  << " ms, " << tally.documents << " documents after "
-                  << std::chrono::duration_cast<std::chrono::milliseconds>(arrivalTime).count() << " ms\n";
-
         // Every file once created, once rewritten and once deleted, in
         // that order, by the burst's process under the rule.
         const std::vector<std::string> lifecycle{"create", "modifyContent", "delete"};

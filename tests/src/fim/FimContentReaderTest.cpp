@@ -72,9 +72,6 @@ TEST(FimContentReaderTest, AnythingButARegularFileIsAReadFailure)
         EXPECT_EQ(content.status, Status::ReadFailure) << path;
         EXPECT_TRUE(content.sha256.empty()) << path;
     }
-    EXPECT_STREQ(ContentReader::ContentStatusText(Status::ReadFailure), "READ_FAILURE");
-    EXPECT_STREQ(ContentReader::ContentStatusText(Status::ReadSuccessful), "READ_SUCCESSFUL");
-    EXPECT_STREQ(ContentReader::ContentStatusText(Status::MaxSizeLimitReached), "MAX_SIZE_LIMIT_REACHED");
 }
 
 } // namespace

@@ -2,9 +2,9 @@
 // stand-in agent, on the real kernel audit stream (or a private auditd's
 // dispatcher socket), uploading to the local HTTPS receiver.
 
-#include "tests/src/fim/DispatcherAuditd.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FimEndToEndFixture.h"
+#include "tests/support/PrivateAuditd.h"
 
 #include <gtest/gtest.h>
 
@@ -136,14 +136,18 @@ TEST_F(FimEndToEndProcessTest, RestartLosesNoSpooledDocument)
 
 TEST_F(FimEndToEndProcessTest, WorkloadArrivesThroughTheAuditDispatcher)
 {
-    std::string why;
-    const auto auditd = test::StartDispatcherAuditd(m_harness.Dir(), why);
-    if (!why.empty())
+    if (const std::string why = test::PrivateAuditd::WhyUnavailable(); !why.empty())
     {
         GTEST_SKIP() << why;
     }
-    ASSERT_TRUE(auditd);
-    ASSERT_NO_FATAL_FAILURE(StartDaemon(auditd->Socket()));
+    std::filesystem::create_directory(m_harness.Dir() + "/auditd");
+    test::PrivateAuditd auditd(m_harness.Dir() + "/auditd");
+    const std::string problem = auditd.WaitReady();
+    ASSERT_TRUE(problem.empty()) << problem;
+    // In dispatcher mode the daemon leaves the enabled flag to auditd, which
+    // was told not to change it.
+    test::RunCommand("auditctl -e 1");
+    ASSERT_NO_FATAL_FAILURE(StartDaemon(auditd.Socket()));
     ASSERT_TRUE(m_harness.LogContains("DispatcherIOChannel: Started.")) << m_harness.Log();
     ASSERT_NO_FATAL_FAILURE(AwaitDispatcherDelivery());
     const auto expected = Workload("dispatched");

@@ -1,28 +1,18 @@
 #include "edr/PathEscape.h"
-#include "fim/EventProcessor.h"
-#include "fim/EventRuleManager.h"
-#include "fim/JsonDataFormatter.h"
 #include "fim/PostProcessor.h"
 #include "tests/src/fim/ProcessorFixture.h"
 
-#include "common/Scheduler.h"
-#include "common/SpoolStorage.h"
-#include "common/SqlStorage.h"
 #include "common/util/Json.h"
 #include "common/util/Sha256.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <thread>
 
 using namespace vantor::fim::internal;
 using vantor::edr::EventType;
 using vantor::edr::PathEscape;
-using vantor::fim::test::RecordingRuleEngine;
 using vantor::fim::test::TestEvent;
-using namespace std::chrono_literals;
 
 namespace
 {
@@ -81,23 +71,6 @@ TEST_F(FimEventProcessorTest, DocumentMembersInOrderWithContentAndHash)
               (std::vector<std::string>{"processID", "userName", "userID", "auditUserName", "auditUserID",
                                         "procTitle"}));
     EXPECT_STREQ(doc["actor"]["procTitle"].GetString(), "/usr/bin/vim");
-}
-
-TEST_F(FimEventProcessorTest, ContentStatusAtTheLimit)
-{
-    Load(R"({"ruleId":"r","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","trackContentChange":true,"notify":["create"]})");
-    m_dir.Write("watched/exact", std::string(51200, 'x'));
-    m_dir.Write("watched/over", std::string(51201, 'x'));
-    TestEvent exact(EventType::Create, Watched("/exact"));
-    TestEvent over(EventType::Create, Watched("/over"));
-    m_processor->HandleEvent(exact);
-    m_processor->HandleEvent(over);
-    const auto document = Documents(2);
-    EXPECT_STREQ(document["events"][0]["contentStatus"].GetString(), "READ_SUCCESSFUL");
-    EXPECT_EQ(document["events"][0]["fileContent"].GetStringLength(), 51200u);
-    EXPECT_STREQ(document["events"][1]["contentStatus"].GetString(), "MAX_SIZE_LIMIT_REACHED");
-    EXPECT_FALSE(document["events"][1].HasMember("fileContentHash"));
 }
 
 TEST_F(FimEventProcessorTest, PostProcessingPerRule)

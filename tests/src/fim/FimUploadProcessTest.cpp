@@ -3,22 +3,22 @@
 // spool at start to the stand-alone receiver, which refuses what the back
 // end refuses (uncompressed bodies, missing fixed headers, bad signatures).
 
-#include "common/util/Json.h"
 #include "tests/src/audit/AuditKernelState.h"
+#include "tests/support/AgentProcess.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonHarness.h"
+#include "tests/support/FimEndToEndFixture.h"
 
 #include <gtest/gtest.h>
 
 #include <rapidjson/document.h>
 
-#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
 #include <string>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -37,9 +37,8 @@ const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::Au
 
 constexpr const char* kReceiver = CORVID_BINARY_DIR "/corvid-test-receiver";
 
-// Starts a program with its output appended to a file and, when input is
-// given, its standard input read from that descriptor.
-pid_t Spawn(const std::vector<std::string>& argv, const std::string& output, int input = -1)
+// Starts a program with its output appended to a file.
+pid_t Spawn(const std::vector<std::string>& argv, const std::string& output)
 {
     const pid_t pid = ::fork();
     if (pid == 0)
@@ -47,10 +46,6 @@ pid_t Spawn(const std::vector<std::string>& argv, const std::string& output, int
         const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         ::dup2(out, STDOUT_FILENO);
         ::dup2(out, STDERR_FILENO);
-        if (input >= 0)
-        {
-            ::dup2(input, STDIN_FILENO);
-        }
         std::vector<char*> args;
         for (const auto& arg : argv)
         {
@@ -61,14 +56,6 @@ pid_t Spawn(const std::vector<std::string>& argv, const std::string& output, int
         ::_exit(127);
     }
     return pid;
-}
-
-void Kill(pid_t pid)
-{
-    if (pid > 0 && ::kill(pid, SIGKILL) == 0)
-    {
-        ::waitpid(pid, nullptr, 0);
-    }
 }
 
 // The value after "<key>: " on a line of text, or empty.
@@ -108,13 +95,11 @@ protected:
 
     void TearDown() override
     {
-        if (m_agentInput >= 0)
+        m_agent.reset();
+        if (m_receiver > 0)
         {
-            ::close(m_agentInput);
+            test::StopChild(m_receiver, 1s);
         }
-        Kill(m_agent);
-        Kill(test::FindChild("corvid-edr"));
-        Kill(m_receiver);
         if (m_state)
         {
             m_state->Restore();
@@ -160,11 +145,13 @@ protected:
 
     void StartDaemon(uint64_t uploadInterval)
     {
+        m_agent = std::make_unique<test::AgentProcess>(Dir("agent.out"));
         m_harness.WriteConfiguration(
             [&](rapidjson::Document& config)
             {
                 auto set = [&](rapidjson::Value& object, const char* key, const std::string& value)
                 { test::SetString(config, object, key, value); };
+                config["outpost_pid"].SetInt(m_agent->Pid());
                 auto& common = config["common_config"];
                 set(common, "ca_cert_path", m_ca);
                 set(common, "service_url", m_url);
@@ -176,27 +163,11 @@ protected:
                 set(fim, "manifest_path", Dir("fim_manifest.json"));
                 fim["upload_interval"].SetUint64(uploadInterval);
             });
-        int input[2];
-        ASSERT_EQ(::pipe2(input, O_CLOEXEC), 0);
-        m_agent = Spawn(
-            {DaemonHarness::kOutpost, "--config", m_harness.ConfigFile(), "--start", DaemonHarness::kDaemon},
-            Dir("agent.out"), input[0]);
-        ::close(input[0]);
-        m_agentInput = input[1];
+        ASSERT_NO_FATAL_FAILURE(m_agent->Start(m_harness.ConfigFile()));
+        // Known to the agent's cleanup from now on.
+        ASSERT_GT(m_agent->DaemonPid(), 0) << ReadText(Dir("agent.out")) << m_harness.Syslog();
         ASSERT_TRUE(Eventually([&] { return m_harness.LogContains("Memory threshold: softLimit"); }, 15s))
             << m_harness.Log() << ReadText(Dir("agent.out")) << m_harness.Syslog();
-    }
-
-    void ExitDaemon()
-    {
-        const std::string word = "exit\n";
-        ASSERT_EQ(::write(m_agentInput, word.data(), word.size()), static_cast<ssize_t>(word.size()));
-        // The agent ends with the daemon's exit status.
-        int status = 0;
-        ASSERT_TRUE(Eventually([&] { return ::waitpid(m_agent, &status, WNOHANG) == m_agent; }, 15s))
-            << ReadText(Dir("agent.out"));
-        m_agent = -1;
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ReadText(Dir("agent.out"));
     }
 
     bool SpoolIsEmpty() const { return std::filesystem::is_empty(m_spoolFiles); }
@@ -209,19 +180,15 @@ protected:
         {
             payloads[std::atoi(entry.path().stem().c_str())] = ReadText(entry.path());
         }
-        std::vector<std::string> paths;
+        std::vector<test::FimDocument> documents;
         for (const auto& [number, text] : payloads)
         {
-            rapidjson::Document payload;
-            if (!util::ParseJson(payload, text) || !payload.IsObject() || !payload.HasMember("events"))
-            {
-                ADD_FAILURE() << number << ".payload is not a FIM payload: " << text;
-                continue;
-            }
-            for (const auto& event : payload["events"].GetArray())
-            {
-                paths.emplace_back(util::GetString(event, "imagePath"));
-            }
+            EXPECT_TRUE(test::ReadFimPayload(text, documents)) << number << ".payload: " << text;
+        }
+        std::vector<std::string> paths;
+        for (const auto& doc : documents)
+        {
+            paths.push_back(doc.path);
         }
         return paths;
     }
@@ -231,8 +198,7 @@ protected:
     std::optional<test::AuditKernelState> m_state;
     std::string m_spoolFiles;
     pid_t m_receiver = -1;
-    pid_t m_agent = -1;
-    int m_agentInput = -1;
+    std::unique_ptr<test::AgentProcess> m_agent;
     std::string m_url;
     std::string m_ca;
     std::string m_publicKey;
@@ -254,7 +220,7 @@ TEST_F(FimUploadProcessTest, UploadsGoCompressedAndAnswersAreValidated)
     const std::string requests = ReadText(Dir("requests.log"));
     EXPECT_EQ(requests, "POST /upload/fim 200 Content-Encoding=LZMA Accept-Encoding=LZMA\n"
                         "POST /upload/fim 200 Content-Encoding=LZMA Accept-Encoding=LZMA\n");
-    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
+    EXPECT_EQ(m_agent->Exit(), 0) << ReadText(Dir("agent.out"));
 }
 
 } // namespace
