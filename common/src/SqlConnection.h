@@ -61,8 +61,8 @@ private:
         void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
     };
 
-    // Runs step(statement), which answers SQLite's code of its last step,
-    // until SQLITE_DONE; anything else is logged and thrown.
+    // Runs step on the query's statement; step answers the code of its last
+    // sqlite3_step, and anything but SQLITE_DONE is logged and thrown.
     template <typename Step>
     void Run(const SqlQuery& query, Step step);
     void Rollback();

@@ -284,7 +284,8 @@ common::SqlQuery SnapshotSqlDataFormatter::GetInsertQuery(const std::string& tab
     {
         text += i == 0 ? "?" : ", ?";
     }
-    common::SqlQuery query(text + ")");
+    text += ")";
+    common::SqlQuery query(std::move(text));
     common::Serializer reader(record);
     for (const auto& column : columns)
     {
