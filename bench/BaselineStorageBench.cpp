@@ -2,6 +2,9 @@
 // transaction, as the baseline pass writes them) against many records in one
 // write (one transaction). Rates are per wall-clock second: the disk sync
 // at each commit is the cost that matters.
+//
+// Keyed lookups and deletes on a table of 10k rows, without the read cache,
+// as the file-state store does them per event: CPU per statement.
 #include "bench/BenchDir.h"
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
@@ -13,6 +16,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -83,6 +87,70 @@ void BM_BaselineInsertInTransaction(benchmark::State& state)
     state.SetItemsProcessed(n);
 }
 BENCHMARK(BM_BaselineInsertInTransaction)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+constexpr int64_t kLookupRows = 10000;
+
+// A store holding kLookupRows records, keys from MakeRecord(0..).
+std::unique_ptr<SqlStorage> FilledStore(const BenchDir& dir, BaselineEventSqlDataFormatter& formatter)
+{
+    auto store = OpenStore(dir);
+    SqlStorage::Records records;
+    for (int64_t n = 0; n < kLookupRows; ++n)
+    {
+        records.push_back(MakeRecord(formatter, n));
+    }
+    if (!store->Write(BaselineEventSqlDataFormatter::kTableName, records).success)
+    {
+        std::abort();
+    }
+    return store;
+}
+
+// Keys spread over the table, stored (offset 0) or not (offset kLookupRows).
+std::vector<std::string> LookupKeys(BaselineEventSqlDataFormatter& formatter, int64_t offset)
+{
+    std::vector<std::string> keys;
+    for (int64_t n = 0; n < kLookupRows; ++n)
+    {
+        keys.push_back(MakeRecord(formatter, offset + (n * 7919) % kLookupRows).first);
+    }
+    return keys;
+}
+
+// Arg 1: keys that are stored; arg 0: keys that are not.
+void BM_BaselineKeyedRead(benchmark::State& state)
+{
+    BenchDir dir;
+    BaselineEventSqlDataFormatter formatter;
+    auto store = FilledStore(dir, formatter);
+    const auto keys = LookupKeys(formatter, state.range(0) != 0 ? 0 : kLookupRows);
+    size_t i = 0;
+    for (auto _ : state)
+    {
+        const auto result = store->Read(BaselineEventSqlDataFormatter::kTableName, keys[i++ % keys.size()]);
+        benchmark::DoNotOptimize(result.rows.data());
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_BaselineKeyedRead)->Arg(1)->Arg(0)->Unit(benchmark::kNanosecond);
+
+// Deletes of keys that are not stored: nothing is written, the statement
+// itself is the cost.
+void BM_BaselineKeyedDeleteAbsent(benchmark::State& state)
+{
+    BenchDir dir;
+    BaselineEventSqlDataFormatter formatter;
+    auto store = FilledStore(dir, formatter);
+    const auto keys = LookupKeys(formatter, kLookupRows);
+    size_t i = 0;
+    for (auto _ : state)
+    {
+        const auto result = store->Delete(BaselineEventSqlDataFormatter::kTableName, keys[i++ % keys.size()]);
+        benchmark::DoNotOptimize(result.success);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_BaselineKeyedDeleteAbsent)->Unit(benchmark::kNanosecond);
 
 } // namespace
 

@@ -4,58 +4,36 @@
 #include "common/Serializer.h"
 #include "common/StorageException.h"
 
-#include <climits>
-
 namespace vantor::common::internal
 {
 namespace
 {
 
-struct StatementFinalizer
+// The row's columns in the Serializer form: integers as 64-bit integers,
+// text as strings.
+std::string SerializeRow(sqlite3_stmt* statement)
 {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
-
-// Whether anything but white space follows the first statement. A NUL byte
-// inside the text counts: SQLite stops compiling there.
-bool HasMoreText(const char* tail, const std::string& query)
-{
-    const char* end = query.data() + query.size();
-    for (const char* p = tail; p != nullptr && p < end; ++p)
+    std::string row;
+    const int columns = sqlite3_column_count(statement);
+    for (int column = 0; column < columns; ++column)
     {
-        if (*p != ' ' && *p != '\t' && *p != '\n' && *p != '\r' && *p != '\f' && *p != '\v')
+        switch (sqlite3_column_type(statement, column))
         {
-            return true;
+        case SQLITE_INTEGER:
+            Serializer::AppendInt64(row, sqlite3_column_int64(statement, column));
+            break;
+        case SQLITE_TEXT:
+        {
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+            const int length = sqlite3_column_bytes(statement, column);
+            Serializer::AppendString(row, std::string_view(text, static_cast<size_t>(length)));
+            break;
+        }
+        default:
+            throw StorageException("Unsupported data type in table");
         }
     }
-    return false;
-}
-
-// Compiles exactly one statement; the query's length plus one hands SQLite
-// the terminator as well.
-Statement Compile(sqlite3* db, const std::string& query)
-{
-    sqlite3_stmt* raw = nullptr;
-    const char* tail = nullptr;
-    int rc = SQLITE_TOOBIG;
-    if (query.size() < static_cast<size_t>(INT_MAX))
-    {
-        rc = sqlite3_prepare_v2(db, query.c_str(), static_cast<int>(query.size() + 1), &raw, &tail);
-    }
-    Statement statement(raw);
-    if (rc != SQLITE_OK || !statement)
-    {
-        EDR_LOG_ERROR("SqlStorage: Failed to compile '"
-                      << query << "': " << (rc == SQLITE_OK ? "empty query" : sqlite3_errmsg(db)));
-        throw StorageException("Failed to compile query");
-    }
-    if (HasMoreText(tail, query))
-    {
-        EDR_LOG_ERROR("SqlStorage: Multiple sql statements in query '" << query << "'");
-        throw StorageException("'query' has multiple statements");
-    }
-    return statement;
+    return row;
 }
 
 } // namespace
@@ -78,6 +56,7 @@ SqlConnection::SqlConnection(const std::string& file, Mode mode)
                                message);
     }
     sqlite3_extended_result_codes(m_db.get(), 1);
+    m_statements = std::make_unique<SqlStatementCache>(m_db.get());
     // Another process may hold the file briefly (a backup, the sqlite3 shell).
     sqlite3_busy_timeout(m_db.get(), 1000);
     // The stores write small transactions per event. A write-ahead log with
@@ -96,23 +75,47 @@ std::string SqlConnection::ErrorMessage() const
     return sqlite3_errmsg(m_db.get());
 }
 
-void SqlConnection::Execute(const std::string& query)
+template <typename Step>
+void SqlConnection::Run(const SqlQuery& query, Step step)
 {
-    EDR_LOG_DEBUG("SqlStorage: Executing query '" << query << "'");
-    const Statement statement = Compile(m_db.get(), query);
-    if (sqlite3_column_count(statement.get()) > 0)
+    for (bool firstTry = true;; firstTry = false)
     {
-        // Refused before it runs: reads go through Read.
-        throw StorageException("SqlStorage::Execute: Unsupported query type");
-    }
-    if (sqlite3_step(statement.get()) != SQLITE_DONE)
-    {
-        EDR_LOG_ERROR("SqlStorage: Failed to execute '" << query << "': " << ErrorMessage());
-        throw StorageException("Failed to execute query");
+        {
+            const auto lease = m_statements->Acquire(query);
+            const int rc = step(lease.Get());
+            if (rc == SQLITE_DONE)
+            {
+                return;
+            }
+            // A kept statement that no longer compiles (its table dropped
+            // since) fails here with a plain error; compiled afresh, it fails
+            // as a new statement would.
+            if (!firstTry || !lease.Reused() || (rc & 0xff) != SQLITE_ERROR)
+            {
+                EDR_LOG_ERROR("SqlStorage: Failed to execute '" << query << "': " << ErrorMessage());
+                throw StorageException("Failed to execute query");
+            }
+        }
+        m_statements->Forget(query.Text());
     }
 }
 
-void SqlConnection::RunInTransaction(const std::vector<std::string>& statements)
+void SqlConnection::Execute(const SqlQuery& query)
+{
+    EDR_LOG_DEBUG("SqlStorage: Executing query '" << query << "'");
+    Run(query,
+        [](sqlite3_stmt* statement)
+        {
+            if (sqlite3_column_count(statement) > 0)
+            {
+                // Refused before it runs: reads go through Read.
+                throw StorageException("SqlStorage::Execute: Unsupported query type");
+            }
+            return sqlite3_step(statement);
+        });
+}
+
+void SqlConnection::RunInTransaction(const std::vector<SqlQuery>& statements)
 {
     if (sqlite3_exec(m_db.get(), "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)
     {
@@ -151,63 +154,38 @@ void SqlConnection::Rollback()
     }
 }
 
-std::vector<std::string> SqlConnection::Select(const std::string& query)
+std::vector<std::string> SqlConnection::Select(const SqlQuery& query)
 {
     EDR_LOG_DEBUG("SqlStorage: Executing query '" << query << "'");
-    const Statement statement = Compile(m_db.get(), query);
-    if (sqlite3_stmt_readonly(statement.get()) == 0)
-    {
-        throw StorageException("SqlStorage::Read: Unsupported query type");
-    }
     std::vector<std::string> rows;
-    const int columns = sqlite3_column_count(statement.get());
-    for (;;)
-    {
-        const int rc = sqlite3_step(statement.get());
-        if (rc == SQLITE_DONE)
+    Run(query,
+        [&rows](sqlite3_stmt* statement)
         {
-            break;
-        }
-        if (rc != SQLITE_ROW)
-        {
-            EDR_LOG_ERROR("SqlStorage: Failed to execute '" << query << "': " << ErrorMessage());
-            throw StorageException("Failed to execute query");
-        }
-        std::string row;
-        for (int column = 0; column < columns; ++column)
-        {
-            switch (sqlite3_column_type(statement.get(), column))
+            if (sqlite3_stmt_readonly(statement) == 0)
             {
-            case SQLITE_INTEGER:
-                Serializer::AppendInt64(row, sqlite3_column_int64(statement.get(), column));
-                break;
-            case SQLITE_TEXT:
+                throw StorageException("SqlStorage::Read: Unsupported query type");
+            }
+            rows.clear();
+            int rc = SQLITE_ROW;
+            while ((rc = sqlite3_step(statement)) == SQLITE_ROW)
             {
-                const auto* text =
-                    reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), column));
-                const int length = sqlite3_column_bytes(statement.get(), column);
-                Serializer::AppendString(row, std::string_view(text, static_cast<size_t>(length)));
-                break;
+                rows.push_back(SerializeRow(statement));
             }
-            default:
-                throw StorageException("Unsupported data type in table");
-            }
-        }
-        rows.push_back(std::move(row));
-    }
+            return rc;
+        });
     return rows;
 }
 
 std::int64_t SqlConnection::QueryInteger(const std::string& query)
 {
-    const Statement statement = Compile(m_db.get(), query);
-    const int rc = sqlite3_step(statement.get());
-    if (rc != SQLITE_ROW || sqlite3_column_type(statement.get(), 0) != SQLITE_INTEGER)
+    const auto lease = m_statements->Acquire(query);
+    const int rc = sqlite3_step(lease.Get());
+    if (rc != SQLITE_ROW || sqlite3_column_type(lease.Get(), 0) != SQLITE_INTEGER)
     {
         EDR_LOG_ERROR("SqlStorage: Failed to execute '" << query << "': " << ErrorMessage());
         throw StorageException("Failed to execute query");
     }
-    return sqlite3_column_int64(statement.get(), 0);
+    return sqlite3_column_int64(lease.Get(), 0);
 }
 
 void SqlConnection::Vacuum()

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "common/SqlQuery.h"
+#include "common/SqlStatementCache.h"
+
 #include <sqlite3.h>
 
 #include <cstdint>
@@ -14,7 +17,9 @@ namespace vantor::common::internal
 // finalised on every path out. Every call runs exactly one statement: text
 // after the first statement is refused ("'query' has multiple statements"),
 // and failures are logged under "SqlStorage:" and thrown as
-// StorageException.
+// StorageException. Queries with bound values keep their compiled
+// statements for the next call (SqlStatementCache); logs show them with
+// their values written in.
 //
 // The database keeps a write-ahead log ("<file>-wal", "<file>-shm" beside
 // it) where the file system allows it.
@@ -35,14 +40,18 @@ public:
 
     // A statement that returns no rows; one that would is refused before it
     // runs ("SqlStorage::Execute: Unsupported query type").
-    void Execute(const std::string& query);
+    void Execute(const SqlQuery& query);
     // A read-only statement; each row serialised column by column (integers
     // as 64-bit integers, text as strings).
-    std::vector<std::string> Select(const std::string& query);
+    std::vector<std::string> Select(const SqlQuery& query);
     // The single integer a statement such as "PRAGMA user_version" answers.
     std::int64_t QueryInteger(const std::string& query);
     // Runs the statements in one transaction, rolled back on any failure.
-    void RunInTransaction(const std::vector<std::string>& statements);
+    void RunInTransaction(const std::vector<SqlQuery>& statements);
+    void RunInTransaction(const std::vector<std::string>& statements)
+    {
+        RunInTransaction(std::vector<SqlQuery>(statements.begin(), statements.end()));
+    }
     // Compacts the file; a failure is only logged.
     void Vacuum();
 
@@ -52,10 +61,16 @@ private:
         void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
     };
 
+    // Runs step on the query's statement; step answers the code of its last
+    // sqlite3_step, and anything but SQLITE_DONE is logged and thrown.
+    template <typename Step>
+    void Run(const SqlQuery& query, Step step);
     void Rollback();
     std::string ErrorMessage() const;
 
     std::unique_ptr<sqlite3, Closer> m_db;
+    // After the handle: its statements are finalised before it closes.
+    std::unique_ptr<SqlStatementCache> m_statements;
 };
 
 } // namespace vantor::common::internal

@@ -3,11 +3,6 @@
 #include "common/Serializer.h"
 #include "common/SqlDataFormatterException.h"
 
-#include <sqlite3.h>
-
-#include <memory>
-#include <new>
-
 namespace vantor::common
 {
 
@@ -48,21 +43,24 @@ std::vector<std::string> SqlDataFormatter::GetUpgradeStatements(int64_t /*curren
     return {};
 }
 
+SqlQuery SqlDataFormatter::GetInsertQuery(const std::string& table, std::string_view record) const
+{
+    return GetInsertStatement(table, record);
+}
+
+SqlQuery SqlDataFormatter::GetSelectQuery(const std::string& table, const std::string& key) const
+{
+    return GetSelectStatement(table, key);
+}
+
+SqlQuery SqlDataFormatter::GetDeleteQuery(const std::string& table, const std::string& key) const
+{
+    return GetDeleteStatement(table, key);
+}
+
 std::string SqlDataFormatter::QuoteText(std::string_view value)
 {
-    if (value.find('\0') != std::string_view::npos)
-    {
-        // SQLite's quoting works on C strings: the value would be cut short.
-        throw SqlDataFormatterException("SqlDataFormatter: value holds a NUL byte");
-    }
-    const std::string text(value);
-    std::unique_ptr<char, decltype(&sqlite3_free)> quoted(sqlite3_mprintf("'%q'", text.c_str()),
-                                                          &sqlite3_free);
-    if (!quoted)
-    {
-        throw std::bad_alloc();
-    }
-    return quoted.get();
+    return SqlQuery::Quote(value);
 }
 
 } // namespace vantor::common

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/SqlQuery.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -18,6 +20,11 @@ namespace vantor::common
 // single quote stays one value and can never end the statement; a value that
 // holds a NUL byte is refused. Table and column names are the formatter's own
 // constants, never caller data.
+//
+// The keyed statements (insert, select, delete) also come as queries whose
+// values are bound rather than written into the text; the storage runs
+// those, and keeps their compiled form for the next call. A formatter that
+// offers them gets text forms equal to their ToString().
 //
 // Not thread-safe: SqlStorage calls it under its lock only.
 class SqlDataFormatter
@@ -56,6 +63,12 @@ public:
     // in one transaction when a database is opened; the last of them stamps
     // the new version, so that they run once. Empty when nothing is to do.
     virtual std::vector<std::string> GetUpgradeStatements(int64_t currentVersion) const;
+
+    // The insert, select and delete statements above as bound queries. The
+    // defaults carry the text forms, without bound values.
+    virtual SqlQuery GetInsertQuery(const std::string& table, std::string_view record) const;
+    virtual SqlQuery GetSelectQuery(const std::string& table, const std::string& key) const;
+    virtual SqlQuery GetDeleteQuery(const std::string& table, const std::string& key) const;
 
 protected:
     // The value as an SQL string literal ('...' with quotes doubled). Throws

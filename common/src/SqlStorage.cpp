@@ -64,11 +64,11 @@ StorageResult SqlStorage::Write(const std::string& table, const Records& records
     {
         // Every statement is built before the transaction starts, so that a
         // record the formatter refuses leaves nothing to undo.
-        std::vector<std::string> statements;
+        std::vector<SqlQuery> statements;
         statements.reserve(records.size());
         for (const auto& record : records)
         {
-            statements.push_back(m_formatter->GetInsertStatement(table, record.second));
+            statements.push_back(m_formatter->GetInsertQuery(table, record.second));
         }
         m_connection->RunInTransaction(statements);
     }
@@ -107,7 +107,7 @@ StorageResult SqlStorage::Read(const std::string& table, const std::string& key)
     }
     try
     {
-        result.rows = m_connection->Select(m_formatter->GetSelectStatement(table, key));
+        result.rows = m_connection->Select(m_formatter->GetSelectQuery(table, key));
     }
     catch (const std::exception& e)
     {
@@ -137,7 +137,7 @@ StorageResult SqlStorage::Delete(const std::string& table, const std::string& ke
     std::lock_guard lock(m_mutex);
     try
     {
-        m_connection->Execute(m_formatter->GetDeleteStatement(table, key));
+        m_connection->Execute(m_formatter->GetDeleteQuery(table, key));
     }
     catch (const std::exception& e)
     {
@@ -168,7 +168,7 @@ void SqlStorage::DeleteAsync(std::string table, std::string key, OnDeleteCallbac
 StorageResult SqlStorage::DeleteAll()
 {
     std::lock_guard lock(m_mutex);
-    std::vector<std::string> statements;
+    std::vector<SqlQuery> statements;
     try
     {
         statements.push_back(m_formatter->GetDeleteAllStatement());
@@ -183,7 +183,7 @@ StorageResult SqlStorage::DeleteAll()
 StorageResult SqlStorage::Clear(const std::string& table)
 {
     std::lock_guard lock(m_mutex);
-    std::vector<std::string> statements;
+    std::vector<SqlQuery> statements;
     try
     {
         statements.push_back(m_formatter->Clear(table));
@@ -196,7 +196,7 @@ StorageResult SqlStorage::Clear(const std::string& table)
     return RunModification("clear " + table, statements);
 }
 
-StorageResult SqlStorage::RunModification(const std::string& what, const std::vector<std::string>& statements)
+StorageResult SqlStorage::RunModification(const std::string& what, const std::vector<SqlQuery>& statements)
 {
     StorageResult result;
     try

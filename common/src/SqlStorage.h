@@ -37,6 +37,8 @@ class SqlConnection;
 // - Synchronous operations run on the caller's thread; asynchronous ones run
 //   in order on the storage's own worker, which finishes the queued work
 //   before the storage is destroyed. Callbacks run on that worker.
+// - Keyed inserts, reads and deletes run the formatter's bound queries, whose
+//   compiled statements the connection keeps for the next call.
 // - With a cache limit, reads and writes of keyed records pass through an
 //   in-memory LRU cache. The formatter's record form must then equal the row
 //   form its select by key answers (true for the stores that use it).
@@ -97,7 +99,7 @@ public:
     const std::string& GetDbFile() const { return m_dbFile; }
 
 private:
-    StorageResult RunModification(const std::string& what, const std::vector<std::string>& statements);
+    StorageResult RunModification(const std::string& what, const std::vector<SqlQuery>& statements);
     // Queues an asynchronous operation; throws StorageException when the
     // storage has no worker or is shutting down.
     void Post(std::function<void()> operation);

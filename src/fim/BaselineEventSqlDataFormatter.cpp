@@ -44,34 +44,60 @@ std::vector<std::string> BaselineEventSqlDataFormatter::GetUpgradeStatements(int
 std::string BaselineEventSqlDataFormatter::GetDeleteStatement(const std::string& table,
                                                               const std::string& key) const
 {
-    CheckTable(table);
-    return "DELETE from " + table + " WHERE " + "FilePath" + " = " + QuoteText(key);
+    return GetDeleteQuery(table, key).ToString();
 }
 
 std::string BaselineEventSqlDataFormatter::GetInsertStatement(const std::string& table,
                                                               std::string_view record) const
 {
-    CheckTable(table);
-    common::Serializer reader(record);
-    const std::string_view path = reader.GetString();
-    if (table == kStateTableName)
-    {
-        const FileState state = ParseState(record);
-        return "INSERT or REPLACE INTO " + table + " " + "VALUES (" + QuoteText(path) + "," +
-               std::to_string(state.size) + "," + std::to_string(state.mode) + "," +
-               std::to_string(state.uid) + "," + std::to_string(state.gid) + "," +
-               std::to_string(state.modificationTimeNs) + "," + QuoteText(state.sha256) + ")";
-    }
-    const std::string_view status = reader.GetString();
-    return "INSERT or REPLACE INTO " + table + " " + "VALUES (" + QuoteText(path) + "," + QuoteText(status) +
-           ")";
+    return GetInsertQuery(table, record).ToString();
 }
 
 std::string BaselineEventSqlDataFormatter::GetSelectStatement(const std::string& table,
                                                               const std::string& key) const
 {
+    return GetSelectQuery(table, key).ToString();
+}
+
+common::SqlQuery BaselineEventSqlDataFormatter::GetDeleteQuery(const std::string& table,
+                                                               const std::string& key) const
+{
     CheckTable(table);
-    return "SELECT * from " + table + " WHERE " + "FilePath" + " = " + QuoteText(key);
+    common::SqlQuery query("DELETE from " + table + " WHERE FilePath = ?");
+    query.Bind(key);
+    return query;
+}
+
+common::SqlQuery BaselineEventSqlDataFormatter::GetInsertQuery(const std::string& table,
+                                                               std::string_view record) const
+{
+    CheckTable(table);
+    common::Serializer reader(record);
+    if (table == kStateTableName)
+    {
+        // Path, size, mode, owner, group, modification time, content hash.
+        common::SqlQuery query("INSERT or REPLACE INTO " + table + " VALUES (?,?,?,?,?,?,?)");
+        query.Bind(reader.GetString());
+        for (int column = 0; column < 5; ++column)
+        {
+            query.Bind(reader.GetInt64());
+        }
+        query.Bind(reader.GetString());
+        return query;
+    }
+    common::SqlQuery query("INSERT or REPLACE INTO " + table + " VALUES (?,?)");
+    query.Bind(reader.GetString());
+    query.Bind(reader.GetString());
+    return query;
+}
+
+common::SqlQuery BaselineEventSqlDataFormatter::GetSelectQuery(const std::string& table,
+                                                               const std::string& key) const
+{
+    CheckTable(table);
+    common::SqlQuery query("SELECT * from " + table + " WHERE FilePath = ?");
+    query.Bind(key);
+    return query;
 }
 
 std::string BaselineEventSqlDataFormatter::FormatRecord(std::string_view filePath,

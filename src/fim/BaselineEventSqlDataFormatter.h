@@ -36,6 +36,9 @@ public:
     std::string GetSelectStatement(const std::string& table, const std::string& key) const override;
     std::string GetSchemaVersionQuery() const override;
     std::vector<std::string> GetUpgradeStatements(int64_t currentVersion) const override;
+    common::SqlQuery GetInsertQuery(const std::string& table, std::string_view record) const override;
+    common::SqlQuery GetSelectQuery(const std::string& table, const std::string& key) const override;
+    common::SqlQuery GetDeleteQuery(const std::string& table, const std::string& key) const override;
 
     // The serialised record of one file of the baseline pass.
     std::string FormatRecord(std::string_view filePath, std::string_view contentStatus);

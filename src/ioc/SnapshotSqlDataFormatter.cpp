@@ -253,7 +253,15 @@ std::vector<std::string> SnapshotSqlDataFormatter::GetCreateStatements() const
 std::string SnapshotSqlDataFormatter::GetDeleteStatement(const std::string& table,
                                                          const std::string& key) const
 {
-    return "DELETE from " + table + " WHERE " + FindTable(table).key + " = " + QuoteText(key) + ";";
+    return GetDeleteQuery(table, key).ToString();
+}
+
+common::SqlQuery SnapshotSqlDataFormatter::GetDeleteQuery(const std::string& table,
+                                                          const std::string& key) const
+{
+    common::SqlQuery query("DELETE from " + table + " WHERE " + FindTable(table).key + " = ?;");
+    query.Bind(key);
+    return query;
 }
 
 std::string SnapshotSqlDataFormatter::GetSchemaVersionQuery() const
@@ -264,34 +272,57 @@ std::string SnapshotSqlDataFormatter::GetSchemaVersionQuery() const
 std::string SnapshotSqlDataFormatter::GetInsertStatement(const std::string& table,
                                                          std::string_view record) const
 {
+    return GetInsertQuery(table, record).ToString();
+}
+
+common::SqlQuery SnapshotSqlDataFormatter::GetInsertQuery(const std::string& table,
+                                                          std::string_view record) const
+{
     const auto& columns = FindTable(table).columns;
+    std::string text = "INSERT or REPLACE INTO " + table + " VALUES (";
+    for (size_t i = 0; i < columns.size(); ++i)
+    {
+        text += i == 0 ? "?" : ", ?";
+    }
+    text += ")";
+    common::SqlQuery query(std::move(text));
     common::Serializer reader(record);
-    std::string values;
     for (const auto& column : columns)
     {
-        if (!values.empty())
+        if (column.type == kText)
         {
-            values += ", ";
+            query.Bind(reader.GetString());
         }
-        values += column.type == kText ? QuoteText(reader.GetString()) : std::to_string(reader.GetInt64());
+        else
+        {
+            query.Bind(reader.GetInt64());
+        }
     }
     if (!reader.AtEnd())
     {
         throw common::SqlDataFormatterException("SnapshotSqlDataFormatter: record for " + table + " has " +
                                                 std::to_string(reader.Remaining()) + " bytes too many");
     }
-    return "INSERT or REPLACE INTO " + table + " VALUES (" + values + ")";
+    return query;
 }
 
 std::string SnapshotSqlDataFormatter::GetSelectStatement(const std::string& table,
                                                          const std::string& key) const
+{
+    return GetSelectQuery(table, key).ToString();
+}
+
+common::SqlQuery SnapshotSqlDataFormatter::GetSelectQuery(const std::string& table,
+                                                          const std::string& key) const
 {
     const auto& definition = FindTable(table);
     if (key.empty())
     {
         return "SELECT * from " + table;
     }
-    return "SELECT * from " + table + " WHERE " + definition.key + " = " + QuoteText(key) + ";";
+    common::SqlQuery query("SELECT * from " + table + " WHERE " + definition.key + " = ?;");
+    query.Bind(key);
+    return query;
 }
 
 std::vector<std::string> SnapshotSqlDataFormatter::GetUpgradeStatements(int64_t currentVersion) const

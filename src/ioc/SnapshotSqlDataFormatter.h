@@ -75,6 +75,9 @@ public:
     std::string GetInsertStatement(const std::string& table, std::string_view record) const override;
     std::string GetSelectStatement(const std::string& table, const std::string& key) const override;
     std::vector<std::string> GetUpgradeStatements(int64_t currentVersion) const override;
+    common::SqlQuery GetInsertQuery(const std::string& table, std::string_view record) const override;
+    common::SqlQuery GetSelectQuery(const std::string& table, const std::string& key) const override;
+    common::SqlQuery GetDeleteQuery(const std::string& table, const std::string& key) const override;
 
     // The column types of a table in use, in column order, for reading its
     // rows back; throws SqlDataFormatterException for another table.

@@ -70,22 +70,39 @@ public:
         ++m_calls.creates;
         return {"CREATE TABLE Items([Key] TEXT PRIMARY KEY, [Value] INTEGER)", "PRAGMA user_version = 1;"};
     }
+    // Bound queries, so that the storage keeps their statements.
     std::string GetDeleteStatement(const std::string& table, const std::string& key) const override
     {
-        return "DELETE FROM " + table + " WHERE Key = " + QuoteText(key);
+        return GetDeleteQuery(table, key).ToString();
+    }
+    vantor::common::SqlQuery GetDeleteQuery(const std::string& table, const std::string& key) const override
+    {
+        vantor::common::SqlQuery query("DELETE FROM " + table + " WHERE Key = ?");
+        query.Bind(key);
+        return query;
     }
     std::string GetInsertStatement(const std::string& table, std::string_view record) const override
     {
+        return GetInsertQuery(table, record).ToString();
+    }
+    vantor::common::SqlQuery GetInsertQuery(const std::string& table, std::string_view record) const override
+    {
         Serializer reader(record);
-        const auto key = reader.GetString();
-        const auto value = reader.GetInt64();
         // Plain INSERT: a duplicate key fails inside the transaction.
-        return "INSERT INTO " + table + " ([Key], [Value]) VALUES (" + QuoteText(key) + ", " +
-               std::to_string(value) + ")";
+        vantor::common::SqlQuery query("INSERT INTO " + table + " ([Key], [Value]) VALUES (?, ?)");
+        query.Bind(reader.GetString());
+        query.Bind(reader.GetInt64());
+        return query;
     }
     std::string GetSelectStatement(const std::string& table, const std::string& key) const override
     {
-        return "SELECT [Key], [Value] FROM " + table + " WHERE Key = " + QuoteText(key);
+        return GetSelectQuery(table, key).ToString();
+    }
+    vantor::common::SqlQuery GetSelectQuery(const std::string& table, const std::string& key) const override
+    {
+        vantor::common::SqlQuery query("SELECT [Key], [Value] FROM " + table + " WHERE Key = ?");
+        query.Bind(key);
+        return query;
     }
     std::string GetSchemaVersionQuery() const override { return "PRAGMA user_version"; }
     std::vector<std::string> GetUpgradeStatements(int64_t currentVersion) const override
@@ -392,6 +409,60 @@ TEST(SqlStorageTest, ReadCacheCountsAndStaysTrue)
     storage->Execute("DELETE FROM BaselineEvents WHERE FilePath = '/c'");
     EXPECT_TRUE(ReadBaseline(*storage, "/c").empty());
     EXPECT_EQ(storage->GetCacheStatistics().rows, 0U);
+}
+
+TEST(SqlStorageTest, KeptStatementsStayUsableAndReleaseTheDatabase)
+{
+    TempDir dir;
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
+    auto storage = OpenBaseline(dir);
+    ASSERT_TRUE(storage->Write(kBaseline, {BaselineRecord("/a", "R")}).success);
+    EXPECT_EQ(ReadBaseline(*storage, "/a").size(), 1U);
+    EXPECT_TRUE(
+        log.Contains("SqlStorage: Executing query 'SELECT * from BaselineEvents WHERE FilePath = '/a''"));
+
+    // A read that ends early (a column it cannot serialise) leaves no open
+    // statement behind: the table can still be dropped.
+    storage->Execute("INSERT INTO BaselineEvents VALUES ('/blob', x'00')");
+    EXPECT_EQ(storage->Read(kBaseline, "/blob").error, "Unsupported data type in table");
+    storage->Execute("DROP TABLE BaselineEvents");
+
+    // A kept statement whose table is gone fails as a new one would, and
+    // works again, with the new shape, once the table is back.
+    EXPECT_EQ(storage->Read(kBaseline, "/a").error, "Failed to compile query");
+    EXPECT_TRUE(log.Contains("SqlStorage: Failed to compile 'SELECT * from BaselineEvents WHERE FilePath = "
+                             "'/a'': no such table: BaselineEvents"));
+    storage->Execute("CREATE TABLE BaselineEvents([FilePath] TEXT PRIMARY KEY, [ContentStatus] TEXT)");
+    ASSERT_TRUE(storage->Write(kBaseline, {BaselineRecord("/b", "R")}).success);
+    storage->Execute("ALTER TABLE BaselineEvents ADD COLUMN [Extra] INTEGER DEFAULT 7");
+    vantor::common::SqlRowIterator row({vantor::common::SqlRowIterator::ColumnType::Text,
+                                        vantor::common::SqlRowIterator::ColumnType::Text,
+                                        vantor::common::SqlRowIterator::ColumnType::Integer});
+    row.Add(storage->Read(kBaseline, "/b").rows.at(0));
+    EXPECT_EQ(std::get<int64_t>(row.Next()[2]), 7);
+
+    // More statements than are kept: the older ones go and come back.
+    ItemsFormatter::Calls calls;
+    SqlStorage items(dir.Path(), "items.db", std::make_unique<ItemsFormatter>(1, calls), false);
+    for (int round = 0; round < 2; ++round)
+    {
+        for (int table = 0; table < 40; ++table)
+        {
+            const std::string name = "T" + std::to_string(table);
+            if (round == 0)
+            {
+                items.Execute("CREATE TABLE " + name + "([Key] TEXT PRIMARY KEY, [Value] INTEGER)");
+            }
+            const std::string key = "k" + std::to_string(round);
+            ASSERT_TRUE(items.Write(name, {{key, ItemsFormatter::Record(key, table)}}).success);
+            EXPECT_EQ(items.Read(name, key).rows.size(), 1U);
+        }
+    }
+
+    // Every statement is finalised before the file closes, which then takes
+    // its write-ahead log with it.
+    storage.reset();
+    EXPECT_FALSE(std::filesystem::exists(dir.File("BaselineEvents.db-wal")));
 }
 
 TEST(SqlStorageTest, AsyncArgumentsAreChecked)
