@@ -78,13 +78,6 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
     }
 }
 
-void TtlProcessTree::Entry::SetInfo(ProcessInfo&& process)
-{
-    info = std::move(process);
-    command.image = std::hash<std::string_view>()(info.image.path);
-    command.arguments = std::hash<std::string_view>()(info.arguments);
-}
-
 void TtlProcessTree::Add(ProcessInfo process)
 {
     std::lock_guard lock(m_mutex);

@@ -218,7 +218,12 @@ private:
         std::map<uint32_t, EventPtr> events;
         std::chrono::steady_clock::time_point terminatedAt{};
 
-        void SetInfo(ProcessInfo&& process);
+        void SetInfo(ProcessInfo&& process)
+        {
+            info = std::move(process);
+            command.image = std::hash<std::string_view>()(info.image.path);
+            command.arguments = std::hash<std::string_view>()(info.arguments);
+        }
     };
 
     void AddLocked(ProcessInfo process);
