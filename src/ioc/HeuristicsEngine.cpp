@@ -71,33 +71,12 @@ enum class Part : uint64_t
 // with its length, which is never this.
 constexpr uint64_t kUnknownProcess = ~uint64_t{0};
 
-// MurmurHash3's 64-bit finalizer: a bijection that spreads every input bit
-// over the whole word.
-uint64_t Mix(uint64_t value)
-{
-    value ^= value >> 33;
-    value *= 0xff51afd7ed558ccdULL;
-    value ^= value >> 33;
-    value *= 0xc4ceb9fe1a85ec53ULL;
-    value ^= value >> 33;
-    return value;
-}
-
 } // namespace
 
-void HeuristicsEngine::Key::Add(uint64_t value)
+HeuristicsEngine::Key HeuristicsEngine::BuildKey(const edr::Event& event)
 {
-    // Each step is a bijection of value for a given state, so two sequences
-    // that differ only in their last value never meet; the two halves take
-    // the value differently, so that a chance meeting in one is no meeting
-    // in the other.
-    a = Mix(a ^ value);
-    b = Mix(((b << 23) | (b >> 41)) + value * 0x9e3779b97f4a7c15ULL);
-}
-
-HeuristicsEngine::Key HeuristicsEngine::BuildKey(const edr::Event& event) const
-{
-    Key key;
+    KeyParts& key = m_parts;
+    key.clear();
     const edr::EventType type = event.GetType();
     if (EventFields::IsNetworkEvent(type))
     {
@@ -133,7 +112,7 @@ HeuristicsEngine::Key HeuristicsEngine::BuildKey(const edr::Event& event) const
         key.Add(EventFields::Image(event).value_or(""));
         key.Add(kUnknownProcess);
     }
-    return key;
+    return key.Digest();
 }
 
 Verdict HeuristicsEngine::Count(const Key& key)

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 namespace vantor::ioc
 {
@@ -34,9 +35,8 @@ namespace vantor::ioc::internal
 // The key is a 128-bit digest of those texts, not the texts: a build
 // lineage carries kilobytes of command lines, which must not be copied and
 // hashed per event. Each text enters as its std::hash (the tree keeps its
-// processes' hashes, see TtlProcessTree::CommandHashes), and the sequence is
-// folded into two 64-bit values by two different bijective mixes, so the
-// digest is as distinct as the texts' 64-bit hashes are. Mistaking a new
+// processes' hashes, see TtlProcessTree::CommandHashes), and the digest is
+// two std::hash values of that sequence of hashes. Mistaking a new
 // behaviour for a counted one takes a 64-bit hash collision with one of the
 // cache's at most 320,000 keys: a chance of about 2e-14 per new behaviour.
 //
@@ -79,25 +79,51 @@ public:
     size_t GetCacheSize();
 
 private:
-    // The digest of one behaviour, built by Add()ing its parts in order.
+    // The digest of one behaviour.
     struct Key
     {
-        uint64_t a = 0x243f6a8885a308d3ULL;
-        uint64_t b = 0x13198a2e03707344ULL;
+        uint64_t a = 0;
+        uint64_t b = 0;
 
-        void Add(uint64_t value);
-        void Add(std::string_view text) { Add(static_cast<uint64_t>(std::hash<std::string_view>()(text))); }
         bool operator==(const Key&) const = default;
     };
     struct KeyHash
     {
-        // a is already mixed.
         size_t operator()(const Key& key) const { return static_cast<size_t>(key.a); }
+    };
+    // The parts of one behaviour in order, each a 64-bit value (a text by
+    // its std::hash). The digest is std::hash of the parts' bytes, twice:
+    // once as they are and once with one more word, so that the halves are
+    // two hashes of different inputs.
+    class KeyParts
+    {
+    public:
+        void clear() { m_words.clear(); }
+        void Add(uint64_t value) { m_words.push_back(value); }
+        void Add(std::string_view text) { Add(static_cast<uint64_t>(std::hash<std::string_view>()(text))); }
+        Key Digest()
+        {
+            const std::hash<std::string_view> hash;
+            Key key;
+            key.a = hash(Bytes());
+            m_words.push_back(kSecondHalf);
+            key.b = hash(Bytes());
+            return key;
+        }
+
+    private:
+        static constexpr uint64_t kSecondHalf = 0x9e3779b97f4a7c15ULL;
+        std::string_view Bytes() const
+        {
+            return {reinterpret_cast<const char*>(m_words.data()), m_words.size() * sizeof(uint64_t)};
+        }
+        // Reused for every key: a lookup allocates nothing once it has grown.
+        std::vector<uint64_t> m_words;
     };
     using Cache = edr::LRUCache<Key, Entry, KeyHash>;
 
     static uint64_t CheckMaxCount(uint64_t maxCount);
-    Key BuildKey(const edr::Event& event) const;
+    Key BuildKey(const edr::Event& event);
     Verdict Count(const Key& key);
 
     TtlProcessTree& m_tree;
@@ -105,6 +131,7 @@ private:
     bool m_enabled;
     uint64_t m_maxCount;
     std::unique_ptr<Cache> m_cache;
+    KeyParts m_parts;
 };
 
 } // namespace vantor::ioc::internal
