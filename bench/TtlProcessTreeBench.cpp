@@ -3,13 +3,16 @@
 // one up (a copy of its information, and its ancestors), of a sweep that
 // deletes half of them, and of saving the tree to the snapshot database;
 // and the memory the tree holds (resident set growth while it is built, and
-// the peak of the whole run).
+// the peak of the whole run). Also the verdicts of the engines that read the
+// tree per event, for a build lineage six deep with 2 KB command lines.
 #include "bench/BenchDir.h"
 #include "bench/ResourceUsage.h"
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
 #include "edr/Event.h"
+#include "ioc/HeuristicsEngine.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
+#include "ioc/TaggingEngine.h"
 #include "ioc/TtlProcessTree.h"
 
 #include <benchmark/benchmark.h>
@@ -208,6 +211,98 @@ void BM_TtlTreeSave(benchmark::State& state)
         static_cast<double>(std::filesystem::file_size(dir.Path() + "/SnapshotEdr.db")) / 1024;
 }
 BENCHMARK(BM_TtlTreeSave)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// make -> sh -> gcc -> ...: process 2 to kLineageDepth + 1, each the child of
+// the one before, each run with 2 KB of arguments; the file events are the
+// last one's.
+constexpr pid_t kLineageDepth = 6;
+
+class LineageEvent : public vantor::edr::Event
+{
+public:
+    LineageEvent(vantor::edr::EventType type, pid_t pid, uint32_t id)
+        : m_type(type)
+        , m_pid(pid)
+        , m_id(id)
+    {
+    }
+    vantor::edr::EventType GetType() const override { return m_type; }
+    std::string GetActionName() const override { return "Write"; }
+    uint32_t GetEventId() const override { return m_id; }
+    pid_t GetActorProcessId() const override { return m_pid; }
+    pid_t GetActorParentProcessId() const override { return m_pid - 1; }
+    std::vector<std::string> GetActorProcessArguments() const override
+    {
+        return {GetImage(), std::string(2048, static_cast<char>('a' + m_pid))};
+    }
+    std::string GetImage() const override { return "/usr/bin/tool-" + std::to_string(m_pid); }
+    std::string GetCwd() const override { return "/home/user/project"; }
+    std::string GetFile() const override
+    {
+        return "/home/user/project/obj/unit-" + std::to_string(m_id % 97) + ".o";
+    }
+    uint64_t GetTimestamp() const override { return 1700000000000ULL + m_id; }
+
+private:
+    vantor::edr::EventType m_type;
+    pid_t m_pid;
+    uint32_t m_id;
+};
+
+// Asks engine for verdicts on the write events of the lineage's last process.
+template <typename Engine, typename Configure>
+void LineageVerdicts(benchmark::State& state, Configure configure)
+{
+    Quiet();
+    BenchDir dir;
+    TtlProcessTree tree(dir.Path() + "/proc");
+    for (pid_t pid = 2; pid < kLineageDepth + 2; ++pid)
+    {
+        tree.AddOrUpdate(LineageEvent(vantor::edr::EventType::Running, pid, 0));
+    }
+    Engine engine(tree);
+    configure(engine);
+    std::vector<vantor::ioc::internal::Engine::EventPtr> events;
+    for (uint32_t id = 1; id <= 97; ++id)
+    {
+        events.push_back(
+            std::make_shared<LineageEvent>(vantor::edr::EventType::Write, kLineageDepth + 1, id));
+    }
+    size_t next = 0;
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(engine.GetVerdict(events[next]));
+        next = (next + 1) % events.size();
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+struct Heuristics : vantor::ioc::internal::HeuristicsEngine
+{
+    explicit Heuristics(TtlProcessTree& tree)
+        : HeuristicsEngine(tree, true)
+    {
+    }
+};
+
+void BM_HeuristicsVerdictDeepLineage(benchmark::State& state)
+{
+    LineageVerdicts<Heuristics>(state, [](auto&) {});
+}
+BENCHMARK(BM_HeuristicsVerdictDeepLineage);
+
+void BM_TaggingVerdictDeepLineage(benchmark::State& state)
+{
+    LineageVerdicts<vantor::ioc::internal::TaggingEngine>(
+        state,
+        [](auto& engine)
+        {
+            engine.ApplySettings(R"({"thresholdScore": 100, "CredentialAccess": {"score": 1},
+                "DefenseEvasion": {"score": 1}, "Execution": {"score": 1}, "Exfiltration": {"score": 1},
+                "Persistence": {"score": 1}, "PrivilegeEscalation": {"score": 1}})");
+        });
+}
+BENCHMARK(BM_TaggingVerdictDeepLineage);
 
 } // namespace
 

@@ -30,7 +30,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -395,19 +394,14 @@ void Component::OnReported(const std::shared_ptr<const edr::Event>& event)
 {
     ++m_reportedCount;
     EDR_LOG_DEBUG("Ioc::Component: Reported " << internal::EventFields::Describe(*event));
-    std::optional<ProcessInfo> actor;
-    if (const auto pid = internal::EventFields::ProcessId(*event))
+    // Not in the tree, the message goes without its actor.
+    const ProcessInfo* actor = nullptr;
+    if (const auto pid = internal::EventFields::ProcessId(*event);
+        pid && m_processTree->VisitProcess(*pid, [this](const ProcessInfo& held) { m_reportedActor = held; }))
     {
-        try
-        {
-            actor = m_processTree->GetProcessInfo(*pid);
-        }
-        catch (const TtlProcessTreeException&)
-        {
-            // Not in the tree: the message goes without its actor.
-        }
+        actor = &m_reportedActor;
     }
-    m_batchWriter->Append(*event, actor ? &*actor : nullptr);
+    m_batchWriter->Append(*event, actor);
 }
 
 void Component::OnSwept()

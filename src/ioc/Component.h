@@ -3,6 +3,7 @@
 #include "common/SpoolStorage.h"
 #include "edr/Event.h"
 #include "ioc/Config.h"
+#include "ioc/ProcessInfo.h"
 #include "ioc/protobuf/AgentIdentity.h"
 
 #include <rapidjson/document.h>
@@ -202,6 +203,9 @@ private:
     const internal::protobuf::AgentIdentity m_identity;
     std::unique_ptr<internal::protobuf::DataFormatter> m_formatter;
     std::unique_ptr<internal::BatchWriter> m_batchWriter;
+    // The actor of the event being reported, reused so that its copy seldom
+    // allocates; only the processing thread reports.
+    ProcessInfo m_reportedActor;
     std::unique_ptr<internal::ProcessingThread> m_processingThread;
     std::shared_ptr<internal::UploadSchedule> m_uploadSchedule;
     // Losses of earlier batch pipelines (a spool move replaces them).

@@ -50,52 +50,79 @@ Verdict HeuristicsEngine::GetVerdict(const EventPtr& event)
     {
         return Verdict::Unknown;
     }
-    BuildKey(*event);
-    const Verdict verdict = Count();
+    const Verdict verdict = Count(BuildKey(*event));
     EDR_LOG_TRACE("Adding heuristics verdict '" << ToString(verdict) << "'");
     m_tree.SetVerdict(event->GetActorProcessId(), kVerdictKey, static_cast<int>(verdict));
     return verdict;
 }
 
-void HeuristicsEngine::BuildKey(const edr::Event& event)
+namespace
 {
-    m_key.clear();
+
+// The kinds of event part, so that parts of different kinds never match.
+enum class Part : uint64_t
+{
+    Network = 1,
+    File,
+    Action
+};
+
+// Ends the key of a process the tree does not know; a known lineage ends
+// with its length, which is never this.
+constexpr uint64_t kUnknownProcess = ~uint64_t{0};
+
+} // namespace
+
+HeuristicsEngine::Key HeuristicsEngine::BuildKey(const edr::Event& event)
+{
+    KeyParts& key = m_parts;
+    key.clear();
     const edr::EventType type = event.GetType();
     if (EventFields::IsNetworkEvent(type))
     {
-        m_key.append(event.GetActionName()).append(":");
-        m_key.append(EventFields::NetworkAddress(event).value_or("")).append(":");
-        m_key.append(std::to_string(EventFields::NetworkPort(event).value_or(0))).append(";");
+        key.Add(static_cast<uint64_t>(Part::Network));
+        key.Add(event.GetActionName());
+        key.Add(EventFields::NetworkAddress(event).value_or(""));
+        key.Add(uint64_t{EventFields::NetworkPort(event).value_or(0)});
     }
     else if (EventFields::IsFileEvent(type))
     {
-        m_key.append(EventFields::File(event).value_or("")).append(";");
+        key.Add(static_cast<uint64_t>(Part::File));
+        key.Add(EventFields::File(event).value_or(""));
     }
     else
     {
-        m_key.append(event.GetActionName()).append(":");
+        key.Add(static_cast<uint64_t>(Part::Action));
+        key.Add(event.GetActionName());
     }
-    const auto append = [this](const ProcessInfo& process)
+    uint64_t depth = 0;
+    const auto add = [&](const TtlProcessTree::CommandHashes& command)
     {
-        m_key.append(process.image.path).push_back('\0');
-        m_key.append(process.arguments).push_back('\0');
-        return true;
+        key.Add(command.image);
+        key.Add(command.arguments);
+        ++depth;
     };
     const pid_t pid = event.GetActorProcessId();
-    if (pid <= 0 || !m_tree.VisitLineage(pid, append))
+    if (pid > 0 && m_tree.VisitLineageCommands(pid, add))
     {
-        m_key.append(EventFields::Image(event).value_or("")).push_back('\0');
+        key.Add(depth);
     }
+    else
+    {
+        key.Add(EventFields::Image(event).value_or(""));
+        key.Add(kUnknownProcess);
+    }
+    return key.Digest();
 }
 
-Verdict HeuristicsEngine::Count()
+Verdict HeuristicsEngine::Count(const Key& key)
 {
     const int64_t now =
         std::chrono::duration_cast<std::chrono::nanoseconds>(m_clock().time_since_epoch()).count();
-    Entry* entry = m_cache->Find(m_key);
+    Entry* entry = m_cache->Find(key);
     if (entry == nullptr)
     {
-        m_cache->PutAbsent(std::move(m_key), Entry{1, now});
+        m_cache->PutAbsent(Key(key), Entry{1, now});
         return Verdict::Unknown;
     }
     if (now - entry->firstSeen > std::chrono::nanoseconds(kCountPeriod).count())

@@ -160,37 +160,75 @@ Verdict TaggingEngine::GetVerdict(const EventPtr& event)
     {
         return Verdict::Clean;
     }
-    ProcessInfo process = m_tree.GetProcessInfo(*pid);
-    if (event->GetType() == edr::EventType::Running)
+    // Most events give no tag: those are judged on the tree's own entry, and
+    // the process is copied (into the reused m_process) only when a tag
+    // applies, from the same look under the tree's lock.
+    ProcessInfo& process = m_process;
+    const bool logging = DebugEnabled();
+    int64_t score = 0;
+    size_t next = kTagCount;
+    const auto judge = [&](const ProcessInfo& held)
     {
-        InheritLocked(process);
-    }
-    const auto reached = [this](int64_t score)
-    { return score >= 0 && static_cast<uint64_t>(score) >= m_threshold; };
-    int64_t score = ScoreOf(process);
-    for (const auto& tag : m_tags)
-    {
-        if (reached(score))
+        score = ScoreOf(held);
+        next = NextApplicableLocked(*event, held, score, 0);
+        if (next < kTagCount || logging)
         {
-            break;
+            process = held;
         }
-        if (!tag->IsEnabled() || process.HasTag(tag->Name()) || tag->IsExcluded(process))
+    };
+    const bool judged = event->GetType() != edr::EventType::Running && m_tree.VisitProcess(*pid, judge);
+    if (!judged)
+    {
+        m_tree.GetProcessInfo(*pid, process);
+        if (event->GetType() == edr::EventType::Running)
+        {
+            InheritLocked(process);
+        }
+        score = ScoreOf(process);
+        next = NextApplicableLocked(*event, process, score, 0);
+    }
+    for (; next < kTagCount; next = NextApplicableLocked(*event, process, score, next + 1))
+    {
+        const Tag& tag = *m_tags[next];
+        if (AddLocked(process, tag))
+        {
+            score += tag.Score();
+            EDR_LOG_DEBUG("Added Tag: " << tag.Name() << ", Updated Score: " << score
+                                        << ", for PID: " << process.pid);
+            SpreadLocked(process, tag);
+        }
+    }
+    const Verdict verdict = Reached(score) ? Verdict::Suspicious : Verdict::Clean;
+    if (logging)
+    {
+        EDR_LOG_DEBUG("Returning tag verdict '" << ToString(verdict) << "' to process (" << Describe(process)
+                                                << " Threshold: " << m_threshold);
+    }
+    return verdict;
+}
+
+bool TaggingEngine::Reached(int64_t score) const
+{
+    return score >= 0 && static_cast<uint64_t>(score) >= m_threshold;
+}
+
+size_t TaggingEngine::NextApplicableLocked(const edr::Event& event, const ProcessInfo& process, int64_t score,
+                                           size_t first) const
+{
+    for (size_t i = first; i < kTagCount && !Reached(score); ++i)
+    {
+        const Tag& tag = *m_tags[i];
+        if (!tag.IsEnabled() || process.HasTag(tag.Name()) || tag.IsExcluded(process))
         {
             continue;
         }
-        EDR_LOG_TRACE("Checking for " << tag->Name() << " tag");
-        if (tag->IsApplicable(*event, process) && AddLocked(process, *tag))
+        EDR_LOG_TRACE("Checking for " << tag.Name() << " tag");
+        if (tag.IsApplicable(event, process))
         {
-            score += tag->Score();
-            EDR_LOG_DEBUG("Added Tag: " << tag->Name() << ", Updated Score: " << score
-                                        << ", for PID: " << process.pid);
-            SpreadLocked(process, *tag);
+            return i;
         }
     }
-    const Verdict verdict = reached(score) ? Verdict::Suspicious : Verdict::Clean;
-    EDR_LOG_DEBUG("Returning tag verdict '" << ToString(verdict) << "' to process (" << Describe(process)
-                                            << " Threshold: " << m_threshold);
-    return verdict;
+    return kTagCount;
 }
 
 bool TaggingEngine::AddLocked(ProcessInfo& process, const Tag& tag)

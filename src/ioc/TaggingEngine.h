@@ -76,6 +76,12 @@ public:
 
 private:
     bool ApplyLocked(const rapidjson::Value& tags);
+    bool Reached(int64_t score) const;
+    // The index of the first tag from first on that the process may receive
+    // and that applies to the event, while the score stays below the
+    // threshold; kTagCount when none. Calls nothing of the tree.
+    size_t NextApplicableLocked(const edr::Event& event, const ProcessInfo& process, int64_t score,
+                                size_t first) const;
     // The tactic tags' scores of a process.
     int64_t ScoreOf(const ProcessInfo& process) const;
     // The index of a tactic tag by name; kTagCount for another tag (a state).
@@ -91,6 +97,9 @@ private:
     // Written under the engine's mutex; atomic for the accessors.
     std::atomic<bool> m_enabled = false;
     std::atomic<uint64_t> m_threshold = 0;
+    // The process of the verdict under way, when it needs a copy; reused so
+    // that a copy seldom allocates.
+    ProcessInfo m_process;
 };
 
 } // namespace vantor::ioc::internal

@@ -66,7 +66,7 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
     process.verdicts = std::move(entry->info.verdicts);
     process.creationTime = entry->info.creationTime;
     const pid_t oldParent = entry->info.parentPid;
-    entry->info = std::move(process);
+    entry->SetInfo(std::move(process));
     m_changed.insert(pid);
     if (oldParent != entry->info.parentPid)
     {
@@ -97,7 +97,7 @@ void TtlProcessTree::AddLocked(ProcessInfo process)
     m_removed.erase(pid);
     auto& entry = m_entries[pid];
     entry = Entry{};
-    entry.info = std::move(process);
+    entry.SetInfo(std::move(process));
     // Children that named this pid as their parent before it was known.
     if (const auto waiting = m_waitingChildren.find(pid); waiting != m_waitingChildren.end())
     {
@@ -207,13 +207,17 @@ size_t TtlProcessTree::Size() const
 
 ProcessInfo TtlProcessTree::GetProcessInfo(pid_t pid) const
 {
-    std::lock_guard lock(m_mutex);
-    const auto it = m_entries.find(pid);
-    if (it == m_entries.end())
+    ProcessInfo info;
+    GetProcessInfo(pid, info);
+    return info;
+}
+
+void TtlProcessTree::GetProcessInfo(pid_t pid, ProcessInfo& into) const
+{
+    if (!VisitProcess(pid, [&into](const ProcessInfo& process) { into = process; }))
     {
         throw TtlProcessTreeException("ProcessInfo for pid " + std::to_string(pid) + " does not exist");
     }
-    return it->second.info;
 }
 
 std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
@@ -225,8 +229,9 @@ std::vector<pid_t> TtlProcessTree::GetAncestors(pid_t pid) const
     std::lock_guard lock(m_mutex);
     std::vector<pid_t> ancestors;
     std::set<pid_t> seen{pid};
-    const auto collect = [&](const ProcessInfo& process)
+    const auto collect = [&](const Entry& entry)
     {
+        const ProcessInfo& process = entry.info;
         if (process.pid == pid)
         {
             return true;

@@ -109,6 +109,24 @@ public:
     // TtlProcessTreeException "TtlProcessTree::GetAncestors: 'pid' is
     // invalid" for a pid of 0 or below.
     std::vector<pid_t> GetAncestors(pid_t pid) const;
+    // As GetProcessInfo, into a value whose buffers are reused: for callers
+    // that need a copy per event.
+    void GetProcessInfo(pid_t pid, ProcessInfo& into) const;
+    // Calls visit (void(const ProcessInfo&)) with the pid's process and
+    // answers true; false when the tree does not hold it. Nothing is copied:
+    // visit runs under the tree's lock and must not call the tree.
+    template <typename Visit>
+    bool VisitProcess(pid_t pid, Visit&& visit) const
+    {
+        std::lock_guard lock(m_mutex);
+        const auto it = m_entries.find(pid);
+        if (it == m_entries.end())
+        {
+            return false;
+        }
+        visit(it->second.info);
+        return true;
+    }
     // Calls visit (bool(const ProcessInfo&)) with the process and then with
     // each ancestor, walked as GetAncestors walks them, until visit answers
     // false; answers whether the process is in the tree. Nothing is copied
@@ -118,7 +136,30 @@ public:
     bool VisitLineage(pid_t pid, Visit&& visit) const
     {
         std::lock_guard lock(m_mutex);
-        return WalkLineageLocked(pid, visit);
+        const auto visitInfo = [&visit](const Entry& entry) { return visit(entry.info); };
+        return WalkLineageLocked(pid, visitInfo);
+    }
+
+    // std::hash of a process's executable path and of its arguments, kept
+    // with the process and renewed whenever these change: a lineage's
+    // command lines can run to kilobytes, too many to hash per event.
+    struct CommandHashes
+    {
+        uint64_t image = 0;
+        uint64_t arguments = 0;
+    };
+    // As VisitLineage, with visit (void(const CommandHashes&)) called for
+    // every process of the lineage.
+    template <typename Visit>
+    bool VisitLineageCommands(pid_t pid, Visit&& visit) const
+    {
+        std::lock_guard lock(m_mutex);
+        const auto visitCommand = [&visit](const Entry& entry)
+        {
+            visit(entry.command);
+            return true;
+        };
+        return WalkLineageLocked(pid, visitCommand);
     }
 
     // Caches the event under its acting process (false when the process is
@@ -172,8 +213,17 @@ private:
     struct Entry
     {
         ProcessInfo info;
+        // Of info; SetInfo keeps them together.
+        CommandHashes command;
         std::map<uint32_t, EventPtr> events;
         std::chrono::steady_clock::time_point terminatedAt{};
+
+        void SetInfo(ProcessInfo&& process)
+        {
+            info = std::move(process);
+            command.image = std::hash<std::string_view>()(info.image.path);
+            command.arguments = std::hash<std::string_view>()(info.arguments);
+        }
     };
 
     void AddLocked(ProcessInfo process);
@@ -182,6 +232,7 @@ private:
     void UnlinkFromParentLocked(pid_t pid, pid_t parentPid);
     void MarkTerminatedLocked(Entry& entry);
     Entry* FindLocked(pid_t pid);
+    // visit: bool(const Entry&).
     template <typename Visit>
     bool WalkLineageLocked(pid_t pid, Visit& visit) const;
     // Whether two start times name the same process.
@@ -214,7 +265,7 @@ bool TtlProcessTree::WalkLineageLocked(pid_t pid, Visit& visit) const
         return false;
     }
     // No lineage is longer than the tree; a loop of stale links ends there.
-    for (size_t steps = 0; steps <= m_entries.size() && visit(it->second.info); ++steps)
+    for (size_t steps = 0; steps <= m_entries.size() && visit(it->second); ++steps)
     {
         const pid_t parent = it->second.info.parentPid;
         if (parent <= 0 || parent == it->first)

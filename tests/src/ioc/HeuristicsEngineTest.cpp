@@ -29,11 +29,22 @@ protected:
             Start(pid, 1, "/usr/bin/tool");
         }
         Start(12, 2, "/usr/bin/tool");
+        // Parents that differ from process 1 in one text only.
+        Start(3, 0, "/sbin/init", {"/sbin/init", "--other"});
+        Start(4, 0, "/sbin/init2", {"/sbin/init", "--run"});
+        Start(13, 3, "/usr/bin/tool");
+        Start(14, 4, "/usr/bin/tool");
+        // A parent the tree does not know: the lineage is one process long.
+        Start(15, 99, "/usr/bin/tool");
     }
 
-    void Start(pid_t pid, pid_t parent, const std::string& image)
+    void Start(pid_t pid, pid_t parent, const std::string& image, std::vector<std::string> arguments = {})
     {
-        m_tree.AddOrUpdate(ioc::test::RunningEvent(pid, parent, image, {image, "--run"}));
+        if (arguments.empty())
+        {
+            arguments = {image, "--run"};
+        }
+        m_tree.AddOrUpdate(ioc::test::RunningEvent(pid, parent, image, std::move(arguments)));
     }
 
     Verdict Judge(const IocTestEvent& event)
@@ -65,6 +76,10 @@ TEST_F(HeuristicsEngineTest, OneBehaviourIsOneEventOfOneCommandLineageWhateverIt
         {"other file", Write(10, "/tmp/a"), Write(10, "/tmp/b"), false},
         {"another run of the command", Write(10, "/tmp/a"), Write(11, "/tmp/a"), true},
         {"the command under another parent", Write(10, "/tmp/a"), Write(12, "/tmp/a"), false},
+        {"a parent with other arguments", Write(10, "/tmp/a"), Write(13, "/tmp/a"), false},
+        {"a parent with another image", Write(10, "/tmp/a"), Write(14, "/tmp/a"), false},
+        {"a shorter lineage", Write(10, "/tmp/a"), Write(15, "/tmp/a"), false},
+        {"an unknown process", Write(10, "/tmp/a"), Write(77, "/tmp/a"), false},
         {"other kind of event", Write(10, "/tmp/a"),
          ioc::test::By(10, ioc::test::ProcessEvent(edr::EventType::Exit, "/usr/bin/tool")), false}};
     for (const auto& [name, first, second, same] : cases)
@@ -75,6 +90,17 @@ TEST_F(HeuristicsEngineTest, OneBehaviourIsOneEventOfOneCommandLineageWhateverIt
     }
     EXPECT_EQ(m_tree.GetProcessInfo(11).verdicts.at(HeuristicsEngine::kVerdictKey),
               static_cast<int>(Verdict::Clean));
+}
+
+TEST_F(HeuristicsEngineTest, AProcessThatRunsAnotherCommandLineCountsUnderItsNewLineage)
+{
+    EXPECT_EQ(Judge(Write(10, "/tmp/a")), Verdict::Unknown);
+    Start(10, 1, "/usr/bin/tool", {"/usr/bin/tool", "--again"});
+    EXPECT_EQ(Judge(Write(10, "/tmp/a")), Verdict::Unknown) << "a new behaviour";
+    EXPECT_EQ(Judge(Write(10, "/tmp/a")), Verdict::Clean);
+    EXPECT_EQ(Judge(Write(11, "/tmp/a")), Verdict::Clean) << "the old lineage keeps its count";
+    Start(1, 0, "/sbin/init", {"/sbin/init", "--single"});
+    EXPECT_EQ(Judge(Write(11, "/tmp/a")), Verdict::Unknown) << "an ancestor ran another command line";
 }
 
 TEST_F(HeuristicsEngineTest, SwitchedOffItCountsNothingAndAZeroMaxCountChangesNothing)
