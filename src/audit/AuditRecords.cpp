@@ -108,27 +108,11 @@ std::vector<std::string> AuditRecords::DecodeProctitle(std::string_view raw)
     }
     else
     {
-        const auto digit = [](char c) -> int
-        {
-            if (c >= '0' && c <= '9')
-            {
-                return c - '0';
-            }
-            if (c >= 'A' && c <= 'F')
-            {
-                return c - 'A' + 10;
-            }
-            if (c >= 'a' && c <= 'f')
-            {
-                return c - 'a' + 10;
-            }
-            return -1;
-        };
         bytes.reserve(raw.size() / 2);
         for (size_t i = 0; i + 1 < raw.size(); i += 2)
         {
-            const int high = digit(raw[i]);
-            const int low = digit(raw[i + 1]);
+            const int high = AuparseField::HexDigit(raw[i]);
+            const int low = AuparseField::HexDigit(raw[i + 1]);
             if (high < 0 || low < 0)
             {
                 bytes.clear();

@@ -106,7 +106,7 @@ public:
 
     static bool Is(const char* name, const char* wanted) { return std::strcmp(name, wanted) == 0; }
 
-private:
+    // The value of one hex digit; -1 for any other character.
     static int HexDigit(char c)
     {
         if (c >= '0' && c <= '9')
@@ -124,6 +124,7 @@ private:
         return -1;
     }
 
+private:
     enum class Form
     {
         Missing,
