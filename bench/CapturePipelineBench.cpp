@@ -9,8 +9,8 @@
 // kernel. Each pass writes it once, followed by an end marker event; the pass
 // ends when the handler sees the marker. Reported: events per second (wall),
 // CPU seconds per 100k events (getrusage, every thread of the process,
-// including the writer), and, printed at the end, the peak RSS and the bare
-// libauparse floor over the same text for comparison.
+// including the writer), voluntary context switches per 10k events, and, printed at the end, the peak RSS and
+// the bare libauparse floor over the same text for comparison.
 //
 // Arg process_tree 0: no process tree (clone events then go nowhere); 1: with
 // the process tree over /proc. Arg interleaved 1: the records of every 8
@@ -233,6 +233,7 @@ void BM_CapturePipeline(benchmark::State& state)
     uint64_t passes = 0;
     bool stalled = false;
     const double cpuBefore = ResourceUsage::CpuSeconds();
+    const uint64_t switchesBefore = ResourceUsage::VoluntarySwitches();
     for (auto _ : state)
     {
         dispatcher.Send(corpus.texts[interleaved]);
@@ -244,6 +245,7 @@ void BM_CapturePipeline(benchmark::State& state)
         }
     }
     const double cpu = ResourceUsage::CpuSeconds() - cpuBefore;
+    const auto switches = static_cast<double>(ResourceUsage::VoluntarySwitches() - switchesBefore);
     channel.Stop();
     parser.Stop();
     processing.Stop();
@@ -255,6 +257,7 @@ void BM_CapturePipeline(benchmark::State& state)
     }
     state.SetItemsProcessed(static_cast<int64_t>(events));
     state.counters["cpu_s_per_100k"] = cpu * 100000.0 / events;
+    state.counters["vol_cs_per_10k"] = switches * 10000.0 / events;
     state.counters["handled_per_pass"] =
         passes > 0 ? static_cast<double>(watch.Handled()) / static_cast<double>(passes) : 0;
     state.counters["peak_rss_MB"] = static_cast<double>(ResourceUsage::PeakRssKb()) / 1024.0;

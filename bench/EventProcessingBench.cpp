@@ -58,6 +58,7 @@ void BM_EventProcessing(benchmark::State& state)
 
     uint32_t serial = 4294967295U - 50000; // crosses the wrap during the run
     double cpu = 0;
+    const uint64_t switchesBefore = vantor::bench::ResourceUsage::VoluntarySwitches();
     for (auto _ : state)
     {
         const double cpuBefore = vantor::bench::ResourceUsage::ProcessCpuSeconds();
@@ -81,12 +82,16 @@ void BM_EventProcessing(benchmark::State& state)
         }
         cpu += vantor::bench::ResourceUsage::ProcessCpuSeconds() - cpuBefore;
     }
+    const auto switches =
+        static_cast<double>(vantor::bench::ResourceUsage::VoluntarySwitches() - switchesBefore);
     thread.Stop();
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kEventsPerIteration);
     state.counters["cpu_s_per_100k"] = cpu / static_cast<double>(state.iterations());
+    state.counters["vol_cs_per_10k"] =
+        switches * 10000.0 / (static_cast<double>(state.iterations()) * kEventsPerIteration);
 }
 
-BENCHMARK(BM_EventProcessing)->Arg(64)->Arg(1024)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_EventProcessing)->Arg(1)->Arg(64)->Arg(1024)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 

@@ -9,7 +9,7 @@ namespace vantor::bench
 {
 
 // What the process has used so far, from getrusage: every thread's CPU
-// (user + system) and the peak resident set.
+// (user + system), its voluntary context switches and the peak resident set.
 struct ResourceUsage
 {
     static double CpuSeconds()
@@ -26,6 +26,14 @@ struct ResourceUsage
         timespec ts{};
         ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
         return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+    }
+
+    // Times a thread of the process gave up the CPU to wait (sleeps, wakes).
+    static uint64_t VoluntarySwitches()
+    {
+        rusage usage{};
+        ::getrusage(RUSAGE_SELF, &usage);
+        return static_cast<uint64_t>(usage.ru_nvcsw);
     }
 
     static uint64_t PeakRssKb()

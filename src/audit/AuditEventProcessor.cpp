@@ -202,11 +202,12 @@ bool AuditEventProcessor::IsOutpostTool(std::string_view image)
     {
         return false;
     }
-    const std::string name(image.substr(slash + 1));
+    // Asked for every ancestor of every event: the directory, which rules
+    // out nearly every image, is compared before a name is built.
     const std::string_view directory = image.substr(0, slash);
     const auto& directories = AuditTables::ToolDirectories();
-    return AuditTables::OutpostToolNames().count(name) != 0 &&
-           std::find(directories.begin(), directories.end(), directory) != directories.end();
+    return std::find(directories.begin(), directories.end(), directory) != directories.end() &&
+           AuditTables::OutpostToolNames().count(std::string(image.substr(slash + 1))) != 0;
 }
 
 void AuditEventProcessor::Route(edr::Event& event)

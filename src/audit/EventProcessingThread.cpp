@@ -150,7 +150,9 @@ void EventProcessingThread::Enqueue(Events&& events)
     if (m_bufferQueue.size() >= m_capacity)
     {
         EDR_LOG_WARNING("Processing queue threshold hit. Stopped adding events to que");
+        m_blockedProducers.fetch_add(1, std::memory_order_relaxed);
         m_cv.wait(lock, [this] { return m_bufferQueue.empty() || m_stop; });
+        m_blockedProducers.fetch_sub(1, std::memory_order_relaxed);
         EDR_LOG_INFO("Enabling the processing queue");
     }
     if (m_stop)
@@ -160,6 +162,7 @@ void EventProcessingThread::Enqueue(Events&& events)
         events.clear();
         return;
     }
+    const bool wasEmpty = m_bufferQueue.empty();
     m_bufferQueue.reserve(m_bufferQueue.size() + events.size());
     for (auto& event : events)
     {
@@ -168,7 +171,10 @@ void EventProcessingThread::Enqueue(Events&& events)
     events.clear();
     EDR_LOG_DEBUG("Audit event processing buffer queue size: " << m_bufferQueue.size() << " events");
     lock.unlock();
-    m_cv.notify_all();
+    if (wasEmpty)
+    {
+        m_cv.notify_all();
+    }
 }
 
 void EventProcessingThread::DoWork()
@@ -237,8 +243,14 @@ void EventProcessingThread::Run()
             }
         }
         m_activeQueue.clear();
-        // Lets a producer blocked on a full buffer go on.
-        m_cv.notify_all();
+        // Lets a producer blocked on a full buffer go on. The count is set
+        // under the lock before the producer waits, and the buffer it waits
+        // on is full, so a producer that blocks after this check is released
+        // after the next batch.
+        if (m_blockedProducers.load(std::memory_order_relaxed) != 0)
+        {
+            m_cv.notify_all();
+        }
     }
 }
 

@@ -28,6 +28,10 @@ namespace vantor::audit
 // pauses while the process's CPU use is above the threshold. Stop() returns
 // after the event in hand; the rest of the batch is dropped, and counted, as
 // are events whose processing failed and the CPU pauses.
+//
+// Wakes are kept to what is needed: the worker is notified when the buffer
+// goes from empty to non-empty (it waits for nothing else), a blocked
+// producer when the worker has finished the batch it was waiting behind.
 class EventProcessingThread : private common::AsyncTask
 {
 public:
@@ -80,6 +84,9 @@ private:
     Events m_bufferQueue;
     size_t m_capacity = kMaxQueueSize;
     bool m_stop = false;
+    // Producers waiting for the buffer to drain; set under the lock, read
+    // by the worker after a batch to skip needless notifications.
+    std::atomic<uint32_t> m_blockedProducers{0};
     // Touched by the worker only.
     Events m_activeQueue;
 

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <exception>
+#include <utility>
 
 namespace vantor::audit
 {
@@ -91,6 +92,7 @@ void ParserThread::Enqueue(std::vector<uint8_t> buffer)
         buffer.shrink_to_fit();
     }
     const uint64_t cost = buffer.size();
+    bool wake = false;
     {
         std::lock_guard lock(m_mutex);
         if (m_queueingDisabled)
@@ -115,10 +117,15 @@ void ParserThread::Enqueue(std::vector<uint8_t> buffer)
             return;
         }
         const uint64_t queued = m_queuedBytes.fetch_add(cost, std::memory_order_relaxed) + cost;
+        wake = m_queue.empty();
         m_queue.push_back(std::move(buffer));
         EDR_LOG_DEBUG("Audit parser queue size: " << (queued / 1024) << " KB");
     }
-    m_changed.notify_all();
+    // The thread waits only for an empty queue to fill.
+    if (wake)
+    {
+        m_changed.notify_all();
+    }
 }
 
 void ParserThread::SetQueueSize(uint64_t memoryBudgetKb)
@@ -183,12 +190,14 @@ void ParserThread::Run()
     {
         AuparseFeed feed(m_builder, &m_feedTally);
         ProcessLoop(feed);
+        DeliverHeld();
         Deliver(feed.Flush());
     }
     catch (const std::exception& e)
     {
         EDR_LOG_ERROR("Audit parser thread: " << e.what());
     }
+    m_held.clear();
 }
 
 void ParserThread::ProcessLoop(AuparseFeed& feed)
@@ -196,6 +205,7 @@ void ParserThread::ProcessLoop(AuparseFeed& feed)
     for (;;)
     {
         std::vector<uint8_t> buffer;
+        bool moreQueued = false;
         {
             std::unique_lock lock(m_mutex);
             if (!m_changed.wait_for(lock, kAgeAfter, [this] { return m_stop || !m_queue.empty(); }))
@@ -212,10 +222,11 @@ void ParserThread::ProcessLoop(AuparseFeed& feed)
             buffer = std::move(m_queue.front());
             m_queue.pop_front();
             m_queuedBytes.fetch_sub(buffer.size(), std::memory_order_relaxed);
+            moreQueued = !m_queue.empty();
         }
         try
         {
-            Deliver(feed.Feed(buffer));
+            Hold(feed.Feed(buffer));
         }
         catch (const std::exception& e)
         {
@@ -223,6 +234,10 @@ void ParserThread::ProcessLoop(AuparseFeed& feed)
             EDR_LOG_ERROR("Audit parser thread: " << e.what());
         }
         buffer = std::vector<uint8_t>();
+        if (!moreQueued || m_held.size() >= kHandOverEvents)
+        {
+            DeliverHeld();
+        }
         PauseWhileCpuIsHigh();
     }
 }
@@ -247,6 +262,10 @@ void ParserThread::PauseWhileCpuIsHigh()
         {
             paused = true;
             m_cpuPauses.fetch_add(1, std::memory_order_relaxed);
+            // What was parsed goes on before the pause, without the lock.
+            lock.unlock();
+            DeliverHeld();
+            lock.lock();
         }
         EDR_LOG_DEBUG("Audit parser thread: Pausing thread as cpu usage ("
                       << usage << ") is higher than configured threshold (" << threshold << ")");
@@ -266,6 +285,28 @@ void ParserThread::PauseWhileCpuIsHigh()
         lock.unlock();
         usage = m_cpuUsage();
         lock.lock();
+    }
+}
+
+void ParserThread::Hold(Events events)
+{
+    if (m_held.empty())
+    {
+        m_held = std::move(events);
+        return;
+    }
+    m_held.reserve(m_held.size() + events.size());
+    for (auto& event : events)
+    {
+        m_held.push_back(std::move(event));
+    }
+}
+
+void ParserThread::DeliverHeld()
+{
+    if (!m_held.empty())
+    {
+        Deliver(std::exchange(m_held, Events()));
     }
 }
 

@@ -40,6 +40,7 @@ public:
         return [this](ParserThread::Events events)
         {
             std::lock_guard lock(m_mutex);
+            ++m_calls;
             for (const auto& event : events)
             {
                 m_serials.push_back(event->GetEventId());
@@ -60,10 +61,17 @@ public:
         return m_serials;
     }
 
+    size_t Calls()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_calls;
+    }
+
 private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<uint32_t> m_serials;
+    size_t m_calls = 0;
 };
 
 // Lets the parser thread take one buffer per permit: the CPU check after
@@ -274,6 +282,29 @@ TEST(ParserThreadTest, HighCpuPausesOncePerSecondAndStopWakesAtOnce)
     parser.Stop();
     EXPECT_LT(Clock::now() - stopAt, 500ms);
     EXPECT_TRUE(log.Contains("Stopping Audit Parser Thread"));
+}
+
+TEST(ParserThreadTest, QueuedTextIsHandedOnInOneBatchButNotHeldThroughAPause)
+{
+    test::RecordingEventBuilder builder;
+    Sink sink;
+    std::atomic<double> usage{80.0};
+    ParserThread parser(
+        builder, sink.Callback(), [&usage] { return usage.load(); }, 50);
+    for (unsigned long serial = 1; serial <= 5; ++serial)
+    {
+        parser.Enqueue(CompleteEvent(serial));
+    }
+    parser.Start();
+    // Text is queued behind the first buffer, yet its event goes on before the pause.
+    ASSERT_TRUE(sink.WaitFor(1, 500ms));
+    EXPECT_EQ(sink.Serials(), std::vector<uint32_t>{1});
+
+    usage = 10.0;
+    ASSERT_TRUE(sink.WaitFor(5, 3000ms));
+    EXPECT_EQ(sink.Serials(), (std::vector<uint32_t>{1, 2, 3, 4, 5}));
+    EXPECT_EQ(sink.Calls(), 2u) << "the buffers queued together are handed on together";
+    parser.Stop();
 }
 
 TEST(ParserThreadTest, StartsOnceAndHandsOnHeldEventsAtStop)
