@@ -1,12 +1,15 @@
 #include "ioc/ProcReader.h"
 
 #include "common/Logging.h"
+#include "common/UniqueFd.h"
+
+#include <fcntl.h>
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
 #include <climits>
-#include <fstream>
 #include <set>
 #include <sstream>
 
@@ -62,15 +65,32 @@ ProcReader::ProcReader(std::string root)
 
 bool ProcReader::ReadFile(const std::string& path, std::string& text)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
+    // A plain descriptor: proc files are read at every process start, and
+    // a stream costs a buffer and a locale per open.
+    const common::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
     {
         return false;
     }
-    std::ostringstream content;
-    content << file.rdbuf();
-    text = content.str();
-    return !file.bad();
+    text.clear();
+    char buffer[4096];
+    for (;;)
+    {
+        const ssize_t got = ::read(fd.Get(), buffer, sizeof(buffer));
+        if (got == 0)
+        {
+            return true;
+        }
+        if (got < 0)
+        {
+            if (errno == EINTR)
+            {
+                continue;
+            }
+            return false;
+        }
+        text.append(buffer, static_cast<size_t>(got));
+    }
 }
 
 std::string ProcReader::PidPath(pid_t pid, const char* entry) const
@@ -136,10 +156,11 @@ std::optional<ProcReader::Stat> ProcReader::ReadStat(pid_t pid) const
 std::optional<int64_t> ProcReader::StartTime(pid_t pid) const
 {
     const auto stat = ReadStat(pid);
-    if (!stat)
-    {
-        return std::nullopt;
-    }
+    return stat ? StartTimeOf(*stat) : std::nullopt;
+}
+
+std::optional<int64_t> ProcReader::StartTimeOf(const Stat& stat) const
+{
     const auto bootTime = BootTime();
     if (!bootTime)
     {
@@ -147,7 +168,7 @@ std::optional<int64_t> ProcReader::StartTime(pid_t pid) const
     }
     const int64_t startTime =
         *bootTime * 1000 +
-        static_cast<int64_t>(stat->startTicks * 1000 / static_cast<uint64_t>(m_ticksPerSecond));
+        static_cast<int64_t>(stat.startTicks * 1000 / static_cast<uint64_t>(m_ticksPerSecond));
     EDR_LOG_DEBUG("Read process start time as " << startTime);
     return startTime;
 }

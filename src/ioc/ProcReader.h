@@ -44,6 +44,8 @@ public:
     // the process does not run. Logs "Read process start time as " at debug
     // level, "Failed to parse startTime: " on a malformed stat.
     std::optional<int64_t> StartTime(pid_t pid) const;
+    // As StartTime, from a stat already read.
+    std::optional<int64_t> StartTimeOf(const Stat& stat) const;
 
     // The exe link ("Failed to get real file path: " on error), without a
     // trailing " (deleted)".

@@ -174,7 +174,7 @@ TEST_F(TtlProcessTreeTest, TagsVerdictsAndStates)
     EXPECT_TRUE(m_tree.RemoveTag(20, TtlProcessTree::kReported));
 }
 
-TEST_F(TtlProcessTreeTest, SiblingsAndAVisitOfManyProcesses)
+TEST_F(TtlProcessTreeTest, SiblingsAndTheTaggedKinAStartingProcessMayInheritFrom)
 {
     Start(10, 1, 400);
     Start(20, 10, 500);
@@ -186,9 +186,31 @@ TEST_F(TtlProcessTreeTest, SiblingsAndAVisitOfManyProcesses)
     EXPECT_THAT(m_tree.GetSiblings(31), ElementsAre(32)) << "a shared parent pid makes siblings";
     EXPECT_THAT(m_tree.GetSiblings(99), IsEmpty());
 
-    std::vector<pid_t> visited;
-    m_tree.VisitProcesses({22, 99, 20}, [&](const ProcessInfo& p) { visited.push_back(p.pid); });
-    EXPECT_THAT(visited, ElementsAre(22, 20));
+    const auto kin = [&](pid_t pid, bool withSiblings)
+    {
+        std::vector<pid_t> visited;
+        m_tree.VisitTaggedKin(pid, withSiblings, [&](const ProcessInfo& p) { visited.push_back(p.pid); });
+        return visited;
+    };
+    m_tree.MarkTerminated(20);
+    m_tree.AddTag(22, TtlProcessTree::kReported);
+    EXPECT_THAT(kin(21, true), IsEmpty()) << "states are no tags to inherit";
+    m_tree.AddTag(22, "Execution", 5);
+    m_tree.AddTag(10, "Persistence", 5);
+    m_tree.AddTag(32, "Discovery", 1);
+    EXPECT_THAT(kin(21, true), ElementsAre(10, 22));
+    EXPECT_THAT(kin(21, false), ElementsAre(10));
+    EXPECT_THAT(kin(31, true), ElementsAre(32));
+    // What leaves or loses its tags is no longer visited; the others still are.
+    m_tree.RemoveTag(10, "Persistence");
+    m_tree.Delete(22);
+    EXPECT_THAT(kin(21, true), IsEmpty());
+    EXPECT_THAT(kin(31, true), ElementsAre(32));
+    m_proc.Exit(32);
+    Start(32, 30, 900); // a reused pid starts without the old tags
+    EXPECT_THAT(kin(31, true), IsEmpty());
+    m_tree.AddTag(20, "Execution", 5);
+    EXPECT_THAT(kin(21, true), ElementsAre(20));
 }
 
 TEST_F(TtlProcessTreeTest, MisuseIsRefusedWithItsText)
