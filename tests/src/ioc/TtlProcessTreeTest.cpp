@@ -13,10 +13,17 @@
 #include "tests/support/TempDir.h"
 
 #include "common/Logging.h"
+#include "common/UniqueFd.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <unistd.h>
@@ -341,3 +348,26 @@ TEST(IocProcessInfoTest, TheScriptOfAProcessStartIsTheExecutedFileOrTheInterpret
 }
 
 } // namespace
+
+TEST(IocImageFileTest, TheInodeFlagsFollowTheFileAtThePath)
+{
+    const vantor::test::TempDir dir;
+    const std::string path = dir.Write("tool", "#!/bin/sh\n");
+    const auto before = ioc::ImageFile::FromPath(path);
+    int flags = 0;
+    {
+        const common::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (before.fsAttributes.empty() || ::ioctl(fd.Get(), FS_IOC_GETFLAGS, &flags) != 0)
+        {
+            GTEST_SKIP() << "the file system keeps no inode flags";
+        }
+        flags |= FS_NOATIME_FL;
+        ASSERT_EQ(::ioctl(fd.Get(), FS_IOC_SETFLAGS, &flags), 0);
+    }
+    char text[16];
+    std::snprintf(text, sizeof(text), "%x", static_cast<unsigned>(flags));
+    EXPECT_EQ(ioc::ImageFile::FromPath(path).fsAttributes, text) << "changed flags are read again";
+    std::filesystem::remove(path);
+    dir.Write("tool", "#!/bin/sh\n");
+    EXPECT_EQ(ioc::ImageFile::FromPath(path).fsAttributes, before.fsAttributes) << "a new file at the path";
+}
