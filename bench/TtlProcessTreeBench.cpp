@@ -166,6 +166,22 @@ void BM_TtlTreeAncestors(benchmark::State& state)
 }
 BENCHMARK(BM_TtlTreeAncestors);
 
+// A process start of a process that runs, with the host's /proc: its stat
+// and boot time, and its image's attributes (python3's, or nothing where
+// there is none).
+void BM_TtlTreeStartOfARunningProcess(benchmark::State& state)
+{
+    Quiet();
+    TtlProcessTree tree("/proc");
+    const BenchEvent start(getpid(), getppid(), 1);
+    for (auto _ : state)
+    {
+        tree.AddOrUpdate(start);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_TtlTreeStartOfARunningProcess);
+
 void BM_TtlTreeSweepHalfExpired(benchmark::State& state)
 {
     Quiet();
