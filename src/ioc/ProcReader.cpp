@@ -159,9 +159,21 @@ std::optional<int64_t> ProcReader::StartTime(pid_t pid) const
     return stat ? StartTimeOf(*stat) : std::nullopt;
 }
 
+std::optional<int64_t> ProcReader::RecentBootTime() const
+{
+    const auto now = std::chrono::steady_clock::now();
+    std::lock_guard lock(m_bootMutex);
+    if (!m_bootTime || now - m_bootTimeReadAt >= std::chrono::seconds(1))
+    {
+        m_bootTime = BootTime();
+        m_bootTimeReadAt = now;
+    }
+    return m_bootTime;
+}
+
 std::optional<int64_t> ProcReader::StartTimeOf(const Stat& stat) const
 {
-    const auto bootTime = BootTime();
+    const auto bootTime = RecentBootTime();
     if (!bootTime)
     {
         return std::nullopt;

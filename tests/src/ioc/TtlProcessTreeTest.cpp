@@ -26,6 +26,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <thread>
 #include <unistd.h>
 
 using namespace vantor;
@@ -370,4 +371,17 @@ TEST(IocImageFileTest, TheInodeFlagsFollowTheFileAtThePath)
     std::filesystem::remove(path);
     dir.Write("tool", "#!/bin/sh\n");
     EXPECT_EQ(ioc::ImageFile::FromPath(path).fsAttributes, before.fsAttributes) << "a new file at the path";
+}
+
+TEST(IocProcessInfoTest, StartTimesFollowAMovedBootTimeWithinASecond)
+{
+    ioc::test::FakeProc fake;
+    fake.Run(20, 1, 500);
+    const ioc::internal::ProcReader proc(fake.Root());
+    EXPECT_EQ(proc.StartTime(20), fake.StartTime(500));
+    fake.SetBootTime(1700000042); // a step of the wall clock moves it
+    std::this_thread::sleep_for(1100ms);
+    EXPECT_EQ(proc.StartTime(20), fake.StartTime(500));
+    fake.Exit(20);
+    EXPECT_EQ(proc.StartTime(20), std::nullopt);
 }
