@@ -7,6 +7,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -129,21 +131,25 @@ std::optional<ProcReader::Stat> ProcReader::ReadStat(pid_t pid) const
         return std::nullopt;
     }
     // The command name may hold spaces and parentheses: the fields start
-    // after the last ')'.
+    // after the last ')'. Only the first 20 of them are needed.
     const auto close = text.rfind(')');
-    std::vector<std::string> fields;
+    std::array<std::string_view, 20> fields;
+    size_t count = 0;
     if (close != std::string::npos)
     {
-        std::istringstream rest(text.substr(close + 1));
-        for (std::string field; rest >> field;)
+        const std::string_view rest = std::string_view(text).substr(close + 1);
+        for (size_t at = rest.find_first_not_of(" \n"); at != std::string_view::npos && count < fields.size();
+             at = rest.find_first_not_of(" \n", at))
         {
-            fields.push_back(field);
+            const size_t end = std::min(rest.find_first_of(" \n", at), rest.size());
+            fields[count++] = rest.substr(at, end - at);
+            at = end;
         }
     }
     Stat stat;
     // fields[0] is the third field of the file (state); the start time is
     // the 22nd.
-    if (fields.size() < 20 || fields[0].size() != 1 || !ParseNumber(fields[1], stat.parentPid) ||
+    if (count < fields.size() || fields[0].size() != 1 || !ParseNumber(fields[1], stat.parentPid) ||
         !ParseNumber(fields[15], stat.priority) || !ParseNumber(fields[19], stat.startTicks))
     {
         EDR_LOG_ERROR("Failed to parse startTime: malformed " << PidPath(pid, "stat"));
