@@ -373,12 +373,19 @@ TEST(IocImageFileTest, TheInodeFlagsFollowTheFileAtThePath)
     EXPECT_EQ(ioc::ImageFile::FromPath(path).fsAttributes, before.fsAttributes) << "a new file at the path";
 }
 
-TEST(IocProcessInfoTest, StartTimesFollowAMovedBootTimeWithinASecond)
+TEST(IocProcessInfoTest, StartTimesFromTheStatAndABootTimeThatMovesWithinASecond)
 {
     ioc::test::FakeProc fake;
-    fake.Run(20, 1, 500);
+    fake.Run(20, 1, 500, "odd) (name");
     const ioc::internal::ProcReader proc(fake.Root());
-    EXPECT_EQ(proc.StartTime(20), fake.StartTime(500));
+    EXPECT_EQ(proc.StartTime(20), fake.StartTime(500)) << "the fields follow the name's last parenthesis";
+    {
+        test::LogCapture log(common::Logging::Edr());
+        std::filesystem::create_directories(fake.Root() + "/21");
+        std::ofstream(fake.Root() + "/21/stat") << "21 (sh) S 1 1 1\n";
+        EXPECT_EQ(proc.StartTime(21), std::nullopt);
+        EXPECT_TRUE(log.Contains("Failed to parse startTime: malformed " + fake.Root() + "/21/stat"));
+    }
     fake.SetBootTime(1700000042); // a step of the wall clock moves it
     std::this_thread::sleep_for(1100ms);
     EXPECT_EQ(proc.StartTime(20), fake.StartTime(500));
