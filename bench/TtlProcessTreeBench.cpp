@@ -166,6 +166,22 @@ void BM_TtlTreeAncestors(benchmark::State& state)
 }
 BENCHMARK(BM_TtlTreeAncestors);
 
+// A process start of a process that runs, with the host's /proc: its stat
+// and boot time, and its image's attributes (python3's, or nothing where
+// there is none).
+void BM_TtlTreeStartOfARunningProcess(benchmark::State& state)
+{
+    Quiet();
+    TtlProcessTree tree("/proc");
+    const BenchEvent start(getpid(), getppid(), 1);
+    for (auto _ : state)
+    {
+        tree.AddOrUpdate(start);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_TtlTreeStartOfARunningProcess);
+
 void BM_TtlTreeSweepHalfExpired(benchmark::State& state)
 {
     Quiet();
@@ -303,6 +319,39 @@ void BM_TaggingVerdictDeepLineage(benchmark::State& state)
         });
 }
 BENCHMARK(BM_TaggingVerdictDeepLineage);
+
+// A build's make with thousands of children, none tagged: the verdict on
+// each child's start, which looks for tags to inherit from its kin.
+void BM_TaggingVerdictBusyParentStart(benchmark::State& state)
+{
+    constexpr pid_t kParent = 100;
+    constexpr pid_t kChildren = 5000;
+    struct ChildEvent : LineageEvent
+    {
+        using LineageEvent::LineageEvent;
+        pid_t GetActorParentProcessId() const override { return kParent; }
+    };
+    Quiet();
+    BenchDir dir;
+    TtlProcessTree tree(dir.Path() + "/proc");
+    tree.AddOrUpdate(LineageEvent(vantor::edr::EventType::Running, kParent, 0));
+    std::vector<vantor::ioc::internal::Engine::EventPtr> starts;
+    for (pid_t pid = kParent + 1; pid <= kParent + kChildren; ++pid)
+    {
+        starts.push_back(std::make_shared<ChildEvent>(vantor::edr::EventType::Running, pid, 0));
+        tree.AddOrUpdate(*starts.back());
+    }
+    vantor::ioc::internal::TaggingEngine engine(tree);
+    engine.ApplySettings(R"({"thresholdScore": 100, "Execution": {"score": 1}})");
+    size_t next = 0;
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(engine.GetVerdict(starts[next]));
+        next = (next + 1) % starts.size();
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_TaggingVerdictBusyParentStart);
 
 } // namespace
 

@@ -26,15 +26,31 @@ LibMagicWrapper::~LibMagicWrapper()
 
 std::string LibMagicWrapper::Describe(const std::string& path) const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    const char* description = magic_file(m_cookie, path.c_str());
-    if (description == nullptr)
+    std::string description;
+    std::string error;
+    if (!TryDescribe(path, description, &error))
     {
-        const char* error = magic_error(m_cookie);
-        throw std::runtime_error("Failed to find type description for " + path +
-                                 (error != nullptr ? std::string(": ") + error : std::string()));
+        throw std::runtime_error(error);
     }
     return description;
+}
+
+bool LibMagicWrapper::TryDescribe(const std::string& path, std::string& description, std::string* error) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const char* text = magic_file(m_cookie, path.c_str());
+    if (text == nullptr)
+    {
+        if (error != nullptr)
+        {
+            const char* reason = magic_error(m_cookie);
+            *error = "Failed to find type description for " + path +
+                     (reason != nullptr ? std::string(": ") + reason : std::string());
+        }
+        return false;
+    }
+    description.assign(text);
+    return true;
 }
 
 } // namespace vantor::edr

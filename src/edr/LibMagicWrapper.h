@@ -26,6 +26,10 @@ public:
     // The description of the file's type ("ASCII text", "directory", ...).
     // Throws std::runtime_error "Failed to find type description for " path.
     std::string Describe(const std::string& path) const;
+    // As Describe, without the exception: false, with the reason in error
+    // (when given), for a file that cannot be described. For callers that
+    // meet missing files often (events about files already gone).
+    bool TryDescribe(const std::string& path, std::string& description, std::string* error = nullptr) const;
 
 private:
     mutable std::mutex m_mutex;

@@ -84,17 +84,18 @@ std::string FileTypeIdentifier::Identify(const std::string& path, uint32_t mode,
             return it->second.second;
         }
     }
-    std::string type;
-    try
-    {
-        type = Classify(m_magic->Describe(path));
-    }
-    catch (const std::runtime_error& e)
+    // Events about files already gone are common: no exception per event,
+    // and the reason is formatted only for a debug log.
+    std::string description;
+    std::string error;
+    const bool debug = common::Logging::Edr().is(Poco::Message::PRIO_DEBUG);
+    if (!m_magic->TryDescribe(path, description, debug ? &error : nullptr))
     {
         // Not remembered: the file may be readable at the next event.
-        EDR_LOG_DEBUG("FileTypeIdentifier: " << e.what());
+        EDR_LOG_DEBUG("FileTypeIdentifier: " << error);
         return kRegularFile;
     }
+    std::string type = Classify(description);
     if (version)
     {
         std::lock_guard lock(m_mutex);

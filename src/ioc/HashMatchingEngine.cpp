@@ -153,7 +153,10 @@ HashMatchingEngine::Lineage HashMatchingEngine::ReadLineage(const edr::Event& ev
 
 void HashMatchingEngine::Forget(const edr::Event& event)
 {
-    for (const auto& path : {EventFields::File(event), EventFields::NewFile(event)})
+    // Only a rename has a new name; other events would throw at the question.
+    const auto newFile =
+        event.GetType() == edr::EventType::Rename ? EventFields::NewFile(event) : std::nullopt;
+    for (const auto& path : {EventFields::File(event), newFile})
     {
         if (path && m_hashes.erase(*path) != 0)
         {

@@ -113,6 +113,48 @@ std::string InodeFlags(const std::string& path)
     return text;
 }
 
+// The inode flags of images by path, valid while the file's device, inode
+// and change time stay: every process start examines its image, mostly the
+// same few executables, and the flags cost an open and an ioctl. Changing
+// the flags changes the change time.
+class FlagsCache
+{
+public:
+    std::string Flags(const std::string& path, const struct stat& st)
+    {
+        const Key key{st.st_dev, st.st_ino, st.st_ctim.tv_sec, st.st_ctim.tv_nsec};
+        {
+            std::lock_guard lock(m_mutex);
+            if (const auto it = m_flags.find(path); it != m_flags.end() && it->second.first == key)
+            {
+                return it->second.second;
+            }
+        }
+        auto flags = InodeFlags(path);
+        std::lock_guard lock(m_mutex);
+        if (m_flags.size() >= kMaxPaths)
+        {
+            m_flags.clear();
+        }
+        m_flags.insert_or_assign(path, std::pair{key, flags});
+        return flags;
+    }
+
+private:
+    struct Key
+    {
+        dev_t device;
+        ino_t inode;
+        time_t changeSeconds;
+        long changeNanoseconds;
+        bool operator==(const Key&) const = default;
+    };
+    static constexpr size_t kMaxPaths = 4096;
+
+    std::mutex m_mutex;
+    std::unordered_map<std::string, std::pair<Key, std::string>> m_flags;
+};
+
 } // namespace
 
 ImageFile ImageFile::FromPath(const std::string& path)
@@ -133,7 +175,8 @@ ImageFile ImageFile::FromPath(const std::string& path)
     image.ownerGroup = GroupName(st.st_gid);
     image.ownerUid = st.st_uid;
     image.ownerName = UserName(st.st_uid);
-    image.fsAttributes = InodeFlags(path);
+    static FlagsCache flags;
+    image.fsAttributes = flags.Flags(path, st);
     return image;
 }
 

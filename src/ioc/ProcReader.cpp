@@ -1,12 +1,17 @@
 #include "ioc/ProcReader.h"
 
 #include "common/Logging.h"
+#include "common/UniqueFd.h"
+
+#include <fcntl.h>
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <charconv>
 #include <climits>
-#include <fstream>
 #include <set>
 #include <sstream>
 
@@ -62,15 +67,32 @@ ProcReader::ProcReader(std::string root)
 
 bool ProcReader::ReadFile(const std::string& path, std::string& text)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
+    // A plain descriptor: proc files are read at every process start, and
+    // a stream costs a buffer and a locale per open.
+    const common::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
     {
         return false;
     }
-    std::ostringstream content;
-    content << file.rdbuf();
-    text = content.str();
-    return !file.bad();
+    text.clear();
+    char buffer[4096];
+    for (;;)
+    {
+        const ssize_t got = ::read(fd.Get(), buffer, sizeof(buffer));
+        if (got == 0)
+        {
+            return true;
+        }
+        if (got < 0)
+        {
+            if (errno == EINTR)
+            {
+                continue;
+            }
+            return false;
+        }
+        text.append(buffer, static_cast<size_t>(got));
+    }
 }
 
 std::string ProcReader::PidPath(pid_t pid, const char* entry) const
@@ -109,21 +131,25 @@ std::optional<ProcReader::Stat> ProcReader::ReadStat(pid_t pid) const
         return std::nullopt;
     }
     // The command name may hold spaces and parentheses: the fields start
-    // after the last ')'.
+    // after the last ')'. Only the first 20 of them are needed.
     const auto close = text.rfind(')');
-    std::vector<std::string> fields;
+    std::array<std::string_view, 20> fields;
+    size_t count = 0;
     if (close != std::string::npos)
     {
-        std::istringstream rest(text.substr(close + 1));
-        for (std::string field; rest >> field;)
+        const std::string_view rest = std::string_view(text).substr(close + 1);
+        for (size_t at = rest.find_first_not_of(" \n"); at != std::string_view::npos && count < fields.size();
+             at = rest.find_first_not_of(" \n", at))
         {
-            fields.push_back(field);
+            const size_t end = std::min(rest.find_first_of(" \n", at), rest.size());
+            fields[count++] = rest.substr(at, end - at);
+            at = end;
         }
     }
     Stat stat;
     // fields[0] is the third field of the file (state); the start time is
     // the 22nd.
-    if (fields.size() < 20 || fields[0].size() != 1 || !ParseNumber(fields[1], stat.parentPid) ||
+    if (count < fields.size() || fields[0].size() != 1 || !ParseNumber(fields[1], stat.parentPid) ||
         !ParseNumber(fields[15], stat.priority) || !ParseNumber(fields[19], stat.startTicks))
     {
         EDR_LOG_ERROR("Failed to parse startTime: malformed " << PidPath(pid, "stat"));
@@ -136,18 +162,31 @@ std::optional<ProcReader::Stat> ProcReader::ReadStat(pid_t pid) const
 std::optional<int64_t> ProcReader::StartTime(pid_t pid) const
 {
     const auto stat = ReadStat(pid);
-    if (!stat)
+    return stat ? StartTimeOf(*stat) : std::nullopt;
+}
+
+std::optional<int64_t> ProcReader::RecentBootTime() const
+{
+    const auto now = std::chrono::steady_clock::now();
+    std::lock_guard lock(m_bootMutex);
+    if (!m_bootTime || now - m_bootTimeReadAt >= std::chrono::seconds(1))
     {
-        return std::nullopt;
+        m_bootTime = BootTime();
+        m_bootTimeReadAt = now;
     }
-    const auto bootTime = BootTime();
+    return m_bootTime;
+}
+
+std::optional<int64_t> ProcReader::StartTimeOf(const Stat& stat) const
+{
+    const auto bootTime = RecentBootTime();
     if (!bootTime)
     {
         return std::nullopt;
     }
     const int64_t startTime =
         *bootTime * 1000 +
-        static_cast<int64_t>(stat->startTicks * 1000 / static_cast<uint64_t>(m_ticksPerSecond));
+        static_cast<int64_t>(stat.startTicks * 1000 / static_cast<uint64_t>(m_ticksPerSecond));
     EDR_LOG_DEBUG("Read process start time as " << startTime);
     return startTime;
 }

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -14,7 +16,8 @@ namespace vantor::ioc::internal
 // reboot or a reused pid are then a matter of writing files).
 //
 // Every read answers nothing (and logs why) when the file is missing or
-// malformed; nothing throws. Stateless apart from the root; thread-safe.
+// malformed; nothing throws. Thread-safe; the only state besides the root is
+// the boot time that start times use, read again after a second.
 class ProcReader
 {
 public:
@@ -44,6 +47,8 @@ public:
     // the process does not run. Logs "Read process start time as " at debug
     // level, "Failed to parse startTime: " on a malformed stat.
     std::optional<int64_t> StartTime(pid_t pid) const;
+    // As StartTime, from a stat already read.
+    std::optional<int64_t> StartTimeOf(const Stat& stat) const;
 
     // The exe link ("Failed to get real file path: " on error), without a
     // trailing " (deleted)".
@@ -63,8 +68,16 @@ private:
     std::string PidPath(pid_t pid, const char* entry) const;
     std::optional<std::string> ReadLink(const std::string& path) const;
 
+    // The boot time, read at most once a second: start times are needed at
+    // every process start, and the kernel writes all of <root>/stat for it.
+    // It moves only with a step of the wall clock.
+    std::optional<int64_t> RecentBootTime() const;
+
     std::string m_root;
     long m_ticksPerSecond;
+    mutable std::mutex m_bootMutex;
+    mutable std::optional<int64_t> m_bootTime;
+    mutable std::chrono::steady_clock::time_point m_bootTimeReadAt;
 };
 
 } // namespace vantor::ioc::internal

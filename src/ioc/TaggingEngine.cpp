@@ -259,18 +259,12 @@ void TaggingEngine::InheritLocked(ProcessInfo& process)
     {
         return;
     }
-    std::vector<pid_t> givers{process.parentPid};
-    if (process.parentPid > 1)
-    {
-        const auto siblings = m_tree.GetSiblings(process.pid);
-        givers.insert(givers.end(), siblings.begin(), siblings.end());
-    }
     // The first giver of each tag that the process may receive, parent
     // first, with its name when the log line will be written.
     const bool logging = DebugEnabled();
     std::array<std::optional<std::pair<pid_t, std::string>>, kTagCount> givenBy;
-    m_tree.VisitProcesses(
-        givers,
+    m_tree.VisitTaggedKin(
+        process.pid, process.parentPid > 1,
         [&](const ProcessInfo& giver)
         {
             // A giver holds few tags (its states among them), and a busy

@@ -31,6 +31,18 @@ TtlProcessTree::Entry* TtlProcessTree::FindLocked(pid_t pid)
     return it == m_entries.end() ? nullptr : &it->second;
 }
 
+void TtlProcessTree::TagsChangedLocked(Entry& entry)
+{
+    m_changed.insert(entry.info.pid);
+    const bool tactic = std::any_of(entry.info.tags.begin(), entry.info.tags.end(),
+                                    [](const auto& tag) { return !IsStateTag(tag.first); });
+    if (tactic != entry.tactic)
+    {
+        entry.tactic = tactic;
+        tactic ? ++m_tacticEntries : --m_tacticEntries;
+    }
+}
+
 void TtlProcessTree::AddOrUpdate(const edr::Event& event)
 {
     const pid_t pid = event.GetActorProcessId();
@@ -38,10 +50,12 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
     {
         throw TtlProcessTreeException(std::to_string(pid) + " cannot be added as actor process information");
     }
-    const auto startTime = m_proc.StartTime(pid);
+    // One read of the process's stat gives the start time and the rest.
+    const auto stat = m_proc.ReadStat(pid);
+    const auto startTime = stat ? m_proc.StartTimeOf(*stat) : std::nullopt;
     auto process =
         ProcessInfo::FromEvent(event, startTime ? *startTime : static_cast<int64_t>(event.GetTimestamp()));
-    if (const auto stat = startTime ? m_proc.ReadStat(pid) : std::nullopt)
+    if (startTime)
     {
         process.priority = stat->priority;
         process.state = ProcessInfo::StateOf(stat->state);
@@ -67,7 +81,7 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
     process.creationTime = entry->info.creationTime;
     const pid_t oldParent = entry->info.parentPid;
     entry->SetInfo(std::move(process));
-    m_changed.insert(pid);
+    TagsChangedLocked(*entry);
     if (oldParent != entry->info.parentPid)
     {
         EDR_LOG_DEBUG("Updating Parent of PID: " << pid << "Old Parent PID:"
@@ -96,8 +110,10 @@ void TtlProcessTree::AddLocked(ProcessInfo process)
     m_changed.insert(pid);
     m_removed.erase(pid);
     auto& entry = m_entries[pid];
+    m_tacticEntries -= entry.tactic ? 1 : 0;
     entry = Entry{};
     entry.SetInfo(std::move(process));
+    TagsChangedLocked(entry);
     // Children that named this pid as their parent before it was known.
     if (const auto waiting = m_waitingChildren.find(pid); waiting != m_waitingChildren.end())
     {
@@ -188,6 +204,7 @@ void TtlProcessTree::DeleteLocked(pid_t pid)
                                                      << " not found while deleting for Process PID: " << pid);
         }
     }
+    m_tacticEntries -= it->second.tactic ? 1 : 0;
     m_entries.erase(it);
     m_removed.insert(pid);
     m_changed.erase(pid);
@@ -310,7 +327,7 @@ bool TtlProcessTree::AddTag(pid_t pid, const std::string& tag, int64_t score)
         entry->info.tags.erase(kExcluded);
     }
     entry->info.tags[tag] = score;
-    m_changed.insert(pid);
+    TagsChangedLocked(*entry);
     return true;
 }
 
@@ -323,7 +340,7 @@ bool TtlProcessTree::RemoveTag(pid_t pid, const std::string& tag)
         EDR_LOG_DEBUG("Failed to remove tag " << tag << " from process " << pid);
         return false;
     }
-    m_changed.insert(pid);
+    TagsChangedLocked(*entry);
     return true;
 }
 
@@ -462,6 +479,7 @@ void TtlProcessTree::Clear()
     m_waitingChildren.clear();
     m_removed.clear();
     m_changed.clear();
+    m_tacticEntries = 0;
 }
 
 void TtlProcessTree::Load(common::SqlStorage& snapshot)
@@ -535,44 +553,12 @@ std::vector<pid_t> TtlProcessTree::GetSiblings(pid_t pid) const
     std::lock_guard lock(m_mutex);
     std::vector<pid_t> siblings;
     const auto it = m_entries.find(pid);
-    if (it == m_entries.end() || it->second.info.parentPid <= 0)
+    if (it != m_entries.end() && it->second.info.parentPid > 0)
     {
-        return siblings;
-    }
-    const pid_t parentPid = it->second.info.parentPid;
-    const std::set<pid_t>* children = nullptr;
-    if (const auto parent = m_entries.find(parentPid); parent != m_entries.end())
-    {
-        children = &parent->second.info.children;
-    }
-    else if (const auto waiting = m_waitingChildren.find(parentPid); waiting != m_waitingChildren.end())
-    {
-        children = &waiting->second;
-    }
-    if (children != nullptr)
-    {
-        for (const pid_t child : *children)
-        {
-            if (child != pid && m_entries.count(child) != 0)
-            {
-                siblings.push_back(child);
-            }
-        }
+        ForEachSiblingLocked(pid, it->second.info.parentPid,
+                             [&siblings](const Entry& sibling) { siblings.push_back(sibling.info.pid); });
     }
     return siblings;
-}
-
-void TtlProcessTree::VisitProcesses(const std::vector<pid_t>& pids,
-                                    const std::function<void(const ProcessInfo&)>& visit) const
-{
-    std::lock_guard lock(m_mutex);
-    for (const pid_t pid : pids)
-    {
-        if (const auto it = m_entries.find(pid); it != m_entries.end())
-        {
-            visit(it->second.info);
-        }
-    }
 }
 
 std::vector<pid_t> TtlProcessTree::AddTagToProcesses(const std::vector<pid_t>& pids, const std::string& tag,
@@ -588,7 +574,7 @@ std::vector<pid_t> TtlProcessTree::AddTagToProcesses(const std::vector<pid_t>& p
         {
             entry->info.tags[tag] = score;
             receivers.push_back(pid);
-            m_changed.insert(pid);
+            TagsChangedLocked(*entry);
         }
     }
     return receivers;

@@ -195,11 +195,37 @@ public:
     // the parent itself is unknown), in pid order; empty for an unknown pid
     // or one without a parent.
     std::vector<pid_t> GetSiblings(pid_t pid) const;
-    // Calls visit with each of the pids' processes that the tree holds, in
-    // the order given. Nothing is copied: visit runs under the tree's lock
-    // and must not call the tree.
-    void VisitProcesses(const std::vector<pid_t>& pids,
-                        const std::function<void(const ProcessInfo&)>& visit) const;
+    // Calls visit (void(const ProcessInfo&)) with the pid's parent and then,
+    // when withSiblings, with its siblings in GetSiblings' order, skipping
+    // those that carry no tag but the states: what a starting process may
+    // inherit. While no process carries such a tag this costs one check,
+    // however many children a busy parent has. Nothing is copied: visit runs
+    // under the tree's lock and must not call the tree.
+    template <typename Visit>
+    void VisitTaggedKin(pid_t pid, bool withSiblings, Visit&& visit) const
+    {
+        std::lock_guard lock(m_mutex);
+        const auto it = m_entries.find(pid);
+        if (m_tacticEntries == 0 || it == m_entries.end() || it->second.info.parentPid <= 0)
+        {
+            return;
+        }
+        const auto visitTagged = [&visit](const Entry& entry)
+        {
+            if (entry.tactic)
+            {
+                visit(entry.info);
+            }
+        };
+        if (const auto parent = m_entries.find(it->second.info.parentPid); parent != m_entries.end())
+        {
+            visitTagged(parent->second);
+        }
+        if (withSiblings)
+        {
+            ForEachSiblingLocked(pid, it->second.info.parentPid, visitTagged);
+        }
+    }
     // Adds the tag with its score, under one lock, to each of the pids that
     // the tree holds, that does not carry the tag yet and that accept (when
     // given) approves; a carried tag keeps its score, so scores only grow.
@@ -217,6 +243,9 @@ private:
         CommandHashes command;
         std::map<uint32_t, EventPtr> events;
         std::chrono::steady_clock::time_point terminatedAt{};
+        // Whether info carries a tag other than the states; TagsChangedLocked
+        // keeps it and the tree's count of such entries.
+        bool tactic = false;
 
         void SetInfo(ProcessInfo&& process)
         {
@@ -232,6 +261,14 @@ private:
     void UnlinkFromParentLocked(pid_t pid, pid_t parentPid);
     void MarkTerminatedLocked(Entry& entry);
     Entry* FindLocked(pid_t pid);
+    // After any change of an entry's tags: its row must be saved, and its
+    // tactic flag follows the tags.
+    void TagsChangedLocked(Entry& entry);
+    // visit: void(const Entry&), for each process the tree holds under
+    // parentPid (also while the parent itself is unknown) but pid, in pid
+    // order.
+    template <typename Visit>
+    void ForEachSiblingLocked(pid_t pid, pid_t parentPid, Visit&& visit) const;
     // visit: bool(const Entry&).
     template <typename Visit>
     bool WalkLineageLocked(pid_t pid, Visit& visit) const;
@@ -254,7 +291,34 @@ private:
     // Pids whose rows changed since the last save (their own fields, tags
     // or children); a save writes only these.
     std::unordered_set<pid_t> m_changed;
+    // Entries whose tactic flag is set.
+    size_t m_tacticEntries = 0;
 };
+
+template <typename Visit>
+void TtlProcessTree::ForEachSiblingLocked(pid_t pid, pid_t parentPid, Visit&& visit) const
+{
+    const std::set<pid_t>* children = nullptr;
+    if (const auto parent = m_entries.find(parentPid); parent != m_entries.end())
+    {
+        children = &parent->second.info.children;
+    }
+    else if (const auto waiting = m_waitingChildren.find(parentPid); waiting != m_waitingChildren.end())
+    {
+        children = &waiting->second;
+    }
+    if (children == nullptr)
+    {
+        return;
+    }
+    for (const pid_t child : *children)
+    {
+        if (const auto it = m_entries.find(child); child != pid && it != m_entries.end())
+        {
+            visit(it->second);
+        }
+    }
+}
 
 template <typename Visit>
 bool TtlProcessTree::WalkLineageLocked(pid_t pid, Visit& visit) const

@@ -13,12 +13,20 @@
 #include "tests/support/TempDir.h"
 
 #include "common/Logging.h"
+#include "common/UniqueFd.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <optional>
+#include <thread>
 #include <unistd.h>
 
 using namespace vantor;
@@ -174,7 +182,7 @@ TEST_F(TtlProcessTreeTest, TagsVerdictsAndStates)
     EXPECT_TRUE(m_tree.RemoveTag(20, TtlProcessTree::kReported));
 }
 
-TEST_F(TtlProcessTreeTest, SiblingsAndAVisitOfManyProcesses)
+TEST_F(TtlProcessTreeTest, SiblingsAndTheTaggedKinAStartingProcessMayInheritFrom)
 {
     Start(10, 1, 400);
     Start(20, 10, 500);
@@ -186,9 +194,31 @@ TEST_F(TtlProcessTreeTest, SiblingsAndAVisitOfManyProcesses)
     EXPECT_THAT(m_tree.GetSiblings(31), ElementsAre(32)) << "a shared parent pid makes siblings";
     EXPECT_THAT(m_tree.GetSiblings(99), IsEmpty());
 
-    std::vector<pid_t> visited;
-    m_tree.VisitProcesses({22, 99, 20}, [&](const ProcessInfo& p) { visited.push_back(p.pid); });
-    EXPECT_THAT(visited, ElementsAre(22, 20));
+    const auto kin = [&](pid_t pid, bool withSiblings)
+    {
+        std::vector<pid_t> visited;
+        m_tree.VisitTaggedKin(pid, withSiblings, [&](const ProcessInfo& p) { visited.push_back(p.pid); });
+        return visited;
+    };
+    m_tree.MarkTerminated(20);
+    m_tree.AddTag(22, TtlProcessTree::kReported);
+    EXPECT_THAT(kin(21, true), IsEmpty()) << "states are no tags to inherit";
+    m_tree.AddTag(22, "Execution", 5);
+    m_tree.AddTag(10, "Persistence", 5);
+    m_tree.AddTag(32, "Discovery", 1);
+    EXPECT_THAT(kin(21, true), ElementsAre(10, 22));
+    EXPECT_THAT(kin(21, false), ElementsAre(10));
+    EXPECT_THAT(kin(31, true), ElementsAre(32));
+    // What leaves or loses its tags is no longer visited; the others still are.
+    m_tree.RemoveTag(10, "Persistence");
+    m_tree.Delete(22);
+    EXPECT_THAT(kin(21, true), IsEmpty());
+    EXPECT_THAT(kin(31, true), ElementsAre(32));
+    m_proc.Exit(32);
+    Start(32, 30, 900); // a reused pid starts without the old tags
+    EXPECT_THAT(kin(31, true), IsEmpty());
+    m_tree.AddTag(20, "Execution", 5);
+    EXPECT_THAT(kin(21, true), ElementsAre(20));
 }
 
 TEST_F(TtlProcessTreeTest, MisuseIsRefusedWithItsText)
@@ -319,3 +349,46 @@ TEST(IocProcessInfoTest, TheScriptOfAProcessStartIsTheExecutedFileOrTheInterpret
 }
 
 } // namespace
+
+TEST(IocImageFileTest, TheInodeFlagsFollowTheFileAtThePath)
+{
+    const vantor::test::TempDir dir;
+    const std::string path = dir.Write("tool", "#!/bin/sh\n");
+    const auto before = ioc::ImageFile::FromPath(path);
+    int flags = 0;
+    {
+        const common::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (before.fsAttributes.empty() || ::ioctl(fd.Get(), FS_IOC_GETFLAGS, &flags) != 0)
+        {
+            GTEST_SKIP() << "the file system keeps no inode flags";
+        }
+        flags |= FS_NOATIME_FL;
+        ASSERT_EQ(::ioctl(fd.Get(), FS_IOC_SETFLAGS, &flags), 0);
+    }
+    char text[16];
+    std::snprintf(text, sizeof(text), "%x", static_cast<unsigned>(flags));
+    EXPECT_EQ(ioc::ImageFile::FromPath(path).fsAttributes, text) << "changed flags are read again";
+    std::filesystem::remove(path);
+    dir.Write("tool", "#!/bin/sh\n");
+    EXPECT_EQ(ioc::ImageFile::FromPath(path).fsAttributes, before.fsAttributes) << "a new file at the path";
+}
+
+TEST(IocProcessInfoTest, StartTimesFromTheStatAndABootTimeThatMovesWithinASecond)
+{
+    ioc::test::FakeProc fake;
+    fake.Run(20, 1, 500, "odd) (name");
+    const ioc::internal::ProcReader proc(fake.Root());
+    EXPECT_EQ(proc.StartTime(20), fake.StartTime(500)) << "the fields follow the name's last parenthesis";
+    {
+        test::LogCapture log(common::Logging::Edr());
+        std::filesystem::create_directories(fake.Root() + "/21");
+        std::ofstream(fake.Root() + "/21/stat") << "21 (sh) S 1 1 1\n";
+        EXPECT_EQ(proc.StartTime(21), std::nullopt);
+        EXPECT_TRUE(log.Contains("Failed to parse startTime: malformed " + fake.Root() + "/21/stat"));
+    }
+    fake.SetBootTime(1700000042); // a step of the wall clock moves it
+    std::this_thread::sleep_for(1100ms);
+    EXPECT_EQ(proc.StartTime(20), fake.StartTime(500));
+    fake.Exit(20);
+    EXPECT_EQ(proc.StartTime(20), std::nullopt);
+}
