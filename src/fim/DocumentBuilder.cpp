@@ -98,9 +98,9 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
     for (size_t i = 0; i < documents.size(); ++i)
     {
         const PendingDocument& document = documents[i];
-        const bool ownPath = document.previousPath == group.objectPath;
+        const bool ownPath = document.PreviousPath() == group.objectPath;
         const std::optional<FileState> before =
-            i == 0 || !ownPath ? m_store.Get(document.previousPath) : previous;
+            i == 0 || !ownPath ? m_store.Get(document.PreviousPath()) : previous;
         const bool settledDocument = document.readsContent && !document.isDirectory;
         BuildOne(document, before, settledDocument ? settled : document.observed,
                  settledDocument ? &*content : nullptr);
@@ -108,7 +108,7 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
         if (!ownPath)
         {
             // The source of a rename is gone.
-            m_store.Remove(document.previousPath);
+            m_store.Remove(document.PreviousPath());
         }
     }
 
@@ -167,12 +167,12 @@ void DocumentBuilder::BuildOne(const PendingDocument& document, const std::optio
                           << document.event->GetEventId());
             return;
         }
-        input.path = document.imagePath;
+        input.path = document.ImagePath();
         input.isDirectory = document.isDirectory;
         input.collectHashes = document.ruleSet && document.ruleSet->collectHashes;
         if (!document.newPath.empty())
         {
-            input.oldPath = document.previousPath;
+            input.oldPath = document.PreviousPath();
             input.newPath = document.newPath;
         }
         input.before = before;

@@ -1,4 +1,5 @@
 #include "fim/AccountNames.h"
+#include "fim/DocumentEvent.h"
 #include "fim/DocumentWriter.h"
 #include "fim/EventDocument.h"
 #include "tests/src/fim/TestEvent.h"
@@ -132,6 +133,51 @@ TEST(FimEventDocumentTest, MandatoryFieldFailureDropsTheDocument)
     const auto rule = Rule(R"("create")");
     EXPECT_THROW(EventDocument::Build(event, MakeInput("/x", false, {&rule}, false, "create")),
                  std::runtime_error);
+}
+
+// A waiting document keeps only what its document reads of the event.
+TEST(FimEventDocumentTest, TheKeptPartOfAnEventWritesTheSameDocument)
+{
+    class WithCommandLine : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        std::string GetCommandLine() const override { return "vim /x"; }
+        std::string GetActorLoginName() const override { throw std::runtime_error("no login"); }
+    } withCommandLine(EventType::Create, "/x");
+    class NoImage : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        std::string GetImage() const override { throw std::runtime_error("no image"); }
+        uint64_t GetFileSize() const override { throw std::runtime_error("no size"); }
+    } noImage(EventType::Create, "/x");
+    const TestEvent imageOnly(EventType::Create, "/x");
+    const auto rule = Rule(R"("create")");
+    const auto input = MakeInput("/x", false, {&rule}, false, "create");
+    for (const TestEvent* event : {&imageOnly, static_cast<const TestEvent*>(&withCommandLine),
+                                   static_cast<const TestEvent*>(&noImage)})
+    {
+        EXPECT_EQ(EventDocument::Build(DocumentEvent(*event), input), EventDocument::Build(*event, input));
+    }
+
+    class NoTime : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        uint64_t GetTimestamp() const override { throw std::runtime_error("no time"); }
+    } noTime(EventType::Create, "/x");
+    const DocumentEvent kept(noTime);
+    EXPECT_EQ(kept.GetEventId(), 77u);
+    try
+    {
+        EventDocument::Build(kept, input);
+        ADD_FAILURE() << "a document without time";
+    }
+    catch (const std::exception& e)
+    {
+        EXPECT_STREQ(e.what(), "no time");
+    }
 }
 
 TEST(FimEventDocumentTest, GivenContentIsUsedAndDirectoriesAreNotRead)
