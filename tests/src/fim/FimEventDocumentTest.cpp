@@ -74,12 +74,20 @@ TEST(FimDocumentWriterTest, ValuesTheEventCannotTellAreUnknown)
     w.StringOrUnknown("name", [] { return std::string("bad\xff"); });
     w.StringOrUnknown("gone", []() -> std::string { throw std::runtime_error("no"); });
     w.EndObject();
-    const auto doc = Parse(w.Text());
+    const auto doc = Parse(w.Take());
     EXPECT_EQ(doc["signed"].GetInt64(), -1);
     EXPECT_EQ(doc["unsigned"].GetUint64(), 4294967295u);
     EXPECT_STREQ(doc["lost"].GetString(), "Unknown");
     EXPECT_STREQ(doc["name"].GetString(), "bad\xEF\xBF\xBD");
     EXPECT_STREQ(doc["gone"].GetString(), "Unknown");
+
+    // The writer goes on with a document of its own; only paths that need it
+    // are escaped.
+    w.StartObject();
+    w.PathMember("escaped", "a\\b");
+    w.PathMember("plain", "/d/\xc3\xa9");
+    w.EndObject();
+    EXPECT_EQ(w.Take(), std::string(R"({"escaped":"a\\\\b","plain":"/d/)") + "\xc3\xa9\"}");
 }
 
 TEST(FimAccountNamesTest, NamesOrTheNumber)
