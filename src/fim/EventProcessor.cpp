@@ -193,19 +193,21 @@ uint64_t EventProcessor::GetFailedCount() const
 void EventProcessor::Spool(std::string document)
 {
     // The callback runs on the spool's task: it must not touch the event.
-    m_spool.WriteAsync(std::move(document),
-                       [failed = m_failedWrites](const common::SpoolStorage::WriteResult& result)
-                       {
-                           if (result.Succeeded())
-                           {
-                               EDR_LOG_DEBUG("Event json written to disc successfully");
-                           }
-                           else
-                           {
-                               failed->fetch_add(1, std::memory_order_relaxed);
-                               EDR_LOG_ERROR("Failed to write Event json to disc: " << result.message);
-                           }
-                       });
+    m_spool.WriteAsync(
+        std::move(document),
+        [failed = m_failedWrites](const common::SpoolStorage::WriteResult& result)
+        {
+            if (result.Succeeded())
+            {
+                EDR_LOG_DEBUG("Event json written to disc successfully");
+            }
+            else
+            {
+                failed->fetch_add(1, std::memory_order_relaxed);
+                EDR_LOG_ERROR("Failed to write Event json to disc: " << result.message);
+            }
+        },
+        common::SpoolStorage::Origin::Own);
 }
 
 } // namespace vantor::fim::internal
