@@ -13,7 +13,9 @@
 // prints one document). Prints documents per
 // second for each stage and for the two together, CPU seconds (getrusage,
 // all threads; the receiver shares the process during the upload) and the
-// peak RSS.
+// peak RSS. Last, the heap that one document waiting for its file to settle
+// holds: the same events into an event processor that lets none settle;
+// and the CPU time to build them.
 
 #include "bench/AuditCorpus.h"
 #include "bench/ResourceUsage.h"
@@ -33,6 +35,8 @@
 #include "edr/LibMagicWrapper.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
+#include "fim/EventProcessor.h"
+#include "fim/EventRuleManager.h"
 #include "fim/UploadSchedule.h"
 #include "tools/TestReceiver.h"
 
@@ -47,6 +51,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <malloc.h>
 #include <sstream>
 
 namespace
@@ -131,6 +136,72 @@ size_t CountSpooledDocuments(const std::string& directory, uint64_t& bytes, bool
         }
     }
     return documents;
+}
+
+size_t HeapInUse()
+{
+    return mallinfo2().uordblks;
+}
+
+// Heap bytes per waiting document: the corpus through a second router whose
+// handler feeds an event processor that waits an hour for files to settle.
+// A first run, built at once, fills the process tree and the file states;
+// only the waiting documents of a second run are counted.
+void MeasurePending(const AuditCorpus& corpus, size_t eventCount, const std::string& work,
+                    common::SpoolStorage& spool)
+{
+    auto router = std::make_shared<FimRouter>(std::make_shared<audit::ProcessTree>());
+    fim::internal::EventRuleManager rules(*router, "fim-pending");
+    if (rules.LoadManifest(work + "/manifest.json"))
+    {
+        std::fprintf(stderr, "pending: the manifest was refused\n");
+        return;
+    }
+    fim::internal::EventProcessor::Settings settings;
+    settings.settleTime = std::chrono::hours(1);
+    settings.maxPending = eventCount;
+    fim::internal::EventProcessor processor(rules, spool, nullptr, settings);
+    router->RegisterEventHandlers(
+        "fim-pending", [&](edr::Event& event) { processor.HandleEvent(event); }, [] {});
+    audit::AuditEventBuilder builder(std::make_shared<const edr::LibMagicWrapper>(kMagicDatabase));
+    const auto run = [&](uint32_t firstSerial)
+    {
+        const std::string text = corpus.Generate(eventCount, firstSerial);
+        audit::AuparseFeed feed(builder);
+        const auto process = [&](audit::AuparseFeed::Events events)
+        {
+            for (auto& event : events)
+            {
+                router->ProcessEvent(std::move(event));
+            }
+        };
+        const auto* data = reinterpret_cast<const uint8_t*>(text.data());
+        for (size_t at = 0; at < text.size(); at += kChunkSize)
+        {
+            process(feed.Feed(data + at, std::min(kChunkSize, text.size() - at)));
+        }
+        process(feed.Flush());
+    };
+    run(kFirstSerial + 2 * static_cast<uint32_t>(eventCount));
+    processor.Flush();
+    spool.FlushDataCache();
+    const size_t heap0 = HeapInUse();
+    run(kFirstSerial + 4 * static_cast<uint32_t>(eventCount));
+    const size_t pending = processor.GetPendingCount();
+    const size_t heap1 = HeapInUse();
+    std::printf("pending documents: %zu, heap %.1f MB, %.0f bytes per pending document\n", pending,
+                static_cast<double>(heap1 - heap0) / 1e6,
+                pending > 0 ? static_cast<double>(heap1 - heap0) / static_cast<double>(pending) : 0.0);
+    router->UnregisterEventHandlers("fim-pending");
+    // The document thread's work alone: every waiting document built and
+    // spooled at once.
+    const double cpu0 = ResourceUsage::CpuSeconds();
+    processor.Flush();
+    spool.FlushDataCache();
+    const double cpu = ResourceUsage::CpuSeconds() - cpu0;
+    std::printf("building them: CPU %.2f s, %.1f us per document\n", cpu,
+                pending > 0 ? cpu * 1e6 / static_cast<double>(pending) : 0.0);
+    processor.Stop();
 }
 
 double Seconds(Clock::duration duration)
@@ -264,6 +335,7 @@ int Run(size_t eventCount, bool show)
 
     service->Stop();
     receiver.Stop();
+    MeasurePending(corpus, eventCount, work, spool);
     return left == 0 ? 0 : 1;
 }
 

@@ -12,9 +12,9 @@ SpoolCache::SpoolCache(std::unique_ptr<SpoolDataFormatter> formatter, ScheduleSy
 {
 }
 
-std::size_t SpoolCache::Append(std::string_view record, std::chrono::seconds maxAge)
+std::size_t SpoolCache::Append(std::string_view record, std::chrono::seconds maxAge, bool own)
 {
-    const std::size_t added = m_formatter->Append(record);
+    const std::size_t added = own ? m_formatter->AppendOwn(record) : m_formatter->Append(record);
     const bool started = m_records == 0;
     m_size += added;
     ++m_records;

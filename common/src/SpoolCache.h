@@ -34,8 +34,9 @@ public:
 
     // Adds a record and answers the bytes it added to the cache. A record
     // the formatter refuses throws, and the cache is unchanged. The first
-    // record of a cache arms the sync maxAge later.
-    std::size_t Append(std::string_view record, std::chrono::seconds maxAge);
+    // record of a cache arms the sync maxAge later. An own record goes to the
+    // formatter's AppendOwn.
+    std::size_t Append(std::string_view record, std::chrono::seconds maxAge, bool own = false);
 
     // The serialised cache; empty when the formatter gives nothing. When the
     // formatter fails, the cache is dropped and SpoolStorageException

@@ -19,6 +19,9 @@ public:
     // cache grew by. Throws for a record the formatter refuses; the cache is
     // then unchanged.
     virtual std::size_t Append(std::string_view record) = 0;
+    // The same for a record that its writer made in the form the formatter
+    // takes (SpoolStorage::Origin::Own): a formatter may skip its checks.
+    virtual std::size_t AppendOwn(std::string_view record) { return Append(record); }
 
     // Writes the serialised cache into out (replacing its content). The cache
     // itself is kept until Reset(). Throws when the cache cannot be serialised.

@@ -138,13 +138,13 @@ std::chrono::seconds SpoolStorage::MaxFileAge() const
 
 // ---- writing ---------------------------------------------------------------
 
-void SpoolStorage::WriteAsync(std::string data, WriteCallback callback)
+void SpoolStorage::WriteAsync(std::string data, WriteCallback callback, Origin origin)
 {
     if (data.size() > m_maxFileSize.load(std::memory_order_relaxed))
     {
         throw SpoolStorageException("SpoolStorage::WriteAsync: data is larger than max file size");
     }
-    m_writes->WriteAsync(std::move(data), std::move(callback));
+    m_writes->WriteAsync(std::move(data), std::move(callback), origin == Origin::Own);
 }
 
 SpoolStorage::WriteResult SpoolStorage::Write(std::string data)
@@ -174,13 +174,13 @@ void SpoolStorage::DrainPending()
         std::lock_guard lock(m_mutex);
         for (std::size_t i = 0; i < batch.size(); ++i)
         {
-            m_drainResults[i] = AddRecordLocked(batch[i].data);
+            m_drainResults[i] = AddRecordLocked(batch[i].data, batch[i].own);
         }
     }
     m_writes->CompleteBatch(m_drainResults);
 }
 
-SpoolStorage::WriteResult SpoolStorage::AddRecordLocked(const std::string& data)
+SpoolStorage::WriteResult SpoolStorage::AddRecordLocked(const std::string& data, bool own)
 {
     const std::uint64_t maxFileSize = m_maxFileSize.load(std::memory_order_relaxed);
     if (!m_cache->Empty() && m_cache->Size() + data.size() > maxFileSize)
@@ -190,7 +190,7 @@ SpoolStorage::WriteResult SpoolStorage::AddRecordLocked(const std::string& data)
     }
     try
     {
-        m_cache->Append(data, MaxFileAge());
+        m_cache->Append(data, MaxFileAge(), own);
     }
     catch (const std::exception& e)
     {

@@ -130,9 +130,18 @@ public:
     SpoolStorage(const SpoolStorage&) = delete;
     SpoolStorage& operator=(const SpoolStorage&) = delete;
 
+    // Where a record comes from: its writer's own, or text from outside that
+    // the formatter checks.
+    enum class Origin
+    {
+        Outside,
+        Own
+    };
+
     // Queues a record; the callback (may be empty) runs on the spool's task
-    // once the record is in the cache.
-    void WriteAsync(std::string data, WriteCallback callback);
+    // once the record is in the cache. An Own record was made by its writer
+    // in the formatter's form (SpoolDataFormatter::AppendOwn).
+    void WriteAsync(std::string data, WriteCallback callback, Origin origin = Origin::Outside);
     // Queues a record and waits until it is in the cache. Must not be called
     // from a write callback.
     WriteResult Write(std::string data);
@@ -168,7 +177,7 @@ private:
     // At least 1 MiB, or eight records of the largest size.
     std::size_t PendingLimit() const;
     void DrainPending();
-    WriteResult AddRecordLocked(const std::string& data);
+    WriteResult AddRecordLocked(const std::string& data, bool own);
     // Answers whether the held files and the cache are now on disk;
     // failures are logged.
     bool FlushDataCacheLocked();

@@ -21,9 +21,9 @@ SpoolWriteQueue::SpoolWriteQueue(ScheduleDrain scheduleDrain, Limit limit)
 
 SpoolWriteQueue::~SpoolWriteQueue() = default;
 
-void SpoolWriteQueue::WriteAsync(std::string data, Callback callback)
+void SpoolWriteQueue::WriteAsync(std::string data, Callback callback, bool own)
 {
-    Enqueue(Pending{std::move(data), std::move(callback), nullptr});
+    Enqueue(Pending{std::move(data), std::move(callback), nullptr, own});
 }
 
 SpoolWriteQueue::Result SpoolWriteQueue::Write(std::string data)

@@ -38,6 +38,7 @@ public:
         std::string data;
         Callback callback;        // may be empty
         Waiter* waiter = nullptr; // set for Write
+        bool own = false;         // SpoolStorage::Origin::Own
     };
 
     SpoolWriteQueue(ScheduleDrain scheduleDrain, Limit limit);
@@ -46,7 +47,7 @@ public:
     SpoolWriteQueue(const SpoolWriteQueue&) = delete;
     SpoolWriteQueue& operator=(const SpoolWriteQueue&) = delete;
 
-    void WriteAsync(std::string data, Callback callback);
+    void WriteAsync(std::string data, Callback callback, bool own);
     // Waits until the record has been drained or failed. Must not be called
     // from a write callback, which runs on the drain task.
     Result Write(std::string data);

@@ -21,13 +21,38 @@ TaskQueue::~TaskQueue()
 bool TaskQueue::Post(Task task)
 {
     RequireTask(task);
-    return Accept([&] { m_tasks.push_back(std::move(task)); });
+    bool wake = false;
+    {
+        std::lock_guard lock(m_mutex);
+        if (!m_accepting)
+        {
+            return false;
+        }
+        // The thread waits only on an empty queue: a task behind others
+        // needs no signal.
+        wake = m_tasks.empty();
+        m_tasks.push_back(std::move(task));
+    }
+    if (wake)
+    {
+        m_cv.notify_one();
+    }
+    return true;
 }
 
 bool TaskQueue::PostAt(SteadyClock::time_point when, Task task)
 {
     RequireTask(task);
-    return Accept([&] { m_timed.emplace(when, std::move(task)); });
+    {
+        std::lock_guard lock(m_mutex);
+        if (!m_accepting)
+        {
+            return false;
+        }
+        m_timed.emplace(when, std::move(task));
+    }
+    m_cv.notify_one();
+    return true;
 }
 
 void TaskQueue::RequireTask(const Task& task) const
@@ -36,20 +61,6 @@ void TaskQueue::RequireTask(const Task& task) const
     {
         throw std::invalid_argument(Name() + ": task cannot be empty");
     }
-}
-
-bool TaskQueue::Accept(const std::function<void()>& enqueue)
-{
-    {
-        std::lock_guard lock(m_mutex);
-        if (!m_accepting)
-        {
-            return false;
-        }
-        enqueue();
-    }
-    m_cv.notify_one();
-    return true;
 }
 
 void TaskQueue::Shutdown()

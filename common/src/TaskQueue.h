@@ -45,7 +45,6 @@ private:
     void Run() override;
     void OnStop() override;
     void RequireTask(const Task& task) const;
-    bool Accept(const std::function<void()>& enqueue);
 
     std::mutex m_mutex;
     std::condition_variable m_cv;

@@ -94,13 +94,28 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
         settled = WithHash(observed, *content);
     }
 
+    // The stored state of the object is read at most once: until the group
+    // is done only other paths (a rename's source) leave the store.
+    std::optional<FileState> stored;
+    bool storedRead = false;
+    const auto storedState = [&]() -> const std::optional<FileState>&
+    {
+        if (!storedRead)
+        {
+            stored = m_store.Get(group.objectPath);
+            storedRead = true;
+        }
+        return stored;
+    };
+
     std::optional<FileState> previous;
     for (size_t i = 0; i < documents.size(); ++i)
     {
         const PendingDocument& document = documents[i];
-        const bool ownPath = document.previousPath == group.objectPath;
-        const std::optional<FileState> before =
-            i == 0 || !ownPath ? m_store.Get(document.previousPath) : previous;
+        const bool ownPath = document.PreviousPath() == group.objectPath;
+        const std::optional<FileState> before = !ownPath ? m_store.Get(document.PreviousPath())
+                                                : i == 0 ? storedState()
+                                                         : previous;
         const bool settledDocument = document.readsContent && !document.isDirectory;
         BuildOne(document, before, settledDocument ? settled : document.observed,
                  settledDocument ? &*content : nullptr);
@@ -108,7 +123,7 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
         if (!ownPath)
         {
             // The source of a rename is gone.
-            m_store.Remove(document.previousPath);
+            m_store.Remove(document.PreviousPath());
         }
     }
 
@@ -118,7 +133,7 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
         m_store.Remove(group.objectPath);
         return;
     }
-    KeepKnownHash(*last, m_store.Get(group.objectPath));
+    KeepKnownHash(*last, storedState());
     m_store.Put(group.objectPath, *last);
 }
 
@@ -167,12 +182,12 @@ void DocumentBuilder::BuildOne(const PendingDocument& document, const std::optio
                           << document.event->GetEventId());
             return;
         }
-        input.path = document.imagePath;
+        input.path = document.ImagePath();
         input.isDirectory = document.isDirectory;
         input.collectHashes = document.ruleSet && document.ruleSet->collectHashes;
         if (!document.newPath.empty())
         {
-            input.oldPath = document.previousPath;
+            input.oldPath = document.PreviousPath();
             input.newPath = document.newPath;
         }
         input.before = before;

@@ -80,7 +80,7 @@ void DocumentThread::Add(PendingDocument document, bool settles)
     {
         // No thread to wait for: build here.
         lock.unlock();
-        PendingDocuments::Group group{document.objectPath, {}};
+        PendingDocuments::Group group{document.ObjectPath(), {}};
         group.documents.push_back(std::move(document));
         Build(group);
         return;

@@ -3,6 +3,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <string>
@@ -18,11 +19,17 @@ namespace vantor::fim::internal
 // text with U+FFFD in place of each byte that does not start a valid
 // sequence. Values that the event cannot tell are written as "Unknown".
 //
-// Not thread-safe; one writer per document.
+// Text that is valid as it is (most is) is written without a copy. A writer
+// may be reused: Take() hands the document over and starts the next one in
+// the same buffer (a buffer grown past kKeptBytes by a large document is
+// given back).
+//
+// Not thread-safe; one document at a time.
 class DocumentWriter
 {
 public:
     static constexpr const char* kUnknown = "Unknown";
+    static constexpr std::size_t kKeptBytes = 64 * 1024;
 
     DocumentWriter();
 
@@ -85,6 +92,10 @@ public:
 
     // The text written so far.
     std::string Text() const { return {m_buffer.GetString(), m_buffer.GetSize()}; }
+    // The text written so far; the writer then starts a new document.
+    std::string Take();
+    // Drops what was written and starts a new document.
+    void Reset();
 
     // The text with every invalid byte replaced by U+FFFD; the result lives
     // in scratch.

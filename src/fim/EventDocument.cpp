@@ -178,7 +178,9 @@ std::string EventDocument::Build(const edr::Event& event, const Input& input)
     const uint32_t eventId = event.GetEventId();
     const ContentReader::Content* content = input.isDirectory ? nullptr : input.content;
 
-    DocumentWriter w;
+    // One writer per thread: its buffer is reused by the next document.
+    thread_local DocumentWriter w;
+    w.Reset();
     w.StartObject();
     w.Member("successStatus", success ? "yes" : "no");
     w.Member("timestamp",
@@ -219,7 +221,7 @@ std::string EventDocument::Build(const edr::Event& event, const Input& input)
     w.EndArray();
     WriteActor(w, event);
     w.EndObject();
-    return w.Text();
+    return w.Take();
 }
 
 } // namespace vantor::fim::internal

@@ -2,6 +2,7 @@
 
 #include "common/Logging.h"
 #include "common/SpoolStorage.h"
+#include "fim/DocumentEvent.h"
 #include "fim/PostProcessor.h"
 
 #include <sys/stat.h>
@@ -119,7 +120,7 @@ void EventProcessor::HandleEvent(edr::Event& event)
     try
     {
         const uint32_t eventId = event.GetEventId();
-        const std::string path = event.GetFile();
+        std::string path = event.GetFile();
         EDR_LOG_DEBUG("Processing Event id: " << eventId << " path: " << path);
         PendingDocument document;
         document.type = event.GetType();
@@ -165,15 +166,14 @@ void EventProcessor::HandleEvent(edr::Event& event)
             return;
         }
 
-        document.previousPath = path;
-        document.objectPath = document.newPath.empty() ? path : document.newPath;
-        document.imagePath = atSource ? path : document.objectPath;
+        document.path = std::move(path);
+        document.imageAtPath = atSource;
         document.readsContent = ReadsContent(document);
         if (document.type != edr::EventType::Delete)
         {
-            document.observed = FileState::Observe(document.objectPath);
+            document.observed = FileState::Observe(document.ObjectPath());
         }
-        document.event = event.Clone();
+        document.event = std::make_unique<DocumentEvent>(event);
         const bool settles = document.readsContent;
         m_thread.Add(std::move(document), settles);
     }
@@ -193,19 +193,21 @@ uint64_t EventProcessor::GetFailedCount() const
 void EventProcessor::Spool(std::string document)
 {
     // The callback runs on the spool's task: it must not touch the event.
-    m_spool.WriteAsync(std::move(document),
-                       [failed = m_failedWrites](const common::SpoolStorage::WriteResult& result)
-                       {
-                           if (result.Succeeded())
-                           {
-                               EDR_LOG_DEBUG("Event json written to disc successfully");
-                           }
-                           else
-                           {
-                               failed->fetch_add(1, std::memory_order_relaxed);
-                               EDR_LOG_ERROR("Failed to write Event json to disc: " << result.message);
-                           }
-                       });
+    m_spool.WriteAsync(
+        std::move(document),
+        [failed = m_failedWrites](const common::SpoolStorage::WriteResult& result)
+        {
+            if (result.Succeeded())
+            {
+                EDR_LOG_DEBUG("Event json written to disc successfully");
+            }
+            else
+            {
+                failed->fetch_add(1, std::memory_order_relaxed);
+                EDR_LOG_ERROR("Failed to write Event json to disc: " << result.message);
+            }
+        },
+        common::SpoolStorage::Origin::Own);
 }
 
 } // namespace vantor::fim::internal

@@ -85,6 +85,8 @@ public:
     // Adds that found every pending place taken (their documents were built
     // early).
     uint64_t GetOverflowCount() const { return m_thread.GetOverflowCount(); }
+    // Documents that wait for their file to settle.
+    size_t GetPendingCount() const { return m_thread.GetPendingCount(); }
     // Objects whose content could not be read for a document.
     uint64_t GetUnreadableCount() const { return m_builder.GetUnreadableCount(); }
     // Events and documents lost on the way to the spool: handling that

@@ -50,6 +50,16 @@ std::size_t JsonDataFormatter::Append(std::string_view record)
     {
         throw std::invalid_argument("fim::JsonDataFormatter: 'data' is not a valid JSON object");
     }
+    return Add(record, size);
+}
+
+std::size_t JsonDataFormatter::AppendOwn(std::string_view record)
+{
+    return Add(record, record.size());
+}
+
+std::size_t JsonDataFormatter::Add(std::string_view record, std::size_t size)
+{
     const bool first = m_events.empty();
     if (!first)
     {

@@ -13,8 +13,10 @@ namespace vantor::fim::internal
 {
 
 // One event that passed post-processing and waits for its document. The
-// event handler's event is gone once the handler returns, so this holds a
-// copy of it, and the rule set whose rules it matched.
+// event handler's event is gone once the handler returns, so this holds what
+// the document reads of it (DocumentEvent), and the rule set whose rules it
+// matched. The paths are kept once each: the event's path and a rename's
+// destination; the others are one of the two.
 struct PendingDocument
 {
     std::unique_ptr<edr::Event> event;
@@ -22,23 +24,28 @@ struct PendingDocument
     // The rules that passed, in rule order; the document's action picks
     // among them.
     std::vector<const EventRule*> rules;
-    edr::EventType type = edr::EventType::Create;
-    // The path the document reports.
-    std::string imagePath;
-    // Where the object is now: its content is read there, and documents are
-    // ordered and settled per this path. A rename's destination.
-    std::string objectPath;
-    // Whose last known state is the "before" of the document: the object
-    // path, or a rename's source.
-    std::string previousPath;
+    // The event's path: a rename's source.
+    std::string path;
     // Destination of a rename, else empty.
     std::string newPath;
+    // The object as the handler saw it; nothing when it was gone.
+    std::optional<FileState> observed;
+    edr::EventType type = edr::EventType::Create;
+    // The document reports path (a rule watches it), else the object path.
+    bool imageAtPath = true;
     bool isDirectory = false;
     // The document carries content or hash, or needs the settled content to
     // tell a content change from a change of timestamps.
     bool readsContent = false;
-    // The object as the handler saw it; nothing when it was gone.
-    std::optional<FileState> observed;
+
+    // The path the document reports.
+    const std::string& ImagePath() const { return imageAtPath ? path : ObjectPath(); }
+    // Where the object is now: its content is read there, and documents are
+    // ordered and settled per this path. A rename's destination.
+    const std::string& ObjectPath() const { return newPath.empty() ? path : newPath; }
+    // Whose last known state is the "before" of the document: the object
+    // path, or a rename's source.
+    const std::string& PreviousPath() const { return path; }
 };
 
 } // namespace vantor::fim::internal

@@ -8,9 +8,11 @@ namespace vantor::fim::internal
 void PendingDocuments::Add(PendingDocument document, bool settles, Clock::time_point now,
                            Clock::duration settleTime)
 {
-    const std::string path = document.objectPath;
-    auto [it, added] = m_groups.try_emplace(path);
+    auto [it, added] = m_groups.try_emplace(document.ObjectPath());
     Pending& group = it->second;
+    // A group that waits already moves its place in the due order (its node
+    // is reused).
+    decltype(m_byDue)::node_type place;
     if (added)
     {
         group.first = now;
@@ -19,14 +21,22 @@ void PendingDocuments::Add(PendingDocument document, bool settles, Clock::time_p
     }
     else
     {
-        m_byDue.erase({{group.due, group.sequence}, path});
+        place = m_byDue.extract({group.due, group.sequence});
     }
     if (settles)
     {
         group.due =
             std::max(group.due, std::min(now + settleTime, group.first + kMaxHoldFactor * settleTime));
     }
-    m_byDue.insert({{group.due, group.sequence}, path});
+    if (place)
+    {
+        place.key() = {group.due, group.sequence};
+        m_byDue.insert(std::move(place));
+    }
+    else
+    {
+        m_byDue.emplace(DueKey{group.due, group.sequence}, it);
+    }
     group.documents.push_back(std::move(document));
     ++m_size;
 }
@@ -37,7 +47,7 @@ std::optional<PendingDocuments::Group> PendingDocuments::TakeDue(Clock::time_poi
     {
         return std::nullopt;
     }
-    return Take(m_byDue.begin());
+    return Take();
 }
 
 std::optional<PendingDocuments::Group> PendingDocuments::TakeFirst()
@@ -46,7 +56,7 @@ std::optional<PendingDocuments::Group> PendingDocuments::TakeFirst()
     {
         return std::nullopt;
     }
-    return Take(m_byDue.begin());
+    return Take();
 }
 
 std::optional<PendingDocuments::Clock::time_point> PendingDocuments::NextDue() const
@@ -58,13 +68,13 @@ std::optional<PendingDocuments::Clock::time_point> PendingDocuments::NextDue() c
     return m_byDue.begin()->first.first;
 }
 
-PendingDocuments::Group PendingDocuments::Take(std::set<std::pair<DueKey, std::string>>::iterator it)
+PendingDocuments::Group PendingDocuments::Take()
 {
-    const auto group = m_groups.find(it->second);
-    Group out{it->second, std::move(group->second.documents)};
+    const auto first = m_byDue.begin();
+    auto group = m_groups.extract(first->second);
+    m_byDue.erase(first);
+    Group out{std::move(group.key()), std::move(group.mapped().documents)};
     m_size -= out.documents.size();
-    m_groups.erase(group);
-    m_byDue.erase(it);
     return out;
 }
 

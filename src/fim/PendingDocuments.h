@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -60,13 +59,15 @@ private:
     };
 
     using DueKey = std::pair<Clock::time_point, uint64_t>;
+    using Groups = std::map<std::string, Pending>;
 
-    Group Take(std::set<std::pair<DueKey, std::string>>::iterator it);
+    Group Take();
 
-    std::map<std::string, Pending> m_groups;
-    // (due, sequence) -> path: the order groups fall due; the sequence keeps
-    // groups of equal due time in arrival order.
-    std::set<std::pair<DueKey, std::string>> m_byDue;
+    Groups m_groups;
+    // (due, sequence) -> group: the order groups fall due; the sequence keeps
+    // groups of equal due time in arrival order. Map iterators stay valid
+    // until their group is taken.
+    std::map<DueKey, Groups::iterator> m_byDue;
     uint64_t m_sequence = 0;
     size_t m_size = 0;
 };

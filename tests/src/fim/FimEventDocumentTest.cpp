@@ -1,4 +1,5 @@
 #include "fim/AccountNames.h"
+#include "fim/DocumentEvent.h"
 #include "fim/DocumentWriter.h"
 #include "fim/EventDocument.h"
 #include "tests/src/fim/TestEvent.h"
@@ -73,12 +74,20 @@ TEST(FimDocumentWriterTest, ValuesTheEventCannotTellAreUnknown)
     w.StringOrUnknown("name", [] { return std::string("bad\xff"); });
     w.StringOrUnknown("gone", []() -> std::string { throw std::runtime_error("no"); });
     w.EndObject();
-    const auto doc = Parse(w.Text());
+    const auto doc = Parse(w.Take());
     EXPECT_EQ(doc["signed"].GetInt64(), -1);
     EXPECT_EQ(doc["unsigned"].GetUint64(), 4294967295u);
     EXPECT_STREQ(doc["lost"].GetString(), "Unknown");
     EXPECT_STREQ(doc["name"].GetString(), "bad\xEF\xBF\xBD");
     EXPECT_STREQ(doc["gone"].GetString(), "Unknown");
+
+    // The writer goes on with a document of its own; only paths that need it
+    // are escaped.
+    w.StartObject();
+    w.PathMember("escaped", "a\\b");
+    w.PathMember("plain", "/d/\xc3\xa9");
+    w.EndObject();
+    EXPECT_EQ(w.Take(), std::string(R"({"escaped":"a\\\\b","plain":"/d/)") + "\xc3\xa9\"}");
 }
 
 TEST(FimAccountNamesTest, NamesOrTheNumber)
@@ -132,6 +141,51 @@ TEST(FimEventDocumentTest, MandatoryFieldFailureDropsTheDocument)
     const auto rule = Rule(R"("create")");
     EXPECT_THROW(EventDocument::Build(event, MakeInput("/x", false, {&rule}, false, "create")),
                  std::runtime_error);
+}
+
+// A waiting document keeps only what its document reads of the event.
+TEST(FimEventDocumentTest, TheKeptPartOfAnEventWritesTheSameDocument)
+{
+    class WithCommandLine : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        std::string GetCommandLine() const override { return "vim /x"; }
+        std::string GetActorLoginName() const override { throw std::runtime_error("no login"); }
+    } withCommandLine(EventType::Create, "/x");
+    class NoImage : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        std::string GetImage() const override { throw std::runtime_error("no image"); }
+        uint64_t GetFileSize() const override { throw std::runtime_error("no size"); }
+    } noImage(EventType::Create, "/x");
+    const TestEvent imageOnly(EventType::Create, "/x");
+    const auto rule = Rule(R"("create")");
+    const auto input = MakeInput("/x", false, {&rule}, false, "create");
+    for (const TestEvent* event : {&imageOnly, static_cast<const TestEvent*>(&withCommandLine),
+                                   static_cast<const TestEvent*>(&noImage)})
+    {
+        EXPECT_EQ(EventDocument::Build(DocumentEvent(*event), input), EventDocument::Build(*event, input));
+    }
+
+    class NoTime : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        uint64_t GetTimestamp() const override { throw std::runtime_error("no time"); }
+    } noTime(EventType::Create, "/x");
+    const DocumentEvent kept(noTime);
+    EXPECT_EQ(kept.GetEventId(), 77u);
+    try
+    {
+        EventDocument::Build(kept, input);
+        ADD_FAILURE() << "a document without time";
+    }
+    catch (const std::exception& e)
+    {
+        EXPECT_STREQ(e.what(), "no time");
+    }
 }
 
 TEST(FimEventDocumentTest, GivenContentIsUsedAndDirectoriesAreNotRead)

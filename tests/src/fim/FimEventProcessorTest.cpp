@@ -208,9 +208,11 @@ TEST(FimJsonDataFormatterTest, CollectsObjectsIntoOneEventsArray)
     }
     // Kept as written, without the space around it or a terminating NUL.
     EXPECT_EQ(formatter.Append(std::string(" {\"c\":[]}\n\0", 11)), 12u) << "its size and the comma";
+    // The processor's own documents are taken as they are.
+    EXPECT_EQ(formatter.AppendOwn(R"({"d":2})"), 8u);
     std::string out;
     formatter.Serialize(out);
-    EXPECT_EQ(out, R"({"events":[{"a":1},{"b":"x"},{"c":[]}]})");
+    EXPECT_EQ(out, R"({"events":[{"a":1},{"b":"x"},{"c":[]},{"d":2}]})");
     rapidjson::Document parsed;
     EXPECT_TRUE(vantor::util::ParseJson(parsed, out));
     formatter.Reset();
