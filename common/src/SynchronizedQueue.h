@@ -17,7 +17,9 @@ public:
 };
 
 // A queue of shared elements between threads. Consumers check Size() or wait
-// with WaitForData() before taking.
+// with WaitForData() before taking. A consumer waits only on an empty queue,
+// so only the push that ends the emptiness signals: a producer pushing one
+// element per event does not pay a wake-up per event.
 template <typename T>
 class SynchronizedQueue
 {
@@ -26,26 +28,36 @@ public:
 
     void Push(Element element)
     {
+        bool wasEmpty = false;
         {
             std::lock_guard lock(m_mutex);
+            wasEmpty = m_queue.empty();
             m_queue.push_back(std::move(element));
         }
-        m_cv.notify_one();
+        if (wasEmpty)
+        {
+            m_cv.notify_one();
+        }
     }
 
     // Pushes unless the queue already holds capacity elements; the check
     // and the push are one step under the lock.
     bool TryPush(Element element, size_t capacity)
     {
+        bool wasEmpty = false;
         {
             std::lock_guard lock(m_mutex);
             if (m_queue.size() >= capacity)
             {
                 return false;
             }
+            wasEmpty = m_queue.empty();
             m_queue.push_back(std::move(element));
         }
-        m_cv.notify_one();
+        if (wasEmpty)
+        {
+            m_cv.notify_one();
+        }
         return true;
     }
 

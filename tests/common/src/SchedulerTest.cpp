@@ -282,6 +282,47 @@ TEST(SynchronizedQueueTest, PopErrorsAndPopAll)
     EXPECT_FALSE(q.WaitForData(10ms));
 }
 
+// Only the push that ends the emptiness signals: a consumer that drained the
+// queue and waits again must still be woken by the next push at once.
+TEST(SynchronizedQueueTest, AWaitingConsumerIsWokenByEachPushToAnEmptyQueue)
+{
+    SynchronizedQueue<int> q;
+    std::atomic<int> taken{0};
+    std::atomic<bool> stop{false};
+    std::thread consumer(
+        [&]
+        {
+            while (!stop)
+            {
+                if (q.WaitForData(30s))
+                {
+                    taken += static_cast<int>(q.PopAll().size());
+                }
+            }
+        });
+    bool allTaken = true;
+    for (int burst = 0; burst < 30 && allTaken; ++burst)
+    {
+        for (int i = 0; i < 10; ++i)
+        {
+            if (burst % 2 == 0)
+            {
+                q.Push(std::make_shared<int>(i));
+            }
+            else
+            {
+                EXPECT_TRUE(q.TryPush(std::make_shared<int>(i), 1000));
+            }
+        }
+        // The consumer waits 30 s at a time: only a wake-up gets it here.
+        allTaken = WaitFor([&] { return taken == (burst + 1) * 10; });
+    }
+    stop = true;
+    q.Wake();
+    consumer.join();
+    EXPECT_TRUE(allTaken) << "a push left the waiting consumer asleep";
+}
+
 TEST(CircularBufferTest, OverwritingAndRefusingBuffers)
 {
     CircularBuffer<int> ring(3);
