@@ -31,6 +31,7 @@ public:
     std::string GetFileContentHash(edr::HashType type) const override;
     TimePoint GetFileModificationTime() const override;
     uint64_t GetFileSize() const override;
+    bool HasFileStat() const override { return m_stat.has_value(); }
     // From the stat, or for an object without one from its PATH record.
     uint32_t GetFileType() const override;
     std::string GetFileTypeDesc() const override;

@@ -36,7 +36,10 @@ DocumentEvent::DocumentEvent(const edr::Event& event)
     {
         m_errors = std::make_unique<Errors>(std::move(errors));
     }
-    Take(kFileSize, m_fileSize, [&] { return event.GetFileSize(); });
+    if (event.HasFileStat())
+    {
+        Take(kFileSize, m_fileSize, [&] { return event.GetFileSize(); });
+    }
     Take(kProcessId, m_processId, [&] { return event.GetActorProcessId(); });
     Take(kUserName, m_userName, [&] { return event.GetActorUserName(); });
     Take(kUserId, m_userId, [&] { return event.GetActorUserId(); });

@@ -31,6 +31,7 @@ public:
     uint64_t GetTimestamp() const override;
     uint32_t GetEventId() const override;
     uint64_t GetFileSize() const override;
+    bool HasFileStat() const override { return (m_known & kFileSize) != 0; }
     pid_t GetActorProcessId() const override;
     std::string GetActorUserName() const override;
     uint32_t GetActorUserId() const override;

@@ -71,6 +71,10 @@ void WriteOperation(DocumentWriter& w, const edr::Event& event, const EventDocum
     {
         w.Member("size", kUnknown);
     }
+    else if (!event.HasFileStat())
+    {
+        w.Member("size", kUnknown);
+    }
     else
     {
         // The size the event saw when it was made.

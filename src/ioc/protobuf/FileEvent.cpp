@@ -139,19 +139,26 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
         EDR_LOG_DEBUG("Failed to generate directory ID: " << e.what());
     }
 
-    row.size = static_cast<int64_t>(EventFields::Try([&] { return event.GetFileSize(); }).value_or(row.size));
-    const auto modified = EventFields::Try([&] { return event.GetFileModificationTime(); });
-    if (modified)
+    // A file that was gone when the event was made has no size or times:
+    // the stored row's stay.
+    std::optional<edr::Event::TimePoint> modified;
+    if (event.HasFileStat())
     {
-        row.times.lastWrite = Millis(*modified);
-    }
-    if (const auto accessed = EventFields::Try([&] { return event.GetFileAccessTime(); }))
-    {
-        row.times.lastAccess = Millis(*accessed);
-    }
-    if (const auto changed = EventFields::Try([&] { return event.GetFileChangeTime(); }))
-    {
-        row.times.lastChange = Millis(*changed);
+        row.size =
+            static_cast<int64_t>(EventFields::Try([&] { return event.GetFileSize(); }).value_or(row.size));
+        modified = EventFields::Try([&] { return event.GetFileModificationTime(); });
+        if (modified)
+        {
+            row.times.lastWrite = Millis(*modified);
+        }
+        if (const auto accessed = EventFields::Try([&] { return event.GetFileAccessTime(); }))
+        {
+            row.times.lastAccess = Millis(*accessed);
+        }
+        if (const auto changed = EventFields::Try([&] { return event.GetFileChangeTime(); }))
+        {
+            row.times.lastChange = Millis(*changed);
+        }
     }
     if (action == pb::CREATE)
     {

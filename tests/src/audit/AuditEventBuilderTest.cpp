@@ -125,6 +125,7 @@ TEST(AuditEventBuilderTest, FileEventsCarryAbsolutePathsActorsAndActions)
     // The capture directory is gone: the event is built without a stat.
     vantor::test::ExpectThrowText<edr::EventException>([&] { create->GetFileSize(); },
                                                        "File stat does not exist for Create event with ID ");
+    EXPECT_FALSE(create->HasFileStat()) << "consumers skip the getters that would throw";
 
     auto read = One(Fixture("open_read"), AuditEventClass::ReadWrite, 2);
     ASSERT_TRUE(read);
@@ -165,6 +166,7 @@ TEST(AuditEventBuilderTest, FileEventsCarryAbsolutePathsActorsAndActions)
         EXPECT_EQ(removed->GetType(), edr::EventType::Delete);
         vantor::test::ExpectThrowText<edr::EventException>([&] { removed->GetFileSize(); },
                                                            "File stat information is not available");
+        EXPECT_FALSE(removed->HasFileStat());
     }
     EXPECT_EQ(One(Fixture("unlink"), AuditEventClass::Delete, 87)->GetFile(), kData + "/to_unlink.txt");
 }

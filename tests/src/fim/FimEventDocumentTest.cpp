@@ -128,6 +128,19 @@ TEST(FimEventDocumentTest, UnreadableFieldsAndFilesAreUnknown)
     EXPECT_FALSE(doc.HasMember("securitySettings"));
     EXPECT_STREQ(doc["actor"]["userName"].GetString(), "Unknown");
     EXPECT_EQ(doc["actor"]["processID"].GetInt(), 4242);
+
+    // A file gone before its event was made has no size, whatever the
+    // getter would answer.
+    class Gone : public TestEvent
+    {
+    public:
+        using TestEvent::TestEvent;
+        bool HasFileStat() const override { return false; }
+    } gone(EventType::Write, "/nowhere/gone");
+    const auto write = Rule(R"("modifyContent")");
+    const auto written =
+        Parse(EventDocument::Build(gone, MakeInput(gone.file, false, {&write}, false, "write")));
+    EXPECT_STREQ(written["operation"]["new"]["size"].GetString(), "Unknown");
 }
 
 TEST(FimEventDocumentTest, MandatoryFieldFailureDropsTheDocument)
