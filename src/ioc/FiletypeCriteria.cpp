@@ -72,6 +72,11 @@ std::optional<std::string> FiletypeCriteria::FileTypeOf(const edr::Event& event,
     uint64_t size = 0;
     try
     {
+        if (!event.HasFileStat())
+        {
+            EDR_LOG_DEBUG("Failed to load file for finding file size: " << path);
+            return std::nullopt;
+        }
         size = event.GetFileSize();
     }
     catch (const edr::EventException&)
