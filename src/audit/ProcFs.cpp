@@ -1,11 +1,9 @@
 #include "audit/ProcFs.h"
 
 #include "audit/ProcessInfo.h"
-#include "common/UniqueFd.h"
+#include "common/util/SmallFile.h"
 
-#include <cerrno>
 #include <charconv>
-#include <fcntl.h>
 #include <stdexcept>
 #include <string_view>
 #include <sys/stat.h>
@@ -16,6 +14,12 @@ namespace vantor::audit
 
 namespace
 {
+
+// A command line or status is never this long.
+bool ReadProcFile(const std::string& path, std::string& text)
+{
+    return util::ReadSmallFile(path, text, 1U << 20);
+}
 
 constexpr std::string_view kDeletedSuffix = " (deleted)";
 
@@ -67,7 +71,7 @@ ProcFs::ProcFs(std::string root)
         m_ticksPerSecond = ticks;
     }
     std::string text;
-    if (!ReadSmallFile(m_root + "/stat", text))
+    if (!ReadProcFile(m_root + "/stat", text))
     {
         throw std::runtime_error("ProcFs: Failed to read " + m_root + "/stat");
     }
@@ -79,41 +83,6 @@ ProcFs::ProcFs(std::string root)
     }
 }
 
-bool ProcFs::ReadSmallFile(const std::string& path, std::string& text)
-{
-    const common::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd)
-    {
-        return false;
-    }
-    text.clear();
-    char buffer[4096];
-    bool ok = true;
-    for (;;)
-    {
-        const ssize_t n = ::read(fd.Get(), buffer, sizeof(buffer));
-        if (n < 0 && errno == EINTR)
-        {
-            continue;
-        }
-        if (n < 0)
-        {
-            ok = false;
-            break;
-        }
-        if (n == 0)
-        {
-            break;
-        }
-        text.append(buffer, static_cast<size_t>(n));
-        if (text.size() > (1U << 20))
-        {
-            break; // a command line or status is never this long
-        }
-    }
-    return ok;
-}
-
 std::string ProcFs::PidPath(pid_t pid, const char* entry) const
 {
     return m_root + "/" + std::to_string(pid) + "/" + entry;
@@ -122,7 +91,7 @@ std::string ProcFs::PidPath(pid_t pid, const char* entry) const
 std::optional<ProcFs::Stat> ProcFs::ReadStat(pid_t pid) const
 {
     std::string text;
-    if (pid <= 0 || !ReadSmallFile(PidPath(pid, "stat"), text))
+    if (pid <= 0 || !ReadProcFile(PidPath(pid, "stat"), text))
     {
         return std::nullopt;
     }
@@ -164,7 +133,7 @@ std::optional<ProcFs::Stat> ProcFs::ReadStat(pid_t pid) const
 std::optional<ProcFs::Status> ProcFs::ReadStatus(pid_t pid) const
 {
     std::string text;
-    if (pid <= 0 || !ReadSmallFile(PidPath(pid, "status"), text))
+    if (pid <= 0 || !ReadProcFile(PidPath(pid, "status"), text))
     {
         return std::nullopt;
     }
@@ -227,7 +196,7 @@ std::vector<std::string> ProcFs::ReadArguments(pid_t pid) const
 {
     std::vector<std::string> arguments;
     std::string text;
-    if (pid <= 0 || !ReadSmallFile(PidPath(pid, "cmdline"), text))
+    if (pid <= 0 || !ReadProcFile(PidPath(pid, "cmdline"), text))
     {
         return arguments;
     }
@@ -249,7 +218,7 @@ uint32_t ProcFs::ReadLoginUid(pid_t pid) const
 {
     std::string text;
     uint32_t auid = ProcessInfo::kUnsetAuid;
-    if (pid > 0 && ReadSmallFile(PidPath(pid, "loginuid"), text) && ParseNumber(std::string_view(text), auid))
+    if (pid > 0 && ReadProcFile(PidPath(pid, "loginuid"), text) && ParseNumber(std::string_view(text), auid))
     {
         return auid;
     }

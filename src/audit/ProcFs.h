@@ -53,8 +53,6 @@ public:
     // The process's creation time from its start ticks.
     TimePoint CreationTime(uint64_t startTicks) const;
 
-    static bool ReadSmallFile(const std::string& path, std::string& text);
-
 private:
     std::string PidPath(pid_t pid, const char* entry) const;
 

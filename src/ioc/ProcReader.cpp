@@ -1,15 +1,12 @@
 #include "ioc/ProcReader.h"
 
 #include "common/Logging.h"
-#include "common/UniqueFd.h"
-
-#include <fcntl.h>
+#include "common/util/SmallFile.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <set>
@@ -20,6 +17,9 @@ namespace vantor::ioc::internal
 
 namespace
 {
+
+// The whole of a proc file: a memory map may run to megabytes.
+constexpr std::size_t kNoBound = std::string::npos;
 
 template <typename T>
 bool ParseNumber(std::string_view text, T& value)
@@ -65,36 +65,6 @@ ProcReader::ProcReader(std::string root)
 {
 }
 
-bool ProcReader::ReadFile(const std::string& path, std::string& text)
-{
-    // A plain descriptor: proc files are read at every process start, and
-    // a stream costs a buffer and a locale per open.
-    const common::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd)
-    {
-        return false;
-    }
-    text.clear();
-    char buffer[4096];
-    for (;;)
-    {
-        const ssize_t got = ::read(fd.Get(), buffer, sizeof(buffer));
-        if (got == 0)
-        {
-            return true;
-        }
-        if (got < 0)
-        {
-            if (errno == EINTR)
-            {
-                continue;
-            }
-            return false;
-        }
-        text.append(buffer, static_cast<size_t>(got));
-    }
-}
-
 std::string ProcReader::PidPath(pid_t pid, const char* entry) const
 {
     return m_root + "/" + std::to_string(pid) + "/" + entry;
@@ -103,7 +73,7 @@ std::string ProcReader::PidPath(pid_t pid, const char* entry) const
 std::optional<int64_t> ProcReader::BootTime() const
 {
     std::string text;
-    if (!ReadFile(m_root + "/stat", text))
+    if (!util::ReadSmallFile(m_root + "/stat", text, kNoBound))
     {
         EDR_LOG_ERROR("Failed to find bootTime: cannot read " << m_root << "/stat");
         return std::nullopt;
@@ -126,7 +96,7 @@ std::optional<int64_t> ProcReader::BootTime() const
 std::optional<ProcReader::Stat> ProcReader::ReadStat(pid_t pid) const
 {
     std::string text;
-    if (!ReadFile(PidPath(pid, "stat"), text))
+    if (!util::ReadSmallFile(PidPath(pid, "stat"), text, kNoBound))
     {
         return std::nullopt;
     }
@@ -223,7 +193,7 @@ std::optional<std::string> ProcReader::ReadImage(pid_t pid) const
 std::optional<std::vector<std::string>> ProcReader::ReadArguments(pid_t pid) const
 {
     std::string text;
-    if (!ReadFile(PidPath(pid, "cmdline"), text))
+    if (!util::ReadSmallFile(PidPath(pid, "cmdline"), text, kNoBound))
     {
         EDR_LOG_ERROR("Failed to read process arguments from " << PidPath(pid, "cmdline"));
         return std::nullopt;
@@ -247,7 +217,7 @@ std::optional<ProcReader::Ids> ProcReader::ReadIds(pid_t pid) const
 {
     const std::string path = PidPath(pid, "status");
     std::string text;
-    if (!ReadFile(path, text))
+    if (!util::ReadSmallFile(path, text, kNoBound))
     {
         EDR_LOG_ERROR("Failed to read uid and gid of process from " << path);
         return std::nullopt;
@@ -273,7 +243,7 @@ std::optional<int64_t> ProcReader::ReadLoginUid(pid_t pid) const
 {
     std::string text;
     int64_t auid = 0;
-    if (!ReadFile(PidPath(pid, "loginuid"), text) || !ParseNumber(text, auid))
+    if (!util::ReadSmallFile(PidPath(pid, "loginuid"), text, kNoBound) || !ParseNumber(text, auid))
     {
         return std::nullopt;
     }
@@ -283,7 +253,7 @@ std::optional<int64_t> ProcReader::ReadLoginUid(pid_t pid) const
 std::optional<std::vector<std::string>> ProcReader::ReadLibraries(pid_t pid) const
 {
     std::string text;
-    if (!ReadFile(PidPath(pid, "maps"), text))
+    if (!util::ReadSmallFile(PidPath(pid, "maps"), text, kNoBound))
     {
         EDR_LOG_ERROR("Failed to read library path from " << PidPath(pid, "maps"));
         return std::nullopt;

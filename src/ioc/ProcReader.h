@@ -62,8 +62,6 @@ public:
     // libraries, in map order, each once.
     std::optional<std::vector<std::string>> ReadLibraries(pid_t pid) const;
 
-    static bool ReadFile(const std::string& path, std::string& text);
-
 private:
     std::string PidPath(pid_t pid, const char* entry) const;
     std::optional<std::string> ReadLink(const std::string& path) const;
