@@ -69,21 +69,15 @@ std::optional<std::string> FiletypeCriteria::FileTypeOf(const edr::Event& event,
         EDR_LOG_DEBUG("File is not regular or symlink. Skipping file type: " << path);
         return std::nullopt;
     }
-    uint64_t size = 0;
-    try
-    {
-        if (!event.HasFileStat())
-        {
-            EDR_LOG_DEBUG("Failed to load file for finding file size: " << path);
-            return std::nullopt;
-        }
-        size = event.GetFileSize();
-    }
-    catch (const edr::EventException&)
+    // A file without a stat has no size to ask for.
+    const auto known =
+        event.HasFileStat() ? EventFields::Try([&] { return event.GetFileSize(); }) : std::nullopt;
+    if (!known)
     {
         EDR_LOG_DEBUG("Failed to load file for finding file size: " << path);
         return std::nullopt;
     }
+    const uint64_t size = *known;
     if (size == 0)
     {
         EDR_LOG_DEBUG("Skipping the file with size 0B");
