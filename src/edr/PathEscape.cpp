@@ -61,6 +61,11 @@ void PathEscape::EscapeTo(std::string_view path, std::string& out)
     }
 }
 
+bool PathEscape::NeedsEscape(std::string_view path)
+{
+    return path.find('\\') != std::string_view::npos || !util::IsValidUtf8(path);
+}
+
 std::optional<std::string> PathEscape::Unescape(std::string_view text)
 {
     std::string out;

@@ -30,6 +30,9 @@ public:
     // The same into out (its content replaced, its capacity reused), for
     // writers that refill the same strings.
     static void EscapeTo(std::string_view path, std::string& out);
+    // Whether the text form differs from the path at all (most paths are
+    // written as they are, with no copy).
+    static bool NeedsEscape(std::string_view path);
 
     // The bytes of an escaped path; nothing when the text is not a form that
     // Escape makes (a lone backslash, "\x" without two hex digits, an invalid

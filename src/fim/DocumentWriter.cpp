@@ -11,41 +11,9 @@ DocumentWriter::DocumentWriter()
 {
 }
 
-namespace
-{
-
-// Whether text is valid UTF-8 as it is; with a backslash as well when
-// backslashOk.
-bool Unchanged(std::string_view text, bool backslashOk)
-{
-    size_t pos = 0;
-    while (pos < text.size())
-    {
-        const char c = text[pos];
-        if (static_cast<unsigned char>(c) < 0x80)
-        {
-            if (c == '\\' && !backslashOk)
-            {
-                return false;
-            }
-            ++pos;
-            continue;
-        }
-        const size_t length = util::Utf8SequenceLength(text.substr(pos));
-        if (length == 0)
-        {
-            return false;
-        }
-        pos += length;
-    }
-    return true;
-}
-
-} // namespace
-
 void DocumentWriter::String(std::string_view value)
 {
-    const std::string_view valid = Unchanged(value, true) ? value : ValidUtf8(value, m_scratch);
+    const std::string_view valid = util::IsValidUtf8(value) ? value : ValidUtf8(value, m_scratch);
     m_writer.String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
 }
 
@@ -53,7 +21,7 @@ void DocumentWriter::PathMember(const char* key, std::string_view path)
 {
     Key(key);
     std::string_view escaped = path;
-    if (!Unchanged(path, false))
+    if (edr::PathEscape::NeedsEscape(path))
     {
         edr::PathEscape::EscapeTo(path, m_scratch);
         escaped = m_scratch;

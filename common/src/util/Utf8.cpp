@@ -31,6 +31,21 @@ std::size_t Utf8SequenceLength(std::string_view text)
     return rapidjson::UTF8<>::Validate(input, output) ? input.Tell() : 0;
 }
 
+bool IsValidUtf8(std::string_view text)
+{
+    std::size_t pos = 0;
+    while (pos < text.size())
+    {
+        const std::size_t length = Utf8SequenceLength(text.substr(pos));
+        if (length == 0)
+        {
+            return false;
+        }
+        pos += length;
+    }
+    return true;
+}
+
 const std::string& ValidUtf8(std::string_view text, std::string& scratch)
 {
     scratch.clear();

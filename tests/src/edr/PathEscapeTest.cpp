@@ -12,20 +12,6 @@ using vantor::edr::PathEscape;
 namespace
 {
 
-bool IsValidUtf8(const std::string& text)
-{
-    for (size_t pos = 0; pos < text.size();)
-    {
-        const size_t length = vantor::util::Utf8SequenceLength(std::string_view(text).substr(pos));
-        if (length == 0)
-        {
-            return false;
-        }
-        pos += length;
-    }
-    return true;
-}
-
 TEST(PathEscapeTest, InvalidBytesAndBackslashesAreEscapedTheRestIsKept)
 {
     EXPECT_EQ(PathEscape::Escape("/etc/h\xc3\xb6sts \xf0\x9f\x98\x80"), "/etc/h\xc3\xb6sts \xf0\x9f\x98\x80");
@@ -58,8 +44,9 @@ TEST(PathEscapeTest, EveryByteStringComesBackAndTwoNamesNeverShareATextForm)
                                              : alphabet[random() % alphabet.size()]);
         }
         const std::string text = PathEscape::Escape(name);
-        ASSERT_TRUE(IsValidUtf8(text)) << text;
+        ASSERT_TRUE(vantor::util::IsValidUtf8(text)) << text;
         ASSERT_EQ(PathEscape::Unescape(text), name) << text;
+        ASSERT_EQ(PathEscape::NeedsEscape(name), text != name) << text;
         if (names.insert(name).second)
         {
             ASSERT_TRUE(texts.insert(text).second) << "two names share " << text;
