@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -26,19 +27,7 @@ class SynchronizedQueue
 public:
     using Element = std::shared_ptr<T>;
 
-    void Push(Element element)
-    {
-        bool wasEmpty = false;
-        {
-            std::lock_guard lock(m_mutex);
-            wasEmpty = m_queue.empty();
-            m_queue.push_back(std::move(element));
-        }
-        if (wasEmpty)
-        {
-            m_cv.notify_one();
-        }
-    }
+    void Push(Element element) { TryPush(std::move(element), std::numeric_limits<size_t>::max()); }
 
     // Pushes unless the queue already holds capacity elements; the check
     // and the push are one step under the lock.
