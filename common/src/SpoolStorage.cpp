@@ -95,7 +95,13 @@ SpoolStorage::SpoolStorage(Scheduler& scheduler, const std::string& directory, c
     m_files = std::make_unique<internal::SpoolFileIndex>(m_directory, prefix, m_maxFileCount);
     m_reader = std::make_unique<internal::SpoolReader>(*m_files);
     m_writes = std::make_unique<internal::SpoolWriteQueue>(
-        [this] { return m_schedule->AddTask([this] { DrainPending(); }); },
+        [this](std::chrono::steady_clock::duration delay)
+        {
+            return delay == std::chrono::steady_clock::duration::zero()
+                       ? m_schedule->AddTask([this] { DrainPending(); })
+                       : m_schedule->AddTaskAt(std::chrono::steady_clock::now() + delay,
+                                               [this] { DrainPending(); });
+        },
         [this] { return PendingLimit(); });
     {
         std::lock_guard lock(m_mutex);
@@ -115,8 +121,10 @@ SpoolStorage::~SpoolStorage()
     {
         EDR_LOG_ERROR("SpoolStorage: " << e.what());
     }
-    // Runs the writes already queued; later ones are refused.
+    // Runs the writes already queued; later ones are refused. Shutdown drops
+    // a drain that was still waiting for its time: it is done here.
     m_schedule->Shutdown();
+    DrainPending();
     m_writes->FailAll();
     {
         std::lock_guard lock(m_mutex);

@@ -37,6 +37,7 @@ SpoolWriteQueue::Result SpoolWriteQueue::Write(std::string data)
 
 void SpoolWriteQueue::Enqueue(Pending write)
 {
+    const bool now = write.waiter != nullptr;
     bool queueDrain = false;
     {
         std::unique_lock lock(m_mutex);
@@ -45,13 +46,14 @@ void SpoolWriteQueue::Enqueue(Pending write)
         m_cv.wait(lock, [&] { return m_pendingBytes == 0 || m_pendingBytes + size <= limit; });
         m_pendingBytes += size;
         m_pending.push_back(std::move(write));
-        if (!m_drainQueued)
+        // A waiting writer does not wait for a later drain: it queues one now.
+        if (m_drainQueued == Drain::None || (now && m_drainQueued == Drain::Later))
         {
-            m_drainQueued = true;
+            m_drainQueued = now ? Drain::Now : Drain::Later;
             queueDrain = true;
         }
     }
-    if (queueDrain && !m_scheduleDrain())
+    if (queueDrain && !m_scheduleDrain(now ? std::chrono::steady_clock::duration::zero() : kAsyncDrainDelay))
     {
         FailAll();
     }
@@ -62,7 +64,7 @@ std::vector<SpoolWriteQueue::Pending>& SpoolWriteQueue::TakeBatch()
     {
         std::lock_guard lock(m_mutex);
         std::swap(m_pending, m_draining);
-        m_drainQueued = false;
+        m_drainQueued = Drain::None;
         m_pendingBytes = 0;
     }
     m_cv.notify_all();
@@ -84,7 +86,7 @@ void SpoolWriteQueue::FailAll()
     {
         std::lock_guard lock(m_mutex);
         failed.swap(m_pending);
-        m_drainQueued = false;
+        m_drainQueued = Drain::None;
         m_pendingBytes = 0;
     }
     m_cv.notify_all();

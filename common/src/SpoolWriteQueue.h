@@ -2,6 +2,7 @@
 
 #include "common/SpoolStorage.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -14,7 +15,10 @@ namespace vantor::common::internal
 
 // The records handed to a spool and not yet in its cache. Writers append to
 // one pending batch; the writer that opens a batch asks the spool to drain
-// it, so that a record costs a vector slot and no task of its own. While the
+// it, so that a record costs a vector slot and no task of its own. A batch
+// opened by WriteAsync is drained kAsyncDrainDelay later, so that a burst of
+// records wakes the spool's thread once instead of once per record; a Write
+// has its batch drained at once. While the
 // pending records hold more than the limit, writers wait: a slow disk holds
 // back the producers instead of growing memory without bound.
 //
@@ -25,13 +29,15 @@ class SpoolWriteQueue
 public:
     using Result = SpoolStorage::WriteResult;
     using Callback = SpoolStorage::WriteCallback;
-    // Queues a drain of the new batch on the spool's task; answers false once
-    // the spool takes no more tasks.
-    using ScheduleDrain = std::function<bool()>;
+    // Queues a drain of the new batch on the spool's task, to run after delay
+    // (zero: now); answers false once the spool takes no more tasks.
+    using ScheduleDrain = std::function<bool(std::chrono::steady_clock::duration delay)>;
     // The bytes that may wait before writers are held back.
     using Limit = std::function<std::size_t()>;
 
     struct Waiter;
+
+    static constexpr std::chrono::milliseconds kAsyncDrainDelay{10};
 
     struct Pending
     {
@@ -73,7 +79,13 @@ private:
     std::condition_variable m_cv;
     std::size_t m_pendingBytes = 0;
     std::vector<Pending> m_pending;
-    bool m_drainQueued = false;
+    enum class Drain
+    {
+        None,
+        Later, // kAsyncDrainDelay from when it was queued
+        Now,
+    };
+    Drain m_drainQueued = Drain::None;
     std::vector<Pending> m_draining; // the drain task's batch
 };
 

@@ -2,6 +2,9 @@
 
 #include "common/Logging.h"
 
+#include <algorithm>
+#include <optional>
+
 namespace vantor::fim::internal
 {
 
@@ -87,7 +90,7 @@ void DocumentThread::Add(PendingDocument document, bool settles)
     }
     m_pending.Add(std::move(document), settles, Clock::now(), m_settleTime);
     const auto due = m_pending.NextDue();
-    const bool wake = due && *due < m_sleepsUntil;
+    const bool wake = due && std::max(*due, m_nextRound) < m_sleepsUntil;
     lock.unlock();
     if (wake)
     {
@@ -126,10 +129,19 @@ void DocumentThread::Run()
 {
     std::unique_lock lock(m_mutex);
     Clock::time_point nextBaseline = Clock::now();
+    bool built = false;
     while (!IsStopping())
     {
         const auto now = Clock::now();
-        auto group = m_flushes > 0 || m_earlyBuilds > 0 ? m_pending.TakeFirst() : m_pending.TakeDue(now);
+        std::optional<PendingDocuments::Group> group;
+        if (m_flushes > 0 || m_earlyBuilds > 0)
+        {
+            group = m_pending.TakeFirst();
+        }
+        else if (now >= m_nextRound)
+        {
+            group = m_pending.TakeDue(now);
+        }
         if (m_earlyBuilds > 0)
         {
             --m_earlyBuilds;
@@ -138,7 +150,16 @@ void DocumentThread::Run()
         {
             BuildUnlocked(lock, *group);
             m_done.notify_all();
+            built = true;
             continue;
+        }
+        if (built)
+        {
+            // Documents that fall due in the next moments wait for one
+            // another: a stream of them is built a few rounds a second
+            // instead of waking the thread for each.
+            m_nextRound = now + std::min<Clock::duration>(kMaxRoundGap, m_settleTime / 20);
+            built = false;
         }
         const bool baseline = m_baseline.HasWork();
         if (baseline && now >= nextBaseline)
@@ -162,6 +183,10 @@ void DocumentThread::Run()
             continue;
         }
         auto due = m_pending.NextDue();
+        if (due)
+        {
+            due = std::max(*due, m_nextRound);
+        }
         if (baseline && (!due || nextBaseline < *due))
         {
             due = nextBaseline;

@@ -25,6 +25,9 @@ namespace vantor::fim::internal
 // waiting document before the thread ends (the rest of a baseline pass is
 // dropped and logged); afterwards Add builds on the caller's thread.
 //
+// Due documents are built in rounds, the next at most kMaxRoundGap after the
+// last, so that a stream of them wakes the thread a few times a second.
+//
 // Add, Flush, the setters and the counters may be called from any thread.
 class DocumentThread : public common::ThreadedClass
 {
@@ -51,6 +54,9 @@ public:
     void SetBaselineRate(uint64_t filesPerSecond);
 
     static constexpr uint64_t kDefaultBaselineRate = 200;
+    // The longest that a due document waits for the next round of building
+    // (a twentieth of the settle time, at most this).
+    static constexpr std::chrono::milliseconds kMaxRoundGap{50};
 
     uint64_t GetOverflowCount() const { return m_overflows.load(); }
     // Groups of documents and baseline steps that failed (logged).
@@ -81,6 +87,8 @@ private:
     // only for a document due before then: most are due later, and waking
     // the thread for each of them costs two context switches.
     Clock::time_point m_sleepsUntil = Clock::time_point::min();
+    // Before this, due documents wait for the next round of building.
+    Clock::time_point m_nextRound = Clock::time_point::min();
     bool m_building = false;
     unsigned m_flushes = 0;
     // Groups to build before their time, one for each Add that found no room.
