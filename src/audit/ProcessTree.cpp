@@ -514,26 +514,7 @@ ProcessTree::Events ProcessTree::Clean()
         }
     }
 
-    std::unordered_set<pid_t> parentsOfLive;
-    for (const auto& [pid, entry] : m_processes)
-    {
-        if (!entry.terminated)
-        {
-            parentsOfLive.insert(entry.info->GetParentPid());
-        }
-    }
-    for (auto it = m_processes.begin(); it != m_processes.end();)
-    {
-        if (it->second.terminated && !parentsOfLive.count(it->first))
-        {
-            EDR_LOG_DEBUG("ProcessID: " << it->first << " exited. ");
-            it = m_processes.erase(it);
-        }
-        else
-        {
-            ++it;
-        }
-    }
+    RemoveTerminatedLocked(false);
     for (auto it = m_threads.begin(); it != m_threads.end();)
     {
         if (!FindLive(it->second) || !m_procFs.HasTask(it->second, it->first))
@@ -546,6 +527,45 @@ ProcessTree::Events ProcessTree::Clean()
         }
     }
     return terminated;
+}
+
+size_t ProcessTree::RemoveTerminated()
+{
+    std::lock_guard lock(m_mutex);
+    return RemoveTerminatedLocked(true);
+}
+
+size_t ProcessTree::RemoveTerminatedLocked(bool graceful)
+{
+    std::unordered_set<pid_t> parentsOfLive;
+    for (const auto& [pid, entry] : m_processes)
+    {
+        if (!entry.terminated)
+        {
+            parentsOfLive.insert(entry.info->GetParentPid());
+        }
+    }
+    size_t removed = 0;
+    for (auto it = m_processes.begin(); it != m_processes.end();)
+    {
+        Entry& entry = it->second;
+        if (entry.terminated && graceful && !entry.sweptOnce)
+        {
+            entry.sweptOnce = true;
+            ++it;
+        }
+        else if (entry.terminated && !parentsOfLive.count(it->first))
+        {
+            EDR_LOG_DEBUG("ProcessID: " << it->first << " exited. ");
+            it = m_processes.erase(it);
+            ++removed;
+        }
+        else
+        {
+            ++it;
+        }
+    }
+    return removed;
 }
 
 size_t ProcessTree::Size() const

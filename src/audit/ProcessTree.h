@@ -92,17 +92,27 @@ public:
     // live process is kept whole). Answers pseudo terminate events for the
     // processes that ended without an exit event.
     Events Clean();
+    // The cheap half of Clean(), without asking /proc: removes the entries
+    // that were already terminated at the previous call and that no live
+    // entry names as parent. Answers how many went.
+    size_t RemoveTerminated();
 
     size_t Size() const;
     size_t CloneCacheSize() const;
     size_t ThreadCount() const;
 
 private:
+    // graceful: an entry goes at the second call that finds it terminated.
+    size_t RemoveTerminatedLocked(bool graceful);
     struct Entry
     {
         ProcessPtr info;
         bool terminated = false;
         bool announced = false;
+        // Found terminated by a RemoveTerminated() that kept it: the next one
+        // removes it, so that an event straggling behind its process's exit
+        // still finds the entry.
+        bool sweptOnce = false;
     };
 
     // Live entry of the pid, creating it (from /proc, then the event, then

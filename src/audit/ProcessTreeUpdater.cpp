@@ -10,6 +10,7 @@ ProcessTreeUpdater::ProcessTreeUpdater(std::shared_ptr<ProcessTree> tree,
     : m_tree(std::move(tree))
     , m_cleanInterval(cleanInterval)
     , m_lastClean(std::chrono::steady_clock::now())
+    , m_lastSweep(m_lastClean)
 {
 }
 
@@ -32,9 +33,15 @@ bool ProcessTreeUpdater::CleanIfDue(Events& terminated)
     const auto now = std::chrono::steady_clock::now();
     if (now - m_lastClean < m_cleanInterval)
     {
+        if (now - m_lastSweep >= kSweepInterval)
+        {
+            m_lastSweep = now;
+            m_tree->RemoveTerminated();
+        }
         return false;
     }
     m_lastClean = now;
+    m_lastSweep = now;
     auto ended = m_tree->Clean();
     terminated.insert(terminated.end(), std::make_move_iterator(ended.begin()),
                       std::make_move_iterator(ended.end()));

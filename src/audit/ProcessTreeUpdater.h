@@ -27,6 +27,10 @@ public:
 
     // Interval between two cleanings of the tree.
     static constexpr std::chrono::seconds kCleanInterval{60};
+    // Interval between two removals of the terminated entries in between:
+    // a busy host starts thousands of short processes a second, and keeping
+    // the ended ones for a whole clean interval costs megabytes.
+    static constexpr std::chrono::seconds kSweepInterval{2};
 
     explicit ProcessTreeUpdater(std::shared_ptr<ProcessTree> tree,
                                 std::chrono::steady_clock::duration cleanInterval = kCleanInterval);
@@ -42,7 +46,8 @@ public:
 
     // Cleans the tree when the clean interval has passed since the last cleaning.
     // Answers whether it did; the pseudo terminate events of processes that
-    // ended without an exit event are appended.
+    // ended without an exit event are appended. In between, removes the
+    // terminated entries every sweep interval (RemoveTerminated).
     bool CleanIfDue(Events& terminated);
 
     const std::shared_ptr<ProcessTree>& GetProcessTree() const { return m_tree; }
@@ -51,6 +56,7 @@ private:
     const std::shared_ptr<ProcessTree> m_tree;
     const std::chrono::steady_clock::duration m_cleanInterval;
     std::chrono::steady_clock::time_point m_lastClean;
+    std::chrono::steady_clock::time_point m_lastSweep;
 };
 
 } // namespace vantor::audit

@@ -284,6 +284,27 @@ TEST_F(ProcessTreeTest, ExitRemovesTheEntryAtCleaningButKeepsParentsOfLiveChildr
     EXPECT_TRUE(m_log.Contains("Cleaning process tree for terminated processes"));
 }
 
+TEST_F(ProcessTreeTest, SweepsRemoveAnExitedEntryAtTheSecondSweepAndKeepParentsOfLiveChildren)
+{
+    m_proc.AddProcess(900, 1, "/usr/bin/parent", 10);
+    m_proc.AddProcess(901, 900, "/usr/bin/child", 20);
+    m_proc.AddProcess(902, 1, "/usr/bin/short", 30);
+    Apply(m_tree, MakeEvent(EventType::Write, 901));
+    Apply(m_tree, MakeEvent(EventType::Write, 902));
+    ASSERT_EQ(m_tree.GetAncestors(901).size(), 2U);
+    Apply(m_tree, MakeEvent(EventType::Exit, 900));
+    Apply(m_tree, MakeEvent(EventType::Exit, 902));
+    ASSERT_EQ(m_tree.Size(), 3U);
+
+    // The first sweep only notes the ended entries: one that ended just
+    // before it is still there for events straggling behind the exit.
+    EXPECT_EQ(m_tree.RemoveTerminated(), 0U);
+    EXPECT_EQ(m_tree.Size(), 3U);
+    EXPECT_EQ(m_tree.RemoveTerminated(), 1U);
+    EXPECT_EQ(m_tree.Size(), 2U);
+    EXPECT_EQ(m_tree.GetAncestors(901).size(), 2U) << "the parent of a live child stays";
+}
+
 TEST_F(ProcessTreeTest, ProcessInfoComesOnlyFromExecOrClone)
 {
     const auto write = MakeEvent(EventType::Write, 1);
