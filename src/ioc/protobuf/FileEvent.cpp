@@ -142,6 +142,7 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
     // A file that was gone when the event was made has no size or times:
     // the stored row's stay.
     std::optional<edr::Event::TimePoint> modified;
+    std::optional<edr::Event::TimePoint> changed;
     if (event.HasFileStat())
     {
         row.size =
@@ -155,7 +156,8 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
         {
             row.times.lastAccess = Millis(*accessed);
         }
-        if (const auto changed = EventFields::Try([&] { return event.GetFileChangeTime(); }))
+        changed = EventFields::Try([&] { return event.GetFileChangeTime(); });
+        if (changed)
         {
             row.times.lastChange = Millis(*changed);
         }
@@ -180,9 +182,10 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
     // The event's stat names the content's version; without it the file is
     // described afresh.
     std::optional<FileTypeIdentifier::Version> version;
-    if (modified)
+    if (modified && changed)
     {
-        version = FileTypeIdentifier::Version{modified->time_since_epoch().count(), row.size};
+        version = FileTypeIdentifier::Version{modified->time_since_epoch().count(),
+                                              changed->time_since_epoch().count(), row.size};
     }
     message.set_type(tooLarge || action == pb::DELETE ? FileTypeIdentifier::KindText(mode)
                                                       : context.types.Identify(path, mode, version));
