@@ -43,8 +43,7 @@ void TtlProcessTree::TagsChangedLocked(Entry& entry)
     else if (!entry.tactic)
     {
         entry.tactic = true;
-        ++m_tacticEntries;
-        m_tacticChildren[entry.info.parentPid].insert(entry.info.pid);
+        m_tactic.Add(entry.info.parentPid, entry.info.pid);
     }
 }
 
@@ -55,12 +54,7 @@ void TtlProcessTree::ForgetTacticLocked(Entry& entry)
         return;
     }
     entry.tactic = false;
-    --m_tacticEntries;
-    const auto it = m_tacticChildren.find(entry.info.parentPid);
-    if (it != m_tacticChildren.end() && it->second.erase(entry.info.pid) != 0 && it->second.empty())
-    {
-        m_tacticChildren.erase(it);
-    }
+    m_tactic.Remove(entry.info.parentPid, entry.info.pid);
 }
 
 const std::set<pid_t>* TtlProcessTree::ChildrenLocked(pid_t parentPid) const
@@ -510,8 +504,7 @@ void TtlProcessTree::Clear()
     m_waitingChildren.clear();
     m_removed.clear();
     m_changed.clear();
-    m_tacticEntries = 0;
-    m_tacticChildren.clear();
+    m_tactic.Clear();
 }
 
 void TtlProcessTree::Load(common::SqlStorage& snapshot)

@@ -2,6 +2,7 @@
 
 #include "ioc/ProcReader.h"
 #include "ioc/ProcessInfo.h"
+#include "ioc/TacticChildren.h"
 
 #include <chrono>
 #include <cstdint>
@@ -206,7 +207,7 @@ public:
     {
         std::lock_guard lock(m_mutex);
         const auto it = m_entries.find(pid);
-        if (m_tacticEntries == 0 || it == m_entries.end() || it->second.info.parentPid <= 0)
+        if (m_tactic.Size() == 0 || it == m_entries.end() || it->second.info.parentPid <= 0)
         {
             return;
         }
@@ -215,13 +216,13 @@ public:
         {
             visit(parent->second.info);
         }
-        const auto tagged = m_tacticChildren.find(parentPid);
+        const std::set<pid_t>* tagged = m_tactic.Of(parentPid);
         const std::set<pid_t>* siblings = withSiblings ? ChildrenLocked(parentPid) : nullptr;
-        if (tagged == m_tacticChildren.end() || siblings == nullptr)
+        if (tagged == nullptr || siblings == nullptr)
         {
             return;
         }
-        for (const pid_t sibling : tagged->second)
+        for (const pid_t sibling : *tagged)
         {
             if (sibling != pid && siblings->count(sibling) != 0)
             {
@@ -265,11 +266,10 @@ private:
     void MarkTerminatedLocked(Entry& entry);
     Entry* FindLocked(pid_t pid);
     // After any change of an entry's tags: its row must be saved, and its
-    // tactic flag (with the counts and index of such entries) follows the
-    // tags.
+    // tactic flag (with m_tactic) follows the tags.
     void TagsChangedLocked(Entry& entry);
-    // Clears the entry's tactic flag with its count and index, before the
-    // entry goes or its parent changes.
+    // Clears the entry's tactic flag (with m_tactic), before the entry goes
+    // or its parent changes.
     void ForgetTacticLocked(Entry& entry);
     // The children the tree holds under parentPid (also while the parent
     // itself is unknown); null when there are none.
@@ -301,10 +301,8 @@ private:
     // Pids whose rows changed since the last save (their own fields, tags
     // or children); a save writes only these.
     std::unordered_set<pid_t> m_changed;
-    // Entries whose tactic flag is set, and their pids by the parent pid they
-    // name.
-    size_t m_tacticEntries = 0;
-    std::unordered_map<pid_t, std::set<pid_t>> m_tacticChildren;
+    // The entries whose tactic flag is set.
+    internal::TacticChildren m_tactic;
 };
 
 template <typename Visit>
