@@ -4,12 +4,15 @@
 // deletes half of them, and of saving the tree to the snapshot database;
 // and the memory the tree holds (resident set growth while it is built, and
 // the peak of the whole run). Also the verdicts of the engines that read the
-// tree per event, for a build lineage six deep with 2 KB command lines.
+// tree per event, for a build lineage six deep with 2 KB command lines; and
+// the file type of a reported file (one that is gone, one described before).
 #include "bench/BenchDir.h"
 #include "bench/ResourceUsage.h"
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
 #include "edr/Event.h"
+#include "edr/LibMagicWrapper.h"
+#include "ioc/FileTypeIdentifier.h"
 #include "ioc/HeuristicsEngine.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TaggingEngine.h"
@@ -17,6 +20,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <malloc.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -320,8 +325,9 @@ void BM_TaggingVerdictDeepLineage(benchmark::State& state)
 }
 BENCHMARK(BM_TaggingVerdictDeepLineage);
 
-// A build's make with thousands of children, none tagged: the verdict on
-// each child's start, which looks for tags to inherit from its kin.
+// A build's make with thousands of children: the verdict on each child's
+// start, which looks for tags to inherit from its kin. With Arg(1) one
+// process elsewhere in the tree carries a tag.
 void BM_TaggingVerdictBusyParentStart(benchmark::State& state)
 {
     constexpr pid_t kParent = 100;
@@ -341,6 +347,11 @@ void BM_TaggingVerdictBusyParentStart(benchmark::State& state)
         starts.push_back(std::make_shared<ChildEvent>(vantor::edr::EventType::Running, pid, 0));
         tree.AddOrUpdate(*starts.back());
     }
+    if (state.range(0) != 0)
+    {
+        tree.AddOrUpdate(LineageEvent(vantor::edr::EventType::Running, 50, 0));
+        tree.AddTag(50, "Execution", 1);
+    }
     vantor::ioc::internal::TaggingEngine engine(tree);
     engine.ApplySettings(R"({"thresholdScore": 100, "Execution": {"score": 1}})");
     size_t next = 0;
@@ -351,7 +362,34 @@ void BM_TaggingVerdictBusyParentStart(benchmark::State& state)
     }
     state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_TaggingVerdictBusyParentStart);
+BENCHMARK(BM_TaggingVerdictBusyParentStart)->Arg(0)->Arg(1);
+
+// The type of a reported regular file: Arg(0) one that is gone (the event
+// had no stat), Arg(1) one whose version was described before. The malloc
+// tuning is the daemon's: libmagic's read buffer is mapped per call.
+void BM_FileTypeOfAReportedFile(benchmark::State& state)
+{
+    Quiet();
+    ::mallopt(M_MMAP_THRESHOLD, 4194304);
+    vantor::bench::BenchDir dir;
+    const std::string present = dir.Path() + "/script.sh";
+    std::ofstream(present) << "#!/bin/sh\necho 1\n";
+    const vantor::ioc::internal::FileTypeIdentifier types(
+        std::make_shared<const vantor::edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"));
+    const bool gone = state.range(0) == 0;
+    const std::string path = gone ? dir.Path() + "/gone.tmp" : present;
+    std::optional<vantor::ioc::internal::FileTypeIdentifier::Version> version;
+    if (!gone)
+    {
+        version = vantor::ioc::internal::FileTypeIdentifier::Version{1, 2, 17};
+    }
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(types.Identify(path, S_IFREG, version));
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_FileTypeOfAReportedFile)->Arg(0)->Arg(1);
 
 } // namespace
 

@@ -85,11 +85,14 @@ std::string FileTypeIdentifier::Identify(const std::string& path, uint32_t mode,
         }
     }
     // Events about files already gone are common: no exception per event,
-    // and the reason is formatted only for a debug log.
+    // and the reason is formatted only for a debug log. libmagic looks at the
+    // link itself, not at its target.
     std::string description;
     std::string error;
     const bool debug = common::Logging::Edr().is(Poco::Message::PRIO_DEBUG);
-    if (!m_magic->TryDescribe(path, description, debug ? &error : nullptr))
+    struct stat status;
+    if ((!debug && ::lstat(path.c_str(), &status) != 0) ||
+        !m_magic->TryDescribe(path, description, debug ? &error : nullptr))
     {
         // Not remembered: the file may be readable at the next event.
         EDR_LOG_DEBUG("FileTypeIdentifier: " << error);

@@ -39,9 +39,12 @@ namespace vantor::ioc::internal
 // -> "SQLite".
 //
 // A regular file's type is remembered by path with the version the caller
-// names (its modification time and size from the event): the same version of
-// a file is described once, as files are written many times over. At most
-// kMaxRemembered paths are kept; the memory starts afresh when full.
+// names (its size, modification and change times from the event's stat): the
+// same version of a file is described once, as the same files are reported
+// again and again. At most kMaxRemembered paths are kept; the memory starts
+// afresh when full. A file that is gone is "regularfile" without asking
+// libmagic, which sets up a buffer of megabytes before it finds that out (it
+// is asked all the same while debug logging wants its reason).
 //
 // Identify is safe from any thread (the magic wrapper serialises its own
 // lookups; the memory has its own mutex).
@@ -72,10 +75,13 @@ public:
     FileTypeIdentifier(const FileTypeIdentifier&) = delete;
     FileTypeIdentifier& operator=(const FileTypeIdentifier&) = delete;
 
-    // The version of a file's content as far as the caller knows it.
+    // The version of a file's content as far as the caller knows it: times in
+    // nanoseconds since the epoch. A file replaced by another one of the same
+    // size and modification time has a new change time.
     struct Version
     {
         int64_t modified = 0;
+        int64_t changed = 0;
         int64_t size = 0;
         bool operator==(const Version&) const = default;
     };

@@ -36,11 +36,35 @@ void TtlProcessTree::TagsChangedLocked(Entry& entry)
     m_changed.insert(entry.info.pid);
     const bool tactic = std::any_of(entry.info.tags.begin(), entry.info.tags.end(),
                                     [](const auto& tag) { return !IsStateTag(tag.first); });
-    if (tactic != entry.tactic)
+    if (!tactic)
     {
-        entry.tactic = tactic;
-        tactic ? ++m_tacticEntries : --m_tacticEntries;
+        ForgetTacticLocked(entry);
     }
+    else if (!entry.tactic)
+    {
+        entry.tactic = true;
+        m_tactic.Add(entry.info.parentPid, entry.info.pid);
+    }
+}
+
+void TtlProcessTree::ForgetTacticLocked(Entry& entry)
+{
+    if (!entry.tactic)
+    {
+        return;
+    }
+    entry.tactic = false;
+    m_tactic.Remove(entry.info.parentPid, entry.info.pid);
+}
+
+const std::set<pid_t>* TtlProcessTree::ChildrenLocked(pid_t parentPid) const
+{
+    if (const auto parent = m_entries.find(parentPid); parent != m_entries.end())
+    {
+        return &parent->second.info.children;
+    }
+    const auto waiting = m_waitingChildren.find(parentPid);
+    return waiting == m_waitingChildren.end() ? nullptr : &waiting->second;
 }
 
 void TtlProcessTree::AddOrUpdate(const edr::Event& event)
@@ -80,6 +104,7 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
     process.verdicts = std::move(entry->info.verdicts);
     process.creationTime = entry->info.creationTime;
     const pid_t oldParent = entry->info.parentPid;
+    ForgetTacticLocked(*entry);
     entry->SetInfo(std::move(process));
     TagsChangedLocked(*entry);
     if (oldParent != entry->info.parentPid)
@@ -110,7 +135,7 @@ void TtlProcessTree::AddLocked(ProcessInfo process)
     m_changed.insert(pid);
     m_removed.erase(pid);
     auto& entry = m_entries[pid];
-    m_tacticEntries -= entry.tactic ? 1 : 0;
+    ForgetTacticLocked(entry);
     entry = Entry{};
     entry.SetInfo(std::move(process));
     TagsChangedLocked(entry);
@@ -204,7 +229,7 @@ void TtlProcessTree::DeleteLocked(pid_t pid)
                                                      << " not found while deleting for Process PID: " << pid);
         }
     }
-    m_tacticEntries -= it->second.tactic ? 1 : 0;
+    ForgetTacticLocked(it->second);
     m_entries.erase(it);
     m_removed.insert(pid);
     m_changed.erase(pid);
@@ -479,7 +504,7 @@ void TtlProcessTree::Clear()
     m_waitingChildren.clear();
     m_removed.clear();
     m_changed.clear();
-    m_tacticEntries = 0;
+    m_tactic.Clear();
 }
 
 void TtlProcessTree::Load(common::SqlStorage& snapshot)

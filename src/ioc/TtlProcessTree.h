@@ -2,6 +2,7 @@
 
 #include "ioc/ProcReader.h"
 #include "ioc/ProcessInfo.h"
+#include "ioc/TacticChildren.h"
 
 #include <chrono>
 #include <cstdint>
@@ -198,32 +199,35 @@ public:
     // Calls visit (void(const ProcessInfo&)) with the pid's parent and then,
     // when withSiblings, with its siblings in GetSiblings' order, skipping
     // those that carry no tag but the states: what a starting process may
-    // inherit. While no process carries such a tag this costs one check,
-    // however many children a busy parent has. Nothing is copied: visit runs
-    // under the tree's lock and must not call the tree.
+    // inherit. Only the tagged children of the parent are looked at, so a
+    // busy parent's thousands of untagged children cost nothing. Nothing is
+    // copied: visit runs under the tree's lock and must not call the tree.
     template <typename Visit>
     void VisitTaggedKin(pid_t pid, bool withSiblings, Visit&& visit) const
     {
         std::lock_guard lock(m_mutex);
         const auto it = m_entries.find(pid);
-        if (m_tacticEntries == 0 || it == m_entries.end() || it->second.info.parentPid <= 0)
+        if (m_tactic.Size() == 0 || it == m_entries.end() || it->second.info.parentPid <= 0)
         {
             return;
         }
-        const auto visitTagged = [&visit](const Entry& entry)
+        const pid_t parentPid = it->second.info.parentPid;
+        if (const auto parent = m_entries.find(parentPid); parent != m_entries.end() && parent->second.tactic)
         {
-            if (entry.tactic)
-            {
-                visit(entry.info);
-            }
-        };
-        if (const auto parent = m_entries.find(it->second.info.parentPid); parent != m_entries.end())
-        {
-            visitTagged(parent->second);
+            visit(parent->second.info);
         }
-        if (withSiblings)
+        const std::set<pid_t>* tagged = m_tactic.Of(parentPid);
+        const std::set<pid_t>* siblings = withSiblings ? ChildrenLocked(parentPid) : nullptr;
+        if (tagged == nullptr || siblings == nullptr)
         {
-            ForEachSiblingLocked(pid, it->second.info.parentPid, visitTagged);
+            return;
+        }
+        for (const pid_t sibling : *tagged)
+        {
+            if (sibling != pid && siblings->count(sibling) != 0)
+            {
+                visit(m_entries.at(sibling).info);
+            }
         }
     }
     // Adds the tag with its score, under one lock, to each of the pids that
@@ -262,8 +266,14 @@ private:
     void MarkTerminatedLocked(Entry& entry);
     Entry* FindLocked(pid_t pid);
     // After any change of an entry's tags: its row must be saved, and its
-    // tactic flag follows the tags.
+    // tactic flag (with m_tactic) follows the tags.
     void TagsChangedLocked(Entry& entry);
+    // Clears the entry's tactic flag (with m_tactic), before the entry goes
+    // or its parent changes.
+    void ForgetTacticLocked(Entry& entry);
+    // The children the tree holds under parentPid (also while the parent
+    // itself is unknown); null when there are none.
+    const std::set<pid_t>* ChildrenLocked(pid_t parentPid) const;
     // visit: void(const Entry&), for each process the tree holds under
     // parentPid (also while the parent itself is unknown) but pid, in pid
     // order.
@@ -291,22 +301,14 @@ private:
     // Pids whose rows changed since the last save (their own fields, tags
     // or children); a save writes only these.
     std::unordered_set<pid_t> m_changed;
-    // Entries whose tactic flag is set.
-    size_t m_tacticEntries = 0;
+    // The entries whose tactic flag is set.
+    internal::TacticChildren m_tactic;
 };
 
 template <typename Visit>
 void TtlProcessTree::ForEachSiblingLocked(pid_t pid, pid_t parentPid, Visit&& visit) const
 {
-    const std::set<pid_t>* children = nullptr;
-    if (const auto parent = m_entries.find(parentPid); parent != m_entries.end())
-    {
-        children = &parent->second.info.children;
-    }
-    else if (const auto waiting = m_waitingChildren.find(parentPid); waiting != m_waitingChildren.end())
-    {
-        children = &waiting->second;
-    }
+    const std::set<pid_t>* children = ChildrenLocked(parentPid);
     if (children == nullptr)
     {
         return;

@@ -88,16 +88,19 @@ std::optional<Added> FileEvent::AddTo(pb::IoCEvent& batch, const Input& input, C
     }
     const std::string path =
         action == pb::RENAME ? EventFields::NewFile(input.event).value_or(*oldPath) : *oldPath;
-    const auto stored = context.files.ReadFile(SnapshotFiles::RowIdOf(*oldPath));
+    // The row ids are digests of the paths: each is made once per event.
+    const std::string oldRowId = SnapshotFiles::RowIdOf(*oldPath);
+    const auto stored = context.files.ReadFile(oldRowId);
     if (action == pb::DELETE && !stored)
     {
         EDR_LOG_DEBUG("Dropping delete event for unreported file: " << path);
         return std::nullopt;
     }
     SnapshotFiles::FileRow row;
+    row.rowId = path == *oldPath ? oldRowId : SnapshotFiles::RowIdOf(path);
     const Added added = Add(*batch.mutable_fileevent(), [&](pb::FileEvent& message)
                             { Fill(message, input, context, action, *oldPath, path, stored, row); });
-    UpdateSnapshot(context.files, action, *oldPath, path, row);
+    UpdateSnapshot(context.files, action, oldRowId, path, row);
     return added;
 }
 
@@ -121,7 +124,6 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
     }
     FillMetadata(*message.mutable_agentmetadata(), input, context);
 
-    row.rowId = SnapshotFiles::RowIdOf(path);
     if (stored)
     {
         row.size = stored->size;
@@ -142,6 +144,7 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
     // A file that was gone when the event was made has no size or times:
     // the stored row's stay.
     std::optional<edr::Event::TimePoint> modified;
+    std::optional<edr::Event::TimePoint> changed;
     if (event.HasFileStat())
     {
         row.size =
@@ -155,7 +158,8 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
         {
             row.times.lastAccess = Millis(*accessed);
         }
-        if (const auto changed = EventFields::Try([&] { return event.GetFileChangeTime(); }))
+        changed = EventFields::Try([&] { return event.GetFileChangeTime(); });
+        if (changed)
         {
             row.times.lastChange = Millis(*changed);
         }
@@ -180,9 +184,10 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
     // The event's stat names the content's version; without it the file is
     // described afresh.
     std::optional<FileTypeIdentifier::Version> version;
-    if (modified)
+    if (modified && changed)
     {
-        version = FileTypeIdentifier::Version{modified->time_since_epoch().count(), row.size};
+        version = FileTypeIdentifier::Version{modified->time_since_epoch().count(),
+                                              changed->time_since_epoch().count(), row.size};
     }
     message.set_type(tooLarge || action == pb::DELETE ? FileTypeIdentifier::KindText(mode)
                                                       : context.types.Identify(path, mode, version));
@@ -213,12 +218,11 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
     message.set_sha256(row.sha256);
 }
 
-void FileEvent::UpdateSnapshot(SnapshotFiles& files, pb::EventAction action, const std::string& oldPath,
+void FileEvent::UpdateSnapshot(SnapshotFiles& files, pb::EventAction action, const std::string& oldRowId,
                                const std::string& path, const SnapshotFiles::FileRow& row)
 {
     const bool stored = UpdateRow(
-        action, [&] { return files.DeleteFile(SnapshotFiles::RowIdOf(oldPath)); },
-        [&] { return files.WriteFile(row); });
+        action, [&] { return files.DeleteFile(oldRowId); }, [&] { return files.WriteFile(row); });
     if (!stored)
     {
         EDR_LOG_ERROR("Failed to update 'File' table in snapshot DB for file " << path);

@@ -32,7 +32,8 @@ public:
 
     std::optional<Added> AddTo(pb::IoCEvent& batch, const Input& input, Context& context) const override;
 
-    static void UpdateSnapshot(SnapshotFiles& files, pb::EventAction action, const std::string& oldPath,
+    // oldRowId: the row id of the event's (old) path; row carries the new.
+    static void UpdateSnapshot(SnapshotFiles& files, pb::EventAction action, const std::string& oldRowId,
                                const std::string& path, const SnapshotFiles::FileRow& row);
 
 private:

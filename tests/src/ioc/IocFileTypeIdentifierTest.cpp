@@ -77,17 +77,31 @@ TEST(IocFileTypeIdentifierTest, AVersionOfAPathIsDescribedOnce)
 {
     vantor::test::TempDir dir;
     const FileTypeIdentifier types(std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase));
-    const FileTypeIdentifier::Version first{100, 25};
-    const FileTypeIdentifier::Version second{200, 25};
+    const FileTypeIdentifier::Version first{100, 100, 25};
     const std::string path = dir.Write("script", "#!/usr/bin/perl\nprint 1;\n");
     EXPECT_EQ(types.Identify(path, S_IFREG, first), "Perl");
-    dir.Write("script", "#!/usr/bin/ruby\nputs 1\n");
     // The same version is not read again; another version or none is.
-    EXPECT_EQ(types.Identify(path, S_IFREG, first), "Perl");
-    EXPECT_EQ(types.Identify(path, S_IFREG, second), "Ruby");
-    dir.Write("script", "<?php echo 1; ?>\n");
-    EXPECT_EQ(types.Identify(path, S_IFREG), "PHP");
-    // A file that cannot be read is not remembered as untyped.
+    struct Case
+    {
+        const char* content;
+        FileTypeIdentifier::Version version;
+        const char* type;
+    };
+    const std::vector<Case> cases{
+        {"#!/usr/bin/ruby\nputs 1\n", first, "Perl"},
+        {"#!/usr/bin/ruby\nputs 1\n", {200, 200, 25}, "Ruby"},
+        // Replaced by a file of the same size and modification time.
+        {"<?php echo 1; ?>\n", {200, 300, 25}, "PHP"},
+        {"#!/usr/bin/python3\nprint(1)\n", {200, 300, 26}, "Python"},
+    };
+    for (const auto& c : cases)
+    {
+        dir.Write("script", c.content);
+        EXPECT_EQ(types.Identify(path, S_IFREG, c.version), c.type);
+    }
+    dir.Write("script", "#!/bin/sh\necho 1\n");
+    EXPECT_EQ(types.Identify(path, S_IFREG), "Script");
+    // A file that is gone or cannot be read is not remembered as untyped.
     const std::string late = dir.File("late");
     EXPECT_EQ(types.Identify(late, S_IFREG, first), "regularfile");
     dir.Write("late", "#!/usr/bin/perl\nprint 1;\n");

@@ -219,6 +219,10 @@ TEST_F(TtlProcessTreeTest, SiblingsAndTheTaggedKinAStartingProcessMayInheritFrom
     EXPECT_THAT(kin(31, true), IsEmpty());
     m_tree.AddTag(20, "Execution", 5);
     EXPECT_THAT(kin(21, true), ElementsAre(20));
+    // A tagged process that moves to another parent is kin there only.
+    Start(20, 30, 500);
+    EXPECT_THAT(kin(21, true), IsEmpty());
+    EXPECT_THAT(kin(31, true), ElementsAre(20));
 }
 
 TEST_F(TtlProcessTreeTest, MisuseIsRefusedWithItsText)
