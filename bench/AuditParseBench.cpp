@@ -13,7 +13,9 @@
 //    instead of grouped by event first.
 // After the runs the ratio of their CPU per event and the peak RSS are
 // printed. Before them, the heap bytes that the typed events of the corpus
-// hold while queued, and what a clone of each (as IOC makes) adds.
+// hold while queued, what a clone of each (as IOC makes) adds, and the heap
+// allocations (operator new, that is ours, not libauparse's) per event that
+// building them took.
 
 #include "bench/AuditCorpus.h"
 #include "bench/AuparseFloor.h"
@@ -29,10 +31,30 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <map>
 #include <memory>
+#include <new>
+
+namespace
+{
+// Allocations by operator new on this thread (the intake runs on the
+// calling thread). The library's operator delete frees with free().
+thread_local uint64_t t_allocations = 0;
+} // namespace
+
+// Not inlined: the compiler would otherwise pair its malloc with operator delete.
+__attribute__((noinline)) void* operator new(std::size_t size)
+{
+    ++t_allocations;
+    if (void* p = std::malloc(size != 0 ? size : 1))
+    {
+        return p;
+    }
+    throw std::bad_alloc();
+}
 
 namespace
 {
@@ -84,6 +106,7 @@ void BM_AuparseFeedBuilder(benchmark::State& state)
     const auto* data = reinterpret_cast<const uint8_t*>(text.data());
     uint64_t built = 0;
     double cpu = 0;
+    const uint64_t allocationsBefore = t_allocations;
     for (auto _ : state)
     {
         const double before = vantor::bench::ResourceUsage::ProcessCpuSeconds();
@@ -101,6 +124,7 @@ void BM_AuparseFeedBuilder(benchmark::State& state)
     state.SetItemsProcessed(static_cast<int64_t>(events));
     state.counters["cpu_ns_per_event"] = g_intakeNsPerEvent[interleaved][asReceived];
     state.counters["typed_events"] = static_cast<double>(built);
+    state.counters["allocs_per_event"] = static_cast<double>(t_allocations - allocationsBefore) / events;
 }
 
 BENCHMARK(BM_AuparseFloor)
@@ -135,6 +159,7 @@ void PrintCorpus()
     vantor::audit::AuparseFeed::Events kept;
     kept.reserve(kEvents + kEvents / 2);
     const size_t heapBefore = HeapInUse();
+    const uint64_t allocationsBefore = t_allocations;
     {
         vantor::audit::AuparseFeed feed(builder);
         const auto keep = [&](vantor::audit::AuparseFeed::Events events)
@@ -153,6 +178,7 @@ void PrintCorpus()
         keep(feed.Flush());
     }
     const size_t heapEvents = HeapInUse();
+    const uint64_t allocations = t_allocations - allocationsBefore;
     vantor::audit::AuparseFeed::Events clones;
     clones.reserve(kept.size());
     for (const auto& event : kept)
@@ -179,8 +205,9 @@ void PrintCorpus()
     }
     const auto perEvent = [&](size_t bytes)
     { return static_cast<double>(bytes) / static_cast<double>(kept.size()); };
-    std::printf("\nheap per typed event: %.0f bytes held (event object and its members), clone %.0f bytes\n",
-                perEvent(heapEvents - heapBefore), perEvent(heapClones - heapEvents));
+    std::printf("\nheap per typed event: %.0f bytes held (event object and its members), clone %.0f bytes, "
+                "%.2f allocations to build\n",
+                perEvent(heapEvents - heapBefore), perEvent(heapClones - heapEvents), perEvent(allocations));
 }
 
 } // namespace

@@ -8,6 +8,9 @@
 
 #include <atomic>
 #include <future>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <thread>
 
 namespace vantor::audit
@@ -217,6 +220,87 @@ TEST_F(EventProcessingThreadFlowTest, StopLeavesTheRestOfABatchAndReleasesABlock
     CaptureCounters counters;
     thread.AddCounters(counters);
     EXPECT_EQ(counters.droppedAtStop + handled.load(), 15001U);
+}
+
+TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfterAShortWait)
+{
+    // Which thread destroyed each event, by serial.
+    struct Destructions
+    {
+        std::mutex mutex;
+        std::map<uint32_t, std::thread::id> by;
+    } destructions;
+    struct TracedEvent : test::TestEvent
+    {
+        explicit TracedEvent(Destructions& to)
+            : to(to)
+        {
+        }
+        ~TracedEvent() override
+        {
+            std::lock_guard lock(to.mutex);
+            to.by[id] = std::this_thread::get_id();
+        }
+        Destructions& to;
+    };
+    const auto batch = [&](std::initializer_list<uint32_t> serials)
+    {
+        Events events;
+        for (const uint32_t serial : serials)
+        {
+            events.push_back(std::make_unique<TracedEvent>(destructions));
+            static_cast<TracedEvent&>(*events.back()).id = serial;
+        }
+        return events;
+    };
+    const auto destroyedBy = [&](uint32_t serial) -> std::optional<std::thread::id>
+    {
+        std::lock_guard lock(destructions.mutex);
+        const auto it = destructions.by.find(serial);
+        return it != destructions.by.end() ? std::optional(it->second) : std::nullopt;
+    };
+    std::atomic<size_t> handled{0};
+    std::thread::id worker;
+    Register(
+        [&](edr::Event&)
+        {
+            worker = std::this_thread::get_id();
+            ++handled;
+        });
+    const auto waitFor = [&](const std::function<bool()>& done)
+    {
+        for (int i = 0; i < 400 && !done(); ++i)
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return done();
+    };
+    EventProcessingThread thread(m_processor.Get(), 100, {});
+    thread.Start();
+    std::thread::id producer;
+    std::async(std::launch::async,
+               [&]
+               {
+                   producer = std::this_thread::get_id();
+                   thread.Enqueue(batch({1, 2}));
+                   ASSERT_TRUE(waitFor([&] { return handled == 2; }));
+                   // Well within the worker's wait for a producer.
+                   std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                   EXPECT_FALSE(destroyedBy(1)) << "kept until the producer comes back";
+                   thread.Enqueue(batch({3}));
+               })
+        .get();
+    EXPECT_EQ(destroyedBy(1), producer);
+    EXPECT_EQ(destroyedBy(2), producer);
+    // No producer comes back: the worker destroys the last batch itself.
+    ASSERT_TRUE(waitFor([&] { return destroyedBy(3).has_value(); }));
+    EXPECT_EQ(destroyedBy(3), worker);
+
+    // Stop destroys what waits for a producer.
+    thread.Enqueue(batch({4}));
+    ASSERT_TRUE(waitFor([&] { return handled == 4; }));
+    thread.Stop();
+    EXPECT_EQ(destroyedBy(4), std::this_thread::get_id());
 }
 
 TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
