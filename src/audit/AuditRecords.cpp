@@ -59,9 +59,9 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
                 do
                 {
                     const char* name = auparse_get_field_name(au);
-                    if (name != nullptr && AuparseField::Is(name, "cwd"))
+                    if (name != nullptr && AuparseField::Is(name, "cwd") && cwdCount++ == 0)
                     {
-                        AuparseField::AppendText(au, cwds.emplace_back());
+                        AuparseField::AppendText(au, cwd);
                     }
                 } while (auparse_next_field(au) == 1);
             }
@@ -70,7 +70,7 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
             if ((wanted & kProctitle) != 0)
             {
                 const char* raw = auparse_find_field(au, "proctitle");
-                proctitle = DecodeProctitle(raw != nullptr ? raw : "");
+                DecodeProctitle(raw != nullptr ? raw : "", proctitle);
             }
             break;
         case AUDIT_EXECVE:
@@ -95,13 +95,13 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
     }
 }
 
-std::vector<std::string> AuditRecords::DecodeProctitle(std::string_view raw)
+void AuditRecords::DecodeProctitle(std::string_view raw, std::string& bytes)
 {
+    bytes.clear();
     if (raw.empty() || raw == "(null)")
     {
-        return {};
+        return;
     }
-    std::string bytes;
     if (raw.size() >= 2 && raw.front() == '"' && raw.back() == '"')
     {
         bytes.assign(raw.substr(1, raw.size() - 2));
@@ -126,21 +126,19 @@ std::vector<std::string> AuditRecords::DecodeProctitle(std::string_view raw)
             bytes.assign(raw);
         }
     }
-    std::vector<std::string> arguments;
-    size_t start = 0;
-    for (size_t nul = bytes.find('\0'); nul != std::string::npos; nul = bytes.find('\0', start))
-    {
-        arguments.push_back(bytes.substr(start, nul - start));
-        start = nul + 1;
-    }
-    if (start < bytes.size())
-    {
-        arguments.push_back(bytes.substr(start));
-    }
     // A title cut at the kernel's limit may end on NULs of empty arguments.
-    while (!arguments.empty() && arguments.back().empty())
+    const size_t last = bytes.find_last_not_of('\0');
+    bytes.resize(last == std::string::npos ? 0 : last + 1);
+}
+
+std::vector<std::string> AuditRecords::SplitArguments(std::string_view text)
+{
+    std::vector<std::string> arguments;
+    while (!text.empty())
     {
-        arguments.pop_back();
+        const size_t nul = text.find('\0');
+        arguments.emplace_back(text.substr(0, nul));
+        text.remove_prefix(nul == std::string_view::npos ? text.size() : nul + 1);
     }
     return arguments;
 }

@@ -40,18 +40,25 @@ public:
 
     SyscallRecord syscall;
     std::vector<PathRecord> paths;
-    std::vector<std::string> cwds;
-    // The PROCTITLE record's command line, one entry per argument; empty
-    // when the event had none. The kernel keeps at most 128 bytes of it.
-    std::vector<std::string> proctitle;
+    // The first CWD record's directory, and how many there were.
+    std::string cwd;
+    unsigned cwdCount = 0;
+    // The PROCTITLE record's command line, its arguments separated by NUL
+    // bytes (see DecodeProctitle); empty when the event had none. The kernel
+    // keeps at most 128 bytes of it. One text rather than one per argument:
+    // it is built for every event and seldom read.
+    std::string proctitle;
     std::optional<uint32_t> argc;
     std::vector<std::string> arguments;
     std::optional<SockAddr> sockaddr;
     bool sockaddrInvalid = false;
 
-    // The arguments of a PROCTITLE value: hex-encoded bytes with NUL between
-    // the arguments, or a quoted text when it holds no special character.
-    static std::vector<std::string> DecodeProctitle(std::string_view raw);
+    // Replaces out with the bytes of a PROCTITLE value (hex-encoded bytes
+    // with NUL between the arguments, or a quoted text when it holds no
+    // special character), without the empty arguments it may end on.
+    static void DecodeProctitle(std::string_view raw, std::string& out);
+    // The arguments of such bytes; none for an empty text.
+    static std::vector<std::string> SplitArguments(std::string_view text);
 
 private:
     void ParseExecve(auparse_state_t* au);

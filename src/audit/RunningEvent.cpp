@@ -17,7 +17,7 @@ RunningEvent::RunningEvent(auparse_state_t* au)
     {
         throw edr::EventException("Invalid syscall for Running event: " + std::to_string(GetSyscall()));
     }
-    if (m_records.cwds.size() > 1)
+    if (m_records.cwdCount > 1)
     {
         throw edr::EventException("Too many CWD records in Running event");
     }
@@ -28,11 +28,11 @@ RunningEvent::RunningEvent(auparse_state_t* au)
     const PathRecord& object = m_records.paths.front();
     if (AbsolutePath::IsRelative(object.name))
     {
-        if (m_records.cwds.empty())
+        if (m_records.cwdCount == 0)
         {
             throw edr::EventException("Missing CWD with relative path");
         }
-        m_executable = AbsolutePath::Join(m_records.cwds.front(), object.name);
+        m_executable = AbsolutePath::Join(m_records.cwd, object.name);
     }
     else
     {
@@ -105,7 +105,7 @@ uint32_t RunningEvent::GetCategory() const
 
 std::string RunningEvent::GetCwd() const
 {
-    return m_records.cwds.empty() ? std::string() : m_records.cwds.front();
+    return m_records.cwd;
 }
 
 std::string RunningEvent::GetSecondaryImage() const

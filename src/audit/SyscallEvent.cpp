@@ -1,6 +1,6 @@
 #include "audit/SyscallEvent.h"
 
-#include "audit/ProcessInfo.h"
+#include <algorithm>
 
 namespace vantor::audit::internal
 {
@@ -17,7 +17,7 @@ std::vector<std::string> SyscallEvent::GetActorProcessArguments() const
     {
         return Event::GetActorProcessArguments();
     }
-    return m_records.proctitle;
+    return AuditRecords::SplitArguments(m_records.proctitle);
 }
 
 std::string SyscallEvent::GetCommandLine() const
@@ -26,7 +26,10 @@ std::string SyscallEvent::GetCommandLine() const
     {
         return Event::GetCommandLine();
     }
-    return ProcessInfo::JoinArguments(m_records.proctitle);
+    // The arguments joined by spaces.
+    std::string line = m_records.proctitle;
+    std::replace(line.begin(), line.end(), '\0', ' ');
+    return line;
 }
 
 uint32_t SyscallEvent::GetActorEuid() const
