@@ -98,6 +98,9 @@ AuparseFeed::Events AuparseFeed::TakeCompleted()
 {
     Events events = std::move(m_completed);
     m_completed.clear();
+    // Room for as many as last time: one allocation rather than a growth
+    // per doubling.
+    m_completed.reserve(events.size());
     return events;
 }
 

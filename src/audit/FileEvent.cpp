@@ -42,7 +42,7 @@ FileEvent::FileEvent(auparse_state_t* au, Magic magic)
     {
         if (path.hasName && AbsolutePath::IsRelative(path.name))
         {
-            path.name = AbsolutePath::Join(m_records.cwd, path.name);
+            path.name = AbsolutePath::Join(m_records.Cwd(), path.name);
         }
     }
 }
@@ -312,7 +312,7 @@ uint64_t FileEvent::GetParentDeviceID() const
 
 std::string FileEvent::GetCwd() const
 {
-    return m_records.cwd;
+    return std::string(m_records.Cwd());
 }
 
 edr::FileReadStatus FileEvent::GetFileReadStatus() const

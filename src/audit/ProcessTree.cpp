@@ -5,6 +5,7 @@
 #include "common/Logging.h"
 
 #include <unordered_set>
+#include <utility>
 
 namespace vantor::audit
 {
@@ -377,14 +378,14 @@ void ProcessTree::CacheClone(std::unique_ptr<edr::Event> clone, pid_t child)
         }
     }
     auto [it, inserted] = m_cloneCache.try_emplace(child);
-    it->second = std::move(clone);
+    Release(std::exchange(it->second, std::move(clone)));
     if (inserted)
     {
         m_cloneOrder.push_back(child);
     }
     while (m_cloneCache.size() > kCloneCacheLimit && !m_cloneOrder.empty())
     {
-        m_cloneCache.erase(m_cloneOrder.front());
+        ReleaseClone(m_cloneOrder.front());
         m_cloneOrder.pop_front();
     }
     // The order list may hold pids whose entries were used up; keep it short.

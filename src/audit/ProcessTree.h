@@ -67,9 +67,9 @@ public:
     // attached to an audit event, else the live entry of its pid), under the
     // same lock; it stays empty when the event has no pid.
     //
-    // With released given, the cached clones that the event makes of no
-    // further use are appended to it instead of being destroyed here (so
-    // that the thread that made them can destroy them).
+    // With released given, the cached clones that the update lets go (used
+    // up, or evicted beyond the limit) are appended to it instead of being
+    // destroyed here, so that the thread that made them can destroy them.
     using Match = std::function<bool(const ProcessInfo&)>;
     bool UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents,
                          const Match* lineageMatch = nullptr, std::optional<bool>* lineageMatched = nullptr,

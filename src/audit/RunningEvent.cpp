@@ -32,7 +32,7 @@ RunningEvent::RunningEvent(auparse_state_t* au)
         {
             throw edr::EventException("Missing CWD with relative path");
         }
-        m_executable = AbsolutePath::Join(m_records.cwd, object.name);
+        m_executable = AbsolutePath::Join(m_records.Cwd(), object.name);
     }
     else
     {
@@ -47,7 +47,7 @@ RunningEvent::RunningEvent(auparse_state_t* au)
     {
         return;
     }
-    const std::string& image = m_records.syscall.exe;
+    const std::string image(m_records.Exe());
     bool same = image == m_executable;
     for (size_t i = 1; !same && i < m_records.paths.size(); ++i)
     {
@@ -105,7 +105,7 @@ uint32_t RunningEvent::GetCategory() const
 
 std::string RunningEvent::GetCwd() const
 {
-    return m_records.cwd;
+    return std::string(m_records.Cwd());
 }
 
 std::string RunningEvent::GetSecondaryImage() const

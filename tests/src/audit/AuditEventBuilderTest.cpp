@@ -291,11 +291,13 @@ TEST(AuditEventBuilderTest, ProctitleValuesDecodeToTheirArguments)
 {
     using internal::AuditRecords;
     using Arguments = std::vector<std::string>;
-    std::string text = "left over";
-    const auto decode = [&](std::string_view raw)
+    // Appended to what the buffer holds, which it leaves alone.
+    const auto decode = [](std::string_view raw)
     {
+        std::string text = "exe";
         AuditRecords::DecodeProctitle(raw, text);
-        return AuditRecords::SplitArguments(text);
+        EXPECT_EQ(text.substr(0, 3), "exe") << raw;
+        return AuditRecords::SplitArguments(std::string_view(text).substr(3));
     };
     // Cut at the kernel's limit inside a run of empty arguments.
     EXPECT_EQ(decode("61620063000000"), (Arguments{"ab", "c"}));
