@@ -10,7 +10,6 @@
 #include <future>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <thread>
 
 namespace vantor::audit
@@ -224,40 +223,42 @@ TEST_F(EventProcessingThreadFlowTest, StopLeavesTheRestOfABatchAndReleasesABlock
 
 TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfterAShortWait)
 {
-    // Which thread destroyed each event, by serial.
-    struct Destructions
-    {
-        std::mutex mutex;
-        std::map<uint32_t, std::thread::id> by;
-    } destructions;
     struct TracedEvent : test::TestEvent
     {
-        explicit TracedEvent(Destructions& to)
-            : to(to)
-        {
-        }
-        ~TracedEvent() override
-        {
-            std::lock_guard lock(to.mutex);
-            to.by[id] = std::this_thread::get_id();
-        }
-        Destructions& to;
+        std::function<void(uint32_t)> gone;
+        ~TracedEvent() override { gone(id); }
     };
+    std::mutex mutex;
+    std::map<uint32_t, std::thread::id> destroyers; // by serial
     const auto batch = [&](std::initializer_list<uint32_t> serials)
     {
         Events events;
         for (const uint32_t serial : serials)
         {
-            events.push_back(std::make_unique<TracedEvent>(destructions));
-            static_cast<TracedEvent&>(*events.back()).id = serial;
+            auto event = std::make_unique<TracedEvent>();
+            event->id = serial;
+            event->gone = [&](uint32_t id)
+            {
+                std::lock_guard lock(mutex);
+                destroyers[id] = std::this_thread::get_id();
+            };
+            events.push_back(std::move(event));
         }
         return events;
     };
-    const auto destroyedBy = [&](uint32_t serial) -> std::optional<std::thread::id>
+    // A default id: not destroyed yet.
+    const auto destroyer = [&](uint32_t serial)
     {
-        std::lock_guard lock(destructions.mutex);
-        const auto it = destructions.by.find(serial);
-        return it != destructions.by.end() ? std::optional(it->second) : std::nullopt;
+        std::lock_guard lock(mutex);
+        return destroyers[serial];
+    };
+    const auto waitFor = [](const std::function<bool()>& done)
+    {
+        for (int i = 0; i < 400 && !done(); ++i)
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return done();
     };
     std::atomic<size_t> handled{0};
     std::thread::id worker;
@@ -267,14 +268,6 @@ TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfte
             worker = std::this_thread::get_id();
             ++handled;
         });
-    const auto waitFor = [&](const std::function<bool()>& done)
-    {
-        for (int i = 0; i < 400 && !done(); ++i)
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return done();
-    };
     EventProcessingThread thread(m_processor.Get(), 100, {});
     thread.Start();
     std::thread::id producer;
@@ -286,21 +279,21 @@ TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfte
                    ASSERT_TRUE(waitFor([&] { return handled == 2; }));
                    // Well within the worker's wait for a producer.
                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-                   EXPECT_FALSE(destroyedBy(1)) << "kept until the producer comes back";
+                   EXPECT_EQ(destroyer(1), std::thread::id()) << "kept until the producer comes back";
                    thread.Enqueue(batch({3}));
                })
         .get();
-    EXPECT_EQ(destroyedBy(1), producer);
-    EXPECT_EQ(destroyedBy(2), producer);
+    EXPECT_EQ(destroyer(1), producer);
+    EXPECT_EQ(destroyer(2), producer);
     // No producer comes back: the worker destroys the last batch itself.
-    ASSERT_TRUE(waitFor([&] { return destroyedBy(3).has_value(); }));
-    EXPECT_EQ(destroyedBy(3), worker);
+    ASSERT_TRUE(waitFor([&] { return destroyer(3) != std::thread::id(); }));
+    EXPECT_EQ(destroyer(3), worker);
 
     // Stop destroys what waits for a producer.
     thread.Enqueue(batch({4}));
     ASSERT_TRUE(waitFor([&] { return handled == 4; }));
     thread.Stop();
-    EXPECT_EQ(destroyedBy(4), std::this_thread::get_id());
+    EXPECT_EQ(destroyer(4), std::this_thread::get_id());
 }
 
 TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
