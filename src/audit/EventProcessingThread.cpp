@@ -206,11 +206,13 @@ void EventProcessingThread::Run()
                 const auto ready = [this] { return !m_bufferQueue.empty() || m_stop; };
                 if (!m_spent.empty() && !m_cv.wait_for(lock, kSpentWait, ready))
                 {
-                    // No producer came back for them: not kept while idle.
-                    Events spent;
-                    spent.swap(m_spent);
+                    // No producer came back for them: neither they nor the
+                    // room for the next ones are kept while idle.
+                    Events spent = std::move(m_spent);
+                    m_spent.clear();
                     lock.unlock();
-                    spent.clear();
+                    spent = Events();
+                    m_processed = Events();
                     lock.lock();
                 }
                 m_cv.wait_until(lock, idleUntil, ready);
