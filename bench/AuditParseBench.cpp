@@ -11,9 +11,14 @@
 //    typed events built (paths resolved, stat of the objects) and destroyed;
 //    arg "as_received" 1: the records fed to libauparse as they came
 //    instead of grouped by event first.
+//  - BM_AuparseFeedEnriched: the same intake (grouped by event) over the
+//    contiguous corpus as auditd's dispatcher sends it, the interpreted
+//    names after a 0x1d byte on SYSCALL, PATH and SOCKADDR records.
 // After the runs the ratio of their CPU per event and the peak RSS are
 // printed. Before them, the heap bytes that the typed events of the corpus
-// hold while queued, and what a clone of each (as IOC makes) adds.
+// hold while queued, what a clone of each (as IOC makes) adds, and the heap
+// allocations (operator new, that is ours, not libauparse's) per event that
+// building them took.
 
 #include "bench/AuditCorpus.h"
 #include "bench/AuparseFloor.h"
@@ -29,10 +34,30 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <map>
 #include <memory>
+#include <new>
+
+namespace
+{
+// Allocations by operator new on this thread (the intake runs on the
+// calling thread). The library's operator delete frees with free().
+thread_local uint64_t t_allocations = 0;
+} // namespace
+
+// Not inlined: the compiler would otherwise pair its malloc with operator delete.
+__attribute__((noinline)) void* operator new(std::size_t size)
+{
+    ++t_allocations;
+    if (void* p = std::malloc(size != 0 ? size : 1))
+    {
+        return p;
+    }
+    throw std::bad_alloc();
+}
 
 namespace
 {
@@ -47,11 +72,48 @@ constexpr const char* kMagicDatabase = "/usr/share/misc/magic.mgc";
 
 constexpr size_t kInterleave = 8;
 
+// The dispatcher's tail of a record, as this host's auditd writes it.
+std::string_view EnrichmentOf(std::string_view line)
+{
+    if (line.starts_with("type=SYSCALL "))
+    {
+        return "\x1d"
+               "ARCH=x86_64 SYSCALL=openat AUID=\"unset\" UID=\"root\" GID=\"root\" EUID=\"root\" "
+               "SUID=\"root\" FSUID=\"root\" EGID=\"root\" SGID=\"root\" FSGID=\"root\"";
+    }
+    if (line.starts_with("type=PATH "))
+    {
+        return "\x1d"
+               "OUID=\"root\" OGID=\"root\"";
+    }
+    if (line.starts_with("type=SOCKADDR "))
+    {
+        return "\x1d"
+               "SADDR={ saddr_fam=inet laddr=127.0.0.1 lport=47011 }";
+    }
+    return {};
+}
+
+std::string Enriched(std::string_view text)
+{
+    std::string enriched;
+    enriched.reserve(text.size() + text.size() / 4);
+    while (!text.empty())
+    {
+        const size_t end = std::min(text.find('\n'), text.size());
+        const std::string_view line = text.substr(0, end);
+        enriched.append(line).append(EnrichmentOf(line)).push_back('\n');
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return enriched;
+}
+
 struct Corpus
 {
     AuditCorpus corpus{CORVID_SOURCE_DIR "/tests/fixtures/audit"};
     std::string texts[2] = {corpus.Generate(kEvents, kFirstSerial),
                             corpus.Generate(kEvents, kFirstSerial, kInterleave)};
+    std::string enriched = Enriched(texts[0]);
 };
 
 const Corpus& TheCorpus()
@@ -72,18 +134,16 @@ void BM_AuparseFloor(benchmark::State& state)
         vantor::bench::AuparseFloor::Measure(state, TheCorpus().texts[interleaved], kEvents);
 }
 
-void BM_AuparseFeedBuilder(benchmark::State& state)
+// Feeds the text in chunks as the intake does; answers CPU ns per event.
+double MeasureIntake(benchmark::State& state, const std::string& text,
+                     vantor::audit::AuparseFeed::Grouping grouping)
 {
-    const auto interleaved = static_cast<size_t>(state.range(0));
-    const auto asReceived = static_cast<size_t>(state.range(1));
-    const auto grouping = asReceived != 0 ? vantor::audit::AuparseFeed::Grouping::AsReceived
-                                          : vantor::audit::AuparseFeed::Grouping::ByEvent;
-    const std::string& text = TheCorpus().texts[interleaved];
     auto magic = std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase);
     vantor::audit::AuditEventBuilder builder(magic);
     const auto* data = reinterpret_cast<const uint8_t*>(text.data());
     uint64_t built = 0;
     double cpu = 0;
+    const uint64_t allocationsBefore = t_allocations;
     for (auto _ : state)
     {
         const double before = vantor::bench::ResourceUsage::ProcessCpuSeconds();
@@ -97,10 +157,26 @@ void BM_AuparseFeedBuilder(benchmark::State& state)
         cpu += vantor::bench::ResourceUsage::ProcessCpuSeconds() - before;
     }
     const auto events = static_cast<double>(kEvents) * static_cast<double>(state.iterations());
-    g_intakeNsPerEvent[interleaved][asReceived] = cpu * 1e9 / events;
     state.SetItemsProcessed(static_cast<int64_t>(events));
-    state.counters["cpu_ns_per_event"] = g_intakeNsPerEvent[interleaved][asReceived];
+    state.counters["cpu_ns_per_event"] = cpu * 1e9 / events;
     state.counters["typed_events"] = static_cast<double>(built);
+    state.counters["allocs_per_event"] = static_cast<double>(t_allocations - allocationsBefore) / events;
+    return cpu * 1e9 / events;
+}
+
+void BM_AuparseFeedBuilder(benchmark::State& state)
+{
+    const auto interleaved = static_cast<size_t>(state.range(0));
+    const auto asReceived = static_cast<size_t>(state.range(1));
+    g_intakeNsPerEvent[interleaved][asReceived] =
+        MeasureIntake(state, TheCorpus().texts[interleaved],
+                      asReceived != 0 ? vantor::audit::AuparseFeed::Grouping::AsReceived
+                                      : vantor::audit::AuparseFeed::Grouping::ByEvent);
+}
+
+void BM_AuparseFeedEnriched(benchmark::State& state)
+{
+    MeasureIntake(state, TheCorpus().enriched, vantor::audit::AuparseFeed::Grouping::ByEvent);
 }
 
 BENCHMARK(BM_AuparseFloor)
@@ -116,6 +192,7 @@ BENCHMARK(BM_AuparseFeedBuilder)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->MinTime(2.0);
+BENCHMARK(BM_AuparseFeedEnriched)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
 size_t HeapInUse()
 {
@@ -135,6 +212,7 @@ void PrintCorpus()
     vantor::audit::AuparseFeed::Events kept;
     kept.reserve(kEvents + kEvents / 2);
     const size_t heapBefore = HeapInUse();
+    const uint64_t allocationsBefore = t_allocations;
     {
         vantor::audit::AuparseFeed feed(builder);
         const auto keep = [&](vantor::audit::AuparseFeed::Events events)
@@ -153,6 +231,7 @@ void PrintCorpus()
         keep(feed.Flush());
     }
     const size_t heapEvents = HeapInUse();
+    const uint64_t allocations = t_allocations - allocationsBefore;
     vantor::audit::AuparseFeed::Events clones;
     clones.reserve(kept.size());
     for (const auto& event : kept)
@@ -179,8 +258,9 @@ void PrintCorpus()
     }
     const auto perEvent = [&](size_t bytes)
     { return static_cast<double>(bytes) / static_cast<double>(kept.size()); };
-    std::printf("\nheap per typed event: %.0f bytes held (event object and its members), clone %.0f bytes\n",
-                perEvent(heapEvents - heapBefore), perEvent(heapClones - heapEvents));
+    std::printf("\nheap per typed event: %.0f bytes held (event object and its members), clone %.0f bytes, "
+                "%.2f allocations to build\n",
+                perEvent(heapEvents - heapBefore), perEvent(heapClones - heapEvents), perEvent(allocations));
 }
 
 } // namespace

@@ -91,7 +91,7 @@ AuditEventProcessor::AuditEventProcessor(std::shared_ptr<ProcessTree> processTre
     }
 }
 
-void AuditEventProcessor::ProcessEvent(EventPtr event)
+void AuditEventProcessor::ProcessEvent(EventPtr event, std::vector<EventPtr>* spent)
 {
     if (!event)
     {
@@ -104,6 +104,10 @@ void AuditEventProcessor::ProcessEvent(EventPtr event)
     {
         EDR_LOG_TRACE("RuleEngine::ProcessEvent: Dropping unsuccessful "
                       << ActionNameOf(*event) << " event with ID " << EventIdOf(*event));
+        if (spent != nullptr)
+        {
+            spent->push_back(std::move(event));
+        }
         return;
     }
 
@@ -113,7 +117,7 @@ void AuditEventProcessor::ProcessEvent(EventPtr event)
     {
         m_pseudoEvents.clear();
         std::optional<bool> ours;
-        const bool goesOn = m_treeUpdater.Update(event, m_pseudoEvents, &m_isOurs, &ours);
+        const bool goesOn = m_treeUpdater.Update(event, m_pseudoEvents, &m_isOurs, &ours, spent);
         for (auto& pseudo : m_pseudoEvents)
         {
             Handle(*pseudo);
@@ -142,6 +146,10 @@ void AuditEventProcessor::ProcessEvent(EventPtr event)
         }
     }
     CleanProcessTree();
+    if (spent != nullptr && event)
+    {
+        spent->push_back(std::move(event));
+    }
 }
 
 void AuditEventProcessor::Handle(edr::Event& event, std::optional<bool> ours)

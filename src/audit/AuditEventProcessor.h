@@ -47,10 +47,13 @@ public:
         std::chrono::steady_clock::duration cleanInterval = ProcessTreeUpdater::kCleanInterval,
         OutpostProcessFollower::Target* outpost = nullptr);
 
-    // Processes one event and destroys it. Throws std::invalid_argument
+    // Processes one event. Throws std::invalid_argument
     // "RuleEngine::ProcessEvent: 'event' is nullptr"; failures while handling
-    // the event are logged.
-    void ProcessEvent(EventPtr event);
+    // the event are logged. With spent given, the event (unless kept: a clone
+    // waiting for its child) and the cached clones it made of no further use
+    // are appended to it for the caller to destroy; without, they are
+    // destroyed here.
+    void ProcessEvent(EventPtr event, std::vector<EventPtr>* spent = nullptr);
 
     // False for events of the host agent's tools (or their descendants) and
     // of this daemon, which must not be reported. ours, when known, is the

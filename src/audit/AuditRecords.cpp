@@ -13,6 +13,9 @@ namespace vantor::audit::internal
 
 void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
 {
+    // Room for a usual executable and directory and the command line (at
+    // most 128 bytes) at once, not much more than they would take apart.
+    m_text.reserve(192);
     const unsigned count = auparse_get_num_records(au);
     unsigned syscalls = 0;
     for (unsigned i = 0; i < count; ++i)
@@ -28,7 +31,7 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
             {
                 throw edr::EventException("Multiple syscall records found in event");
             }
-            syscall = SyscallRecord::Parse(au);
+            syscall = SyscallRecord::Parse(au, m_text);
             if ((wanted & kPath) != 0 && paths.empty())
             {
                 // items counts the PATH records that follow: one allocation
@@ -59,9 +62,11 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
                 do
                 {
                     const char* name = auparse_get_field_name(au);
-                    if (name != nullptr && AuparseField::Is(name, "cwd"))
+                    if (name != nullptr && AuparseField::Is(name, "cwd") && cwdCount++ == 0)
                     {
-                        AuparseField::AppendText(au, cwds.emplace_back());
+                        m_cwdAt = m_text.size();
+                        AuparseField::AppendText(au, m_text);
+                        m_cwdSize = m_text.size() - m_cwdAt;
                     }
                 } while (auparse_next_field(au) == 1);
             }
@@ -70,7 +75,9 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
             if ((wanted & kProctitle) != 0)
             {
                 const char* raw = auparse_find_field(au, "proctitle");
-                proctitle = DecodeProctitle(raw != nullptr ? raw : "");
+                m_proctitleAt = m_text.size();
+                DecodeProctitle(raw != nullptr ? raw : "", m_text);
+                m_proctitleSize = m_text.size() - m_proctitleAt;
             }
             break;
         case AUDIT_EXECVE:
@@ -95,52 +102,51 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
     }
 }
 
-std::vector<std::string> AuditRecords::DecodeProctitle(std::string_view raw)
+void AuditRecords::DecodeProctitle(std::string_view raw, std::string& bytes)
 {
     if (raw.empty() || raw == "(null)")
     {
-        return {};
+        return;
     }
-    std::string bytes;
+    const size_t start = bytes.size();
     if (raw.size() >= 2 && raw.front() == '"' && raw.back() == '"')
     {
-        bytes.assign(raw.substr(1, raw.size() - 2));
+        bytes.append(raw.substr(1, raw.size() - 2));
     }
     else
     {
-        bytes.reserve(raw.size() / 2);
+        bytes.reserve(start + raw.size() / 2);
         for (size_t i = 0; i + 1 < raw.size(); i += 2)
         {
             const int high = AuparseField::HexDigit(raw[i]);
             const int low = AuparseField::HexDigit(raw[i + 1]);
             if (high < 0 || low < 0)
             {
-                bytes.clear();
+                bytes.resize(start);
                 break;
             }
             bytes.push_back(static_cast<char>(high * 16 + low));
         }
-        if (raw.size() % 2 != 0 || bytes.empty())
+        if (raw.size() % 2 != 0 || bytes.size() == start)
         {
             // Not the kernel's encoding: keep the text as it came.
-            bytes.assign(raw);
+            bytes.resize(start);
+            bytes.append(raw);
         }
     }
-    std::vector<std::string> arguments;
-    size_t start = 0;
-    for (size_t nul = bytes.find('\0'); nul != std::string::npos; nul = bytes.find('\0', start))
-    {
-        arguments.push_back(bytes.substr(start, nul - start));
-        start = nul + 1;
-    }
-    if (start < bytes.size())
-    {
-        arguments.push_back(bytes.substr(start));
-    }
     // A title cut at the kernel's limit may end on NULs of empty arguments.
-    while (!arguments.empty() && arguments.back().empty())
+    const size_t last = bytes.find_last_not_of('\0');
+    bytes.resize(last == std::string::npos || last < start ? start : last + 1);
+}
+
+std::vector<std::string> AuditRecords::SplitArguments(std::string_view text)
+{
+    std::vector<std::string> arguments;
+    while (!text.empty())
     {
-        arguments.pop_back();
+        const size_t nul = text.find('\0');
+        arguments.emplace_back(text.substr(0, nul));
+        text.remove_prefix(nul == std::string_view::npos ? text.size() : nul + 1);
     }
     return arguments;
 }

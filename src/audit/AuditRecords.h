@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vantor::audit::internal
@@ -40,22 +41,44 @@ public:
 
     SyscallRecord syscall;
     std::vector<PathRecord> paths;
-    std::vector<std::string> cwds;
-    // The PROCTITLE record's command line, one entry per argument; empty
-    // when the event had none. The kernel keeps at most 128 bytes of it.
-    std::vector<std::string> proctitle;
+    // The texts that nearly every event carries live in one buffer: one
+    // allocation per event rather than one each (or one per argument).
+    // The SYSCALL record's executable.
+    std::string_view Exe() const { return TextAt(syscall.exeAt, syscall.exeSize); }
+    // The first CWD record's directory (empty without one), and how many
+    // CWD records there were.
+    std::string_view Cwd() const { return TextAt(m_cwdAt, m_cwdSize); }
+    unsigned cwdCount = 0;
+    // The PROCTITLE record's command line, its arguments separated by NUL
+    // bytes (see DecodeProctitle); empty when the event had none. The kernel
+    // keeps at most 128 bytes of it.
+    std::string_view Proctitle() const { return TextAt(m_proctitleAt, m_proctitleSize); }
     std::optional<uint32_t> argc;
     std::vector<std::string> arguments;
     std::optional<SockAddr> sockaddr;
     bool sockaddrInvalid = false;
 
-    // The arguments of a PROCTITLE value: hex-encoded bytes with NUL between
-    // the arguments, or a quoted text when it holds no special character.
-    static std::vector<std::string> DecodeProctitle(std::string_view raw);
+    // Appends to out the bytes of a PROCTITLE value (hex-encoded bytes with
+    // NUL between the arguments, or a quoted text when it holds no special
+    // character), without the empty arguments it may end on.
+    static void DecodeProctitle(std::string_view raw, std::string& out);
+    // The arguments of such bytes; none for an empty text.
+    static std::vector<std::string> SplitArguments(std::string_view text);
 
 private:
     void ParseExecve(auparse_state_t* au);
     void ParseSockaddr(auparse_state_t* au);
+    std::string_view TextAt(size_t at, size_t size) const
+    {
+        return std::string_view(m_text).substr(at, size);
+    }
+
+    // Places, not views, so that a copy of the records reads its own copy.
+    std::string m_text;
+    size_t m_cwdAt = 0;
+    size_t m_cwdSize = 0;
+    size_t m_proctitleAt = 0;
+    size_t m_proctitleSize = 0;
 };
 
 } // namespace vantor::audit::internal

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <thread>
 
 namespace vantor::audit
@@ -103,6 +104,7 @@ void EventProcessingThread::Stop()
         m_droppedAtStop.fetch_add(m_bufferQueue.size(), std::memory_order_relaxed);
         m_bufferQueue.clear();
     }
+    m_spent.clear();
 }
 
 void EventProcessingThread::AddCounters(CaptureCounters& counters) const
@@ -169,12 +171,15 @@ void EventProcessingThread::Enqueue(Events&& events)
         m_bufferQueue.push_back(std::move(event));
     }
     events.clear();
+    // The caller's vector takes the spent events; its room stays for the next ones.
+    events.swap(m_spent);
     EDR_LOG_DEBUG("Audit event processing buffer queue size: " << m_bufferQueue.size() << " events");
     lock.unlock();
     if (wasEmpty)
     {
         m_cv.notify_all();
     }
+    events.clear();
 }
 
 void EventProcessingThread::DoWork()
@@ -197,8 +202,20 @@ void EventProcessingThread::Run()
             std::unique_lock lock(m_mutex);
             if (m_bufferQueue.empty() && !m_stop)
             {
-                m_cv.wait_until(lock, std::chrono::steady_clock::now() + kIdleWait,
-                                [this] { return !m_bufferQueue.empty() || m_stop; });
+                const auto idleUntil = std::chrono::steady_clock::now() + kIdleWait;
+                const auto ready = [this] { return !m_bufferQueue.empty() || m_stop; };
+                if (!m_spent.empty() && !m_cv.wait_for(lock, kSpentWait, ready))
+                {
+                    // No producer came back for them: neither they nor the
+                    // room for the next ones are kept while idle.
+                    Events spent = std::move(m_spent);
+                    m_spent.clear();
+                    lock.unlock();
+                    spent = Events();
+                    m_processed = Events();
+                    lock.lock();
+                }
+                m_cv.wait_until(lock, idleUntil, ready);
             }
             if (m_stop)
             {
@@ -234,7 +251,7 @@ void EventProcessingThread::Run()
             PauseWhileBusy();
             try
             {
-                m_processor.ProcessEvent(std::move(m_activeQueue[i]));
+                m_processor.ProcessEvent(std::move(m_activeQueue[i]), &m_processed);
             }
             catch (const std::exception& e)
             {
@@ -242,7 +259,7 @@ void EventProcessingThread::Run()
                 EDR_LOG_ERROR(e.what());
             }
         }
-        m_activeQueue.clear();
+        HandBack();
         // Lets a producer blocked on a full buffer go on. The count is set
         // under the lock before the producer waits, and the buffer it waits
         // on is full, so a producer that blocks after this check is released
@@ -252,6 +269,22 @@ void EventProcessingThread::Run()
             m_cv.notify_all();
         }
     }
+}
+
+void EventProcessingThread::HandBack()
+{
+    m_activeQueue.clear(); // holds only what a stop left unprocessed
+    std::lock_guard lock(m_mutex);
+    if (m_spent.empty())
+    {
+        m_spent.swap(m_processed);
+        return;
+    }
+    // The producer has not come back since the last batch (it filled this
+    // one before that was handed back): both wait for it.
+    m_spent.insert(m_spent.end(), std::make_move_iterator(m_processed.begin()),
+                   std::make_move_iterator(m_processed.end()));
+    m_processed.clear();
 }
 
 void EventProcessingThread::PauseWhileBusy()

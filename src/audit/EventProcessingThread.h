@@ -6,6 +6,7 @@
 #include "edr/Event.h"
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -32,6 +33,15 @@ namespace vantor::audit
 // Wakes are kept to what is needed: the worker is notified when the buffer
 // goes from empty to non-empty (it waits for nothing else), a blocked
 // producer when the worker has finished the batch it was waiting behind.
+//
+// Events are destroyed on the thread that made them, so that their memory
+// goes back to the producer's malloc arena without contention on its lock:
+// the worker hands a processed batch back (with the cached clones the
+// process tree let go meanwhile) under the lock it takes anyway, and the
+// producer's next Enqueue() takes these spent events and destroys them
+// outside the lock. At most two batches wait so. When no producer comes
+// back within kSpentWait the worker destroys them itself (one wake after
+// activity ends); Stop() destroys what is left.
 class EventProcessingThread : private common::AsyncTask
 {
 public:
@@ -43,6 +53,8 @@ public:
     static constexpr size_t kMaxQueueSize = 100000;
     // Serials closer than this across the 32-bit wrap are ordered as wrapped.
     static constexpr uint32_t kSerialWrapWindow = 200000;
+    // How long processed events wait for the producer to destroy them.
+    static constexpr std::chrono::milliseconds kSpentWait{200};
 
     // cpuUsage may be empty: no throttling.
     EventProcessingThread(AuditEventProcessor& processor, uint64_t cpuThreshold, CpuUsage cpuUsage);
@@ -52,6 +64,7 @@ public:
     void Stop();
 
     // Appends the events in their order; blocks while the buffer is full.
+    // Destroys the events processed since the last call (see above).
     void Enqueue(Events&& events);
 
     // memoryBudget: the configured share of the limiter's memory figure
@@ -74,6 +87,8 @@ private:
     void OnCancel() override;
     void Run();
     void PauseWhileBusy();
+    // Hands the processed batch back for the producer to destroy.
+    void HandBack();
 
     AuditEventProcessor& m_processor;
     const uint64_t m_cpuThreshold;
@@ -87,8 +102,12 @@ private:
     // Producers waiting for the buffer to drain; set under the lock, read
     // by the worker after a batch to skip needless notifications.
     std::atomic<uint32_t> m_blockedProducers{0};
-    // Touched by the worker only.
+    // Processed events waiting for the producer to destroy them.
+    Events m_spent;
+    // Touched by the worker only: the batch in hand and what it has
+    // processed of it.
     Events m_activeQueue;
+    Events m_processed;
 
     std::atomic<uint64_t> m_failedEvents{0};
     std::atomic<uint64_t> m_droppedAtStop{0};

@@ -24,7 +24,7 @@ FileEvent::FileEvent(auparse_state_t* au, Magic magic)
     : SyscallEvent(au, AuditRecords::kPath | AuditRecords::kCwd)
     , m_magic(std::move(magic))
 {
-    if (m_records.cwds.size() > 1)
+    if (m_records.cwdCount > 1)
     {
         throw edr::EventException("Multiple CWD records found in event");
     }
@@ -33,7 +33,7 @@ FileEvent::FileEvent(auparse_state_t* au, Magic magic)
     {
         relative += path.hasName && AbsolutePath::IsRelative(path.name) ? 1 : 0;
     }
-    if (relative > 0 && m_records.cwds.empty())
+    if (relative > 0 && m_records.cwdCount == 0)
     {
         throw edr::EventException(relative == 1 ? "Missing CWD with relative path"
                                                 : "Missing CWD with relative paths");
@@ -42,7 +42,7 @@ FileEvent::FileEvent(auparse_state_t* au, Magic magic)
     {
         if (path.hasName && AbsolutePath::IsRelative(path.name))
         {
-            path.name = AbsolutePath::Join(m_records.cwds.front(), path.name);
+            path.name = AbsolutePath::Join(m_records.Cwd(), path.name);
         }
     }
 }
@@ -312,7 +312,7 @@ uint64_t FileEvent::GetParentDeviceID() const
 
 std::string FileEvent::GetCwd() const
 {
-    return m_records.cwds.empty() ? std::string() : m_records.cwds.front();
+    return std::string(m_records.Cwd());
 }
 
 edr::FileReadStatus FileEvent::GetFileReadStatus() const

@@ -5,6 +5,7 @@
 #include "common/Logging.h"
 
 #include <unordered_set>
+#include <utility>
 
 namespace vantor::audit
 {
@@ -40,10 +41,17 @@ ProcessTree::ProcessTree(std::string procRoot, PseudoEventFactory makeRunningEve
 }
 
 bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents,
-                                  const Match* lineageMatch, std::optional<bool>* lineageMatched)
+                                  const Match* lineageMatch, std::optional<bool>* lineageMatched,
+                                  Events* released)
 {
     const edr::EventType type = event->GetType();
     std::lock_guard lock(m_mutex);
+    // Other callers (lineage walks of other threads) must not see it.
+    struct Unset
+    {
+        Events*& at;
+        ~Unset() { at = nullptr; }
+    } unset{m_released = released};
     // Answered last, when the tree knows the event's actor.
     const auto answerLineage = [&]
     {
@@ -83,7 +91,7 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
         {
             it->second.terminated = true;
         }
-        m_cloneCache.erase(pid);
+        ReleaseClone(pid);
         return answerLineage();
     }
 
@@ -248,22 +256,24 @@ ProcessTree::Entry* ProcessTree::CreateFromCloneCache(pid_t pid)
         EDR_LOG_DEBUG("Process with pid " << pid << " does not exist in Clone Cache");
         return nullptr;
     }
-    const std::unique_ptr<edr::Event> clone = std::move(it->second);
+    std::unique_ptr<edr::Event> clone = std::move(it->second);
     m_cloneCache.erase(it);
     if (!clone)
     {
         EDR_LOG_ERROR("Accessing key failed from cache memory");
         return nullptr;
     }
+    Entry* entry = nullptr;
     try
     {
-        return Insert(std::make_shared<const ProcessInfo>(*clone, CreationTimeOf(pid, *clone)));
+        entry = Insert(std::make_shared<const ProcessInfo>(*clone, CreationTimeOf(pid, *clone)));
     }
     catch (const std::exception& e)
     {
         EDR_LOG_DEBUG("Failed to create process for " << pid << " using Clone Cache: " << e.what());
-        return nullptr;
     }
+    Release(std::move(clone));
+    return entry;
 }
 
 ProcessInfo::TimePoint ProcessTree::CreationTimeOf(pid_t pid, const edr::Event& event) const
@@ -289,7 +299,7 @@ ProcessTree::Entry* ProcessTree::Insert(ProcessPtr info)
     const pid_t pid = info->GetPid();
     m_notInProc.erase(pid);
     // The process is known now; its fork is of no further use.
-    m_cloneCache.erase(pid);
+    ReleaseClone(pid);
     Entry& entry = m_processes[pid];
     entry = Entry{std::move(info), false, false};
     return &entry;
@@ -323,8 +333,27 @@ void ProcessTree::AddRunning(const edr::Event& event)
     {
         EDR_LOG_DEBUG("Failed to create process from Execve event for pid: " << pid << ": " << e.what());
     }
-    m_cloneCache.erase(pid);
+    ReleaseClone(pid);
     m_threads.erase(pid); // a new process, not a thread any more
+}
+
+void ProcessTree::ReleaseClone(pid_t pid)
+{
+    const auto it = m_cloneCache.find(pid);
+    if (it == m_cloneCache.end())
+    {
+        return;
+    }
+    Release(std::move(it->second));
+    m_cloneCache.erase(it);
+}
+
+void ProcessTree::Release(std::unique_ptr<edr::Event> clone)
+{
+    if (m_released != nullptr && clone)
+    {
+        m_released->push_back(std::move(clone));
+    }
 }
 
 void ProcessTree::CacheClone(std::unique_ptr<edr::Event> clone, pid_t child)
@@ -349,14 +378,14 @@ void ProcessTree::CacheClone(std::unique_ptr<edr::Event> clone, pid_t child)
         }
     }
     auto [it, inserted] = m_cloneCache.try_emplace(child);
-    it->second = std::move(clone);
+    Release(std::exchange(it->second, std::move(clone)));
     if (inserted)
     {
         m_cloneOrder.push_back(child);
     }
     while (m_cloneCache.size() > kCloneCacheLimit && !m_cloneOrder.empty())
     {
-        m_cloneCache.erase(m_cloneOrder.front());
+        ReleaseClone(m_cloneOrder.front());
         m_cloneOrder.pop_front();
     }
     // The order list may hold pids whose entries were used up; keep it short.

@@ -66,9 +66,14 @@ public:
     // gets the answer AnyInLineage would give for its actor (the entry
     // attached to an audit event, else the live entry of its pid), under the
     // same lock; it stays empty when the event has no pid.
+    //
+    // With released given, the cached clones that the update lets go (used
+    // up, or evicted beyond the limit) are appended to it instead of being
+    // destroyed here, so that the thread that made them can destroy them.
     using Match = std::function<bool(const ProcessInfo&)>;
     bool UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& pseudoEvents,
-                         const Match* lineageMatch = nullptr, std::optional<bool>* lineageMatched = nullptr);
+                         const Match* lineageMatch = nullptr, std::optional<bool>* lineageMatched = nullptr,
+                         Events* released = nullptr);
 
     // The live entry of a pid, or null.
     ProcessPtr GetProcess(pid_t pid) const;
@@ -130,6 +135,9 @@ private:
     std::optional<bool> ActorLineageMatches(const edr::Event& event, const Match& match);
     void AddRunning(const edr::Event& event);
     void CacheClone(std::unique_ptr<edr::Event> clone, pid_t child);
+    // Drops the cached clone of the pid, into m_released when set.
+    void ReleaseClone(pid_t pid);
+    void Release(std::unique_ptr<edr::Event> clone);
     void AnnounceContainer(Entry& entry, Events& pseudoEvents);
     ProcessInfo::TimePoint CreationTimeOf(pid_t pid, const edr::Event& event) const;
 
@@ -148,6 +156,8 @@ private:
     std::unordered_map<pid_t, pid_t> m_threads;
     std::unordered_map<pid_t, std::unique_ptr<edr::Event>> m_cloneCache;
     std::deque<pid_t> m_cloneOrder;
+    // Where UpdateFromEvent puts the clones it drops; set during the call.
+    Events* m_released = nullptr;
 };
 
 } // namespace vantor::audit

@@ -15,13 +15,13 @@ ProcessTreeUpdater::ProcessTreeUpdater(std::shared_ptr<ProcessTree> tree,
 }
 
 bool ProcessTreeUpdater::Update(EventPtr& event, Events& pseudoEvents, const ProcessTree::Match* lineageMatch,
-                                std::optional<bool>* lineageMatched)
+                                std::optional<bool>* lineageMatched, Events* released)
 {
     if (!m_tree)
     {
         return event->GetType() != edr::EventType::Clone;
     }
-    return m_tree->UpdateFromEvent(event, pseudoEvents, lineageMatch, lineageMatched);
+    return m_tree->UpdateFromEvent(event, pseudoEvents, lineageMatch, lineageMatched, released);
 }
 
 bool ProcessTreeUpdater::CleanIfDue(Events& terminated)

@@ -39,10 +39,10 @@ public:
     // the event to its process id. Pseudo events that must be routed ahead of
     // the event are appended. Answers false when the event goes no further: a
     // clone is kept for its child (the pointer is then left empty). With a
-    // tree, lineageMatch and lineageMatched are passed on (see
+    // tree, lineageMatch, lineageMatched and released are passed on (see
     // ProcessTree::UpdateFromEvent).
     bool Update(EventPtr& event, Events& pseudoEvents, const ProcessTree::Match* lineageMatch = nullptr,
-                std::optional<bool>* lineageMatched = nullptr);
+                std::optional<bool>* lineageMatched = nullptr, Events* released = nullptr);
 
     // Cleans the tree when the clean interval has passed since the last cleaning.
     // Answers whether it did; the pseudo terminate events of processes that

@@ -17,7 +17,7 @@ RunningEvent::RunningEvent(auparse_state_t* au)
     {
         throw edr::EventException("Invalid syscall for Running event: " + std::to_string(GetSyscall()));
     }
-    if (m_records.cwds.size() > 1)
+    if (m_records.cwdCount > 1)
     {
         throw edr::EventException("Too many CWD records in Running event");
     }
@@ -28,11 +28,11 @@ RunningEvent::RunningEvent(auparse_state_t* au)
     const PathRecord& object = m_records.paths.front();
     if (AbsolutePath::IsRelative(object.name))
     {
-        if (m_records.cwds.empty())
+        if (m_records.cwdCount == 0)
         {
             throw edr::EventException("Missing CWD with relative path");
         }
-        m_executable = AbsolutePath::Join(m_records.cwds.front(), object.name);
+        m_executable = AbsolutePath::Join(m_records.Cwd(), object.name);
     }
     else
     {
@@ -47,7 +47,7 @@ RunningEvent::RunningEvent(auparse_state_t* au)
     {
         return;
     }
-    const std::string& image = m_records.syscall.exe;
+    const std::string image(m_records.Exe());
     bool same = image == m_executable;
     for (size_t i = 1; !same && i < m_records.paths.size(); ++i)
     {
@@ -105,7 +105,7 @@ uint32_t RunningEvent::GetCategory() const
 
 std::string RunningEvent::GetCwd() const
 {
-    return m_records.cwds.empty() ? std::string() : m_records.cwds.front();
+    return std::string(m_records.Cwd());
 }
 
 std::string RunningEvent::GetSecondaryImage() const

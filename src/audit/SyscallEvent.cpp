@@ -1,6 +1,6 @@
 #include "audit/SyscallEvent.h"
 
-#include "audit/ProcessInfo.h"
+#include <algorithm>
 
 namespace vantor::audit::internal
 {
@@ -13,20 +13,23 @@ SyscallEvent::SyscallEvent(auparse_state_t* au, unsigned wanted)
 
 std::vector<std::string> SyscallEvent::GetActorProcessArguments() const
 {
-    if (GetActorProcess() || m_records.proctitle.empty())
+    if (GetActorProcess() || m_records.Proctitle().empty())
     {
         return Event::GetActorProcessArguments();
     }
-    return m_records.proctitle;
+    return AuditRecords::SplitArguments(m_records.Proctitle());
 }
 
 std::string SyscallEvent::GetCommandLine() const
 {
-    if (m_records.proctitle.empty())
+    if (m_records.Proctitle().empty())
     {
         return Event::GetCommandLine();
     }
-    return ProcessInfo::JoinArguments(m_records.proctitle);
+    // The arguments joined by spaces.
+    std::string line(m_records.Proctitle());
+    std::replace(line.begin(), line.end(), '\0', ' ');
+    return line;
 }
 
 uint32_t SyscallEvent::GetActorEuid() const
@@ -66,7 +69,7 @@ uint32_t SyscallEvent::GetActorAuid() const
 
 std::string SyscallEvent::GetImage() const
 {
-    return m_records.syscall.exe;
+    return std::string(m_records.Exe());
 }
 
 bool SyscallEvent::IsSuccessful() const

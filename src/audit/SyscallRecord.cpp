@@ -21,7 +21,7 @@ T Required(auparse_state_t* au, const char* name, int base = 10)
 
 } // namespace
 
-SyscallRecord SyscallRecord::Parse(auparse_state_t* au)
+SyscallRecord SyscallRecord::Parse(auparse_state_t* au, std::string& text)
 {
     SyscallRecord record;
     bool haveSyscall = false;
@@ -66,9 +66,13 @@ SyscallRecord SyscallRecord::Parse(auparse_state_t* au)
                 {
                     record.euid = Required<uint32_t>(au, name);
                 }
-                else if (AuparseField::Is(name, "exe"))
+                else if (const size_t at = text.size();
+                         AuparseField::Is(name, "exe") && AuparseField::AppendText(au, text))
                 {
-                    haveExe = AuparseField::AssignText(au, record.exe) || haveExe;
+                    // A later exe field replaces an earlier one.
+                    record.exeAt = at;
+                    record.exeSize = text.size() - at;
+                    haveExe = true;
                 }
                 break;
             case 'i':

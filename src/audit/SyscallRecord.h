@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -18,8 +19,9 @@ public:
     static constexpr uint32_t kUnsetAuid = 4294967295U;
 
     // Reads the current record of the state (which must be a SYSCALL
-    // record). Throws SyscallRecordException.
-    static SyscallRecord Parse(auparse_state_t* au);
+    // record); the executable's path is appended to text. Throws
+    // SyscallRecordException.
+    static SyscallRecord Parse(auparse_state_t* au, std::string& text);
 
     int syscall = -1;
     bool success = false;
@@ -31,7 +33,9 @@ public:
     uint32_t auid = kUnsetAuid;
     uint32_t uid = 0;
     uint32_t euid = 0;
-    std::string exe;
+    // Where the executable's path is in the text given to Parse.
+    size_t exeAt = 0;
+    size_t exeSize = 0;
 };
 
 } // namespace vantor::audit::internal

@@ -291,14 +291,23 @@ TEST(AuditEventBuilderTest, ProctitleValuesDecodeToTheirArguments)
 {
     using internal::AuditRecords;
     using Arguments = std::vector<std::string>;
+    // Appended to what the buffer holds, which it leaves alone.
+    const auto decode = [](std::string_view raw)
+    {
+        std::string text = "exe";
+        AuditRecords::DecodeProctitle(raw, text);
+        EXPECT_EQ(text.substr(0, 3), "exe") << raw;
+        return AuditRecords::SplitArguments(std::string_view(text).substr(3));
+    };
     // Cut at the kernel's limit inside a run of empty arguments.
-    EXPECT_EQ(AuditRecords::DecodeProctitle("61620063000000"), (Arguments{"ab", "c"}));
-    EXPECT_EQ(AuditRecords::DecodeProctitle("6100006200"), (Arguments{"a", "", "b"}));
-    EXPECT_EQ(AuditRecords::DecodeProctitle("\"sshd\""), (Arguments{"sshd"}));
-    EXPECT_EQ(AuditRecords::DecodeProctitle("(null)"), Arguments{});
+    EXPECT_EQ(decode("61620063000000"), (Arguments{"ab", "c"}));
+    EXPECT_EQ(decode("6100006200"), (Arguments{"a", "", "b"}));
+    EXPECT_EQ(decode("\"sshd\""), (Arguments{"sshd"}));
+    EXPECT_EQ(decode("(null)"), Arguments{});
+    EXPECT_EQ(decode("0000"), Arguments{});
     // Not the kernel's encoding: kept as it came rather than lost.
-    EXPECT_EQ(AuditRecords::DecodeProctitle("6G"), (Arguments{"6G"}));
-    EXPECT_EQ(AuditRecords::DecodeProctitle("616"), (Arguments{"616"}));
+    EXPECT_EQ(decode("6G"), (Arguments{"6G"}));
+    EXPECT_EQ(decode("616"), (Arguments{"616"}));
 }
 
 TEST(AuditEventBuilderTest, TextFieldsDecodeAsTheLibraryInterpretsThem)

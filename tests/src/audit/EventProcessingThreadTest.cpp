@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <future>
+#include <map>
+#include <mutex>
 #include <thread>
 
 namespace vantor::audit
@@ -217,6 +219,81 @@ TEST_F(EventProcessingThreadFlowTest, StopLeavesTheRestOfABatchAndReleasesABlock
     CaptureCounters counters;
     thread.AddCounters(counters);
     EXPECT_EQ(counters.droppedAtStop + handled.load(), 15001U);
+}
+
+TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfterAShortWait)
+{
+    struct TracedEvent : test::TestEvent
+    {
+        std::function<void(uint32_t)> gone;
+        ~TracedEvent() override { gone(id); }
+    };
+    std::mutex mutex;
+    std::map<uint32_t, std::thread::id> destroyers; // by serial
+    const auto batch = [&](std::initializer_list<uint32_t> serials)
+    {
+        Events events;
+        for (const uint32_t serial : serials)
+        {
+            auto event = std::make_unique<TracedEvent>();
+            event->id = serial;
+            event->gone = [&](uint32_t id)
+            {
+                std::lock_guard lock(mutex);
+                destroyers[id] = std::this_thread::get_id();
+            };
+            events.push_back(std::move(event));
+        }
+        return events;
+    };
+    // A default id: not destroyed yet.
+    const auto destroyer = [&](uint32_t serial)
+    {
+        std::lock_guard lock(mutex);
+        return destroyers[serial];
+    };
+    const auto waitFor = [](const std::function<bool()>& done)
+    {
+        for (int i = 0; i < 400 && !done(); ++i)
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return done();
+    };
+    std::atomic<size_t> handled{0};
+    std::thread::id worker;
+    Register(
+        [&](edr::Event&)
+        {
+            worker = std::this_thread::get_id();
+            ++handled;
+        });
+    EventProcessingThread thread(m_processor.Get(), 100, {});
+    thread.Start();
+    std::thread::id producer;
+    std::async(std::launch::async,
+               [&]
+               {
+                   producer = std::this_thread::get_id();
+                   thread.Enqueue(batch({1, 2}));
+                   ASSERT_TRUE(waitFor([&] { return handled == 2; }));
+                   // Well within the worker's wait for a producer.
+                   std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                   EXPECT_EQ(destroyer(1), std::thread::id()) << "kept until the producer comes back";
+                   thread.Enqueue(batch({3}));
+               })
+        .get();
+    EXPECT_EQ(destroyer(1), producer);
+    EXPECT_EQ(destroyer(2), producer);
+    // No producer comes back: the worker destroys the last batch itself.
+    ASSERT_TRUE(waitFor([&] { return destroyer(3) != std::thread::id(); }));
+    EXPECT_EQ(destroyer(3), worker);
+
+    // Stop destroys what waits for a producer.
+    thread.Enqueue(batch({4}));
+    ASSERT_TRUE(waitFor([&] { return handled == 4; }));
+    thread.Stop();
+    EXPECT_EQ(destroyer(4), std::this_thread::get_id());
 }
 
 TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)

@@ -34,12 +34,14 @@ struct Update
 {
     bool goesOn;
     ProcessTree::Events pseudo;
+    // Cached clones the event made of no further use.
+    ProcessTree::Events released;
 };
 
 Update Apply(ProcessTree& tree, std::unique_ptr<edr::Event>& event)
 {
     Update update;
-    update.goesOn = tree.UpdateFromEvent(event, update.pseudo);
+    update.goesOn = tree.UpdateFromEvent(event, update.pseudo, nullptr, nullptr, &update.released);
     return update;
 }
 
@@ -164,8 +166,10 @@ TEST_F(ProcessTreeForkTest, AForkIsKeptForTheChildAndLeavesTheCallerAlone)
     EXPECT_FALSE(ApplyRecord(0).goesOn);
     EXPECT_TRUE(m_log.Contains("Added Clone event Pid: 5255 to cache. Size = 1"));
     EXPECT_EQ(m_tree.GetProcess(kCaller), caller) << "the caller is not retired by its own fork";
-    ApplyRecord(1); // the child's exit
+    const auto released = ApplyRecord(1).released; // the child's exit
     EXPECT_EQ(m_tree.CloneCacheSize(), 0U);
+    ASSERT_EQ(released.size(), 1U) << "handed back, not destroyed";
+    EXPECT_EQ(released[0]->GetType(), EventType::Clone);
     ApplyRecord(2);
     EXPECT_TRUE(m_log.Contains("Added Clone event Pid: 5256 to cache. Size = 1"));
 
@@ -179,7 +183,7 @@ TEST_F(ProcessTreeForkTest, AChildGoneFromProcIsMadeFromItsForkRecord)
 {
     // The caller unknown: the child takes the title the record carries.
     ApplyRecord(0);
-    Apply(m_tree, MakeEvent(EventType::Write, 5255));
+    EXPECT_EQ(Apply(m_tree, MakeEvent(EventType::Write, 5255)).released.size(), 1U);
     const auto first = m_tree.GetProcess(5255);
     ASSERT_TRUE(first);
     EXPECT_EQ(first->GetParentPid(), kCaller);

@@ -419,5 +419,33 @@ TEST(RecordRegrouperTest, TypedEventsAreTheSameAsFromTheStreamAsReceived)
     }
 }
 
+TEST(RecordRegrouperTest, TheDispatchersEnrichmentChangesNoTypedEvent)
+{
+    // auditd's dispatcher appends interpreted names to a record after a 0x1d
+    // byte. Events read the raw fields: not even a forged address there
+    // reaches them.
+    std::string plain;
+    std::string enriched;
+    for (const auto& records : FixtureEvents())
+    {
+        for (const auto& line : records)
+        {
+            plain += line;
+            enriched += line.substr(0, line.size() - 1) + '\x1d' +
+                        (line.starts_with("type=SOCKADDR ")
+                             ? "SADDR={ saddr_fam=inet laddr=203.0.113.9 lport=9 }"
+                             : "ARCH=x86_64 SYSCALL=read AUID=\"unset\" UID=\"root\"") +
+                        '\n';
+        }
+    }
+    const auto expected = TypedEvents(plain, AuparseFeed::Grouping::ByEvent, 4093);
+    for (const size_t chunk : {4093, 61})
+    {
+        const auto events = TypedEvents(enriched, AuparseFeed::Grouping::ByEvent, chunk);
+        EXPECT_EQ(Difference(events, expected), std::vector<std::string>{}) << "chunk " << chunk;
+        EXPECT_EQ(events.size(), expected.size()) << "chunk " << chunk;
+    }
+}
+
 } // namespace
 } // namespace vantor::audit
