@@ -91,7 +91,7 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
         {
             it->second.terminated = true;
         }
-        ReleaseClone(pid);
+        m_clones.Drop(pid, m_released);
         return answerLineage();
     }
 
@@ -250,14 +250,12 @@ ProcessTree::Entry* ProcessTree::CreateFromEvent(pid_t pid, const edr::Event& ev
 ProcessTree::Entry* ProcessTree::CreateFromCloneCache(pid_t pid)
 {
     EDR_LOG_TRACE("Creating process from Clone Cache: " << pid);
-    const auto it = m_cloneCache.find(pid);
-    if (it == m_cloneCache.end())
+    std::unique_ptr<edr::Event> clone;
+    if (!m_clones.Take(pid, clone))
     {
         EDR_LOG_DEBUG("Process with pid " << pid << " does not exist in Clone Cache");
         return nullptr;
     }
-    std::unique_ptr<edr::Event> clone = std::move(it->second);
-    m_cloneCache.erase(it);
     if (!clone)
     {
         EDR_LOG_ERROR("Accessing key failed from cache memory");
@@ -272,7 +270,10 @@ ProcessTree::Entry* ProcessTree::CreateFromCloneCache(pid_t pid)
     {
         EDR_LOG_DEBUG("Failed to create process for " << pid << " using Clone Cache: " << e.what());
     }
-    Release(std::move(clone));
+    if (m_released != nullptr)
+    {
+        m_released->push_back(std::move(clone)); // destroyed by the thread that made it
+    }
     return entry;
 }
 
@@ -299,7 +300,7 @@ ProcessTree::Entry* ProcessTree::Insert(ProcessPtr info)
     const pid_t pid = info->GetPid();
     m_notInProc.erase(pid);
     // The process is known now; its fork is of no further use.
-    ReleaseClone(pid);
+    m_clones.Drop(pid, m_released);
     Entry& entry = m_processes[pid];
     entry = Entry{std::move(info), false, false};
     return &entry;
@@ -333,27 +334,8 @@ void ProcessTree::AddRunning(const edr::Event& event)
     {
         EDR_LOG_DEBUG("Failed to create process from Execve event for pid: " << pid << ": " << e.what());
     }
-    ReleaseClone(pid);
+    m_clones.Drop(pid, m_released);
     m_threads.erase(pid); // a new process, not a thread any more
-}
-
-void ProcessTree::ReleaseClone(pid_t pid)
-{
-    const auto it = m_cloneCache.find(pid);
-    if (it == m_cloneCache.end())
-    {
-        return;
-    }
-    Release(std::move(it->second));
-    m_cloneCache.erase(it);
-}
-
-void ProcessTree::Release(std::unique_ptr<edr::Event> clone)
-{
-    if (m_released != nullptr && clone)
-    {
-        m_released->push_back(std::move(clone));
-    }
 }
 
 void ProcessTree::CacheClone(std::unique_ptr<edr::Event> clone, pid_t child)
@@ -377,31 +359,8 @@ void ProcessTree::CacheClone(std::unique_ptr<edr::Event> clone, pid_t child)
         {
         }
     }
-    auto [it, inserted] = m_cloneCache.try_emplace(child);
-    Release(std::exchange(it->second, std::move(clone)));
-    if (inserted)
-    {
-        m_cloneOrder.push_back(child);
-    }
-    while (m_cloneCache.size() > kCloneCacheLimit && !m_cloneOrder.empty())
-    {
-        ReleaseClone(m_cloneOrder.front());
-        m_cloneOrder.pop_front();
-    }
-    // The order list may hold pids whose entries were used up; keep it short.
-    if (m_cloneOrder.size() > 2 * kCloneCacheLimit)
-    {
-        std::deque<pid_t> live;
-        for (pid_t pid : m_cloneOrder)
-        {
-            if (m_cloneCache.count(pid))
-            {
-                live.push_back(pid);
-            }
-        }
-        m_cloneOrder.swap(live);
-    }
-    EDR_LOG_TRACE("Added Clone event Pid: " << child << " to cache. Size = " << m_cloneCache.size());
+    m_clones.Put(child, std::move(clone), m_released);
+    EDR_LOG_TRACE("Added Clone event Pid: " << child << " to cache. Size = " << m_clones.Size());
 }
 
 void ProcessTree::AnnounceContainer(Entry& entry, Events& pseudoEvents)
@@ -606,7 +565,7 @@ size_t ProcessTree::Size() const
 size_t ProcessTree::CloneCacheSize() const
 {
     std::lock_guard lock(m_mutex);
-    return m_cloneCache.size();
+    return m_clones.Size();
 }
 
 size_t ProcessTree::ThreadCount() const

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "audit/CloneCache.h"
 #include "audit/ProcFs.h"
 #include "audit/ProcessInfo.h"
 #include "edr/Event.h"
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -135,9 +135,6 @@ private:
     std::optional<bool> ActorLineageMatches(const edr::Event& event, const Match& match);
     void AddRunning(const edr::Event& event);
     void CacheClone(std::unique_ptr<edr::Event> clone, pid_t child);
-    // Drops the cached clone of the pid, into m_released when set.
-    void ReleaseClone(pid_t pid);
-    void Release(std::unique_ptr<edr::Event> clone);
     void AnnounceContainer(Entry& entry, Events& pseudoEvents);
     ProcessInfo::TimePoint CreationTimeOf(pid_t pid, const edr::Event& event) const;
 
@@ -154,8 +151,7 @@ private:
     std::unordered_set<pid_t> m_notInProc;
     // Thread id -> process id, for threads seen as an event's pid.
     std::unordered_map<pid_t, pid_t> m_threads;
-    std::unordered_map<pid_t, std::unique_ptr<edr::Event>> m_cloneCache;
-    std::deque<pid_t> m_cloneOrder;
+    CloneCache m_clones{kCloneCacheLimit};
     // Where UpdateFromEvent puts the clones it drops; set during the call.
     Events* m_released = nullptr;
 };
