@@ -18,9 +18,9 @@ public:
 };
 
 // A queue of shared elements between threads. Consumers check Size() or wait
-// with WaitForData() before taking. A consumer waits only on an empty queue,
-// so only the push that ends the emptiness signals: a producer pushing one
-// element per event does not pay a wake-up per event.
+// with WaitForData() (or WaitForMore()) before taking. A consumer waits only
+// on an empty queue, so only the push that ends the emptiness signals: a
+// producer pushing one element per event does not pay a wake-up per event.
 template <typename T>
 class SynchronizedQueue
 {
@@ -40,7 +40,9 @@ public:
             {
                 return false;
             }
-            wasEmpty = m_queue.empty();
+            // A busy consumer (WaitForMore) is woken by the element that
+            // makes its batch, an idle one by the first.
+            wasEmpty = m_lingerFor > 0 ? m_queue.size() + 1 == m_lingerFor : m_queue.empty();
             m_queue.push_back(std::move(element));
         }
         if (wasEmpty)
@@ -91,6 +93,22 @@ public:
         return !m_queue.empty();
     }
 
+    // Like WaitForData, for a consumer that has just taken a batch and
+    // expects more: it is woken when the queue holds batch elements (or by
+    // Wake() or the time-out), so that a steady stream of pushes costs a
+    // wake-up per batch or per time-out instead of one each time the
+    // consumer has caught up. Answers whether an element is there.
+    template <typename Rep, typename Period>
+    bool WaitForMore(std::chrono::duration<Rep, Period> timeout, size_t batch)
+    {
+        std::unique_lock lock(m_mutex);
+        m_lingerFor = batch > 0 ? batch : 1;
+        m_cv.wait_for(lock, timeout, [this] { return m_queue.size() >= m_lingerFor || m_woken; });
+        m_lingerFor = 0;
+        m_woken = false;
+        return !m_queue.empty();
+    }
+
     void Wake()
     {
         {
@@ -105,6 +123,8 @@ private:
     std::condition_variable m_cv;
     std::deque<Element> m_queue;
     bool m_woken = false;
+    // While a consumer waits in WaitForMore: the size that wakes it.
+    size_t m_lingerFor = 0;
 };
 
 } // namespace vantor::common

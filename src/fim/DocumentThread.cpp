@@ -54,11 +54,15 @@ void DocumentThread::Build(PendingDocuments::Group& group)
     }
 }
 
-void DocumentThread::BuildUnlocked(std::unique_lock<std::mutex>& lock, PendingDocuments::Group& group)
+void DocumentThread::BuildUnlocked(std::unique_lock<std::mutex>& lock)
 {
     m_building = true;
     lock.unlock();
-    Build(group);
+    for (auto& group : m_round)
+    {
+        Build(group);
+    }
+    m_round.clear();
     lock.lock();
     m_building = false;
 }
@@ -133,22 +137,30 @@ void DocumentThread::Run()
     while (!IsStopping())
     {
         const auto now = Clock::now();
-        std::optional<PendingDocuments::Group> group;
         if (m_flushes > 0 || m_earlyBuilds > 0)
         {
-            group = m_pending.TakeFirst();
+            if (auto first = m_pending.TakeFirst())
+            {
+                m_round.push_back(std::move(*first));
+            }
         }
         else if (now >= m_nextRound)
         {
-            group = m_pending.TakeDue(now);
+            // The round is taken in one hold of the lock: taking its groups
+            // one at a time would make the Adds meanwhile wait for the lock
+            // again and again.
+            while (auto due = m_pending.TakeDue(now))
+            {
+                m_round.push_back(std::move(*due));
+            }
         }
         if (m_earlyBuilds > 0)
         {
             --m_earlyBuilds;
         }
-        if (group)
+        if (!m_round.empty())
         {
-            BuildUnlocked(lock, *group);
+            BuildUnlocked(lock);
             m_done.notify_all();
             built = true;
             continue;
@@ -205,7 +217,8 @@ void DocumentThread::Run()
     // Nothing accepted is lost: what waits is built now.
     while (auto group = m_pending.TakeFirst())
     {
-        BuildUnlocked(lock, *group);
+        m_round.push_back(std::move(*group));
+        BuildUnlocked(lock);
     }
     m_done.notify_all();
     lock.unlock();

@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <vector>
 
 namespace vantor::fim::internal
 {
@@ -69,8 +70,9 @@ protected:
 
 private:
     void Build(PendingDocuments::Group& group);
-    // Builds with the lock released; m_building tells Flush meanwhile.
-    void BuildUnlocked(std::unique_lock<std::mutex>& lock, PendingDocuments::Group& group);
+    // Builds the groups of m_round with the lock released; m_building tells
+    // Flush meanwhile.
+    void BuildUnlocked(std::unique_lock<std::mutex>& lock);
     void Wake();
 
     DocumentBuilder& m_builder;
@@ -90,6 +92,8 @@ private:
     // Before this, due documents wait for the next round of building.
     Clock::time_point m_nextRound = Clock::time_point::min();
     bool m_building = false;
+    // The groups taken to be built now; touched by the thread only.
+    std::vector<PendingDocuments::Group> m_round;
     unsigned m_flushes = 0;
     // Groups to build before their time, one for each Add that found no room.
     uint64_t m_earlyBuilds = 0;

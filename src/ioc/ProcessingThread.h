@@ -30,6 +30,10 @@ class EventProcessor;
 // once the queue has drained below `resumeBelow`, so that a sustained flood
 // logs twice, not once per event.
 //
+// While events keep coming, a pass waits for a batch of them (or a few
+// milliseconds) before it starts, instead of waking for each event that
+// finds the thread caught up.
+//
 // After each pass (and at least once a second while idle) `afterPass` is
 // called with false, so that a batch can be closed by size or age; at Stop
 // the thread first processes what is still queued (those events are owed)

@@ -282,6 +282,33 @@ TEST(SynchronizedQueueTest, PopErrorsAndPopAll)
     EXPECT_FALSE(q.WaitForData(10ms));
 }
 
+// A busy consumer is woken by the push that makes its batch, not before.
+TEST(SynchronizedQueueTest, AConsumerWaitingForMoreIsWokenByTheBatchNotByEachPush)
+{
+    SynchronizedQueue<int> q;
+    std::atomic<bool> returned{false};
+    std::thread consumer(
+        [&]
+        {
+            EXPECT_TRUE(q.WaitForMore(30s, 3));
+            returned = true;
+        });
+    q.Push(std::make_shared<int>(1));
+    q.Push(std::make_shared<int>(2));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(returned) << "two of three elements woke the consumer";
+    const auto third = std::chrono::steady_clock::now();
+    q.Push(std::make_shared<int>(3));
+    consumer.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - third, 10s) << "the third element did not wake the consumer";
+    // Afterwards the first push to an empty queue wakes an idle consumer again.
+    q.PopAll();
+    std::thread idle([&] { EXPECT_TRUE(q.WaitForData(30s)); });
+    std::this_thread::sleep_for(20ms);
+    q.Push(std::make_shared<int>(4));
+    idle.join();
+}
+
 // Only the push that ends the emptiness signals: a consumer that drained the
 // queue and waits again must still be woken by the next push at once.
 TEST(SynchronizedQueueTest, AWaitingConsumerIsWokenByEachPushToAnEmptyQueue)
