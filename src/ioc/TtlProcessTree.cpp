@@ -20,11 +20,6 @@ TtlProcessTree::TtlProcessTree(std::string procRoot, std::chrono::seconds ttl, C
 {
 }
 
-bool TtlProcessTree::SameStart(int64_t a, int64_t b)
-{
-    return std::llabs(a - b) <= kStartTimeToleranceMs;
-}
-
 TtlProcessTree::Entry* TtlProcessTree::FindLocked(pid_t pid)
 {
     const auto it = m_entries.find(pid);
@@ -525,10 +520,8 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
         if (init != stored.end())
         {
             const auto slash = init->image.path.rfind('/');
-            EDR_LOG_DEBUG("Start time for PID: "
-                          << "1"
-                          << " Process: " << init->image.path.substr(slash + 1)
-                          << " differs from stored start time.");
+            EDR_LOG_DEBUG("Start time for PID: 1 Process: " << init->image.path.substr(slash + 1)
+                                                            << " differs from stored start time.");
         }
         EDR_LOG_INFO("System reboot detected. Clearing the TtlProcessTree.");
         Clear();
@@ -566,11 +559,6 @@ void TtlProcessTree::Load(common::SqlStorage& snapshot)
             entry.info.priority = stat->priority;
         }
     }
-}
-
-bool TtlProcessTree::IsStateTag(std::string_view tag)
-{
-    return tag == kExcluded || tag == kReported || tag == kTerminated || tag == kTtlExpired;
 }
 
 std::vector<pid_t> TtlProcessTree::GetSiblings(pid_t pid) const

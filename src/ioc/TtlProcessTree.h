@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
@@ -74,7 +75,10 @@ public:
     static constexpr const char* kTerminated = "Terminated";
     static constexpr const char* kTtlExpired = "TtlExpired";
     // Whether a tag is one of the states above, not a tactic with a score.
-    static bool IsStateTag(std::string_view tag);
+    static bool IsStateTag(std::string_view tag)
+    {
+        return tag == kExcluded || tag == kReported || tag == kTerminated || tag == kTtlExpired;
+    }
 
     // How long an exited process stays: long enough for its late events to
     // find it (the capture queues hold seconds of events) and for a
@@ -283,7 +287,7 @@ private:
     template <typename Visit>
     bool WalkLineageLocked(pid_t pid, Visit& visit) const;
     // Whether two start times name the same process.
-    static bool SameStart(int64_t a, int64_t b);
+    static bool SameStart(int64_t a, int64_t b) { return std::llabs(a - b) <= kStartTimeToleranceMs; }
     // Process 1 as the snapshot needs it for reboot detection.
     void EnsureInitLocked();
 
