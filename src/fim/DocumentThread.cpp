@@ -137,7 +137,22 @@ void DocumentThread::Run()
     while (!IsStopping())
     {
         const auto now = Clock::now();
-        if (m_flushes > 0 || m_earlyBuilds > 0)
+        if (m_earlyBuilds > 0)
+        {
+            // Room for a run of Adds, not for one: a flood would otherwise
+            // wake both threads for every document.
+            const size_t keep = m_maxPending - m_maxPending / 4;
+            while (auto first = m_pending.TakeFirst())
+            {
+                m_round.push_back(std::move(*first));
+                if (m_pending.Size() <= keep)
+                {
+                    break;
+                }
+            }
+            m_earlyBuilds = 0;
+        }
+        else if (m_flushes > 0)
         {
             if (auto first = m_pending.TakeFirst())
             {
@@ -153,10 +168,6 @@ void DocumentThread::Run()
             {
                 m_round.push_back(std::move(*due));
             }
-        }
-        if (m_earlyBuilds > 0)
-        {
-            --m_earlyBuilds;
         }
         if (!m_round.empty())
         {

@@ -21,8 +21,9 @@ namespace vantor::fim::internal
 // the baseline pass at a bounded rate (BaselineWalk).
 //
 // At most maxPending documents wait. An Add that finds them all taken is
-// counted as an overflow, makes the thread build the first group at once,
-// before its time, and waits for room: nothing is dropped. Stop builds every
+// counted as an overflow, makes the thread build the first groups at once,
+// before their time, until a quarter of the room is free, and waits for
+// room: nothing is dropped. Stop builds every
 // waiting document before the thread ends (the rest of a baseline pass is
 // dropped and logged); afterwards Add builds on the caller's thread.
 //
@@ -95,7 +96,7 @@ private:
     // The groups taken to be built now; touched by the thread only.
     std::vector<PendingDocuments::Group> m_round;
     unsigned m_flushes = 0;
-    // Groups to build before their time, one for each Add that found no room.
+    // Adds that found no room since the thread last made some.
     uint64_t m_earlyBuilds = 0;
     Clock::duration m_settleTime = std::chrono::milliseconds(1000);
     Clock::duration m_baselineInterval;

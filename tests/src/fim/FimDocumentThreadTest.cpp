@@ -232,6 +232,20 @@ TEST_F(FimDocumentThreadTest, AFullQueueBuildsEarlyAndCountsInsteadOfDropping)
     EXPECT_EQ(Count(), 5u);
 }
 
+TEST_F(FimDocumentThreadTest, AFullQueueMakesRoomForARunOfDocumentsNotForOne)
+{
+    Make(8, 60s);
+    for (uint32_t id = 1; id <= 11; ++id)
+    {
+        m_thread->Add(Pending(EventType::Create, m_dir.File("f" + std::to_string(id)), id), true);
+    }
+    // The ninth found no room: two were built, down to three quarters of
+    // the bound, so the tenth went in at once and only the eleventh waited.
+    ASSERT_TRUE(WaitFor(4, 5s));
+    EXPECT_EQ(m_thread->GetOverflowCount(), 2u);
+    EXPECT_EQ(m_thread->GetPendingCount(), 7u);
+}
+
 TEST_F(FimDocumentThreadTest, StopBuildsWhatWaitsAndLaterDocumentsAreBuiltAtOnce)
 {
     Make(100, 60s);
