@@ -8,6 +8,9 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
+
 namespace vantor::ioc::internal
 {
 
@@ -84,17 +87,21 @@ std::string FileTypeIdentifier::Identify(const std::string& path, uint32_t mode,
             return it->second.second;
         }
     }
-    // Events about files already gone are common: no exception per event,
-    // and the reason is formatted only for a debug log. libmagic looks at the
-    // link itself, not at its target.
+    // Events about files already gone are common: a gone file costs one
+    // lstat (libmagic, which looks at the link itself too, would map and
+    // unmap its buffer first), no exception, and the reason is formatted only
+    // for a debug log. Not remembered: the file may be there at the next event.
     std::string description;
     std::string error;
     const bool debug = common::Logging::Edr().is(Poco::Message::PRIO_DEBUG);
     struct stat status;
-    if ((!debug && ::lstat(path.c_str(), &status) != 0) ||
-        !m_magic->TryDescribe(path, description, debug ? &error : nullptr))
+    if (::lstat(path.c_str(), &status) != 0)
     {
-        // Not remembered: the file may be readable at the next event.
+        EDR_LOG_DEBUG("FileTypeIdentifier: Failed to lstat " << path << ": " << std::strerror(errno));
+        return kRegularFile;
+    }
+    if (!m_magic->TryDescribe(path, description, debug ? &error : nullptr))
+    {
         EDR_LOG_DEBUG("FileTypeIdentifier: " << error);
         return kRegularFile;
     }
