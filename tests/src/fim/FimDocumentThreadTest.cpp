@@ -217,33 +217,36 @@ TEST_F(FimDocumentThreadTest, DocumentsOfOnePathKeepTheirOrder)
     EXPECT_EQ(ids, (std::vector<uint32_t>{1, 2, 3}));
 }
 
-TEST_F(FimDocumentThreadTest, AFullQueueBuildsEarlyAndCountsInsteadOfDropping)
+// A full queue builds early and counts instead of dropping, and makes room
+// down to three quarters of its bound rather than for one document.
+TEST_F(FimDocumentThreadTest, AFullQueueBuildsEarlyCountsAndMakesRoomForARun)
 {
-    Make(2, 60s);
-    for (uint32_t id = 1; id <= 5; ++id)
+    struct Case
     {
-        m_thread->Add(Pending(EventType::Create, m_dir.File("f" + std::to_string(id)), id), true);
-    }
-    // Three had no room: their oldest were built at once, long before 60 s.
-    ASSERT_TRUE(WaitFor(3, 5s));
-    EXPECT_EQ(m_thread->GetOverflowCount(), 3u);
-    EXPECT_EQ(m_thread->GetPendingCount(), 2u);
-    m_thread->Stop();
-    EXPECT_EQ(Count(), 5u);
-}
-
-TEST_F(FimDocumentThreadTest, AFullQueueMakesRoomForARunOfDocumentsNotForOne)
-{
-    Make(8, 60s);
-    for (uint32_t id = 1; id <= 11; ++id)
+        size_t bound;
+        uint32_t adds;
+        size_t built;
+        uint64_t overflows;
+        size_t pending;
+    };
+    // Bound 2: each of the three Adds beyond it has one group built. Bound 8:
+    // the ninth has two built, so the tenth goes in and only the eleventh waits.
+    for (const Case& c : {Case{2, 5, 3, 3, 2}, Case{8, 11, 4, 2, 7}})
     {
-        m_thread->Add(Pending(EventType::Create, m_dir.File("f" + std::to_string(id)), id), true);
+        SCOPED_TRACE(c.bound);
+        const size_t before = Count();
+        Make(c.bound, 60s);
+        for (uint32_t id = 1; id <= c.adds; ++id)
+        {
+            m_thread->Add(Pending(EventType::Create, m_dir.File("f" + std::to_string(id)), id), true);
+        }
+        // Built at once, long before 60 s.
+        ASSERT_TRUE(WaitFor(before + c.built, 5s));
+        EXPECT_EQ(m_thread->GetOverflowCount(), c.overflows);
+        EXPECT_EQ(m_thread->GetPendingCount(), c.pending);
+        m_thread->Stop();
+        EXPECT_EQ(Count(), before + c.adds);
     }
-    // The ninth found no room: two were built, down to three quarters of
-    // the bound, so the tenth went in at once and only the eleventh waited.
-    ASSERT_TRUE(WaitFor(4, 5s));
-    EXPECT_EQ(m_thread->GetOverflowCount(), 2u);
-    EXPECT_EQ(m_thread->GetPendingCount(), 7u);
 }
 
 TEST_F(FimDocumentThreadTest, StopBuildsWhatWaitsAndLaterDocumentsAreBuiltAtOnce)
