@@ -83,7 +83,11 @@ std::string SqlQuery::ToString() const
 
 std::ostream& operator<<(std::ostream& out, const SqlQuery& query)
 {
-    return out << (query.Values().empty() ? query.Text() : query.ToString());
+    if (query.Values().empty())
+    {
+        return out << query.Text();
+    }
+    return out << query.ToString();
 }
 
 } // namespace vantor::common
