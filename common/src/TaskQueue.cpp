@@ -18,9 +18,9 @@ TaskQueue::~TaskQueue()
     Shutdown();
 }
 
-bool TaskQueue::Post(Task task)
+template <typename Enqueue>
+bool TaskQueue::Accept(Enqueue enqueue)
 {
-    RequireTask(task);
     bool wake = false;
     {
         std::lock_guard lock(m_mutex);
@@ -28,10 +28,7 @@ bool TaskQueue::Post(Task task)
         {
             return false;
         }
-        // The thread waits only on an empty queue: a task behind others
-        // needs no signal.
-        wake = m_tasks.empty();
-        m_tasks.push_back(std::move(task));
+        wake = enqueue();
     }
     if (wake)
     {
@@ -40,19 +37,30 @@ bool TaskQueue::Post(Task task)
     return true;
 }
 
+bool TaskQueue::Post(Task task)
+{
+    RequireTask(task);
+    return Accept(
+        [&]
+        {
+            // The thread waits only on an empty queue: a task behind others
+            // needs no signal.
+            const bool wasEmpty = m_tasks.empty();
+            m_tasks.push_back(std::move(task));
+            return wasEmpty;
+        });
+}
+
 bool TaskQueue::PostAt(SteadyClock::time_point when, Task task)
 {
     RequireTask(task);
-    {
-        std::lock_guard lock(m_mutex);
-        if (!m_accepting)
+    return Accept(
+        [&]
         {
-            return false;
-        }
-        m_timed.emplace(when, std::move(task));
-    }
-    m_cv.notify_one();
-    return true;
+            // It may come before the time the thread waits for.
+            m_timed.emplace(when, std::move(task));
+            return true;
+        });
 }
 
 void TaskQueue::RequireTask(const Task& task) const

@@ -45,6 +45,10 @@ private:
     void Run() override;
     void OnStop() override;
     void RequireTask(const Task& task) const;
+    // Runs enqueue under the lock unless the queue is shut down; enqueue
+    // answers whether the thread needs a signal.
+    template <typename Enqueue>
+    bool Accept(Enqueue enqueue);
 
     std::mutex m_mutex;
     std::condition_variable m_cv;
