@@ -138,6 +138,29 @@ size_t CountSpooledDocuments(const std::string& directory, uint64_t& bytes, bool
     return documents;
 }
 
+// Hands the audit text to the router in chunks, as capture reads it;
+// answers the events typed.
+size_t FeedText(const std::string& text, audit::AuditEventBuilder& builder, FimRouter& router)
+{
+    audit::AuparseFeed feed(builder);
+    size_t typed = 0;
+    const auto process = [&](audit::AuparseFeed::Events events)
+    {
+        typed += events.size();
+        for (auto& event : events)
+        {
+            router.ProcessEvent(std::move(event));
+        }
+    };
+    const auto* data = reinterpret_cast<const uint8_t*>(text.data());
+    for (size_t at = 0; at < text.size(); at += kChunkSize)
+    {
+        process(feed.Feed(data + at, std::min(kChunkSize, text.size() - at)));
+    }
+    process(feed.Flush());
+    return typed;
+}
+
 size_t HeapInUse()
 {
     return mallinfo2().uordblks;
@@ -165,23 +188,7 @@ void MeasurePending(const AuditCorpus& corpus, size_t eventCount, const std::str
         "fim-pending", [&](edr::Event& event) { processor.HandleEvent(event); }, [] {});
     audit::AuditEventBuilder builder(std::make_shared<const edr::LibMagicWrapper>(kMagicDatabase));
     const auto run = [&](uint32_t firstSerial)
-    {
-        const std::string text = corpus.Generate(eventCount, firstSerial);
-        audit::AuparseFeed feed(builder);
-        const auto process = [&](audit::AuparseFeed::Events events)
-        {
-            for (auto& event : events)
-            {
-                router->ProcessEvent(std::move(event));
-            }
-        };
-        const auto* data = reinterpret_cast<const uint8_t*>(text.data());
-        for (size_t at = 0; at < text.size(); at += kChunkSize)
-        {
-            process(feed.Feed(data + at, std::min(kChunkSize, text.size() - at)));
-        }
-        process(feed.Flush());
-    };
+    { FeedText(corpus.Generate(eventCount, firstSerial), builder, *router); };
     run(kFirstSerial + 2 * static_cast<uint32_t>(eventCount));
     processor.Flush();
     spool.FlushDataCache();
@@ -267,24 +274,9 @@ int Run(size_t eventCount, bool show)
 
     // Stage 1: raw text to spool files.
     audit::AuditEventBuilder builder(std::make_shared<const edr::LibMagicWrapper>(kMagicDatabase));
-    audit::AuparseFeed feed(builder);
-    size_t typed = 0;
-    const auto process = [&](audit::AuparseFeed::Events events)
-    {
-        typed += events.size();
-        for (auto& event : events)
-        {
-            router->ProcessEvent(std::move(event));
-        }
-    };
-    const auto* data = reinterpret_cast<const uint8_t*>(text.data());
     const double cpu0 = ResourceUsage::CpuSeconds();
     const auto start = Clock::now();
-    for (size_t at = 0; at < text.size(); at += kChunkSize)
-    {
-        process(feed.Feed(data + at, std::min(kChunkSize, text.size() - at)));
-    }
-    process(feed.Flush());
+    const size_t typed = FeedText(text, builder, *router);
     // Documents wait for their files to settle: build them now.
     component.FlushDocuments();
     // Writes are queued to the spool's task in order: once this one is in,
