@@ -30,8 +30,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -194,11 +192,6 @@ BENCHMARK(BM_AuparseFeedBuilder)
     ->MinTime(2.0);
 BENCHMARK(BM_AuparseFeedEnriched)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
-size_t HeapInUse()
-{
-    return mallinfo2().uordblks;
-}
-
 // What the intake makes of the corpus, once, untimed, and the heap its
 // typed events hold while all of them are alive (as in a full queue).
 void PrintCorpus()
@@ -211,7 +204,7 @@ void PrintCorpus()
         std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase));
     vantor::audit::AuparseFeed::Events kept;
     kept.reserve(kEvents + kEvents / 2);
-    const size_t heapBefore = HeapInUse();
+    const size_t heapBefore = ResourceUsage::HeapInUse();
     const uint64_t allocationsBefore = t_allocations;
     {
         vantor::audit::AuparseFeed feed(builder);
@@ -230,7 +223,7 @@ void PrintCorpus()
         }
         keep(feed.Flush());
     }
-    const size_t heapEvents = HeapInUse();
+    const size_t heapEvents = ResourceUsage::HeapInUse();
     const uint64_t allocations = t_allocations - allocationsBefore;
     vantor::audit::AuparseFeed::Events clones;
     clones.reserve(kept.size());
@@ -238,7 +231,7 @@ void PrintCorpus()
     {
         clones.push_back(event->Clone());
     }
-    const size_t heapClones = HeapInUse();
+    const size_t heapClones = ResourceUsage::HeapInUse();
     std::map<std::string, size_t> byAction;
     for (const auto& event : kept)
     {

@@ -51,7 +51,6 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <malloc.h>
 #include <sstream>
 
 namespace
@@ -161,11 +160,6 @@ size_t FeedText(const std::string& text, audit::AuditEventBuilder& builder, FimR
     return typed;
 }
 
-size_t HeapInUse()
-{
-    return mallinfo2().uordblks;
-}
-
 // Heap bytes per waiting document: the corpus through a second router whose
 // handler feeds an event processor that waits an hour for files to settle.
 // A first run, built at once, fills the process tree and the file states;
@@ -192,10 +186,10 @@ void MeasurePending(const AuditCorpus& corpus, size_t eventCount, const std::str
     run(kFirstSerial + 2 * static_cast<uint32_t>(eventCount));
     processor.Flush();
     spool.FlushDataCache();
-    const size_t heap0 = HeapInUse();
+    const size_t heap0 = ResourceUsage::HeapInUse();
     run(kFirstSerial + 4 * static_cast<uint32_t>(eventCount));
     const size_t pending = processor.GetPendingCount();
-    const size_t heap1 = HeapInUse();
+    const size_t heap1 = ResourceUsage::HeapInUse();
     std::printf("pending documents: %zu, heap %.1f MB, %.0f bytes per pending document\n", pending,
                 static_cast<double>(heap1 - heap0) / 1e6,
                 pending > 0 ? static_cast<double>(heap1 - heap0) / static_cast<double>(pending) : 0.0);

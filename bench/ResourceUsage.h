@@ -1,15 +1,18 @@
 #pragma once
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <time.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace vantor::bench
 {
 
 // What the process has used so far, from getrusage: every thread's CPU
-// (user + system), its voluntary context switches and the peak resident set.
+// (user + system), its voluntary context switches and the peak resident set;
+// and the heap bytes in use now (mallinfo2).
 struct ResourceUsage
 {
     static double CpuSeconds()
@@ -35,6 +38,8 @@ struct ResourceUsage
         ::getrusage(RUSAGE_SELF, &usage);
         return static_cast<uint64_t>(usage.ru_nvcsw);
     }
+
+    static std::size_t HeapInUse() { return mallinfo2().uordblks; }
 
     static uint64_t PeakRssKb()
     {
