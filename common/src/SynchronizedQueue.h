@@ -33,7 +33,7 @@ public:
     // and the push are one step under the lock.
     bool TryPush(Element element, size_t capacity)
     {
-        bool wasEmpty = false;
+        bool wake = false;
         {
             std::lock_guard lock(m_mutex);
             if (m_queue.size() >= capacity)
@@ -42,10 +42,10 @@ public:
             }
             // A busy consumer (WaitForMore) is woken by the element that
             // makes its batch, an idle one by the first.
-            wasEmpty = m_lingerFor > 0 ? m_queue.size() + 1 == m_lingerFor : m_queue.empty();
+            wake = m_lingerFor > 0 ? m_queue.size() + 1 == m_lingerFor : m_queue.empty();
             m_queue.push_back(std::move(element));
         }
-        if (wasEmpty)
+        if (wake)
         {
             m_cv.notify_one();
         }
