@@ -115,19 +115,7 @@ void AuditRecords::DecodeProctitle(std::string_view raw, std::string& bytes)
     }
     else
     {
-        bytes.reserve(start + raw.size() / 2);
-        for (size_t i = 0; i + 1 < raw.size(); i += 2)
-        {
-            const int high = AuparseField::HexDigit(raw[i]);
-            const int low = AuparseField::HexDigit(raw[i + 1]);
-            if (high < 0 || low < 0)
-            {
-                bytes.resize(start);
-                break;
-            }
-            bytes.push_back(static_cast<char>(high * 16 + low));
-        }
-        if (raw.size() % 2 != 0 || bytes.size() == start)
+        if (raw.size() % 2 != 0 || !AuparseField::AppendHexBytes(raw, bytes) || bytes.size() == start)
         {
             // Not the kernel's encoding: keep the text as it came.
             bytes.resize(start);

@@ -2,6 +2,7 @@
 
 #include <auparse.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -70,8 +71,13 @@ public:
             out.append(raw.substr(1, raw.find('"', 1) - 1));
             return true;
         case Form::Hex:
-            AppendHex(raw, out);
+        {
+            // Cut at the first NUL byte, as the library's C string is.
+            const size_t start = out.size();
+            AppendHexBytes(raw, out);
+            out.resize(std::min(out.find('\0', start), out.size()));
             return true;
+        }
         case Form::Other:
             break;
         }
@@ -124,6 +130,27 @@ public:
         return -1;
     }
 
+    // Appends the bytes of a run of hex digit pairs, NUL bytes included;
+    // false (out untouched) when a character is no hex digit. A trailing odd
+    // digit is left out.
+    static bool AppendHexBytes(std::string_view raw, std::string& out)
+    {
+        const size_t start = out.size();
+        out.reserve(start + raw.size() / 2);
+        for (size_t i = 0; i + 1 < raw.size(); i += 2)
+        {
+            const int high = HexDigit(raw[i]);
+            const int low = HexDigit(raw[i + 1]);
+            if (high < 0 || low < 0)
+            {
+                out.resize(start);
+                return false;
+            }
+            out.push_back(static_cast<char>(high * 16 + low));
+        }
+        return true;
+    }
+
 private:
     enum class Form
     {
@@ -158,20 +185,6 @@ private:
             }
         }
         return Form::Hex;
-    }
-
-    // Cut at the first NUL byte, as the library's C string is.
-    static void AppendHex(std::string_view raw, std::string& out)
-    {
-        for (size_t i = 0; i < raw.size(); i += 2)
-        {
-            const auto byte = static_cast<char>(HexDigit(raw[i]) * 16 + HexDigit(raw[i + 1]));
-            if (byte == '\0')
-            {
-                break;
-            }
-            out.push_back(byte);
-        }
     }
 };
 

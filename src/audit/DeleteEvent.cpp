@@ -4,8 +4,6 @@
 
 #include <sys/syscall.h>
 
-#include <stdexcept>
-
 namespace vantor::audit::internal
 {
 
@@ -49,12 +47,7 @@ DeleteEvent::DeleteEvent(const FileEvent& rename, const PathRecord& replaced)
         throw edr::EventException("Missing path for child");
     }
     // The copy holds the rename's records in the same places.
-    const auto& renamePaths = rename.Records().paths;
-    if (&replaced < renamePaths.data() || &replaced >= renamePaths.data() + renamePaths.size())
-    {
-        throw std::logic_error("DeleteEvent: the replaced target is not a record of the rename");
-    }
-    SetObjectPath(m_records.paths[static_cast<size_t>(&replaced - renamePaths.data())],
+    SetObjectPath(m_records.paths[IndexIn(rename.Records().paths, &replaced)],
                   FindLastPath(PathRecord::NameType::Parent));
 }
 

@@ -100,7 +100,11 @@ const PathRecord* FileEvent::FindLastPath(PathRecord::NameType type) const
 
 size_t FileEvent::IndexOf(const PathRecord* record) const
 {
-    const auto& paths = m_records.paths;
+    return IndexIn(m_records.paths, record);
+}
+
+size_t FileEvent::IndexIn(const std::vector<PathRecord>& paths, const PathRecord* record)
+{
     if (record == nullptr)
     {
         return kNoPath;

@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace vantor::audit::internal
 {
@@ -60,6 +61,8 @@ protected:
     // Place of a record of this event in its PATH records; kNoPath for null.
     static constexpr size_t kNoPath = static_cast<size_t>(-1);
     size_t IndexOf(const PathRecord* record) const;
+    // The same in the given records (of this event or one it was copied from).
+    static size_t IndexIn(const std::vector<PathRecord>& paths, const PathRecord* record);
     // The record at a place; an empty record for kNoPath.
     const PathRecord& PathAt(size_t index) const;
 
