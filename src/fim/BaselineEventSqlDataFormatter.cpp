@@ -62,10 +62,7 @@ std::string BaselineEventSqlDataFormatter::GetSelectStatement(const std::string&
 common::SqlQuery BaselineEventSqlDataFormatter::GetDeleteQuery(const std::string& table,
                                                                const std::string& key) const
 {
-    CheckTable(table);
-    common::SqlQuery query("DELETE from " + table + " WHERE FilePath = ?");
-    query.Bind(key);
-    return query;
+    return KeyedQuery("DELETE", table, key);
 }
 
 common::SqlQuery BaselineEventSqlDataFormatter::GetInsertQuery(const std::string& table,
@@ -94,8 +91,14 @@ common::SqlQuery BaselineEventSqlDataFormatter::GetInsertQuery(const std::string
 common::SqlQuery BaselineEventSqlDataFormatter::GetSelectQuery(const std::string& table,
                                                                const std::string& key) const
 {
+    return KeyedQuery("SELECT *", table, key);
+}
+
+common::SqlQuery BaselineEventSqlDataFormatter::KeyedQuery(const char* verb, const std::string& table,
+                                                           const std::string& key)
+{
     CheckTable(table);
-    common::SqlQuery query("SELECT * from " + table + " WHERE FilePath = ?");
+    common::SqlQuery query(std::string(verb) + " from " + table + " WHERE FilePath = ?");
     query.Bind(key);
     return query;
 }

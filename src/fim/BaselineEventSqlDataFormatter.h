@@ -52,6 +52,8 @@ private:
     // Only the two tables are known here; a name from elsewhere would
     // otherwise be written into the statement as it stands.
     static void CheckTable(const std::string& table);
+    // "<verb> from <table> WHERE FilePath = ?" with the key bound.
+    static common::SqlQuery KeyedQuery(const char* verb, const std::string& table, const std::string& key);
 };
 
 } // namespace vantor::fim

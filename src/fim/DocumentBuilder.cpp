@@ -96,16 +96,14 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
 
     // The stored state of the object is read at most once: until the group
     // is done only other paths (a rename's source) leave the store.
-    std::optional<FileState> stored;
-    bool storedRead = false;
+    std::optional<std::optional<FileState>> stored;
     const auto storedState = [&]() -> const std::optional<FileState>&
     {
-        if (!storedRead)
+        if (!stored)
         {
-            stored = m_store.Get(group.objectPath);
-            storedRead = true;
+            stored.emplace(m_store.Get(group.objectPath));
         }
-        return stored;
+        return *stored;
     };
 
     std::optional<FileState> previous;

@@ -52,78 +52,69 @@ DocumentEvent::DocumentEvent(const edr::Event& event)
     }
 }
 
-void DocumentEvent::Check(Field field, const std::string* error) const
+template <typename T>
+const T& DocumentEvent::Known(Field field, const T& value, const std::string* error) const
 {
     if ((m_known & field) == 0)
     {
         throw edr::EventException(error != nullptr ? *error : "Unknown");
     }
+    return value;
 }
 
 bool DocumentEvent::IsSuccessful() const
 {
-    Check(kSuccess, m_errors ? &m_errors->success : nullptr);
-    return m_success;
+    return Known(kSuccess, m_success, m_errors ? &m_errors->success : nullptr);
 }
 
 uint64_t DocumentEvent::GetTimestamp() const
 {
-    Check(kTimestamp, m_errors ? &m_errors->timestamp : nullptr);
-    return m_timestamp;
+    return Known(kTimestamp, m_timestamp, m_errors ? &m_errors->timestamp : nullptr);
 }
 
 uint32_t DocumentEvent::GetEventId() const
 {
-    Check(kEventId, m_errors ? &m_errors->eventId : nullptr);
-    return m_eventId;
+    return Known(kEventId, m_eventId, m_errors ? &m_errors->eventId : nullptr);
 }
 
 uint64_t DocumentEvent::GetFileSize() const
 {
-    Check(kFileSize, nullptr);
-    return m_fileSize;
+    return Known(kFileSize, m_fileSize);
 }
 
 pid_t DocumentEvent::GetActorProcessId() const
 {
-    Check(kProcessId, nullptr);
-    return m_processId;
+    return Known(kProcessId, m_processId);
 }
 
 std::string DocumentEvent::GetActorUserName() const
 {
-    Check(kUserName, nullptr);
-    return m_userName;
+    return Known(kUserName, m_userName);
 }
 
 uint32_t DocumentEvent::GetActorUserId() const
 {
-    Check(kUserId, nullptr);
-    return m_userId;
+    return Known(kUserId, m_userId);
 }
 
 std::string DocumentEvent::GetActorLoginName() const
 {
-    Check(kLoginName, nullptr);
-    return m_loginName;
+    return Known(kLoginName, m_loginName);
 }
 
 uint32_t DocumentEvent::GetActorAuid() const
 {
-    Check(kAuid, nullptr);
-    return m_auid;
+    return Known(kAuid, m_auid);
 }
 
 std::string DocumentEvent::GetCommandLine() const
 {
-    Check(kCommandLine, nullptr);
-    return m_title;
+    return Known(kCommandLine, m_title);
 }
 
 std::string DocumentEvent::GetImage() const
 {
-    Check(kImage, nullptr);
-    return m_title;
+    return Known(kImage, m_title);
 }
 
 } // namespace vantor::fim::internal

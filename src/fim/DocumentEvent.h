@@ -66,7 +66,10 @@ private:
 
     template <typename T, typename Getter>
     void Take(Field field, T& value, Getter getter, std::string* error = nullptr);
-    void Check(Field field, const std::string* error) const;
+    // The value when the event answered it, else the EventException with
+    // the kept error text (or "Unknown").
+    template <typename T>
+    const T& Known(Field field, const T& value, const std::string* error = nullptr) const;
 
     std::string m_userName;
     std::string m_loginName;

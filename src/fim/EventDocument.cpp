@@ -67,11 +67,7 @@ void WriteOperation(DocumentWriter& w, const edr::Event& event, const EventDocum
         w.Key("size");
         w.Uint64(input.content->size);
     }
-    else if (input.action == "delete")
-    {
-        w.Member("size", kUnknown);
-    }
-    else if (!event.HasFileStat())
+    else if (input.action == "delete" || !event.HasFileStat())
     {
         w.Member("size", kUnknown);
     }
