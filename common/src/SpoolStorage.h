@@ -139,8 +139,10 @@ public:
     };
 
     // Queues a record; the callback (may be empty) runs on the spool's task
-    // once the record is in the cache. An Own record was made by its writer
-    // in the formatter's form (SpoolDataFormatter::AppendOwn).
+    // once the record is in the cache (for a record still waiting for its
+    // drain when the spool is destroyed: on the destroying thread). An Own
+    // record was made by its writer in the formatter's form
+    // (SpoolDataFormatter::AppendOwn).
     void WriteAsync(std::string data, WriteCallback callback, Origin origin = Origin::Outside);
     // Queues a record and waits until it is in the cache. Must not be called
     // from a write callback.
