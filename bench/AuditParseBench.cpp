@@ -14,6 +14,10 @@
 //  - BM_AuparseFeedEnriched: the same intake (grouped by event) over the
 //    contiguous corpus as auditd's dispatcher sends it, the interpreted
 //    names after a 0x1d byte on SYSCALL, PATH and SOCKADDR records.
+//  - BM_AuparseFeedCaptured: the same intake over the captured corpus of a
+//    real host (bench/ReplayCorpus: the build tree's capture, else the
+//    shipped sample), as the dispatcher sent it; per event is per SYSCALL
+//    record there.
 // After the runs the ratio of their CPU per event and the peak RSS are
 // printed. Before them, the heap bytes that the typed events of the corpus
 // hold while queued, what a clone of each (as IOC makes) adds, and the heap
@@ -22,6 +26,7 @@
 
 #include "bench/AuditCorpus.h"
 #include "bench/AuparseFloor.h"
+#include "bench/ReplayCorpus.h"
 #include "bench/ResourceUsage.h"
 
 #include "audit/AuditEventBuilder.h"
@@ -132,9 +137,10 @@ void BM_AuparseFloor(benchmark::State& state)
         vantor::bench::AuparseFloor::Measure(state, TheCorpus().texts[interleaved], kEvents);
 }
 
-// Feeds the text in chunks as the intake does; answers CPU ns per event.
+// Feeds the text in chunks as the intake does; answers CPU ns per event
+// (corpusEvents per pass).
 double MeasureIntake(benchmark::State& state, const std::string& text,
-                     vantor::audit::AuparseFeed::Grouping grouping)
+                     vantor::audit::AuparseFeed::Grouping grouping, size_t corpusEvents = kEvents)
 {
     auto magic = std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase);
     vantor::audit::AuditEventBuilder builder(magic);
@@ -154,7 +160,7 @@ double MeasureIntake(benchmark::State& state, const std::string& text,
         built += feed.Flush().size();
         cpu += vantor::bench::ResourceUsage::ProcessCpuSeconds() - before;
     }
-    const auto events = static_cast<double>(kEvents) * static_cast<double>(state.iterations());
+    const auto events = static_cast<double>(corpusEvents) * static_cast<double>(state.iterations());
     state.SetItemsProcessed(static_cast<int64_t>(events));
     state.counters["cpu_ns_per_event"] = cpu * 1e9 / events;
     state.counters["typed_events"] = static_cast<double>(built);
@@ -177,6 +183,23 @@ void BM_AuparseFeedEnriched(benchmark::State& state)
     MeasureIntake(state, TheCorpus().enriched, vantor::audit::AuparseFeed::Grouping::ByEvent);
 }
 
+void BM_AuparseFeedCaptured(benchmark::State& state)
+{
+    static const vantor::bench::ReplayCorpus captured(vantor::bench::ReplayCorpus::DefaultPath());
+    static const size_t events = []
+    {
+        size_t count = 0;
+        for (size_t at = captured.Text().find("type=SYSCALL "); at != std::string::npos;
+             at = captured.Text().find("type=SYSCALL ", at + 1))
+        {
+            ++count;
+        }
+        return count;
+    }();
+    state.SetLabel(captured.Path());
+    MeasureIntake(state, captured.Text(), vantor::audit::AuparseFeed::Grouping::ByEvent, events);
+}
+
 BENCHMARK(BM_AuparseFloor)
     ->ArgName("interleaved")
     ->Arg(0)
@@ -191,6 +214,7 @@ BENCHMARK(BM_AuparseFeedBuilder)
     ->UseRealTime()
     ->MinTime(2.0);
 BENCHMARK(BM_AuparseFeedEnriched)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_AuparseFeedCaptured)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(5.0);
 
 // What the intake makes of the corpus, once, untimed, and the heap its
 // typed events hold while all of them are alive (as in a full queue).
