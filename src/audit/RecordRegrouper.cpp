@@ -1,6 +1,7 @@
 #include "audit/RecordRegrouper.h"
 
 #include "audit/AuditTables.h"
+#include "audit/RecordTrimmer.h"
 
 #include <libaudit.h>
 
@@ -60,6 +61,7 @@ bool RecordRegrouper::ParseStamp(std::string_view line, size_t typeAt, Stamp& st
     {
         return false;
     }
+    stamp.fieldsAt = at;
     stamp.node = {};
     if (line.starts_with("node="))
     {
@@ -85,8 +87,13 @@ void RecordRegrouper::Add(std::string_view line)
 
     if (const int32_t index = Find(stamp); index >= 0)
     {
-        Append(m_slots[static_cast<size_t>(index)], line);
-        if (EndsEvent(type))
+        const bool ends = EndsEvent(type);
+        // What no builder reads goes no further, unless it ends the event.
+        if (ends || RecordTrimmer::IsRead(type))
+        {
+            RecordTrimmer::Append(type, line, stamp.fieldsAt, m_slots[static_cast<size_t>(index)].records);
+        }
+        if (ends)
         {
             Close(index, true);
         }
@@ -102,7 +109,7 @@ void RecordRegrouper::Add(std::string_view line)
     }
     else
     {
-        Append(m_slots[static_cast<size_t>(Open(stamp))], line);
+        RecordTrimmer::Append(type, line, stamp.fieldsAt, m_slots[static_cast<size_t>(Open(stamp))].records);
     }
 
     // libauparse ends what is two seconds older than any record.
@@ -181,15 +188,6 @@ int32_t RecordRegrouper::Open(const Stamp& stamp)
         head = index;
     }
     return index;
-}
-
-void RecordRegrouper::Append(Slot& slot, std::string_view line)
-{
-    slot.records.append(line);
-    if (line.empty() || line.back() != '\n')
-    {
-        slot.records.push_back('\n');
-    }
 }
 
 void RecordRegrouper::Close(int32_t index, bool endsItself)

@@ -35,6 +35,10 @@ namespace vantor::audit
 // libauparse skips them. No more than kMaxPending events are held; beyond
 // that the oldest is cut.
 //
+// The records of an event that a SYSCALL record started are kept as
+// RecordTrimmer trims them: without the records and fields that no builder
+// reads. Records handed on alone are kept as they came.
+//
 // Events are handed on in the order they complete (cut ones by time); the
 // records of one event keep their order. Buffers are reused: in the steady
 // state a record costs no allocation. Not thread-safe.
@@ -68,6 +72,7 @@ private:
         uint64_t serial = 0;
         std::string_view node;
         std::string_view text; // "audit(...)"
+        size_t fieldsAt = 0;   // just past it
     };
     struct Slot
     {
@@ -83,7 +88,6 @@ private:
     static bool ParseStamp(std::string_view line, size_t typeAt, Stamp& stamp);
     int32_t Find(const Stamp& stamp) const;
     int32_t Open(const Stamp& stamp);
-    void Append(Slot& slot, std::string_view line);
     // Hands the slot's event on and frees the slot.
     void Close(int32_t index, bool endsItself);
     // Cuts the events of the given second and before.

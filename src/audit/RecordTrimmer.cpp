@@ -1,0 +1,177 @@
+#include "audit/RecordTrimmer.h"
+
+#include <libaudit.h>
+
+#include <array>
+#include <cstring>
+
+namespace vantor::audit
+{
+
+namespace
+{
+
+// The fields SyscallRecord::Parse reads.
+bool IsReadSyscallField(std::string_view name)
+{
+    switch (name.size())
+    {
+    case 2:
+        return name[0] == 'a' && name[1] >= '0' && name[1] <= '3';
+    case 3:
+        return name == "pid" || name == "uid" || name == "exe";
+    case 4:
+        return name == "exit" || name == "auid" || name == "euid" || name == "ppid" || name == "comm";
+    case 5:
+        return name == "items";
+    case 7:
+        return name == "syscall" || name == "success";
+    default:
+        return false;
+    }
+}
+
+// The fields PathRecord::Parse reads.
+bool IsReadPathField(std::string_view name)
+{
+    switch (name.size())
+    {
+    case 3:
+        return name == "dev";
+    case 4:
+        return name == "item" || name == "name" || name == "mode" || name == "ouid" || name == "ogid";
+    case 5:
+        return name == "inode";
+    case 7:
+        return name == "objtype";
+    case 8:
+        return name == "nametype";
+    default:
+        return false;
+    }
+}
+
+// libauparse strips a leading "(" off a name, and skips "msg=": names of
+// other characters than these are not the kernel's.
+constexpr auto kNameCharacters = []
+{
+    std::array<bool, 256> table{};
+    for (int c = 'a'; c <= 'z'; ++c)
+    {
+        table[static_cast<size_t>(c)] = true;
+    }
+    for (int c = '0'; c <= '9'; ++c)
+    {
+        table[static_cast<size_t>(c)] = true;
+    }
+    table['_'] = true;
+    return table;
+}();
+
+// Appends the header and the fields that isRead keeps; false (out as it was)
+// when the record is not of the expected form or keeps no field.
+template <bool (*isRead)(std::string_view)>
+bool AppendReadFields(std::string_view line, size_t fieldsAt, std::string& out)
+{
+    // "...audit(...): name=value name="value" ..."
+    const char* const begin = line.data();
+    const char* const end = begin + line.size();
+    if (line.size() < fieldsAt + 3 || line[fieldsAt] != ':' || line[fieldsAt + 1] != ' ' ||
+        std::memchr(begin, '\0', line.size()) != nullptr ||
+        std::memchr(begin + fieldsAt, '\'', line.size() - fieldsAt) != nullptr)
+    {
+        return false;
+    }
+    const auto find = [end](const char* from, char c)
+    {
+        return from < end ? static_cast<const char*>(std::memchr(from, c, static_cast<size_t>(end - from)))
+                          : nullptr;
+    };
+    const size_t start = out.size();
+    out.append(begin, fieldsAt + 1);
+    // Kept fields are copied in runs, each with the space before it.
+    const char* run = nullptr;
+    bool kept = false;
+    const char* quote = find(begin + fieldsAt, '"');
+    for (const char* at = begin + fieldsAt + 2;;)
+    {
+        const char* space = find(at, ' ');
+        const char* const fieldEnd = space != nullptr ? space : end;
+        const char* equals = at;
+        while (equals < fieldEnd && kNameCharacters[static_cast<unsigned char>(*equals)])
+        {
+            ++equals;
+        }
+        bool wellFormed = equals != at && equals != fieldEnd && *equals == '=';
+        if (wellFormed && quote != nullptr && quote < fieldEnd)
+        {
+            // Only a value quoted whole, with no quote within.
+            wellFormed = quote == equals + 1 && find(quote + 1, '"') == fieldEnd - 1;
+            quote = find(fieldEnd, '"');
+        }
+        if (!wellFormed)
+        {
+            out.resize(start);
+            return false;
+        }
+        if (isRead(std::string_view(at, static_cast<size_t>(equals - at))))
+        {
+            run = run != nullptr ? run : at - 1;
+            kept = true;
+        }
+        else if (run != nullptr)
+        {
+            out.append(run, at - 1);
+            run = nullptr;
+        }
+        if (space == nullptr)
+        {
+            break;
+        }
+        at = space + 1;
+    }
+    if (run != nullptr)
+    {
+        out.append(run, end);
+    }
+    if (!kept)
+    {
+        out.resize(start);
+    }
+    return kept;
+}
+
+} // namespace
+
+bool RecordTrimmer::IsRead(int type)
+{
+    return type == AUDIT_SYSCALL || type == AUDIT_PATH || type == AUDIT_CWD || type == AUDIT_PROCTITLE ||
+           type == AUDIT_EXECVE || type == AUDIT_SOCKADDR;
+}
+
+void RecordTrimmer::Append(int type, std::string_view line, size_t fieldsAt, std::string& out)
+{
+    if (!line.empty() && line.back() == '\n')
+    {
+        line.remove_suffix(1);
+    }
+    bool trimmed = false;
+    if (fieldsAt <= line.size())
+    {
+        if (type == AUDIT_SYSCALL)
+        {
+            trimmed = AppendReadFields<&IsReadSyscallField>(line, fieldsAt, out);
+        }
+        else if (type == AUDIT_PATH)
+        {
+            trimmed = AppendReadFields<&IsReadPathField>(line, fieldsAt, out);
+        }
+    }
+    if (!trimmed)
+    {
+        out.append(line);
+    }
+    out.push_back('\n');
+}
+
+} // namespace vantor::audit

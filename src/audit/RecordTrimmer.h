@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace vantor::audit
+{
+
+// Leaves out of an event's records what no event builder reads, so that
+// libauparse, which splits and copies every field of every record it gets,
+// has less to parse:
+//  - records of a type that no builder reads (BPRM_FCAPS, AVC, ...) in an
+//    event that a SYSCALL record started, unless they end the event (the
+//    caller decides);
+//  - the fields of SYSCALL and PATH records that no builder reads (arch,
+//    gid, tty, ses, key, rdev, cap_fp, ...). The fields kept are those that
+//    SyscallRecord and PathRecord parse: a field they come to read must be
+//    added here too.
+// The header of a record (node, type, stamp) and the records of every other
+// type are kept as they are. So is a record that does not look as the
+// kernel writes it (fields not separated by single spaces, a field without
+// "=", a quote other than one pair around a value, a single quote, a NUL
+// byte, no field kept at all): libauparse then gets what it would have got.
+//
+// Stateless and thread-safe.
+class RecordTrimmer
+{
+public:
+    // Whether a builder reads records of this type in a syscall event.
+    static bool IsRead(int type);
+
+    // Appends the record line of the given type to out, its unread fields
+    // left out, and a line end. fieldsAt is the offset in line just past the
+    // record's stamp "audit(...)". Costs no allocation beyond out's growth.
+    static void Append(int type, std::string_view line, size_t fieldsAt, std::string& out);
+};
+
+} // namespace vantor::audit
