@@ -30,8 +30,9 @@ public:
     {
         // The records are sorted into their events first (RecordRegrouper)
         // and each event goes to libauparse whole, without the enrichment
-        // that auditd's dispatcher appends to a record; events come out in
-        // the order they complete.
+        // that auditd's dispatcher appends to a record and without what no
+        // builder reads (RecordTrimmer); events come out in the order they
+        // complete.
         ByEvent,
         // The text goes to libauparse as it came, lone records closed by
         // LoneRecordCloser; libauparse sorts the records. Kept as the
