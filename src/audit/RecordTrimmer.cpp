@@ -155,18 +155,9 @@ void RecordTrimmer::Append(int type, std::string_view line, size_t fieldsAt, std
     {
         line.remove_suffix(1);
     }
-    bool trimmed = false;
-    if (fieldsAt <= line.size())
-    {
-        if (type == AUDIT_SYSCALL)
-        {
-            trimmed = AppendReadFields<&IsReadSyscallField>(line, fieldsAt, out);
-        }
-        else if (type == AUDIT_PATH)
-        {
-            trimmed = AppendReadFields<&IsReadPathField>(line, fieldsAt, out);
-        }
-    }
+    const bool trimmed =
+        (type == AUDIT_SYSCALL && AppendReadFields<&IsReadSyscallField>(line, fieldsAt, out)) ||
+        (type == AUDIT_PATH && AppendReadFields<&IsReadPathField>(line, fieldsAt, out));
     if (!trimmed)
     {
         out.append(line);
