@@ -509,8 +509,9 @@ TEST(RecordRegrouperTest, TheDispatchersEnrichmentChangesNoTypedEvent)
 
 TEST(RecordRegrouperTest, ARealHostsRecordsMakeTheSameTypedEventsTrimmed)
 {
-    // Grouped by event, the records of a call lose what no builder reads; as
-    // received they reach libauparse whole.
+    // Grouped by event, the records of a call lose the dispatcher's
+    // enrichment and what no builder reads; as received they reach
+    // libauparse whole.
     std::ifstream in(CORVID_SOURCE_DIR "/bench/corpus/sample.audit.xz", std::ios::binary);
     const std::string text = util::LzmaDecompress(
         std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
