@@ -92,7 +92,8 @@ PathRecord PathRecord::Parse(auparse_state_t* au)
             {
                 continue;
             }
-            // Dispatch on the first letter: this runs for every PATH field.
+            // Dispatch on the first letter: this runs for every PATH field. A
+            // field read here must also be kept by RecordTrimmer.
             switch (name[0])
             {
             case 'i':

@@ -37,7 +37,8 @@ SyscallRecord SyscallRecord::Parse(auparse_state_t* au, std::string& text)
             {
                 continue;
             }
-            // Dispatch on the first letter: this runs for every event.
+            // Dispatch on the first letter: this runs for every event. A field
+            // read here must also be kept by RecordTrimmer.
             switch (name[0])
             {
             case 'a':
