@@ -3,6 +3,7 @@
 #include "common/Serializer.h"
 #include "common/SqlDataFormatterException.h"
 
+#include <algorithm>
 #include <array>
 #include <map>
 
@@ -262,6 +263,27 @@ common::SqlQuery SnapshotSqlDataFormatter::GetDeleteQuery(const std::string& tab
     common::SqlQuery query("DELETE from " + table + " WHERE " + FindTable(table).key + " = ?;");
     query.Bind(key);
     return query;
+}
+
+std::string SnapshotSqlDataFormatter::GetDeleteKeysStatement(const std::string& table,
+                                                             const std::vector<int64_t>& keys)
+{
+    const Table& found = FindTable(table);
+    const bool integerKey = std::any_of(found.columns.begin(), found.columns.end(),
+                                        [&found](const Column& c)
+                                        { return std::string_view(c.name) == found.key && c.type == kInt; });
+    if (!integerKey || keys.empty())
+    {
+        throw common::SqlDataFormatterException("SnapshotSqlDataFormatter: No integer keys to delete from '" +
+                                                table + "'");
+    }
+    // Numbers only: nothing to quote.
+    std::string statement = "DELETE from " + table + " WHERE " + found.key + " IN (";
+    for (size_t i = 0; i < keys.size(); ++i)
+    {
+        statement += (i == 0 ? "" : ", ") + std::to_string(keys[i]);
+    }
+    return statement + ");";
 }
 
 std::string SnapshotSqlDataFormatter::GetSchemaVersionQuery() const

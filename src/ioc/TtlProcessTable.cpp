@@ -5,6 +5,7 @@
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessRow.h"
 
+#include <algorithm>
 #include <string>
 
 namespace vantor::ioc::internal
@@ -46,14 +47,25 @@ bool TtlProcessTable::Store(common::SqlStorage& snapshot,
 {
     const std::string table = SnapshotSqlDataFormatter::kTtlProcesses;
     bool saved = rows.empty() || snapshot.Write(table, rows).success;
-    for (const pid_t pid : removed)
+    // Exited processes leave by the thousand on a busy host: a statement
+    // (and so a transaction) per row would cost each one a commit.
+    std::vector<int64_t> chunk;
+    chunk.reserve(std::min(removed.size(), kDeletedPerStatement));
+    for (auto it = removed.begin(); saved && it != removed.end();)
     {
-        if (saved && snapshot.Delete(table, std::to_string(pid)).success)
+        chunk.clear();
+        for (; it != removed.end() && chunk.size() < kDeletedPerStatement; ++it)
         {
-            deleted.insert(pid);
+            chunk.push_back(*it);
         }
-        else
+        try
         {
+            snapshot.Execute(SnapshotSqlDataFormatter::GetDeleteKeysStatement(table, chunk));
+            deleted.insert(chunk.begin(), chunk.end());
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("SqlStorage: Failed to delete from table " << table << ": " << e.what());
             saved = false;
         }
     }

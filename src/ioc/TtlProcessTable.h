@@ -2,6 +2,8 @@
 
 #include "ioc/ProcessInfo.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
@@ -29,13 +31,18 @@ public:
     // The record of a process's row, to be written later: made while the
     // tree's lock holds the process still.
     static std::pair<std::string, std::string> Record(const ProcessInfo& process);
-    // Writes the rows, then deletes the rows of the removed pids (only when
-    // the writes succeeded); the deleted ones are added to deleted. Answers
-    // whether every statement succeeded, logging the table otherwise.
+    // Writes the rows in one transaction, then deletes the rows of the
+    // removed pids (only when the writes succeeded), up to
+    // kDeletedPerStatement of them per statement; the deleted ones are added
+    // to deleted. Answers whether every statement succeeded, logging the
+    // table otherwise.
     static bool Store(common::SqlStorage& snapshot,
                       const std::vector<std::pair<std::string, std::string>>& rows,
                       const std::set<pid_t>& removed, std::set<pid_t>& deleted);
     static void Clear(common::SqlStorage& snapshot);
+
+    // Keeps a statement's text to a few kilobytes.
+    static constexpr size_t kDeletedPerStatement = 500;
 };
 
 } // namespace vantor::ioc::internal
