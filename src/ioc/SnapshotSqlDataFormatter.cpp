@@ -3,7 +3,6 @@
 #include "common/Serializer.h"
 #include "common/SqlDataFormatterException.h"
 
-#include <algorithm>
 #include <array>
 #include <map>
 
@@ -266,24 +265,24 @@ common::SqlQuery SnapshotSqlDataFormatter::GetDeleteQuery(const std::string& tab
 }
 
 std::string SnapshotSqlDataFormatter::GetDeleteKeysStatement(const std::string& table,
-                                                             const std::vector<int64_t>& keys)
+                                                             std::span<const std::string> keys)
 {
-    const Table& found = FindTable(table);
-    const bool integerKey = std::any_of(found.columns.begin(), found.columns.end(),
-                                        [&found](const Column& c)
-                                        { return std::string_view(c.name) == found.key && c.type == kInt; });
-    if (!integerKey || keys.empty())
+    if (keys.empty())
     {
-        throw common::SqlDataFormatterException("SnapshotSqlDataFormatter: No integer keys to delete from '" +
-                                                table + "'");
+        throw common::SqlDataFormatterException("SnapshotSqlDataFormatter: No keys to delete from '" + table +
+                                                "'");
     }
-    // Numbers only: nothing to quote.
-    std::string statement = "DELETE from " + table + " WHERE " + found.key + " IN (";
-    for (size_t i = 0; i < keys.size(); ++i)
+    std::string text = "DELETE from " + table + " WHERE " + FindTable(table).key + " IN (?";
+    for (size_t i = 1; i < keys.size(); ++i)
     {
-        statement += (i == 0 ? "" : ", ") + std::to_string(keys[i]);
+        text += ", ?";
     }
-    return statement + ");";
+    common::SqlQuery query(text + ");");
+    for (const auto& key : keys)
+    {
+        query.Bind(key);
+    }
+    return query.ToString();
 }
 
 std::string SnapshotSqlDataFormatter::GetSchemaVersionQuery() const

@@ -4,6 +4,7 @@
 #include "common/SqlRowIterator.h"
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -83,10 +84,11 @@ public:
     // rows back; throws SqlDataFormatterException for another table.
     static std::vector<common::SqlRowIterator::ColumnType> GetColumnTypes(const std::string& table);
 
-    // One statement that deletes the rows of all the keys of a table whose
-    // key is an integer ("DELETE from <table> WHERE <key> IN (1, 2);");
-    // throws SqlDataFormatterException for another table or no keys.
-    static std::string GetDeleteKeysStatement(const std::string& table, const std::vector<int64_t>& keys);
+    // One statement that deletes the rows of all the keys, each written as
+    // a quoted literal as the delete of one key writes it ("DELETE from
+    // <table> WHERE <key> IN ('1', '2');"); throws SqlDataFormatterException
+    // for an unknown table or no keys.
+    static std::string GetDeleteKeysStatement(const std::string& table, std::span<const std::string> keys);
 
     // The serialised record of one "ClientInformation" row.
     std::string FormatRecord(std::string_view name, std::string_view value);

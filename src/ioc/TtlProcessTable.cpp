@@ -2,10 +2,11 @@
 
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
+#include "ioc/SnapshotDeletes.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessRow.h"
 
-#include <algorithm>
+#include <iterator>
 #include <string>
 
 namespace vantor::ioc::internal
@@ -47,27 +48,17 @@ bool TtlProcessTable::Store(common::SqlStorage& snapshot,
 {
     const std::string table = SnapshotSqlDataFormatter::kTtlProcesses;
     bool saved = rows.empty() || snapshot.Write(table, rows).success;
-    // Exited processes leave by the thousand on a busy host: a statement
-    // (and so a transaction) per row would cost each one a commit.
-    std::vector<int64_t> chunk;
-    chunk.reserve(std::min(removed.size(), kDeletedPerStatement));
-    for (auto it = removed.begin(); saved && it != removed.end();)
+    if (saved && !removed.empty())
     {
-        chunk.clear();
-        for (; it != removed.end() && chunk.size() < kDeletedPerStatement; ++it)
+        std::vector<std::string> keys;
+        keys.reserve(removed.size());
+        for (const pid_t pid : removed)
         {
-            chunk.push_back(*it);
+            keys.push_back(std::to_string(pid));
         }
-        try
-        {
-            snapshot.Execute(SnapshotSqlDataFormatter::GetDeleteKeysStatement(table, chunk));
-            deleted.insert(chunk.begin(), chunk.end());
-        }
-        catch (const std::exception& e)
-        {
-            EDR_LOG_ERROR("SqlStorage: Failed to delete from table " << table << ": " << e.what());
-            saved = false;
-        }
+        const size_t count = SnapshotDeletes::Run(snapshot, table, keys).deleted;
+        deleted.insert(removed.begin(), std::next(removed.begin(), static_cast<std::ptrdiff_t>(count)));
+        saved = count == removed.size();
     }
     if (!saved)
     {

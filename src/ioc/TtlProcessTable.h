@@ -2,8 +2,6 @@
 
 #include "ioc/ProcessInfo.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
@@ -32,17 +30,13 @@ public:
     // tree's lock holds the process still.
     static std::pair<std::string, std::string> Record(const ProcessInfo& process);
     // Writes the rows in one transaction, then deletes the rows of the
-    // removed pids (only when the writes succeeded), up to
-    // kDeletedPerStatement of them per statement; the deleted ones are added
-    // to deleted. Answers whether every statement succeeded, logging the
-    // table otherwise.
+    // removed pids (only when the writes succeeded; many to a statement);
+    // the deleted ones are added to deleted. Answers whether every
+    // statement succeeded, logging the table otherwise.
     static bool Store(common::SqlStorage& snapshot,
                       const std::vector<std::pair<std::string, std::string>>& rows,
                       const std::set<pid_t>& removed, std::set<pid_t>& deleted);
     static void Clear(common::SqlStorage& snapshot);
-
-    // Keeps a statement's text to a few kilobytes.
-    static constexpr size_t kDeletedPerStatement = 500;
 };
 
 } // namespace vantor::ioc::internal

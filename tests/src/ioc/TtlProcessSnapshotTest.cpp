@@ -2,9 +2,9 @@
 // load at start-up keeps after a restart, a reboot or a reused pid, and that
 // a save killed half-way leaves a database that opens and loads.
 
+#include "ioc/SnapshotDeletes.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessRow.h"
-#include "ioc/TtlProcessTable.h"
 #include "ioc/TtlProcessTree.h"
 #include "tests/src/audit/TestEvent.h"
 #include "tests/src/ioc/FakeProc.h"
@@ -285,7 +285,7 @@ TEST_F(TtlProcessSnapshotTest, ASaveDeletesTheRowsOfAllProcessesThatLeftAndNoOth
 {
     auto tree = MakeTree();
     // More than one delete statement's worth.
-    const pid_t last = 100 + static_cast<pid_t>(ioc::internal::TtlProcessTable::kDeletedPerStatement) + 1;
+    const pid_t last = 100 + static_cast<pid_t>(ioc::internal::SnapshotDeletes::kKeysPerStatement) + 1;
     for (pid_t pid = 100; pid <= last; ++pid)
     {
         ProcessInfo process;
