@@ -62,6 +62,8 @@ public:
                 "jobs-" + std::to_string(m_pid)};
     }
     std::string GetImage() const override { return "/usr/bin/python3"; }
+    // What the process ran, as audit names it: the image itself.
+    std::string GetSecondaryImage() const override { return "/usr/bin/python3"; }
     std::string GetCwd() const override { return "/opt/service"; }
     std::string GetFile() const override { return m_file; }
     uint32_t GetActorUserId() const override { return 1000; }

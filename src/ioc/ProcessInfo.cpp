@@ -70,12 +70,14 @@ ProcessInfo ProcessInfo::FromEvent(const edr::Event& event, int64_t creationTime
     // The executed file is the script when the kernel ran an interpreter for
     // it; when it is the interpreter itself (also under another name, as
     // /bin/bash for /usr/bin/bash), the script is among the arguments.
+    // Mostly the executed file is the image under its own name: then there
+    // is nothing to examine (a stat per process start).
     const std::string executed = Optional<std::string>([&] { return event.GetSecondaryImage(); });
-    if (!executed.empty())
+    if (!executed.empty() && executed != info.image.path)
     {
         info.secondaryImage = ImageFile::FromPath(executed);
     }
-    if (executed.empty() || IsSameFile(info.secondaryImage, info.image))
+    if (executed.empty() || executed == info.image.path || IsSameFile(info.secondaryImage, info.image))
     {
         info.secondaryImage = ImageFile::FromPath(ScriptOf(info.image.path, arguments));
     }
@@ -94,7 +96,7 @@ ProcessInfo ProcessInfo::FromEvent(const edr::Event& event, int64_t creationTime
 ProcessInfo ProcessInfo::FromProc(const internal::ProcReader& proc, pid_t pid)
 {
     const auto stat = proc.ReadStat(pid);
-    const auto startTime = proc.StartTime(pid);
+    const auto startTime = stat ? proc.StartTimeOf(*stat) : std::nullopt;
     if (!stat || !startTime)
     {
         throw std::runtime_error("Failed to update process info: process " + std::to_string(pid) +
