@@ -7,6 +7,7 @@
 #include <array>
 #include <numeric>
 #include <stdexcept>
+#include <string_view>
 
 namespace vantor::ioc
 {
@@ -31,7 +32,7 @@ T Optional(Get get, T fallback = T())
 bool IsInterpreter(const std::string& image)
 {
     const auto slash = image.rfind('/');
-    const std::string name = image.substr(slash == std::string::npos ? 0 : slash + 1);
+    const std::string_view name = std::string_view(image).substr(slash == std::string::npos ? 0 : slash + 1);
     static const std::array<std::string_view, 12> kPrefixes{"python", "perl", "ruby", "node", "php", "bash",
                                                             "sh",     "dash", "zsh",  "ksh",  "lua", "tclsh"};
     for (const auto prefix : kPrefixes)
@@ -208,10 +209,20 @@ std::string ProcessInfo::ScriptOf(const std::string& image, const std::vector<st
 
 std::string ProcessInfo::JoinArguments(const std::vector<std::string>& arguments)
 {
-    std::string text;
+    size_t size = 0;
     for (const auto& argument : arguments)
     {
-        text += (text.empty() ? "" : " ") + argument;
+        size += argument.size() + 1;
+    }
+    std::string text;
+    text.reserve(size);
+    for (const auto& argument : arguments)
+    {
+        if (!text.empty())
+        {
+            text += ' ';
+        }
+        text += argument;
     }
     return text;
 }
