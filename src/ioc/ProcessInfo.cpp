@@ -7,6 +7,7 @@
 #include <array>
 #include <numeric>
 #include <stdexcept>
+#include <string_view>
 
 namespace vantor::ioc
 {
@@ -31,7 +32,7 @@ T Optional(Get get, T fallback = T())
 bool IsInterpreter(const std::string& image)
 {
     const auto slash = image.rfind('/');
-    const std::string name = image.substr(slash == std::string::npos ? 0 : slash + 1);
+    const std::string_view name = std::string_view(image).substr(slash == std::string::npos ? 0 : slash + 1);
     static const std::array<std::string_view, 12> kPrefixes{"python", "perl", "ruby", "node", "php", "bash",
                                                             "sh",     "dash", "zsh",  "ksh",  "lua", "tclsh"};
     for (const auto prefix : kPrefixes)
@@ -70,12 +71,14 @@ ProcessInfo ProcessInfo::FromEvent(const edr::Event& event, int64_t creationTime
     // The executed file is the script when the kernel ran an interpreter for
     // it; when it is the interpreter itself (also under another name, as
     // /bin/bash for /usr/bin/bash), the script is among the arguments.
+    // Mostly the executed file is the image under its own name: then there
+    // is nothing to examine (a stat per process start).
     const std::string executed = Optional<std::string>([&] { return event.GetSecondaryImage(); });
-    if (!executed.empty())
+    if (!executed.empty() && executed != info.image.path)
     {
         info.secondaryImage = ImageFile::FromPath(executed);
     }
-    if (executed.empty() || IsSameFile(info.secondaryImage, info.image))
+    if (executed.empty() || executed == info.image.path || IsSameFile(info.secondaryImage, info.image))
     {
         info.secondaryImage = ImageFile::FromPath(ScriptOf(info.image.path, arguments));
     }
@@ -94,7 +97,7 @@ ProcessInfo ProcessInfo::FromEvent(const edr::Event& event, int64_t creationTime
 ProcessInfo ProcessInfo::FromProc(const internal::ProcReader& proc, pid_t pid)
 {
     const auto stat = proc.ReadStat(pid);
-    const auto startTime = proc.StartTime(pid);
+    const auto startTime = stat ? proc.StartTimeOf(*stat) : std::nullopt;
     if (!stat || !startTime)
     {
         throw std::runtime_error("Failed to update process info: process " + std::to_string(pid) +
@@ -206,10 +209,20 @@ std::string ProcessInfo::ScriptOf(const std::string& image, const std::vector<st
 
 std::string ProcessInfo::JoinArguments(const std::vector<std::string>& arguments)
 {
-    std::string text;
+    size_t size = 0;
     for (const auto& argument : arguments)
     {
-        text += (text.empty() ? "" : " ") + argument;
+        size += argument.size() + 1;
+    }
+    std::string text;
+    text.reserve(size);
+    for (const auto& argument : arguments)
+    {
+        if (!text.empty())
+        {
+            text += ' ';
+        }
+        text += argument;
     }
     return text;
 }

@@ -4,6 +4,7 @@
 #include "common/SqlRowIterator.h"
 #include "common/SqlStorage.h"
 #include "common/util/Digest.h"
+#include "ioc/SnapshotDeletes.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 
 #include <stdexcept>
@@ -91,21 +92,24 @@ bool FlushTable(common::SqlStorage& snapshot, const char* table,
     bool stored = true;
     common::SqlStorage::Records records;
     records.reserve(held.size());
+    std::vector<std::string> deleted;
     for (auto& [key, row] : held)
     {
         if (row)
         {
             records.emplace_back(key, RecordOf(*row));
-            continue;
         }
-        const auto result = snapshot.Delete(table, key);
-        if (!result.success)
+        else
         {
-            EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
-            stored = false;
+            deleted.push_back(key);
         }
     }
     held.clear();
+    if (const auto result = SnapshotDeletes::Run(snapshot, table, deleted); result.deleted < deleted.size())
+    {
+        EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
+        stored = false;
+    }
     if (!records.empty())
     {
         const auto result = snapshot.Write(table, records);

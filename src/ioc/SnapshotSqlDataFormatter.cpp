@@ -264,6 +264,27 @@ common::SqlQuery SnapshotSqlDataFormatter::GetDeleteQuery(const std::string& tab
     return query;
 }
 
+std::string SnapshotSqlDataFormatter::GetDeleteKeysStatement(const std::string& table,
+                                                             std::span<const std::string> keys)
+{
+    if (keys.empty())
+    {
+        throw common::SqlDataFormatterException("SnapshotSqlDataFormatter: No keys to delete from '" + table +
+                                                "'");
+    }
+    std::string text = "DELETE from " + table + " WHERE " + FindTable(table).key + " IN (?";
+    for (size_t i = 1; i < keys.size(); ++i)
+    {
+        text += ", ?";
+    }
+    common::SqlQuery query(text + ");");
+    for (const auto& key : keys)
+    {
+        query.Bind(key);
+    }
+    return query.ToString();
+}
+
 std::string SnapshotSqlDataFormatter::GetSchemaVersionQuery() const
 {
     return "PRAGMA user_version";

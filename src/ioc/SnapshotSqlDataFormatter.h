@@ -4,6 +4,7 @@
 #include "common/SqlRowIterator.h"
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -82,6 +83,12 @@ public:
     // The column types of a table in use, in column order, for reading its
     // rows back; throws SqlDataFormatterException for another table.
     static std::vector<common::SqlRowIterator::ColumnType> GetColumnTypes(const std::string& table);
+
+    // One statement that deletes the rows of all the keys, each written as
+    // a quoted literal as the delete of one key writes it ("DELETE from
+    // <table> WHERE <key> IN ('1', '2');"); throws SqlDataFormatterException
+    // for an unknown table or no keys.
+    static std::string GetDeleteKeysStatement(const std::string& table, std::span<const std::string> keys);
 
     // The serialised record of one "ClientInformation" row.
     std::string FormatRecord(std::string_view name, std::string_view value);

@@ -11,6 +11,7 @@
 
 #include <charconv>
 #include <cstddef>
+#include <iterator>
 
 namespace vantor::ioc::internal
 {
@@ -110,9 +111,16 @@ ProcessInfo TtlProcessRow::Parse(const std::string& row)
 std::string TtlProcessRow::FormatChildren(const std::set<pid_t>& children)
 {
     std::string text;
+    // A busy parent has thousands of children: no temporary per child.
+    char digits[16];
     for (const pid_t child : children)
     {
-        text += (text.empty() ? "" : ",") + std::to_string(child);
+        if (!text.empty())
+        {
+            text += ',';
+        }
+        const auto end = std::to_chars(std::begin(digits), std::end(digits), child).ptr;
+        text.append(digits, end);
     }
     return text;
 }

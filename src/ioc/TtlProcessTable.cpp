@@ -2,9 +2,11 @@
 
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
+#include "ioc/SnapshotDeletes.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessRow.h"
 
+#include <iterator>
 #include <string>
 
 namespace vantor::ioc::internal
@@ -46,16 +48,17 @@ bool TtlProcessTable::Store(common::SqlStorage& snapshot,
 {
     const std::string table = SnapshotSqlDataFormatter::kTtlProcesses;
     bool saved = rows.empty() || snapshot.Write(table, rows).success;
-    for (const pid_t pid : removed)
+    if (saved && !removed.empty())
     {
-        if (saved && snapshot.Delete(table, std::to_string(pid)).success)
+        std::vector<std::string> keys;
+        keys.reserve(removed.size());
+        for (const pid_t pid : removed)
         {
-            deleted.insert(pid);
+            keys.push_back(std::to_string(pid));
         }
-        else
-        {
-            saved = false;
-        }
+        const size_t count = SnapshotDeletes::Run(snapshot, table, keys).deleted;
+        deleted.insert(removed.begin(), std::next(removed.begin(), static_cast<std::ptrdiff_t>(count)));
+        saved = count == removed.size();
     }
     if (!saved)
     {

@@ -2,6 +2,7 @@
 // load at start-up keeps after a restart, a reboot or a reused pid, and that
 // a save killed half-way leaves a database that opens and loads.
 
+#include "ioc/SnapshotDeletes.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessRow.h"
 #include "ioc/TtlProcessTree.h"
@@ -278,6 +279,28 @@ TEST_F(TtlProcessSnapshotTest, ASaveWritesOnlyTheRowsThatChanged)
     EXPECT_EQ(SnapshotDatabase(m_dir.File("SnapshotEdr.db"))
                   .Column("SELECT Children FROM TtlProcesses WHERE ProcessID = 10"),
               std::vector<std::string>{"30"});
+}
+
+TEST_F(TtlProcessSnapshotTest, ASaveDeletesTheRowsOfAllProcessesThatLeftAndNoOther)
+{
+    auto tree = MakeTree();
+    // More than one delete statement's worth.
+    const pid_t last = 100 + static_cast<pid_t>(ioc::internal::SnapshotDeletes::kKeysPerStatement) + 1;
+    for (pid_t pid = 100; pid <= last; ++pid)
+    {
+        ProcessInfo process;
+        process.pid = pid;
+        process.parentPid = 1;
+        tree->Add(process);
+    }
+    auto storage = Open();
+    ASSERT_TRUE(tree->Save(*storage));
+    for (pid_t pid = 101; pid < last; ++pid)
+    {
+        tree->Delete(pid);
+    }
+    EXPECT_TRUE(tree->Save(*storage));
+    EXPECT_THAT(StoredPids(), ElementsAre("1", "100", std::to_string(last)));
 }
 
 } // namespace
