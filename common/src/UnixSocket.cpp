@@ -1,6 +1,7 @@
 #include "common/UnixSocket.h"
 
 #include "common/Logging.h"
+#include "common/ReadBufferPool.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -65,6 +66,11 @@ IOChannel::Error UnixSocket::ReadAvailable(int fd, size_t bufSize, std::vector<u
         EDR_LOG_ERROR(what << ": " << std::strerror(error));
         // A reset connection is the peer going away, like end of file.
         return error == ECONNRESET ? IOChannel::Success : MapErrno(error);
+    }
+    if (static_cast<size_t>(n) * 2 >= bufSize && data.capacity() < bufSize)
+    {
+        // A full read under load: a warm buffer the consumer gave back.
+        data = ReadBufferPool::Take(bufSize);
     }
     data.assign(scratch.begin(), scratch.begin() + n);
     return IOChannel::Success;

@@ -2,6 +2,7 @@
 
 #include "audit/AuparseFeed.h"
 #include "common/Logging.h"
+#include "common/ReadBufferPool.h"
 
 #include <chrono>
 #include <exception>
@@ -233,7 +234,7 @@ void ParserThread::ProcessLoop(AuparseFeed& feed)
             m_feedErrors.fetch_add(1, std::memory_order_relaxed);
             EDR_LOG_ERROR("Audit parser thread: " << e.what());
         }
-        buffer = std::vector<uint8_t>();
+        common::ReadBufferPool::Give(std::move(buffer));
         if (!moreQueued || m_held.size() >= kHandOverEvents)
         {
             DeliverHeld();

@@ -1,6 +1,8 @@
 #include "common/Logging.h"
+#include "common/ReadBufferPool.h"
 #include "common/UnixClientStreamSockIOChannel.h"
 #include "common/UnixServerStreamSockIOChannel.h"
+#include "common/UnixSocket.h"
 #include "tests/support/DaemonHarness.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -288,6 +290,48 @@ TEST_F(UnixStreamSockIOChannelTest, BrokenPipeIsAnExceptionNotASignal)
                 testing::ThrowsMessage<IOChannelException>(testing::StrEq("IOChannel: Remote failure")));
     server.Stop();
     ::close(peer);
+}
+
+// A busy channel reads into buffers that its consumer gave back instead of
+// allocating one per read; a small read keeps a buffer of its own size, and
+// the pool keeps no more than a few spares.
+TEST(ReadBufferPoolTest, FullReadsReuseBuffersGivenBackAndTheSparesStayFew)
+{
+    using vantor::common::ReadBufferPool;
+    using vantor::common::UnixSocket;
+    constexpr size_t kReadSize = 64 * 1024;
+    while (ReadBufferPool::Spares() > 0)
+    {
+        ReadBufferPool::Take(0);
+    }
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    const auto readAfterWriting = [&](size_t bytes)
+    {
+        const std::vector<uint8_t> sent(bytes, 'x');
+        EXPECT_EQ(UnixSocket::WriteAll(fds[0], sent, "test"), IOChannel::Success);
+        std::vector<uint8_t> data;
+        EXPECT_EQ(UnixSocket::ReadAvailable(fds[1], kReadSize, data, "test"), IOChannel::Success);
+        EXPECT_EQ(data.size(), bytes);
+        return data;
+    };
+
+    auto first = readAfterWriting(kReadSize);
+    const uint8_t* const memory = first.data();
+    ReadBufferPool::Give(std::move(first));
+    EXPECT_EQ(readAfterWriting(kReadSize).data(), memory);
+
+    ReadBufferPool::Give(readAfterWriting(kReadSize));
+    EXPECT_EQ(readAfterWriting(100).capacity(), 100U);
+    EXPECT_EQ(ReadBufferPool::Spares(), 1U);
+
+    for (size_t i = 0; i < ReadBufferPool::kMaxSpares + 2; ++i)
+    {
+        ReadBufferPool::Give(std::vector<uint8_t>(kReadSize));
+    }
+    EXPECT_EQ(ReadBufferPool::Spares(), ReadBufferPool::kMaxSpares);
+    ::close(fds[0]);
+    ::close(fds[1]);
 }
 
 } // namespace
