@@ -49,6 +49,10 @@ public:
     DocumentBuilder(FileStateStore& store, DocumentSink sink);
 
     void BuildGroup(PendingDocuments::Group& group);
+    // Runs builds (calls of BuildGroup) with their store statements in one
+    // transaction; a failure of the store leaves the documents to show what
+    // is not known as "Unknown".
+    void InOneTransaction(const std::function<void()>& builds) { m_store.RunInTransaction(builds); }
 
     // The baseline document of one file, with its state and content status
     // stored; rules are those that reach the file.

@@ -59,6 +59,8 @@ public:
     // The longest that a due document waits for the next round of building
     // (a twentieth of the settle time, at most this).
     static constexpr std::chrono::milliseconds kMaxRoundGap{50};
+    // The most groups that one round of a flush builds.
+    static constexpr size_t kMaxFlushRound = 256;
 
     uint64_t GetOverflowCount() const { return m_overflows.load(); }
     // Groups of documents and baseline steps that failed (logged).
