@@ -115,9 +115,12 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
                                                 : i == 0 ? storedState()
                                                          : previous;
         const bool settledDocument = document.readsContent && !document.isDirectory;
-        BuildOne(document, before, settledDocument ? settled : document.observed,
+        const std::optional<FileState> observed = settledDocument ? std::nullopt : document.Observed();
+        BuildOne(document, before, settledDocument ? settled : observed,
                  settledDocument ? &*content : nullptr);
-        previous = document.type == edr::EventType::Delete ? std::nullopt : document.observed;
+        previous = document.type == edr::EventType::Delete ? std::nullopt
+                   : settledDocument                       ? document.Observed()
+                                                           : observed;
         if (!ownPath)
         {
             // The source of a rename is gone.
@@ -125,7 +128,7 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
         }
     }
 
-    std::optional<FileState> last = reads ? settled : documents.back().observed;
+    std::optional<FileState> last = reads ? settled : documents.back().Observed();
     if (documents.back().type == edr::EventType::Delete || !last)
     {
         m_store.Remove(group.objectPath);

@@ -171,7 +171,7 @@ void EventProcessor::HandleEvent(edr::Event& event)
         document.readsContent = ReadsContent(document);
         if (document.type != edr::EventType::Delete)
         {
-            document.observed = FileState::Observe(document.ObjectPath());
+            document.SetObserved(FileState::Observe(document.ObjectPath()));
         }
         document.event = std::make_unique<DocumentEvent>(event);
         const bool settles = document.readsContent;

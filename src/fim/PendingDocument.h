@@ -28,8 +28,17 @@ struct PendingDocument
     std::string path;
     // Destination of a rename, else empty.
     std::string newPath;
-    // The object as the handler saw it; nothing when it was gone.
-    std::optional<FileState> observed;
+    // The object as the handler saw it, without a hash (it has none then):
+    // a FileState less its empty hash text, since many documents wait.
+    struct Observation
+    {
+        uint64_t size = 0;
+        int64_t modificationTimeNs = 0;
+        uint32_t mode = 0;
+        uint32_t uid = 0;
+        uint32_t gid = 0;
+        bool known = false; // false: the object was gone
+    } observation;
     edr::EventType type = edr::EventType::Create;
     // The document reports path (a rule watches it), else the object path.
     bool imageAtPath = true;
@@ -37,6 +46,27 @@ struct PendingDocument
     // The document carries content or hash, or needs the settled content to
     // tell a content change from a change of timestamps.
     bool readsContent = false;
+
+    void SetObserved(const std::optional<FileState>& state)
+    {
+        observation =
+            state ? Observation{state->size, state->modificationTimeNs, state->mode, state->uid, state->gid,
+                                true}
+                  : Observation{};
+    }
+    std::optional<FileState> Observed() const
+    {
+        if (!observation.known)
+        {
+            return std::nullopt;
+        }
+        return FileState{observation.size,
+                         observation.mode,
+                         observation.uid,
+                         observation.gid,
+                         observation.modificationTimeNs,
+                         {}};
+    }
 
     // The path the document reports.
     const std::string& ImagePath() const { return imageAtPath ? path : ObjectPath(); }
