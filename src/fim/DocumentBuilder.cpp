@@ -110,13 +110,13 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
     for (size_t i = 0; i < documents.size(); ++i)
     {
         const PendingDocument& document = documents[i];
-        const bool ownPath = document.PreviousPath() == group.objectPath;
-        const std::optional<FileState> before = !ownPath ? m_store.Get(document.PreviousPath())
+        const bool ownPath = document.source.empty();
+        const std::optional<FileState> before = !ownPath ? m_store.Get(document.source)
                                                 : i == 0 ? storedState()
                                                          : previous;
         const bool settledDocument = document.readsContent && !document.isDirectory;
         const std::optional<FileState> observed = settledDocument ? std::nullopt : document.Observed();
-        BuildOne(document, before, settledDocument ? settled : observed,
+        BuildOne(document, group.objectPath, before, settledDocument ? settled : observed,
                  settledDocument ? &*content : nullptr);
         previous = document.type == edr::EventType::Delete ? std::nullopt
                    : settledDocument                       ? document.Observed()
@@ -124,7 +124,7 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
         if (!ownPath)
         {
             // The source of a rename is gone.
-            m_store.Remove(document.PreviousPath());
+            m_store.Remove(document.source);
         }
     }
 
@@ -162,8 +162,9 @@ std::string DocumentBuilder::ActionOf(const PendingDocument& document, const std
     return EventDocument::ActionWord(document.type, document.rules);
 }
 
-void DocumentBuilder::BuildOne(const PendingDocument& document, const std::optional<FileState>& before,
-                               const std::optional<FileState>& after, const ContentReader::Content* content)
+void DocumentBuilder::BuildOne(const PendingDocument& document, const std::string& objectPath,
+                               const std::optional<FileState>& before, const std::optional<FileState>& after,
+                               const ContentReader::Content* content)
 {
     EventDocument::Input input;
     input.action = ActionOf(document, before, after);
@@ -183,13 +184,13 @@ void DocumentBuilder::BuildOne(const PendingDocument& document, const std::optio
                           << document.event->GetEventId());
             return;
         }
-        input.path = document.ImagePath();
+        input.path = document.ImagePath(objectPath);
         input.isDirectory = document.isDirectory;
         input.collectHashes = document.ruleSet && document.ruleSet->collectHashes;
-        if (!document.newPath.empty())
+        if (document.renamed)
         {
-            input.oldPath = document.PreviousPath();
-            input.newPath = document.newPath;
+            input.oldPath = document.PreviousPath(objectPath);
+            input.newPath = objectPath;
         }
         input.before = before;
         input.after = after;

@@ -76,8 +76,9 @@ public:
                                              const ContentReader::Content& content);
 
 private:
-    void BuildOne(const PendingDocument& document, const std::optional<FileState>& before,
-                  const std::optional<FileState>& after, const ContentReader::Content* content);
+    void BuildOne(const PendingDocument& document, const std::string& objectPath,
+                  const std::optional<FileState>& before, const std::optional<FileState>& after,
+                  const ContentReader::Content* content);
     static std::string ActionOf(const PendingDocument& document, const std::optional<FileState>& before,
                                 const std::optional<FileState>& after);
 

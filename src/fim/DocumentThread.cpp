@@ -91,7 +91,7 @@ void DocumentThread::Add(PendingDocument document, bool settles)
     {
         // No thread to wait for: build here.
         lock.unlock();
-        PendingDocuments::Group group{document.ObjectPath(), {}};
+        PendingDocuments::Group group{std::move(document.objectPath), {}};
         group.documents.push_back(std::move(document));
         Build(group);
         return;
