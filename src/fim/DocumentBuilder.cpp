@@ -40,15 +40,14 @@ DocumentBuilder::DocumentBuilder(FileStateStore& store, DocumentSink sink)
 
 ContentReader::Content DocumentBuilder::ReadFor(const std::string& path,
                                                 const std::vector<const EventRule*>& rules,
-                                                bool collectHashes)
+                                                bool collectHashes, const std::optional<FileState>& observed)
 {
     const bool trackContent = std::any_of(rules.begin(), rules.end(),
                                           [](const EventRule* rule) { return rule->TracksContentChange(); });
     bool wantHash = collectHashes;
     if (!wantHash && AnyRule(rules, EventRule::kModifyMetadata))
     {
-        const auto state = FileState::Observe(path);
-        wantHash = state && state->size <= kMaxCompareHashSize;
+        wantHash = observed && observed->size <= kMaxCompareHashSize;
     }
     return ContentReader::Read(path, trackContent, wantHash);
 }
@@ -89,7 +88,7 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
     if (reads)
     {
         const auto observed = FileState::Observe(group.objectPath);
-        content = ReadFor(group.objectPath, rules, collectHashes);
+        content = ReadFor(group.objectPath, rules, collectHashes, observed);
         CountRead(*content);
         settled = WithHash(observed, *content);
     }
@@ -221,7 +220,7 @@ void DocumentBuilder::BuildBaseline(const std::string& path, const std::vector<c
         EDR_LOG_WARNING("Stat Failed for: " << path);
         return;
     }
-    const auto content = ReadFor(path, rules, collectHashes);
+    const auto content = ReadFor(path, rules, collectHashes, state);
     CountRead(content);
     m_store.PutContentStatus(path, ContentReader::ContentStatusText(content.status));
     EventDocument::Input input;

@@ -61,9 +61,10 @@ public:
 
     // Reads what the rules ask of the file at path: content when a rule
     // tracks it, the hash when hashes are collected or a rule reports
-    // metadata changes (then only up to kMaxCompareHashSize).
+    // metadata changes (then only up to kMaxCompareHashSize, judged by
+    // observed, the object's state just taken).
     static ContentReader::Content ReadFor(const std::string& path, const std::vector<const EventRule*>& rules,
-                                          bool collectHashes);
+                                          bool collectHashes, const std::optional<FileState>& observed);
 
     // Objects whose content could not be read when a document needed it
     // (the document says READ_FAILURE), and documents that could not be
