@@ -109,8 +109,8 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
     for (size_t i = 0; i < documents.size(); ++i)
     {
         const PendingDocument& document = documents[i];
-        const bool ownPath = document.source.empty();
-        const std::optional<FileState> before = !ownPath ? m_store.Get(document.source)
+        const bool ownPath = !document.source;
+        const std::optional<FileState> before = !ownPath ? m_store.Get(*document.source)
                                                 : i == 0 ? storedState()
                                                          : previous;
         const bool settledDocument = document.readsContent && !document.isDirectory;
@@ -123,7 +123,7 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
         if (!ownPath)
         {
             // The source of a rename is gone.
-            m_store.Remove(document.source);
+            m_store.Remove(*document.source);
         }
     }
 

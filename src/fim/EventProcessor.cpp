@@ -169,7 +169,7 @@ void EventProcessor::HandleEvent(edr::Event& event)
         document.renamed = !newPath.empty();
         if (document.renamed && newPath != path)
         {
-            document.source = std::move(path);
+            document.source = std::make_unique<const std::string>(std::move(path));
             document.objectPath = std::move(newPath);
         }
         else

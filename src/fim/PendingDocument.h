@@ -30,8 +30,8 @@ struct PendingDocument
     // content is read there. Empty once handed to the group.
     std::string objectPath;
     // The event's path when it is not the object path (a rename's source),
-    // else empty.
-    std::string source;
+    // else null: few documents have one.
+    std::unique_ptr<const std::string> source;
     // The object as the handler saw it, without a hash (it has none then):
     // a FileState less its empty hash text, since many documents wait.
     struct Observation
@@ -79,7 +79,7 @@ struct PendingDocument
     // path, or a rename's source.
     const std::string& PreviousPath(const std::string& objectPathOfGroup) const
     {
-        return source.empty() ? objectPathOfGroup : source;
+        return source ? *source : objectPathOfGroup;
     }
     // The path the document reports: the event's path when a rule watches
     // it (imageAtPath), else the object path.
