@@ -3,6 +3,7 @@
 #include "edr/Event.h"
 #include "fim/EventRuleManager.h"
 #include "fim/FileState.h"
+#include "fim/RuleList.h"
 
 #include <memory>
 #include <optional>
@@ -24,7 +25,7 @@ struct PendingDocument
     std::shared_ptr<const EventRuleManager::RuleSet> ruleSet;
     // The rules that passed, in rule order; the document's action picks
     // among them.
-    std::vector<const EventRule*> rules;
+    RuleList rules;
     // Where the object is now: the event's path or a rename's destination.
     // Documents are grouped and settled per this path, and the object's
     // content is read there. Empty once handed to the group.
