@@ -28,7 +28,9 @@ namespace vantor::fim::internal
 // dropped and logged); afterwards Add builds on the caller's thread.
 //
 // Due documents are built in rounds, the next at most kMaxRoundGap after the
-// last, so that a stream of them wakes the thread a few times a second.
+// last, so that a stream of them wakes the thread a few times a second; a
+// flush and a stop build in rounds too. The store statements of a round run
+// in one transaction (DocumentBuilder::InOneTransaction).
 //
 // Add, Flush, the setters and the counters may be called from any thread.
 class DocumentThread : public common::ThreadedClass
