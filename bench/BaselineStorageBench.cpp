@@ -4,7 +4,10 @@
 // at each commit is the cost that matters.
 //
 // Keyed lookups and deletes on a table of 10k rows, without the read cache,
-// as the file-state store does them per event: CPU per statement.
+// as the file-state store does them per event: CPU per statement. A round
+// of them (lookup, replace, delete of an absent key per document, as the
+// document thread builds a round) with each statement its own transaction
+// (arg 0) or all in one (arg 1).
 #include "bench/BenchDir.h"
 #include "common/Logging.h"
 #include "common/SqlStorage.h"
@@ -151,6 +154,42 @@ void BM_BaselineKeyedDeleteAbsent(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_BaselineKeyedDeleteAbsent)->Unit(benchmark::kNanosecond);
+
+void BM_BaselineStatementRound(benchmark::State& state)
+{
+    constexpr size_t kRound = 100;
+    BenchDir dir;
+    BaselineEventSqlDataFormatter formatter;
+    auto store = FilledStore(dir, formatter);
+    const auto stored = LookupKeys(formatter, 0);
+    const auto absent = LookupKeys(formatter, kLookupRows);
+    const char* table = BaselineEventSqlDataFormatter::kTableName;
+    size_t i = 0;
+    const auto round = [&]
+    {
+        for (size_t n = 0; n < kRound; ++n, ++i)
+        {
+            const auto& key = stored[i % stored.size()];
+            benchmark::DoNotOptimize(store->Read(table, key).rows.data());
+            benchmark::DoNotOptimize(
+                store->Write(table, {{key, formatter.FormatRecord(key, "READ_FAILURE")}}));
+            benchmark::DoNotOptimize(store->Delete(table, absent[i % absent.size()]));
+        }
+    };
+    for (auto _ : state)
+    {
+        if (state.range(0) != 0)
+        {
+            store->RunInTransaction(round);
+        }
+        else
+        {
+            round();
+        }
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kRound));
+}
+BENCHMARK(BM_BaselineStatementRound)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 

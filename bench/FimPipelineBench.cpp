@@ -32,7 +32,9 @@
 #include "common/LzmaHttpInterceptor.h"
 #include "common/Scheduler.h"
 #include "common/SpoolStorage.h"
+#include "common/SqlStorage.h"
 #include "edr/LibMagicWrapper.h"
+#include "fim/BaselineEventSqlDataFormatter.h"
 #include "fim/Component.h"
 #include "fim/Config.h"
 #include "fim/EventProcessor.h"
@@ -177,7 +179,11 @@ void MeasurePending(const AuditCorpus& corpus, size_t eventCount, const std::str
     fim::internal::EventProcessor::Settings settings;
     settings.settleTime = std::chrono::hours(1);
     settings.maxPending = eventCount;
-    fim::internal::EventProcessor processor(rules, spool, nullptr, settings);
+    // A store of its own, so that building includes its statements.
+    fs::remove(work + "/PendingStates.db");
+    common::SqlStorage store(work, "PendingStates.db", std::make_unique<fim::BaselineEventSqlDataFormatter>(),
+                             false);
+    fim::internal::EventProcessor processor(rules, spool, &store, settings);
     router->RegisterEventHandlers(
         "fim-pending", [&](edr::Event& event) { processor.HandleEvent(event); }, [] {});
     audit::AuditEventBuilder builder(std::make_shared<const edr::LibMagicWrapper>(kMagicDatabase));

@@ -117,9 +117,10 @@ void SqlConnection::Execute(const SqlQuery& query)
 
 void SqlConnection::RunInTransaction(const std::vector<SqlQuery>& statements)
 {
-    if (sqlite3_exec(m_db.get(), "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)
+    const bool own = !InTransaction();
+    if (own)
     {
-        throw StorageException("Failed to start trasaction: " + ErrorMessage());
+        Begin();
     }
     try
     {
@@ -130,9 +131,28 @@ void SqlConnection::RunInTransaction(const std::vector<SqlQuery>& statements)
     }
     catch (...)
     {
-        Rollback();
+        if (own)
+        {
+            Rollback();
+        }
         throw;
     }
+    if (own)
+    {
+        Commit();
+    }
+}
+
+void SqlConnection::Begin()
+{
+    if (sqlite3_exec(m_db.get(), "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)
+    {
+        throw StorageException("Failed to start trasaction: " + ErrorMessage());
+    }
+}
+
+void SqlConnection::Commit()
+{
     if (sqlite3_exec(m_db.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
     {
         const std::string message = ErrorMessage();
@@ -144,7 +164,7 @@ void SqlConnection::RunInTransaction(const std::vector<SqlQuery>& statements)
 void SqlConnection::Rollback()
 {
     // SQLite may already have rolled back by itself (after a full disk, say).
-    if (sqlite3_get_autocommit(m_db.get()) != 0)
+    if (!InTransaction())
     {
         return;
     }

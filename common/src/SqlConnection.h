@@ -47,11 +47,20 @@ public:
     // The single integer a statement such as "PRAGMA user_version" answers.
     std::int64_t QueryInteger(const std::string& query);
     // Runs the statements in one transaction, rolled back on any failure.
+    // Inside an open transaction they join it, and a failure is left to its
+    // owner to roll back.
     void RunInTransaction(const std::vector<SqlQuery>& statements);
     void RunInTransaction(const std::vector<std::string>& statements)
     {
         RunInTransaction(std::vector<SqlQuery>(statements.begin(), statements.end()));
     }
+    // An explicit transaction: Begin throws "Failed to start trasaction: ",
+    // Commit "Failed to commit trasaction: " (rolled back then); Rollback
+    // only logs a failure.
+    void Begin();
+    void Commit();
+    void Rollback();
+    bool InTransaction() const { return sqlite3_get_autocommit(m_db.get()) == 0; }
     // Compacts the file; a failure is only logged.
     void Vacuum();
 
@@ -65,7 +74,6 @@ private:
     // sqlite3_step, and anything but SQLITE_DONE is logged and thrown.
     template <typename Step>
     void Run(const SqlQuery& query, Step step);
-    void Rollback();
     std::string ErrorMessage() const;
 
     std::unique_ptr<sqlite3, Closer> m_db;

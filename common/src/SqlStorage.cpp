@@ -60,6 +60,10 @@ StorageResult SqlStorage::Write(const std::string& table, const Records& records
 {
     StorageResult result;
     std::lock_guard lock(m_mutex);
+    if (Refused(result))
+    {
+        return result;
+    }
     try
     {
         // Every statement is built before the transaction starts, so that a
@@ -77,6 +81,7 @@ StorageResult SqlStorage::Write(const std::string& table, const Records& records
         EDR_LOG_ERROR("SqlStorage: Failed to write " << records.size() << " records to table " << table
                                                      << ": " << e.what());
         result.error = e.what();
+        Failed(result.error);
         return result;
     }
     m_cache->Written(table, records);
@@ -99,6 +104,10 @@ StorageResult SqlStorage::Read(const std::string& table, const std::string& key)
 {
     StorageResult result;
     std::lock_guard lock(m_mutex);
+    if (Refused(result))
+    {
+        return result;
+    }
     if (const auto* rows = m_cache->Lookup(table, key))
     {
         result.rows = *rows;
@@ -113,6 +122,7 @@ StorageResult SqlStorage::Read(const std::string& table, const std::string& key)
     {
         EDR_LOG_ERROR("SqlStorage: Failed to read from table " << table << ": " << e.what());
         result.error = e.what();
+        Failed(result.error);
         return result;
     }
     result.success = true;
@@ -135,6 +145,10 @@ StorageResult SqlStorage::Delete(const std::string& table, const std::string& ke
 {
     StorageResult result;
     std::lock_guard lock(m_mutex);
+    if (Refused(result))
+    {
+        return result;
+    }
     try
     {
         m_connection->Execute(m_formatter->GetDeleteQuery(table, key));
@@ -143,6 +157,7 @@ StorageResult SqlStorage::Delete(const std::string& table, const std::string& ke
     {
         EDR_LOG_ERROR("SqlStorage: Failed to delete from table " << table << ": " << e.what());
         result.error = e.what();
+        Failed(result.error);
         return result;
     }
     m_cache->Erase(table, key);
@@ -199,6 +214,10 @@ StorageResult SqlStorage::Clear(const std::string& table)
 StorageResult SqlStorage::RunModification(const std::string& what, const std::vector<SqlQuery>& statements)
 {
     StorageResult result;
+    if (Refused(result))
+    {
+        return result;
+    }
     try
     {
         m_connection->RunInTransaction(statements);
@@ -208,6 +227,7 @@ StorageResult SqlStorage::RunModification(const std::string& what, const std::ve
     {
         EDR_LOG_ERROR("SqlStorage: Failed to " << what << ": " << e.what());
         result.error = e.what();
+        Failed(result.error);
     }
     // Whatever the statements touched, the cache may no longer be true.
     m_cache->Clear();
@@ -217,16 +237,92 @@ StorageResult SqlStorage::RunModification(const std::string& what, const std::ve
 void SqlStorage::Execute(const std::string& query)
 {
     std::lock_guard lock(m_mutex);
+    if (StorageResult refused; Refused(refused))
+    {
+        throw StorageException(refused.error);
+    }
     try
     {
         m_connection->Execute(query);
     }
-    catch (...)
+    catch (const std::exception& e)
     {
         m_cache->Clear();
+        Failed(e.what());
         throw;
     }
     m_cache->Clear();
+}
+
+StorageResult SqlStorage::RunInTransaction(const std::function<void()>& operations)
+{
+    std::lock_guard lock(m_mutex);
+    StorageResult result;
+    if (m_transaction != Transaction::None)
+    {
+        operations();
+        result.success = !Refused(result);
+        return result;
+    }
+    try
+    {
+        m_connection->Begin();
+        m_transaction = Transaction::Open;
+    }
+    catch (const std::exception& e)
+    {
+        EDR_LOG_ERROR("SqlStorage: " << e.what());
+        m_transaction = Transaction::RolledBack;
+        m_transactionError = e.what();
+    }
+    try
+    {
+        operations();
+    }
+    catch (const std::exception& e)
+    {
+        Failed(e.what());
+        m_transaction = Transaction::None;
+        throw;
+    }
+    if (!Refused(result))
+    {
+        try
+        {
+            m_connection->Commit();
+            result.success = true;
+        }
+        catch (const std::exception& e)
+        {
+            EDR_LOG_ERROR("SqlStorage: " << e.what());
+            m_cache->Clear();
+            result.error = e.what();
+        }
+    }
+    m_transaction = Transaction::None;
+    return result;
+}
+
+bool SqlStorage::Refused(StorageResult& result) const
+{
+    if (m_transaction != Transaction::RolledBack)
+    {
+        return false;
+    }
+    result.error = m_transactionError;
+    return true;
+}
+
+void SqlStorage::Failed(const std::string& error)
+{
+    if (m_transaction != Transaction::Open)
+    {
+        return;
+    }
+    m_connection->Rollback();
+    m_cache->Clear();
+    m_transaction = Transaction::RolledBack;
+    m_transactionError = "SqlStorage: the transaction was rolled back after: " + error;
 }
 
 SqlStorage::CacheStatistics SqlStorage::GetCacheStatistics() const

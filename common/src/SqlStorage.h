@@ -95,11 +95,26 @@ public:
     // Runs one statement that returns no rows; throws StorageException.
     void Execute(const std::string& query);
 
+    // Runs operations, which call this storage, in one transaction, so that
+    // their statements pay for one commit. Other threads wait meanwhile.
+    // Whatever fails inside it rolls back everything before it (the cache
+    // is emptied) and the operations after it are refused, as all are when
+    // the transaction cannot start: a caller then knows nothing rather than
+    // a part of the changes. Answers whether everything was committed; an
+    // exception out of operations rolls back and goes on to the caller.
+    // Inside another transaction it joins that one.
+    StorageResult RunInTransaction(const std::function<void()>& operations);
+
     CacheStatistics GetCacheStatistics() const;
     const std::string& GetDbFile() const { return m_dbFile; }
 
 private:
     StorageResult RunModification(const std::string& what, const std::vector<SqlQuery>& statements);
+    // Under m_mutex, inside an explicit transaction: Refused tells whether an
+    // earlier failure rolled it back (and fills result); Failed rolls it
+    // back after a failure.
+    bool Refused(StorageResult& result) const;
+    void Failed(const std::string& error);
     // Queues an asynchronous operation; throws StorageException when the
     // storage has no worker or is shutting down.
     void Post(std::function<void()> operation);
@@ -110,10 +125,20 @@ private:
     std::string m_dbFile;
     std::unique_ptr<SqlDataFormatter> m_formatter;
 
-    mutable std::mutex m_mutex;
+    enum class Transaction
+    {
+        None,
+        Open,
+        RolledBack
+    };
+
+    // Recursive: the operations inside a transaction lock it again.
+    mutable std::recursive_mutex m_mutex;
     // Under m_mutex.
     std::unique_ptr<internal::SqlConnection> m_connection;
     std::unique_ptr<internal::SqlCache> m_cache;
+    Transaction m_transaction = Transaction::None;
+    std::string m_transactionError;
 
     // Last member: destroyed (and so drained) before anything it uses.
     std::unique_ptr<TaskQueue> m_worker;

@@ -11,6 +11,9 @@ namespace vantor::fim::internal
 // event document. An id that the account database does not know is answered
 // as its number, so that the document still tells who owns the file.
 //
+// An answer is kept for a second, per thread: the documents built meanwhile
+// mostly ask the same few ids, and each lookup reads the account database.
+//
 // Uses the reentrant lookups; callable from any thread.
 class AccountNames
 {

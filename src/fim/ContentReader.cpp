@@ -68,7 +68,13 @@ ContentReader::Content ContentReader::Read(const std::string& path, bool wantDat
             return content; // no digest context: the content cannot be vouched for
         }
     }
-    std::array<char, 65536> buffer{};
+    // Not zeroed: only what read() fills is used.
+    std::array<char, 65536> buffer;
+    if (wantData)
+    {
+        content.data.reserve(static_cast<size_t>(std::min<uint64_t>(
+            static_cast<uint64_t>(std::max<off_t>(info.st_size, 0)), kMaxContentSize + 1)));
+    }
     for (;;)
     {
         // Without a hash nothing past the limit is needed.

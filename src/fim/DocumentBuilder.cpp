@@ -40,15 +40,14 @@ DocumentBuilder::DocumentBuilder(FileStateStore& store, DocumentSink sink)
 
 ContentReader::Content DocumentBuilder::ReadFor(const std::string& path,
                                                 const std::vector<const EventRule*>& rules,
-                                                bool collectHashes)
+                                                bool collectHashes, const std::optional<FileState>& observed)
 {
     const bool trackContent = std::any_of(rules.begin(), rules.end(),
                                           [](const EventRule* rule) { return rule->TracksContentChange(); });
     bool wantHash = collectHashes;
     if (!wantHash && AnyRule(rules, EventRule::kModifyMetadata))
     {
-        const auto state = FileState::Observe(path);
-        wantHash = state && state->size <= kMaxCompareHashSize;
+        wantHash = observed && observed->size <= kMaxCompareHashSize;
     }
     return ContentReader::Read(path, trackContent, wantHash);
 }
@@ -89,7 +88,7 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
     if (reads)
     {
         const auto observed = FileState::Observe(group.objectPath);
-        content = ReadFor(group.objectPath, rules, collectHashes);
+        content = ReadFor(group.objectPath, rules, collectHashes, observed);
         CountRead(*content);
         settled = WithHash(observed, *content);
     }
@@ -110,22 +109,25 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
     for (size_t i = 0; i < documents.size(); ++i)
     {
         const PendingDocument& document = documents[i];
-        const bool ownPath = document.PreviousPath() == group.objectPath;
-        const std::optional<FileState> before = !ownPath ? m_store.Get(document.PreviousPath())
+        const bool ownPath = !document.source;
+        const std::optional<FileState> before = !ownPath ? m_store.Get(*document.source)
                                                 : i == 0 ? storedState()
                                                          : previous;
         const bool settledDocument = document.readsContent && !document.isDirectory;
-        BuildOne(document, before, settledDocument ? settled : document.observed,
+        const std::optional<FileState> observed = settledDocument ? std::nullopt : document.Observed();
+        BuildOne(document, group.objectPath, before, settledDocument ? settled : observed,
                  settledDocument ? &*content : nullptr);
-        previous = document.type == edr::EventType::Delete ? std::nullopt : document.observed;
+        previous = document.type == edr::EventType::Delete ? std::nullopt
+                   : settledDocument                       ? document.Observed()
+                                                           : observed;
         if (!ownPath)
         {
             // The source of a rename is gone.
-            m_store.Remove(document.PreviousPath());
+            m_store.Remove(*document.source);
         }
     }
 
-    std::optional<FileState> last = reads ? settled : documents.back().observed;
+    std::optional<FileState> last = reads ? settled : documents.back().Observed();
     if (documents.back().type == edr::EventType::Delete || !last)
     {
         m_store.Remove(group.objectPath);
@@ -159,8 +161,9 @@ std::string DocumentBuilder::ActionOf(const PendingDocument& document, const std
     return EventDocument::ActionWord(document.type, document.rules);
 }
 
-void DocumentBuilder::BuildOne(const PendingDocument& document, const std::optional<FileState>& before,
-                               const std::optional<FileState>& after, const ContentReader::Content* content)
+void DocumentBuilder::BuildOne(const PendingDocument& document, const std::string& objectPath,
+                               const std::optional<FileState>& before, const std::optional<FileState>& after,
+                               const ContentReader::Content* content)
 {
     EventDocument::Input input;
     input.action = ActionOf(document, before, after);
@@ -180,13 +183,13 @@ void DocumentBuilder::BuildOne(const PendingDocument& document, const std::optio
                           << document.event->GetEventId());
             return;
         }
-        input.path = document.ImagePath();
+        input.path = document.ImagePath(objectPath);
         input.isDirectory = document.isDirectory;
         input.collectHashes = document.ruleSet && document.ruleSet->collectHashes;
-        if (!document.newPath.empty())
+        if (document.renamed)
         {
-            input.oldPath = document.PreviousPath();
-            input.newPath = document.newPath;
+            input.oldPath = document.PreviousPath(objectPath);
+            input.newPath = objectPath;
         }
         input.before = before;
         input.after = after;
@@ -217,7 +220,7 @@ void DocumentBuilder::BuildBaseline(const std::string& path, const std::vector<c
         EDR_LOG_WARNING("Stat Failed for: " << path);
         return;
     }
-    const auto content = ReadFor(path, rules, collectHashes);
+    const auto content = ReadFor(path, rules, collectHashes, state);
     CountRead(content);
     m_store.PutContentStatus(path, ContentReader::ContentStatusText(content.status));
     EventDocument::Input input;

@@ -49,6 +49,10 @@ public:
     DocumentBuilder(FileStateStore& store, DocumentSink sink);
 
     void BuildGroup(PendingDocuments::Group& group);
+    // Runs builds (calls of BuildGroup) with their store statements in one
+    // transaction; a failure of the store leaves the documents to show what
+    // is not known as "Unknown".
+    void InOneTransaction(const std::function<void()>& builds) { m_store.RunInTransaction(builds); }
 
     // The baseline document of one file, with its state and content status
     // stored; rules are those that reach the file.
@@ -57,9 +61,10 @@ public:
 
     // Reads what the rules ask of the file at path: content when a rule
     // tracks it, the hash when hashes are collected or a rule reports
-    // metadata changes (then only up to kMaxCompareHashSize).
+    // metadata changes (then only up to kMaxCompareHashSize, judged by
+    // observed, the object's state just taken).
     static ContentReader::Content ReadFor(const std::string& path, const std::vector<const EventRule*>& rules,
-                                          bool collectHashes);
+                                          bool collectHashes, const std::optional<FileState>& observed);
 
     // Objects whose content could not be read when a document needed it
     // (the document says READ_FAILURE), and documents that could not be
@@ -72,8 +77,9 @@ public:
                                              const ContentReader::Content& content);
 
 private:
-    void BuildOne(const PendingDocument& document, const std::optional<FileState>& before,
-                  const std::optional<FileState>& after, const ContentReader::Content* content);
+    void BuildOne(const PendingDocument& document, const std::string& objectPath,
+                  const std::optional<FileState>& before, const std::optional<FileState>& after,
+                  const ContentReader::Content* content);
     static std::string ActionOf(const PendingDocument& document, const std::optional<FileState>& before,
                                 const std::optional<FileState>& after);
 

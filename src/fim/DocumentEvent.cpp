@@ -40,26 +40,48 @@ DocumentEvent::DocumentEvent(const edr::Event& event)
     {
         Take(kFileSize, m_fileSize, [&] { return event.GetFileSize(); });
     }
+    std::string userName;
+    std::string loginName;
+    std::string title;
     Take(kProcessId, m_processId, [&] { return event.GetActorProcessId(); });
-    Take(kUserName, m_userName, [&] { return event.GetActorUserName(); });
+    Take(kUserName, userName, [&] { return event.GetActorUserName(); });
     Take(kUserId, m_userId, [&] { return event.GetActorUserId(); });
-    Take(kLoginName, m_loginName, [&] { return event.GetActorLoginName(); });
+    Take(kLoginName, loginName, [&] { return event.GetActorLoginName(); });
     Take(kAuid, m_auid, [&] { return event.GetActorAuid(); });
-    Take(kCommandLine, m_title, [&] { return event.GetCommandLine(); });
+    Take(kCommandLine, title, [&] { return event.GetCommandLine(); });
     if ((m_known & kCommandLine) == 0)
     {
-        Take(kImage, m_title, [&] { return event.GetImage(); });
+        Take(kImage, title, [&] { return event.GetImage(); });
+    }
+    // Exactly as long as the texts: no room left over while the document
+    // waits.
+    m_text.reserve(userName.size() + loginName.size() + title.size());
+    m_text += userName;
+    m_userNameEnd = static_cast<uint32_t>(m_text.size());
+    m_text += loginName;
+    m_loginNameEnd = static_cast<uint32_t>(m_text.size());
+    m_text += title;
+}
+
+void DocumentEvent::Require(Field field, const std::string* error) const
+{
+    if ((m_known & field) == 0)
+    {
+        throw edr::EventException(error != nullptr ? *error : "Unknown");
     }
 }
 
 template <typename T>
 const T& DocumentEvent::Known(Field field, const T& value, const std::string* error) const
 {
-    if ((m_known & field) == 0)
-    {
-        throw edr::EventException(error != nullptr ? *error : "Unknown");
-    }
+    Require(field, error);
     return value;
+}
+
+std::string DocumentEvent::KnownText(Field field, size_t begin, size_t end) const
+{
+    Require(field);
+    return m_text.substr(begin, end - begin);
 }
 
 bool DocumentEvent::IsSuccessful() const
@@ -89,7 +111,7 @@ pid_t DocumentEvent::GetActorProcessId() const
 
 std::string DocumentEvent::GetActorUserName() const
 {
-    return Known(kUserName, m_userName);
+    return KnownText(kUserName, 0, m_userNameEnd);
 }
 
 uint32_t DocumentEvent::GetActorUserId() const
@@ -99,7 +121,7 @@ uint32_t DocumentEvent::GetActorUserId() const
 
 std::string DocumentEvent::GetActorLoginName() const
 {
-    return Known(kLoginName, m_loginName);
+    return KnownText(kLoginName, m_userNameEnd, m_loginNameEnd);
 }
 
 uint32_t DocumentEvent::GetActorAuid() const
@@ -109,12 +131,12 @@ uint32_t DocumentEvent::GetActorAuid() const
 
 std::string DocumentEvent::GetCommandLine() const
 {
-    return Known(kCommandLine, m_title);
+    return KnownText(kCommandLine, m_loginNameEnd, m_text.size());
 }
 
 std::string DocumentEvent::GetImage() const
 {
-    return Known(kImage, m_title);
+    return KnownText(kImage, m_loginNameEnd, m_text.size());
 }
 
 } // namespace vantor::fim::internal

@@ -66,15 +66,19 @@ private:
 
     template <typename T, typename Getter>
     void Take(Field field, T& value, Getter getter, std::string* error = nullptr);
-    // The value when the event answered it, else the EventException with
-    // the kept error text (or "Unknown").
+    // Throws the EventException with the kept error text (or "Unknown")
+    // unless the event answered field.
+    void Require(Field field, const std::string* error = nullptr) const;
     template <typename T>
     const T& Known(Field field, const T& value, const std::string* error = nullptr) const;
+    // The text between begin and end of m_text, when field is known.
+    std::string KnownText(Field field, size_t begin, size_t end) const;
 
-    std::string m_userName;
-    std::string m_loginName;
-    // The command line, or the image when there is none.
-    std::string m_title;
+    // The user name, the login name and the command line (or the image when
+    // there is none) one after the other, in one block: many documents wait.
+    std::string m_text;
+    uint32_t m_userNameEnd = 0;
+    uint32_t m_loginNameEnd = 0;
     std::unique_ptr<Errors> m_errors;
     uint64_t m_timestamp = 0;
     uint64_t m_fileSize = 0;

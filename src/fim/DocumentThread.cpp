@@ -58,10 +58,14 @@ void DocumentThread::BuildUnlocked(std::unique_lock<std::mutex>& lock)
 {
     m_building = true;
     lock.unlock();
-    for (auto& group : m_round)
-    {
-        Build(group);
-    }
+    m_builder.InOneTransaction(
+        [this]
+        {
+            for (auto& group : m_round)
+            {
+                Build(group);
+            }
+        });
     m_round.clear();
     lock.lock();
     m_building = false;
@@ -87,7 +91,7 @@ void DocumentThread::Add(PendingDocument document, bool settles)
     {
         // No thread to wait for: build here.
         lock.unlock();
-        PendingDocuments::Group group{document.ObjectPath(), {}};
+        PendingDocuments::Group group{std::move(document.objectPath), {}};
         group.documents.push_back(std::move(document));
         Build(group);
         return;
@@ -154,8 +158,15 @@ void DocumentThread::Run()
         }
         else if (m_flushes > 0)
         {
-            if (auto first = m_pending.TakeFirst())
+            // In rounds, as due groups are; bounded so that Adds meanwhile
+            // do not wait long for the lock.
+            while (m_round.size() < kMaxFlushRound)
             {
+                auto first = m_pending.TakeFirst();
+                if (!first)
+                {
+                    break;
+                }
                 m_round.push_back(std::move(*first));
             }
         }
@@ -229,6 +240,9 @@ void DocumentThread::Run()
     while (auto group = m_pending.TakeFirst())
     {
         m_round.push_back(std::move(*group));
+    }
+    if (!m_round.empty())
+    {
         BuildUnlocked(lock);
     }
     m_done.notify_all();

@@ -28,7 +28,9 @@ namespace vantor::fim::internal
 // dropped and logged); afterwards Add builds on the caller's thread.
 //
 // Due documents are built in rounds, the next at most kMaxRoundGap after the
-// last, so that a stream of them wakes the thread a few times a second.
+// last, so that a stream of them wakes the thread a few times a second; a
+// flush and a stop build in rounds too. The store statements of a round run
+// in one transaction (DocumentBuilder::InOneTransaction).
 //
 // Add, Flush, the setters and the counters may be called from any thread.
 class DocumentThread : public common::ThreadedClass
@@ -59,6 +61,8 @@ public:
     // The longest that a due document waits for the next round of building
     // (a twentieth of the settle time, at most this).
     static constexpr std::chrono::milliseconds kMaxRoundGap{50};
+    // The most groups that one round of a flush builds.
+    static constexpr size_t kMaxFlushRound = 256;
 
     uint64_t GetOverflowCount() const { return m_overflows.load(); }
     // Groups of documents and baseline steps that failed (logged).

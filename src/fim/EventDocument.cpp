@@ -137,7 +137,7 @@ EventRule::Action EventDocument::NotifyCode(const std::string& word)
     return it != kCodes.end() ? it->second : 0;
 }
 
-std::string EventDocument::ActionWord(edr::EventType type, const std::vector<const EventRule*>& rules)
+std::string EventDocument::ActionWord(edr::EventType type, const RuleList& rules)
 {
     switch (type)
     {

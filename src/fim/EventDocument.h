@@ -4,6 +4,7 @@
 #include "fim/ContentReader.h"
 #include "fim/EventRule.h"
 #include "fim/FileState.h"
+#include "fim/RuleList.h"
 
 #include <optional>
 #include <string>
@@ -52,7 +53,7 @@ public:
     // The notify word of an event type when nothing tells more; for an
     // attribute change it depends on which of the two words the matching
     // rules asked for.
-    static std::string ActionWord(edr::EventType type, const std::vector<const EventRule*>& rules);
+    static std::string ActionWord(edr::EventType type, const RuleList& rules);
 
     // The notify code of a notify word; 0 for another word.
     static EventRule::Action NotifyCode(const std::string& word);

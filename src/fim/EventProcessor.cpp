@@ -125,11 +125,12 @@ void EventProcessor::HandleEvent(edr::Event& event)
         PendingDocument document;
         document.type = event.GetType();
         document.isDirectory = IsDirectoryEvent(event);
+        std::string newPath;
         if (document.type == edr::EventType::Rename)
         {
             try
             {
-                document.newPath = event.GetNewFile();
+                newPath = event.GetNewFile();
             }
             catch (const std::exception&)
             {
@@ -143,14 +144,13 @@ void EventProcessor::HandleEvent(edr::Event& event)
             // A rename into a watched tree is reported under its new path's
             // rule as well.
             const bool bySource = PostProcessor::Covers(*rule, path);
-            const bool byDestination =
-                !bySource && !document.newPath.empty() && PostProcessor::Covers(*rule, document.newPath);
+            const bool byDestination = !bySource && !newPath.empty() && PostProcessor::Covers(*rule, newPath);
             if (!bySource && !byDestination)
             {
                 continue;
             }
             EDR_LOG_DEBUG("PostProcess event for ruleId: " << rule->GetRuleId());
-            if (PostProcessor::Passes(*rule, event, bySource ? path : document.newPath, document.isDirectory))
+            if (PostProcessor::Passes(*rule, event, bySource ? path : newPath, document.isDirectory))
             {
                 document.rules.push_back(rule.get());
                 atSource = atSource || bySource;
@@ -166,12 +166,21 @@ void EventProcessor::HandleEvent(edr::Event& event)
             return;
         }
 
-        document.path = std::move(path);
+        document.renamed = !newPath.empty();
+        if (document.renamed && newPath != path)
+        {
+            document.source = std::make_unique<const std::string>(std::move(path));
+            document.objectPath = std::move(newPath);
+        }
+        else
+        {
+            document.objectPath = std::move(path);
+        }
         document.imageAtPath = atSource;
         document.readsContent = ReadsContent(document);
         if (document.type != edr::EventType::Delete)
         {
-            document.observed = FileState::Observe(document.ObjectPath());
+            document.SetObserved(FileState::Observe(document.objectPath));
         }
         document.event = std::make_unique<DocumentEvent>(event);
         const bool settles = document.readsContent;

@@ -94,6 +94,21 @@ void FileStateStore::Remove(const std::string& path)
     LogFailure("forget the state of", path, result);
 }
 
+void FileStateStore::RunInTransaction(const std::function<void()>& operations)
+{
+    if (m_storage == nullptr)
+    {
+        operations();
+        return;
+    }
+    std::lock_guard lock(m_mutex);
+    if (!m_storage->RunInTransaction(operations).success)
+    {
+        // Removals it remembered may have been undone.
+        m_absent.clear();
+    }
+}
+
 void FileStateStore::RememberAbsent(const std::string& path)
 {
     if (m_absent.size() >= kMaxAbsent)

@@ -3,6 +3,7 @@
 #include "fim/BaselineEventSqlDataFormatter.h"
 #include "fim/FileState.h"
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,7 +27,12 @@ namespace vantor::fim::internal
 // lookup and removal of a path that is gone cost no statement. This
 // assumes the store is the only writer of its table.
 //
-// Thread-safe.
+// RunInTransaction runs a run of calls in one transaction of the storage
+// (one commit instead of one per statement). When it fails, the calls after
+// the failure know nothing and change nothing, and the ones before it are
+// undone; what the store remembered meanwhile is forgotten.
+//
+// Thread-safe; other threads wait while a transaction runs.
 class FileStateStore
 {
 public:
@@ -39,14 +45,17 @@ public:
     void Put(const std::string& path, const FileState& state);
     void Remove(const std::string& path);
     void PutContentStatus(const std::string& path, const char* status);
+    void RunInTransaction(const std::function<void()>& operations);
 
 private:
     void RememberAbsent(const std::string& path);
 
     common::SqlStorage* m_storage;
     // The formatter's record buffer, and the absent paths with the
-    // statements that change what they tell.
-    std::mutex m_mutex;
+    // statements that change what they tell. Recursive: a transaction holds
+    // it around the calls inside it, so that it is always taken before the
+    // storage's lock.
+    std::recursive_mutex m_mutex;
     BaselineEventSqlDataFormatter m_formatter;
     std::unordered_set<std::string> m_absent;
 };

@@ -8,7 +8,14 @@ namespace vantor::fim::internal
 void PendingDocuments::Add(PendingDocument document, bool settles, Clock::time_point now,
                            Clock::duration settleTime)
 {
-    auto [it, added] = m_groups.try_emplace(document.ObjectPath());
+    auto it = m_groups.lower_bound(document.objectPath);
+    const bool added = it == m_groups.end() || it->first != document.objectPath;
+    if (added)
+    {
+        it = m_groups.emplace_hint(it, std::move(document.objectPath), Pending{});
+    }
+    // The group holds the path: the document lets its copy go.
+    std::string().swap(document.objectPath);
     Pending& group = it->second;
     // A group that waits already moves its place in the due order (its node
     // is reused).

@@ -293,6 +293,46 @@ TEST(SqlStorageTest, FailedTransactionLeavesTheDatabaseUnchanged)
     EXPECT_EQ(std::get<int64_t>(rows.Next()[1]), 1);
 }
 
+// A run of operations commits together; a failure inside it takes back
+// what came before (also from the cache) and refuses what comes after.
+TEST(SqlStorageTest, OperationsInOneTransactionCommitOrRollBackTogether)
+{
+    TempDir dir;
+    ItemsFormatter::Calls calls;
+    SqlStorage storage(dir.Path(), "items.db", std::make_unique<ItemsFormatter>(1, calls), false, 4096);
+    const auto item = [](const std::string& key, int64_t value) {
+        return SqlStorage::Records{{key, ItemsFormatter::Record(key, value)}};
+    };
+    ASSERT_TRUE(storage.Write("Items", item("k", 1)).success);
+
+    StorageResult afterFailure;
+    const auto failed = storage.RunInTransaction(
+        [&]
+        {
+            EXPECT_TRUE(storage.Write("Items", item("a", 2)).success);
+            EXPECT_EQ(storage.Read("Items", "a").rows.size(), 1u);
+            EXPECT_TRUE(storage.Delete("Items", "k").success);
+            EXPECT_FALSE(storage.Write("Items", item("a", 3)).success); // duplicate key
+            afterFailure = storage.Read("Items", "k");
+        });
+    EXPECT_FALSE(failed.success);
+    EXPECT_FALSE(afterFailure.success);
+    EXPECT_NE(afterFailure.error.find("rolled back"), std::string::npos) << afterFailure.error;
+    EXPECT_TRUE(storage.Read("Items", "a").rows.empty());
+    EXPECT_EQ(storage.Read("Items", "k").rows.size(), 1u);
+
+    const auto committed = storage.RunInTransaction(
+        [&]
+        {
+            EXPECT_TRUE(storage.Write("Items", item("b", 4)).success);
+            EXPECT_TRUE(storage.Delete("Items", "k").success);
+        });
+    EXPECT_TRUE(committed.success) << committed.error;
+    SqlStorage other(dir.Path(), "items.db", std::make_unique<ItemsFormatter>(1, calls), false);
+    EXPECT_EQ(other.Read("Items", "b").rows.size(), 1u);
+    EXPECT_TRUE(other.Read("Items", "k").rows.empty());
+}
+
 TEST(SqlStorageTest, SchemaUpgradeRunsOnce)
 {
     TempDir dir;

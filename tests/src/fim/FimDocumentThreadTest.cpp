@@ -43,7 +43,7 @@ PendingDocument Pending(EventType type, const std::string& path, uint32_t id = 1
     document.ruleSet = std::move(rules);
     document.rules = {document.ruleSet->rules.front().get()};
     document.type = type;
-    document.path = path;
+    document.objectPath = path;
     document.readsContent = type != EventType::Delete;
     return document;
 }

@@ -96,6 +96,7 @@ TEST(FimAccountNamesTest, NamesOrTheNumber)
     EXPECT_EQ(AccountNames::GroupName(0), "root");
     EXPECT_EQ(AccountNames::UserName(3999999999u), "3999999999");
     EXPECT_EQ(AccountNames::GroupName(3999999999u), "3999999999");
+    EXPECT_EQ(AccountNames::UserName(0), "root"); // kept per id
 }
 
 TEST(FimEventDocumentTest, ActionWordFollowsTheRulesForAttributes)

@@ -98,6 +98,27 @@ TEST(FimFileStateStoreTest, APathOnceAbsentIsStoredAgain)
     EXPECT_EQ(storage->Read("FileState", "/w/a").rows.size(), 1u);
 }
 
+// A removal undone by a failed transaction must not be remembered.
+TEST(FimFileStateStoreTest, AFailedTransactionForgetsWhatItsCallsRemembered)
+{
+    vantor::test::TempDir dir;
+    auto storage = Open(dir);
+    FileStateStore store(storage.get());
+    store.Put("/w/kept", FileState{5, 0100644, 0, 0, 5, ""});
+    store.RunInTransaction(
+        [&]
+        {
+            store.Remove("/w/kept");
+            EXPECT_THROW(storage->Execute("INSERT INTO Nowhere VALUES (1)"), std::exception);
+            EXPECT_FALSE(store.Get("/w/kept"));
+        });
+    ASSERT_TRUE(store.Get("/w/kept"));
+    EXPECT_EQ(store.Get("/w/kept")->size, 5u);
+    store.RunInTransaction([&] { store.Remove("/w/kept"); });
+    EXPECT_FALSE(store.Get("/w/kept"));
+    EXPECT_TRUE(Open(dir)->Read("FileState", "/w/kept").rows.empty());
+}
+
 TEST(FimFileStateStoreTest, WithoutAStoreNothingIsKnown)
 {
     FileStateStore store(nullptr);
