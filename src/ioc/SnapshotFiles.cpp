@@ -173,6 +173,34 @@ std::optional<SnapshotFiles::DirectoryRow> SnapshotFiles::ReadDirectory(const st
     return DirectoryRow{Text(*row, 0), Text(*row, 1), TimesAt(*row, 2)};
 }
 
+bool SnapshotFiles::HasDirectory(const std::string& rowId)
+{
+    if (const auto* held = HeldRow(m_directories, rowId))
+    {
+        return held->has_value();
+    }
+    if (m_cleared.load(std::memory_order_relaxed) && m_cleared.exchange(false, std::memory_order_acquire))
+    {
+        m_knownDirectories.clear();
+    }
+    if (m_knownDirectories.contains(rowId))
+    {
+        return true;
+    }
+    if (!ReadRow(m_snapshot, kDirectory, rowId))
+    {
+        return false;
+    }
+    // A full set starts over rather than tracking which entry is coldest:
+    // forgetting costs one read per directory.
+    if (m_knownDirectories.size() >= kMaxKnownDirectories)
+    {
+        m_knownDirectories.clear();
+    }
+    m_knownDirectories.insert(rowId);
+    return true;
+}
+
 bool SnapshotFiles::WriteFile(const FileRow& row)
 {
     m_files.insert_or_assign(row.rowId, row);
@@ -193,6 +221,7 @@ bool SnapshotFiles::DeleteFile(const std::string& rowId)
 
 bool SnapshotFiles::DeleteDirectory(const std::string& rowId)
 {
+    m_knownDirectories.erase(rowId);
     m_directories.insert_or_assign(rowId, std::nullopt);
     return true;
 }

@@ -77,7 +77,8 @@ namespace vantor::ioc::internal::protobuf
 // (AgentIdentity::FromConfig of the common configuration) and its snapshot
 // storage, sequence number, spool, configuration, rule manager and magic
 // wrapper, all of which must outlive it; the processing thread calls the
-// rest. Not thread-safe: one thread (the processing thread) uses it.
+// rest. Not thread-safe: one thread (the processing thread) uses it; only
+// SnapshotCleared may be called from any thread.
 class DataFormatter
 {
 public:
@@ -140,6 +141,10 @@ public:
     // The spool's file size, which a batch must not exceed.
     std::size_t BatchByteLimit() const;
     bool IsFull() const;
+
+    // The snapshot's tables were emptied by another party; rows remembered
+    // as stored are read again. Thread-safe, unlike the rest.
+    void SnapshotCleared() { m_files.StoredRowsCleared(); }
 
 private:
     const Event* ConverterFor(const edr::Event& event) const;

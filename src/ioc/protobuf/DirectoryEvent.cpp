@@ -98,7 +98,7 @@ std::string DirectoryEvent::EnsureRow(SnapshotFiles& files, const std::string& p
         throw std::runtime_error("no directory path");
     }
     std::string rowId = SnapshotFiles::RowIdOf(path);
-    if (files.ReadDirectory(rowId))
+    if (files.HasDirectory(rowId))
     {
         return rowId;
     }

@@ -210,6 +210,21 @@ TEST_F(IocDataFormatterTest, SnapshotRowsAreStoredWhenTheBatchFinishes)
     EXPECT_TRUE(stored());
     EXPECT_TRUE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId));
 
+    // The parent read as stored is remembered; a cleared snapshot needs its
+    // row written again.
+    for (const bool cleared : {false, true})
+    {
+        m_formatter->Start();
+        EXPECT_TRUE(m_formatter->Append(write));
+        EXPECT_TRUE(m_formatter->Finish());
+        EXPECT_TRUE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId)) << cleared;
+        if (!cleared)
+        {
+            ASSERT_TRUE(m_snapshot->Clear("Directory").success);
+            m_formatter->SnapshotCleared();
+        }
+    }
+
     m_formatter->Start();
     EXPECT_TRUE(m_formatter->Append(remove));
     EXPECT_TRUE(stored());
