@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace vantor::common
 {
@@ -168,6 +169,9 @@ private:
 
     // Reused from batch to batch: its cleared messages are filled again.
     pb::IoCEvent m_batch;
+    // The actors of the last batch's messages, taken out before it is
+    // cleared, to be filled again.
+    std::vector<std::unique_ptr<pb::Actor>> m_spareActors;
     std::optional<Context> m_context;
     bool m_inBatch = false;
     std::size_t m_count = 0;

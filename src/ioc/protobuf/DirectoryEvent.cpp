@@ -52,7 +52,7 @@ std::optional<Added> DirectoryEvent::AddTo(pb::IoCEvent& batch, const Input& inp
         Add(*batch.mutable_directoryevent(),
             [&](pb::DirectoryEvent& message)
             {
-                FillCommon(message, input, action);
+                FillCommon(message, input, context, action);
                 edr::PathEscape::EscapeTo(path, *message.mutable_path());
                 if (const auto time = EventFields::Try([&] { return event.GetFileModificationTime(); }))
                 {

@@ -9,6 +9,8 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <charconv>
+
 namespace vantor::ioc::internal::protobuf
 {
 
@@ -20,9 +22,24 @@ Event::Event(const char* kind, const char* noun)
 
 Event::~Event() = default;
 
-std::string Event::UniqueProcessId(pid_t pid, int64_t creationTime)
+void Event::UniqueProcessIdTo(pid_t pid, int64_t creationTime, std::string& out)
 {
-    return std::to_string(pid) + "-" + std::to_string(creationTime);
+    char text[24];
+    out.assign(text, std::to_chars(text, text + sizeof(text), pid).ptr);
+    out += '-';
+    out.append(text, std::to_chars(text, text + sizeof(text), creationTime).ptr);
+}
+
+pb::Actor* Event::SpareActor(Context& context)
+{
+    if (!context.spareActors || context.spareActors->empty())
+    {
+        return nullptr;
+    }
+    pb::Actor* actor = context.spareActors->back().release();
+    context.spareActors->pop_back();
+    actor->Clear();
+    return actor;
 }
 
 int64_t Event::Millis(edr::Event::TimePoint time)
@@ -60,7 +77,7 @@ void Event::FillActor(pb::Actor& actor, const Input& input)
         const ProcessInfo& info = *input.actor;
         actor.set_processid(info.pid);
         actor.set_creationtime(info.creationTime);
-        actor.set_uniqueprocessid(UniqueProcessId(info.pid, info.creationTime));
+        UniqueProcessIdTo(info.pid, info.creationTime, *actor.mutable_uniqueprocessid());
         actor.set_userid(std::to_string(info.uid));
         if (!info.image.path.empty())
         {

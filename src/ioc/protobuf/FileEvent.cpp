@@ -109,7 +109,7 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
                      const std::optional<SnapshotFiles::FileRow>& stored, SnapshotFiles::FileRow& row) const
 {
     const edr::Event& event = input.event;
-    FillCommon(message, input, action);
+    FillCommon(message, input, context, action);
     edr::PathEscape::EscapeTo(path, *message.mutable_fullpath());
     const std::string_view name = BaseName(path);
     edr::PathEscape::EscapeTo(name, *message.mutable_filename());

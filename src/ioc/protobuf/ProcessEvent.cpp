@@ -40,7 +40,7 @@ std::optional<Added> ProcessEvent::AddTo(pb::IoCEvent& batch, const Input& input
     return Add(*batch.mutable_processevent(),
                [&](pb::ProcessEvent& message)
                {
-                   FillCommon(message, input, action);
+                   FillCommon(message, input, context, action);
                    std::string image;
                    if (input.actor)
                    {

@@ -411,6 +411,13 @@ TEST_F(IocDataFormatterTest, ProcessNetworkAndModuleMessagesCarryTheActorAndTheP
     ASSERT_EQ(batch.fileevent_size(), 1);
     EXPECT_EQ(batch.fileevent(0).md5(), "");
     EXPECT_TRUE(log.Contains("File size being truncated for file " + m_dir.File("files/big")));
+
+    // The next batch fills the same messages again: nothing of this actor
+    // stays with an event that has none.
+    const auto next = Batch({&running});
+    ASSERT_EQ(next.processevent_size(), 1);
+    EXPECT_EQ(next.processevent(0).actor().uniqueprocessid(), "");
+    EXPECT_EQ(next.processevent(0).actor().creationtime(), 0);
 }
 
 } // namespace
