@@ -144,6 +144,20 @@ std::string SnapshotFiles::RowIdOf(std::string_view path)
     return util::Digest::HexOf(util::Digest::Algorithm::Sha256, path);
 }
 
+const std::string& SnapshotFiles::RecurringRowIdOf(const std::string& path)
+{
+    if (const auto it = m_rowIds.find(path); it != m_rowIds.end())
+    {
+        return it->second;
+    }
+    // As with the known directories: starting over is cheaper than ranking.
+    if (m_rowIds.size() >= kMaxRememberedRowIds)
+    {
+        m_rowIds.clear();
+    }
+    return m_rowIds.emplace(path, RowIdOf(path)).first->second;
+}
+
 std::optional<SnapshotFiles::FileRow> SnapshotFiles::ReadFile(const std::string& rowId) const
 {
     if (const auto* held = HeldRow(m_files, rowId))
@@ -191,8 +205,8 @@ bool SnapshotFiles::HasDirectory(const std::string& rowId)
     {
         return false;
     }
-    // A full set starts over rather than tracking which entry is coldest:
-    // forgetting costs one read per directory.
+    // A full set starts over rather than ranking its entries: forgetting
+    // costs one read per directory.
     if (m_knownDirectories.size() >= kMaxKnownDirectories)
     {
         m_knownDirectories.clear();

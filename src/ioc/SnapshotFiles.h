@@ -68,6 +68,10 @@ public:
 
     // Lower-case hex SHA-256 of the path's bytes.
     static std::string RowIdOf(std::string_view path);
+    // RowIdOf a path that recurs from event to event (a parent directory,
+    // an image, a library), remembered (up to kMaxRememberedRowIds) so that
+    // it is not hashed again. The reference is valid until the next call.
+    const std::string& RecurringRowIdOf(const std::string& path);
 
     // Throw std::runtime_error with the storage's reason when the table
     // cannot be read.
@@ -93,6 +97,7 @@ public:
     void StoredRowsCleared() { m_cleared.store(true, std::memory_order_release); }
 
     static constexpr size_t kMaxKnownDirectories = 4096;
+    static constexpr size_t kMaxRememberedRowIds = 4096;
 
 private:
     // rowId -> the row to write, or nothing for a delete.
@@ -106,6 +111,8 @@ private:
     // known to be cleared.
     std::unordered_set<std::string> m_knownDirectories;
     std::atomic<bool> m_cleared{false};
+    // path -> RowIdOf(path)
+    std::unordered_map<std::string, std::string> m_rowIds;
 };
 
 } // namespace vantor::ioc::internal

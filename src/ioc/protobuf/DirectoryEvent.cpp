@@ -97,7 +97,7 @@ std::string DirectoryEvent::EnsureRow(SnapshotFiles& files, const std::string& p
     {
         throw std::runtime_error("no directory path");
     }
-    std::string rowId = SnapshotFiles::RowIdOf(path);
+    const std::string& rowId = files.RecurringRowIdOf(path);
     if (files.HasDirectory(rowId))
     {
         return rowId;

@@ -69,7 +69,7 @@ std::size_t Event::Framed(std::size_t size)
     return 1 + google::protobuf::io::CodedOutputStream::VarintSize64(size) + size;
 }
 
-void Event::FillActor(pb::Actor& actor, const Input& input)
+void Event::FillActor(pb::Actor& actor, const Input& input, Context& context)
 {
     const edr::Event& event = input.event;
     if (input.actor)
@@ -82,7 +82,7 @@ void Event::FillActor(pb::Actor& actor, const Input& input)
         if (!info.image.path.empty())
         {
             edr::PathEscape::EscapeTo(info.image.path, *actor.mutable_imagepath());
-            actor.set_uniqueimageid(SnapshotFiles::RowIdOf(info.image.path));
+            actor.set_uniqueimageid(context.files.RecurringRowIdOf(info.image.path));
         }
     }
     else
@@ -98,7 +98,7 @@ void Event::FillActor(pb::Actor& actor, const Input& input)
         if (const auto image = EventFields::Image(event))
         {
             edr::PathEscape::EscapeTo(*image, *actor.mutable_imagepath());
-            actor.set_uniqueimageid(SnapshotFiles::RowIdOf(*image));
+            actor.set_uniqueimageid(context.files.RecurringRowIdOf(*image));
         }
     }
     if (const auto user = EventFields::Try([&] { return event.GetActorUserName(); }))

@@ -101,12 +101,12 @@ protected:
         {
             message.set_allocated_actor(spare);
         }
-        FillActor(*message.mutable_actor(), input);
+        FillActor(*message.mutable_actor(), input, context);
     }
     // A cleared actor from context.spareActors, owned by the caller; null
     // when there is none.
     static pb::Actor* SpareActor(Context& context);
-    static void FillActor(pb::Actor& actor, const Input& input);
+    static void FillActor(pb::Actor& actor, const Input& input, Context& context);
     // The actor's tags and verdicts as a JSON object, when they are to be
     // sent and there are any.
     static void FillMetadata(std::string& out, const Input& input, const Context& context);

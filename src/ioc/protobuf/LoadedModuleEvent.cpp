@@ -29,7 +29,7 @@ std::optional<Added> LoadedModuleEvent::AddTo(pb::IoCEvent& batch, const Input& 
                                     {
                                         FillCommon(message, input, context, pb::LOAD);
                                         edr::PathEscape::EscapeTo(library, *message.mutable_modulename());
-                                        message.set_uniqueimageid(SnapshotFiles::RowIdOf(library));
+                                        message.set_uniqueimageid(context.files.RecurringRowIdOf(library));
                                         message.set_processid(input.actor->pid);
                                     });
             total.messages += added.messages;

@@ -85,7 +85,7 @@ std::optional<Added> ProcessEvent::AddTo(pb::IoCEvent& batch, const Input& input
                    {
                        edr::PathEscape::EscapeTo(image, *message.mutable_imagepath());
                        edr::PathEscape::EscapeTo(BaseName(image), *message.mutable_processname());
-                       message.set_uniqueimageid(SnapshotFiles::RowIdOf(image));
+                       message.set_uniqueimageid(context.files.RecurringRowIdOf(image));
                    }
                    if (!message.actor().username().empty())
                    {
