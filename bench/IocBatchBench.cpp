@@ -2,7 +2,8 @@
 // the messages filled, the snapshot rows read and held, the batch
 // serialized and written. The files sit in 20 directories whose rows the
 // snapshot holds after the first batch; their content is not hashed (that
-// is paid once per version elsewhere).
+// is paid once per version elsewhere). Also the examination of a process's
+// image, against the bare stat it cannot do without.
 #include "bench/BenchDir.h"
 #include "common/Logging.h"
 #include "common/Scheduler.h"
@@ -12,12 +13,15 @@
 #include "ioc/ClientInformation.h"
 #include "ioc/Config.h"
 #include "ioc/EventRuleManager.h"
+#include "ioc/ImageFile.h"
 #include "ioc/SequenceNumber.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/protobuf/DataFormatter.h"
 #include "tests/src/ioc/IocTestEvent.h"
 
 #include <benchmark/benchmark.h>
+
+#include <sys/stat.h>
 
 #include <memory>
 #include <string>
@@ -84,6 +88,27 @@ void BM_BatchOfFileWrites(benchmark::State& state)
     state.SetItemsProcessed(state.iterations() * kEventsPerBatch);
 }
 BENCHMARK(BM_BatchOfFileWrites)->Unit(benchmark::kMicrosecond);
+
+// Arg(0): ImageFile::FromPath of an executable; Arg(1): its stat alone.
+void BM_ImageOfAProcess(benchmark::State& state)
+{
+    const std::string path = "/bin/sh";
+    for (auto _ : state)
+    {
+        if (state.range(0) == 0)
+        {
+            benchmark::DoNotOptimize(ioc::ImageFile::FromPath(path));
+        }
+        else
+        {
+            struct stat st
+            {
+            };
+            benchmark::DoNotOptimize(::stat(path.c_str(), &st));
+        }
+    }
+}
+BENCHMARK(BM_ImageOfAProcess)->Arg(0)->Arg(1);
 
 } // namespace
 

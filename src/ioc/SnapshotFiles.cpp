@@ -144,7 +144,7 @@ std::string SnapshotFiles::RowIdOf(std::string_view path)
     return util::Digest::HexOf(util::Digest::Algorithm::Sha256, path);
 }
 
-const std::string& SnapshotFiles::RecurringRowIdOf(const std::string& path)
+const std::string& SnapshotFiles::RecurringRowIdOf(std::string_view path)
 {
     if (const auto it = m_rowIds.find(path); it != m_rowIds.end())
     {
@@ -215,9 +215,10 @@ bool SnapshotFiles::HasDirectory(const std::string& rowId)
     return true;
 }
 
-bool SnapshotFiles::WriteFile(const FileRow& row)
+bool SnapshotFiles::WriteFile(FileRow row)
 {
-    m_files.insert_or_assign(row.rowId, row);
+    std::string key = row.rowId;
+    m_files.insert_or_assign(std::move(key), std::move(row));
     return true;
 }
 

@@ -71,7 +71,7 @@ public:
     // RowIdOf a path that recurs from event to event (a parent directory,
     // an image, a library), remembered (up to kMaxRememberedRowIds) so that
     // it is not hashed again. The reference is valid until the next call.
-    const std::string& RecurringRowIdOf(const std::string& path);
+    const std::string& RecurringRowIdOf(std::string_view path);
 
     // Throw std::runtime_error with the storage's reason when the table
     // cannot be read.
@@ -81,7 +81,7 @@ public:
     bool HasDirectory(const std::string& rowId);
 
     // Held until Flush; answer true (kept for the callers' failure paths).
-    bool WriteFile(const FileRow& row);
+    bool WriteFile(FileRow row);
     bool WriteDirectory(const DirectoryRow& row);
     bool DeleteFile(const std::string& rowId);
     bool DeleteDirectory(const std::string& rowId);
@@ -111,8 +111,14 @@ private:
     // known to be cleared.
     std::unordered_set<std::string> m_knownDirectories;
     std::atomic<bool> m_cleared{false};
+    // Looked up by std::string_view without a copy.
+    struct PathHash
+    {
+        using is_transparent = void;
+        size_t operator()(std::string_view path) const { return std::hash<std::string_view>()(path); }
+    };
     // path -> RowIdOf(path)
-    std::unordered_map<std::string, std::string> m_rowIds;
+    std::unordered_map<std::string, std::string, PathHash, std::equal_to<>> m_rowIds;
 };
 
 } // namespace vantor::ioc::internal

@@ -91,7 +91,7 @@ void DirectoryEvent::UpdateSnapshot(SnapshotFiles& files, pb::EventAction action
     }
 }
 
-std::string DirectoryEvent::EnsureRow(SnapshotFiles& files, const std::string& path)
+std::string DirectoryEvent::EnsureRow(SnapshotFiles& files, std::string_view path)
 {
     if (path.empty())
     {
@@ -102,14 +102,14 @@ std::string DirectoryEvent::EnsureRow(SnapshotFiles& files, const std::string& p
     {
         return rowId;
     }
-    SnapshotFiles::DirectoryRow row{rowId, path, {}};
-    if (const auto st = common::StatHelper::TryStat(path, true))
+    SnapshotFiles::DirectoryRow row{rowId, std::string(path), {}};
+    if (const auto st = common::StatHelper::TryStat(row.path, true))
     {
         row.times = {0, MillisOf(st->st_mtim), MillisOf(st->st_atim), MillisOf(st->st_ctim)};
     }
     if (!files.WriteDirectory(row))
     {
-        throw std::runtime_error("the row of " + path + " cannot be written");
+        throw std::runtime_error("the row of " + row.path + " cannot be written");
     }
     return rowId;
 }

@@ -6,13 +6,26 @@
 #include "ioc/TtlProcessTree.h"
 
 #include <google/protobuf/io/coded_stream.h>
-#include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include <charconv>
 
 namespace vantor::ioc::internal::protobuf
 {
+
+namespace
+{
+
+// A rapidjson output stream that appends to a std::string.
+struct TextStream
+{
+    using Ch = char;
+    std::string& text;
+    void Put(char c) { text.push_back(c); }
+    void Flush() {}
+};
+
+} // namespace
 
 Event::Event(const char* kind, const char* noun)
     : m_kind(kind)
@@ -113,8 +126,10 @@ void Event::FillMetadata(std::string& out, const Input& input, const Context& co
     {
         return;
     }
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    // Straight into the message's text, whose capacity the batch keeps.
+    out.clear();
+    TextStream stream{out};
+    rapidjson::Writer<TextStream> writer(stream);
     writer.StartObject();
     writer.Key("tags");
     writer.StartObject();
@@ -139,7 +154,6 @@ void Event::FillMetadata(std::string& out, const Input& input, const Context& co
     }
     writer.EndObject();
     writer.EndObject();
-    out.assign(buffer.GetString(), buffer.GetSize());
 }
 
 } // namespace vantor::ioc::internal::protobuf
