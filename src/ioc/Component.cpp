@@ -351,6 +351,11 @@ void Component::ClearSnapshotLocked()
     m_processTree->Clear();
     const auto result = m_snapshot->DeleteAll();
     const auto processes = m_snapshot->Clear(internal::SnapshotSqlDataFormatter::kTtlProcesses);
+    // The formatter remembers rows it read as stored.
+    if (m_formatter)
+    {
+        m_formatter->SnapshotCleared();
+    }
     if (result.success && processes.success)
     {
         EDR_LOG_INFO("Successfully cleared sql storage");

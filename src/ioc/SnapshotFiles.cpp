@@ -144,6 +144,20 @@ std::string SnapshotFiles::RowIdOf(std::string_view path)
     return util::Digest::HexOf(util::Digest::Algorithm::Sha256, path);
 }
 
+const std::string& SnapshotFiles::RecurringRowIdOf(std::string_view path)
+{
+    if (const auto it = m_rowIds.find(path); it != m_rowIds.end())
+    {
+        return it->second;
+    }
+    // As with the known directories: starting over is cheaper than ranking.
+    if (m_rowIds.size() >= kMaxRememberedRowIds)
+    {
+        m_rowIds.clear();
+    }
+    return m_rowIds.emplace(path, RowIdOf(path)).first->second;
+}
+
 std::optional<SnapshotFiles::FileRow> SnapshotFiles::ReadFile(const std::string& rowId) const
 {
     if (const auto* held = HeldRow(m_files, rowId))
@@ -173,9 +187,38 @@ std::optional<SnapshotFiles::DirectoryRow> SnapshotFiles::ReadDirectory(const st
     return DirectoryRow{Text(*row, 0), Text(*row, 1), TimesAt(*row, 2)};
 }
 
-bool SnapshotFiles::WriteFile(const FileRow& row)
+bool SnapshotFiles::HasDirectory(const std::string& rowId)
 {
-    m_files.insert_or_assign(row.rowId, row);
+    if (const auto* held = HeldRow(m_directories, rowId))
+    {
+        return held->has_value();
+    }
+    if (m_cleared.load(std::memory_order_relaxed) && m_cleared.exchange(false, std::memory_order_acquire))
+    {
+        m_knownDirectories.clear();
+    }
+    if (m_knownDirectories.contains(rowId))
+    {
+        return true;
+    }
+    if (!ReadRow(m_snapshot, kDirectory, rowId))
+    {
+        return false;
+    }
+    // A full set starts over rather than ranking its entries: forgetting
+    // costs one read per directory.
+    if (m_knownDirectories.size() >= kMaxKnownDirectories)
+    {
+        m_knownDirectories.clear();
+    }
+    m_knownDirectories.insert(rowId);
+    return true;
+}
+
+bool SnapshotFiles::WriteFile(FileRow row)
+{
+    std::string key = row.rowId;
+    m_files.insert_or_assign(std::move(key), std::move(row));
     return true;
 }
 
@@ -193,6 +236,7 @@ bool SnapshotFiles::DeleteFile(const std::string& rowId)
 
 bool SnapshotFiles::DeleteDirectory(const std::string& rowId)
 {
+    m_knownDirectories.erase(rowId);
     m_directories.insert_or_assign(rowId, std::nullopt);
     return true;
 }

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace vantor::common
 {
@@ -25,7 +27,14 @@ namespace vantor::ioc::internal
 // batch is finished, so a crash loses no more rows than events. Times are
 // milliseconds since the epoch, 0 when unknown. Storage failures are
 // answered (false from Flush, std::runtime_error from reads), never hidden.
-// Not thread-safe: one thread (the batch's) uses it.
+//
+// Directory rows seen stored are remembered (up to kMaxKnownDirectories), so
+// that the parent of every reported file is not read again; whoever empties
+// the snapshot's tables behind this object's back must call
+// StoredRowsCleared.
+//
+// Not thread-safe: one thread (the batch's) uses it; only
+// StoredRowsCleared may be called from any thread.
 class SnapshotFiles
 {
 public:
@@ -59,14 +68,20 @@ public:
 
     // Lower-case hex SHA-256 of the path's bytes.
     static std::string RowIdOf(std::string_view path);
+    // RowIdOf a path that recurs from event to event (a parent directory,
+    // an image, a library), remembered (up to kMaxRememberedRowIds) so that
+    // it is not hashed again. The reference is valid until the next call.
+    const std::string& RecurringRowIdOf(std::string_view path);
 
     // Throw std::runtime_error with the storage's reason when the table
     // cannot be read.
     std::optional<FileRow> ReadFile(const std::string& rowId) const;
     std::optional<DirectoryRow> ReadDirectory(const std::string& rowId) const;
+    // Whether the directory has a row (held or stored).
+    bool HasDirectory(const std::string& rowId);
 
     // Held until Flush; answer true (kept for the callers' failure paths).
-    bool WriteFile(const FileRow& row);
+    bool WriteFile(FileRow row);
     bool WriteDirectory(const DirectoryRow& row);
     bool DeleteFile(const std::string& rowId);
     bool DeleteDirectory(const std::string& rowId);
@@ -77,6 +92,13 @@ public:
     bool Flush();
     size_t HeldCount() const { return m_files.size() + m_directories.size(); }
 
+    // The snapshot's tables were emptied: the next read forgets the rows it
+    // remembered as stored. Thread-safe.
+    void StoredRowsCleared() { m_cleared.store(true, std::memory_order_release); }
+
+    static constexpr size_t kMaxKnownDirectories = 4096;
+    static constexpr size_t kMaxRememberedRowIds = 4096;
+
 private:
     // rowId -> the row to write, or nothing for a delete.
     template <typename Row>
@@ -85,6 +107,18 @@ private:
     common::SqlStorage& m_snapshot;
     Held<FileRow> m_files;
     Held<DirectoryRow> m_directories;
+    // Row ids of directories read as stored since the tables were last
+    // known to be cleared.
+    std::unordered_set<std::string> m_knownDirectories;
+    std::atomic<bool> m_cleared{false};
+    // Looked up by std::string_view without a copy.
+    struct PathHash
+    {
+        using is_transparent = void;
+        size_t operator()(std::string_view path) const { return std::hash<std::string_view>()(path); }
+    };
+    // path -> RowIdOf(path)
+    std::unordered_map<std::string, std::string, PathHash, std::equal_to<>> m_rowIds;
 };
 
 } // namespace vantor::ioc::internal

@@ -103,6 +103,27 @@ const Table& FindTable(std::string_view table)
     return it->second;
 }
 
+// "INSERT or REPLACE INTO <name> VALUES (?, ...)" of a known table, made
+// once: every stored row needs it.
+const std::string& InsertText(std::string_view table)
+{
+    static const auto texts = []
+    {
+        std::map<std::string, std::string, std::less<>> made;
+        for (const auto& [name, definition] : Tables())
+        {
+            std::string text = "INSERT or REPLACE INTO " + name + " VALUES (";
+            for (size_t i = 0; i < definition.columns.size(); ++i)
+            {
+                text += i == 0 ? "?" : ", ?";
+            }
+            made.emplace(name, text + ")");
+        }
+        return made;
+    }();
+    return texts.find(table)->second;
+}
+
 std::string Create(const std::string& name, const std::vector<Column>& columns)
 {
     std::string statement = "CREATE TABLE [" + name + "](";
@@ -300,13 +321,7 @@ common::SqlQuery SnapshotSqlDataFormatter::GetInsertQuery(const std::string& tab
                                                           std::string_view record) const
 {
     const auto& columns = FindTable(table).columns;
-    std::string text = "INSERT or REPLACE INTO " + table + " VALUES (";
-    for (size_t i = 0; i < columns.size(); ++i)
-    {
-        text += i == 0 ? "?" : ", ?";
-    }
-    text += ")";
-    common::SqlQuery query(std::move(text));
+    common::SqlQuery query(InsertText(table));
     common::Serializer reader(record);
     for (const auto& column : columns)
     {

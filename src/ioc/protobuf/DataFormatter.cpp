@@ -28,6 +28,18 @@ std::size_t FramedText(const std::string& text)
     return text.empty() ? 0 : 2 + text.size();
 }
 
+template <typename Messages>
+void TakeActors(Messages& messages, std::vector<std::unique_ptr<pb::Actor>>& spare)
+{
+    for (auto& message : messages)
+    {
+        if (message.has_actor())
+        {
+            spare.emplace_back(message.release_actor());
+        }
+    }
+}
+
 } // namespace
 
 DataFormatter::DataFormatter(AgentIdentity identity, Services services)
@@ -96,6 +108,11 @@ void DataFormatter::Start()
         throw DataFormatterException("DataFormatter::Start: Invalid state.");
     }
     const int64_t bootTime = ReadBootTime();
+    TakeActors(*m_batch.mutable_directoryevent(), m_spareActors);
+    TakeActors(*m_batch.mutable_fileevent(), m_spareActors);
+    TakeActors(*m_batch.mutable_processevent(), m_spareActors);
+    TakeActors(*m_batch.mutable_networkevent(), m_spareActors);
+    TakeActors(*m_batch.mutable_loadedmodule(), m_spareActors);
     m_batch.Clear();
     auto& agent = *m_batch.mutable_agent();
     m_identity.FillAgent(agent);
@@ -106,7 +123,7 @@ void DataFormatter::Start()
     const uint64_t maxFileSize = m_services.rules.GetMaxFileSizeToProcess();
     m_context.emplace(Context{m_files, m_types,
                               maxFileSize != 0 ? maxFileSize : Manifest::kDefaultMaxFileSizeToProcess,
-                              m_services.rules.IsSendMetadata()});
+                              m_services.rules.IsSendMetadata(), &m_spareActors});
     m_count = 0;
     m_bytes = 2 + agent.ByteSizeLong() + FramedText(m_batch.protofileid()) + kSequenceBytes;
     m_inBatch = true;

@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace vantor::common
 {
@@ -77,7 +78,8 @@ namespace vantor::ioc::internal::protobuf
 // (AgentIdentity::FromConfig of the common configuration) and its snapshot
 // storage, sequence number, spool, configuration, rule manager and magic
 // wrapper, all of which must outlive it; the processing thread calls the
-// rest. Not thread-safe: one thread (the processing thread) uses it.
+// rest. Not thread-safe: one thread (the processing thread) uses it; only
+// SnapshotCleared may be called from any thread.
 class DataFormatter
 {
 public:
@@ -141,6 +143,10 @@ public:
     std::size_t BatchByteLimit() const;
     bool IsFull() const;
 
+    // The snapshot's tables were emptied by another party; rows remembered
+    // as stored are read again. Thread-safe, unlike the rest.
+    void SnapshotCleared() { m_files.StoredRowsCleared(); }
+
 private:
     const Event* ConverterFor(const edr::Event& event) const;
     bool Add(const Event& converter, const Input& input, const char* caller);
@@ -163,6 +169,9 @@ private:
 
     // Reused from batch to batch: its cleared messages are filled again.
     pb::IoCEvent m_batch;
+    // The actors of the last batch's messages, taken out before it is
+    // cleared, to be filled again.
+    std::vector<std::unique_ptr<pb::Actor>> m_spareActors;
     std::optional<Context> m_context;
     bool m_inBatch = false;
     std::size_t m_count = 0;

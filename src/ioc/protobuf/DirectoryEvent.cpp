@@ -52,7 +52,7 @@ std::optional<Added> DirectoryEvent::AddTo(pb::IoCEvent& batch, const Input& inp
         Add(*batch.mutable_directoryevent(),
             [&](pb::DirectoryEvent& message)
             {
-                FillCommon(message, input, action);
+                FillCommon(message, input, context, action);
                 edr::PathEscape::EscapeTo(path, *message.mutable_path());
                 if (const auto time = EventFields::Try([&] { return event.GetFileModificationTime(); }))
                 {
@@ -91,25 +91,25 @@ void DirectoryEvent::UpdateSnapshot(SnapshotFiles& files, pb::EventAction action
     }
 }
 
-std::string DirectoryEvent::EnsureRow(SnapshotFiles& files, const std::string& path)
+std::string DirectoryEvent::EnsureRow(SnapshotFiles& files, std::string_view path)
 {
     if (path.empty())
     {
         throw std::runtime_error("no directory path");
     }
-    std::string rowId = SnapshotFiles::RowIdOf(path);
-    if (files.ReadDirectory(rowId))
+    const std::string& rowId = files.RecurringRowIdOf(path);
+    if (files.HasDirectory(rowId))
     {
         return rowId;
     }
-    SnapshotFiles::DirectoryRow row{rowId, path, {}};
-    if (const auto st = common::StatHelper::TryStat(path, true))
+    SnapshotFiles::DirectoryRow row{rowId, std::string(path), {}};
+    if (const auto st = common::StatHelper::TryStat(row.path, true))
     {
         row.times = {0, MillisOf(st->st_mtim), MillisOf(st->st_atim), MillisOf(st->st_ctim)};
     }
     if (!files.WriteDirectory(row))
     {
-        throw std::runtime_error("the row of " + path + " cannot be written");
+        throw std::runtime_error("the row of " + row.path + " cannot be written");
     }
     return rowId;
 }

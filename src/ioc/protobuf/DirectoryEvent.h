@@ -31,7 +31,7 @@ public:
     // The RowID of the directory's row, made (with the directory's times as
     // it is now) when missing. Throws std::runtime_error when the path is
     // empty or the row can be neither read nor written.
-    static std::string EnsureRow(SnapshotFiles& files, const std::string& path);
+    static std::string EnsureRow(SnapshotFiles& files, std::string_view path);
 };
 
 } // namespace vantor::ioc::internal::protobuf

@@ -6,11 +6,26 @@
 #include "ioc/TtlProcessTree.h"
 
 #include <google/protobuf/io/coded_stream.h>
-#include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
+
+#include <charconv>
 
 namespace vantor::ioc::internal::protobuf
 {
+
+namespace
+{
+
+// A rapidjson output stream that appends to a std::string.
+struct TextStream
+{
+    using Ch = char;
+    std::string& text;
+    void Put(char c) { text.push_back(c); }
+    void Flush() {}
+};
+
+} // namespace
 
 Event::Event(const char* kind, const char* noun)
     : m_kind(kind)
@@ -20,9 +35,24 @@ Event::Event(const char* kind, const char* noun)
 
 Event::~Event() = default;
 
-std::string Event::UniqueProcessId(pid_t pid, int64_t creationTime)
+void Event::UniqueProcessIdTo(pid_t pid, int64_t creationTime, std::string& out)
 {
-    return std::to_string(pid) + "-" + std::to_string(creationTime);
+    char text[24];
+    out.assign(text, std::to_chars(text, text + sizeof(text), pid).ptr);
+    out += '-';
+    out.append(text, std::to_chars(text, text + sizeof(text), creationTime).ptr);
+}
+
+pb::Actor* Event::SpareActor(Context& context)
+{
+    if (!context.spareActors || context.spareActors->empty())
+    {
+        return nullptr;
+    }
+    pb::Actor* actor = context.spareActors->back().release();
+    context.spareActors->pop_back();
+    actor->Clear();
+    return actor;
 }
 
 int64_t Event::Millis(edr::Event::TimePoint time)
@@ -52,7 +82,7 @@ std::size_t Event::Framed(std::size_t size)
     return 1 + google::protobuf::io::CodedOutputStream::VarintSize64(size) + size;
 }
 
-void Event::FillActor(pb::Actor& actor, const Input& input)
+void Event::FillActor(pb::Actor& actor, const Input& input, Context& context)
 {
     const edr::Event& event = input.event;
     if (input.actor)
@@ -60,12 +90,12 @@ void Event::FillActor(pb::Actor& actor, const Input& input)
         const ProcessInfo& info = *input.actor;
         actor.set_processid(info.pid);
         actor.set_creationtime(info.creationTime);
-        actor.set_uniqueprocessid(UniqueProcessId(info.pid, info.creationTime));
+        UniqueProcessIdTo(info.pid, info.creationTime, *actor.mutable_uniqueprocessid());
         actor.set_userid(std::to_string(info.uid));
         if (!info.image.path.empty())
         {
             edr::PathEscape::EscapeTo(info.image.path, *actor.mutable_imagepath());
-            actor.set_uniqueimageid(SnapshotFiles::RowIdOf(info.image.path));
+            actor.set_uniqueimageid(context.files.RecurringRowIdOf(info.image.path));
         }
     }
     else
@@ -81,7 +111,7 @@ void Event::FillActor(pb::Actor& actor, const Input& input)
         if (const auto image = EventFields::Image(event))
         {
             edr::PathEscape::EscapeTo(*image, *actor.mutable_imagepath());
-            actor.set_uniqueimageid(SnapshotFiles::RowIdOf(*image));
+            actor.set_uniqueimageid(context.files.RecurringRowIdOf(*image));
         }
     }
     if (const auto user = EventFields::Try([&] { return event.GetActorUserName(); }))
@@ -96,8 +126,10 @@ void Event::FillMetadata(std::string& out, const Input& input, const Context& co
     {
         return;
     }
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    // Straight into the message's text, whose capacity the batch keeps.
+    out.clear();
+    TextStream stream{out};
+    rapidjson::Writer<TextStream> writer(stream);
     writer.StartObject();
     writer.Key("tags");
     writer.StartObject();
@@ -122,7 +154,6 @@ void Event::FillMetadata(std::string& out, const Input& input, const Context& co
     }
     writer.EndObject();
     writer.EndObject();
-    out.assign(buffer.GetString(), buffer.GetSize());
 }
 
 } // namespace vantor::ioc::internal::protobuf

@@ -8,9 +8,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vantor::ioc::internal
 {
@@ -31,6 +33,9 @@ struct Context
     uint64_t maxFileSizeToProcess = 0;
     // Whether the actor's tags and verdicts go along as agentMetaData.
     bool sendMetadata = false;
+    // Actors of an earlier batch to fill again (a cleared message frees its
+    // actor, and with it the capacity of its texts); may be null.
+    std::vector<std::unique_ptr<pb::Actor>>* spareActors = nullptr;
 };
 
 // One event to convert.
@@ -78,7 +83,7 @@ public:
     virtual std::optional<Added> AddTo(pb::IoCEvent& batch, const Input& input, Context& context) const = 0;
 
     // "<pid>-<start time in ms>": a process across pid reuse.
-    static std::string UniqueProcessId(pid_t pid, int64_t creationTime);
+    static void UniqueProcessIdTo(pid_t pid, int64_t creationTime, std::string& out);
     static int64_t Millis(edr::Event::TimePoint time);
     // The last path component.
     static std::string_view BaseName(std::string_view path);
@@ -87,14 +92,21 @@ public:
 protected:
     // Fills the four fields every event message has.
     template <typename Message>
-    static void FillCommon(Message& message, const Input& input, pb::EventAction action)
+    static void FillCommon(Message& message, const Input& input, Context& context, pb::EventAction action)
     {
         message.set_eventaction(action);
         message.set_timestamp(static_cast<int64_t>(input.event.GetTimestamp()));
         message.set_uniqueid(std::to_string(input.event.GetEventId()));
-        FillActor(*message.mutable_actor(), input);
+        if (pb::Actor* spare = SpareActor(context))
+        {
+            message.set_allocated_actor(spare);
+        }
+        FillActor(*message.mutable_actor(), input, context);
     }
-    static void FillActor(pb::Actor& actor, const Input& input);
+    // A cleared actor from context.spareActors, owned by the caller; null
+    // when there is none.
+    static pb::Actor* SpareActor(Context& context);
+    static void FillActor(pb::Actor& actor, const Input& input, Context& context);
     // The actor's tags and verdicts as a JSON object, when they are to be
     // sent and there are any.
     static void FillMetadata(std::string& out, const Input& input, const Context& context);

@@ -86,8 +86,12 @@ std::optional<Added> FileEvent::AddTo(pb::IoCEvent& batch, const Input& input, C
     {
         throw std::runtime_error("the event names no file");
     }
-    const std::string path =
-        action == pb::RENAME ? EventFields::NewFile(input.event).value_or(*oldPath) : *oldPath;
+    std::optional<std::string> newPath;
+    if (action == pb::RENAME)
+    {
+        newPath = EventFields::NewFile(input.event);
+    }
+    const std::string& path = newPath ? *newPath : *oldPath;
     // The row ids are digests of the paths: each is made once per event.
     const std::string oldRowId = SnapshotFiles::RowIdOf(*oldPath);
     const auto stored = context.files.ReadFile(oldRowId);
@@ -100,7 +104,7 @@ std::optional<Added> FileEvent::AddTo(pb::IoCEvent& batch, const Input& input, C
     row.rowId = path == *oldPath ? oldRowId : SnapshotFiles::RowIdOf(path);
     const Added added = Add(*batch.mutable_fileevent(), [&](pb::FileEvent& message)
                             { Fill(message, input, context, action, *oldPath, path, stored, row); });
-    UpdateSnapshot(context.files, action, oldRowId, path, row);
+    UpdateSnapshot(context.files, action, oldRowId, path, std::move(row));
     return added;
 }
 
@@ -109,7 +113,7 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
                      const std::optional<SnapshotFiles::FileRow>& stored, SnapshotFiles::FileRow& row) const
 {
     const edr::Event& event = input.event;
-    FillCommon(message, input, action);
+    FillCommon(message, input, context, action);
     edr::PathEscape::EscapeTo(path, *message.mutable_fullpath());
     const std::string_view name = BaseName(path);
     edr::PathEscape::EscapeTo(name, *message.mutable_filename());
@@ -129,7 +133,7 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
         row.size = stored->size;
         row.times = stored->times;
     }
-    const std::string parent(ParentOf(path));
+    const std::string_view parent = ParentOf(path);
     try
     {
         row.parentId = DirectoryEvent::EnsureRow(context.files, parent);
@@ -219,10 +223,10 @@ void FileEvent::Fill(pb::FileEvent& message, const Input& input, Context& contex
 }
 
 void FileEvent::UpdateSnapshot(SnapshotFiles& files, pb::EventAction action, const std::string& oldRowId,
-                               const std::string& path, const SnapshotFiles::FileRow& row)
+                               const std::string& path, SnapshotFiles::FileRow row)
 {
     const bool stored = UpdateRow(
-        action, [&] { return files.DeleteFile(oldRowId); }, [&] { return files.WriteFile(row); });
+        action, [&] { return files.DeleteFile(oldRowId); }, [&] { return files.WriteFile(std::move(row)); });
     if (!stored)
     {
         EDR_LOG_ERROR("Failed to update 'File' table in snapshot DB for file " << path);

@@ -34,7 +34,7 @@ public:
 
     // oldRowId: the row id of the event's (old) path; row carries the new.
     static void UpdateSnapshot(SnapshotFiles& files, pb::EventAction action, const std::string& oldRowId,
-                               const std::string& path, const SnapshotFiles::FileRow& row);
+                               const std::string& path, SnapshotFiles::FileRow row);
 
 private:
     void Fill(pb::FileEvent& message, const Input& input, Context& context, pb::EventAction action,

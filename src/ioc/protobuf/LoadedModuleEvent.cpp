@@ -11,7 +11,7 @@ LoadedModuleEvent::LoadedModuleEvent()
 {
 }
 
-std::optional<Added> LoadedModuleEvent::AddTo(pb::IoCEvent& batch, const Input& input, Context&) const
+std::optional<Added> LoadedModuleEvent::AddTo(pb::IoCEvent& batch, const Input& input, Context& context) const
 {
     if (!input.actor || input.actor->libraries.empty())
     {
@@ -27,9 +27,9 @@ std::optional<Added> LoadedModuleEvent::AddTo(pb::IoCEvent& batch, const Input& 
             const Added added = Add(field,
                                     [&](pb::LoadedModule& message)
                                     {
-                                        FillCommon(message, input, pb::LOAD);
+                                        FillCommon(message, input, context, pb::LOAD);
                                         edr::PathEscape::EscapeTo(library, *message.mutable_modulename());
-                                        message.set_uniqueimageid(SnapshotFiles::RowIdOf(library));
+                                        message.set_uniqueimageid(context.files.RecurringRowIdOf(library));
                                         message.set_processid(input.actor->pid);
                                     });
             total.messages += added.messages;

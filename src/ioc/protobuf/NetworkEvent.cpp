@@ -18,7 +18,7 @@ std::optional<Added> NetworkEvent::AddTo(pb::IoCEvent& batch, const Input& input
     return Add(*batch.mutable_networkevent(),
                [&](pb::NetworkEvent& message)
                {
-                   FillCommon(message, input, action);
+                   FillCommon(message, input, context, action);
                    const auto address = EventFields::Try([&] { return event.GetNetworkAddress(); });
                    const auto port = EventFields::Try([&] { return event.GetNetworkPort(); });
                    const bool local = action == pb::LISTEN;

@@ -40,7 +40,7 @@ std::optional<Added> ProcessEvent::AddTo(pb::IoCEvent& batch, const Input& input
     return Add(*batch.mutable_processevent(),
                [&](pb::ProcessEvent& message)
                {
-                   FillCommon(message, input, action);
+                   FillCommon(message, input, context, action);
                    std::string image;
                    if (input.actor)
                    {
@@ -85,7 +85,7 @@ std::optional<Added> ProcessEvent::AddTo(pb::IoCEvent& batch, const Input& input
                    {
                        edr::PathEscape::EscapeTo(image, *message.mutable_imagepath());
                        edr::PathEscape::EscapeTo(BaseName(image), *message.mutable_processname());
-                       message.set_uniqueimageid(SnapshotFiles::RowIdOf(image));
+                       message.set_uniqueimageid(context.files.RecurringRowIdOf(image));
                    }
                    if (!message.actor().username().empty())
                    {

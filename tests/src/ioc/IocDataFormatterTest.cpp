@@ -210,6 +210,21 @@ TEST_F(IocDataFormatterTest, SnapshotRowsAreStoredWhenTheBatchFinishes)
     EXPECT_TRUE(stored());
     EXPECT_TRUE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId));
 
+    // The parent read as stored is remembered; a cleared snapshot needs its
+    // row written again.
+    for (const bool cleared : {false, true})
+    {
+        m_formatter->Start();
+        EXPECT_TRUE(m_formatter->Append(write));
+        EXPECT_TRUE(m_formatter->Finish());
+        EXPECT_TRUE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId)) << cleared;
+        if (!cleared)
+        {
+            ASSERT_TRUE(m_snapshot->Clear("Directory").success);
+            m_formatter->SnapshotCleared();
+        }
+    }
+
     m_formatter->Start();
     EXPECT_TRUE(m_formatter->Append(remove));
     EXPECT_TRUE(stored());
@@ -396,6 +411,13 @@ TEST_F(IocDataFormatterTest, ProcessNetworkAndModuleMessagesCarryTheActorAndTheP
     ASSERT_EQ(batch.fileevent_size(), 1);
     EXPECT_EQ(batch.fileevent(0).md5(), "");
     EXPECT_TRUE(log.Contains("File size being truncated for file " + m_dir.File("files/big")));
+
+    // The next batch fills the same messages again: nothing of this actor
+    // stays with an event that has none.
+    const auto next = Batch({&running});
+    ASSERT_EQ(next.processevent_size(), 1);
+    EXPECT_EQ(next.processevent(0).actor().uniqueprocessid(), "");
+    EXPECT_EQ(next.processevent(0).actor().creationtime(), 0);
 }
 
 } // namespace
