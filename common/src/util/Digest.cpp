@@ -4,6 +4,7 @@
 
 #include <openssl/evp.h>
 
+#include <memory>
 #include <stdexcept>
 
 namespace vantor::util
@@ -11,16 +12,40 @@ namespace vantor::util
 namespace
 {
 
+struct MdFree
+{
+    void operator()(EVP_MD* md) const { EVP_MD_free(md); }
+};
+using FetchedMd = std::unique_ptr<EVP_MD, MdFree>;
+
+// The provider's implementation, fetched once: handing the built-in
+// EVP_sha256() and friends to EVP_DigestInit_ex looks the implementation up
+// again on every digest, which costs about as much as hashing a short text.
+// Falls back to the built-in object when the fetch fails.
+const EVP_MD* Fetched(const FetchedMd& fetched, const EVP_MD* builtIn)
+{
+    return fetched ? fetched.get() : builtIn;
+}
+
 const EVP_MD* Md(Digest::Algorithm algorithm)
 {
     switch (algorithm)
     {
     case Digest::Algorithm::Md5:
-        return EVP_md5();
+    {
+        static const FetchedMd md(EVP_MD_fetch(nullptr, "MD5", nullptr));
+        return Fetched(md, EVP_md5());
+    }
     case Digest::Algorithm::Sha1:
-        return EVP_sha1();
+    {
+        static const FetchedMd md(EVP_MD_fetch(nullptr, "SHA1", nullptr));
+        return Fetched(md, EVP_sha1());
+    }
     case Digest::Algorithm::Sha256:
-        return EVP_sha256();
+    {
+        static const FetchedMd md(EVP_MD_fetch(nullptr, "SHA256", nullptr));
+        return Fetched(md, EVP_sha256());
+    }
     }
     throw std::invalid_argument("Digest: unknown algorithm");
 }
