@@ -6,7 +6,6 @@
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessRow.h"
 
-#include <iterator>
 #include <string>
 
 namespace vantor::ioc::internal
@@ -47,20 +46,26 @@ bool TtlProcessTable::Store(common::SqlStorage& snapshot,
                             const std::set<pid_t>& removed, std::set<pid_t>& deleted)
 {
     const std::string table = SnapshotSqlDataFormatter::kTtlProcesses;
-    bool saved = rows.empty() || snapshot.Write(table, rows).success;
-    if (saved && !removed.empty())
+    std::vector<std::string> keys;
+    keys.reserve(removed.size());
+    for (const pid_t pid : removed)
     {
-        std::vector<std::string> keys;
-        keys.reserve(removed.size());
-        for (const pid_t pid : removed)
-        {
-            keys.push_back(std::to_string(pid));
-        }
-        const size_t count = SnapshotDeletes::Run(snapshot, table, keys).deleted;
-        deleted.insert(removed.begin(), std::next(removed.begin(), static_cast<std::ptrdiff_t>(count)));
-        saved = count == removed.size();
+        keys.push_back(std::to_string(pid));
     }
-    if (!saved)
+    bool stored = false;
+    // One commit for the writes and the deletes; a failure rolls all of them
+    // back, so none counts as deleted.
+    const auto operations = [&]
+    {
+        stored = (rows.empty() || snapshot.Write(table, rows).success) &&
+                 SnapshotDeletes::Run(snapshot, table, keys).deleted == keys.size();
+    };
+    const bool saved = snapshot.RunInTransaction(operations).success && stored;
+    if (saved)
+    {
+        deleted.insert(removed.begin(), removed.end());
+    }
+    else
     {
         EDR_LOG_ERROR("Failed to update '" << table << "' table in snapshot DB.");
     }

@@ -29,10 +29,10 @@ public:
     // The record of a process's row, to be written later: made while the
     // tree's lock holds the process still.
     static std::pair<std::string, std::string> Record(const ProcessInfo& process);
-    // Writes the rows in one transaction, then deletes the rows of the
-    // removed pids (only when the writes succeeded; many to a statement);
-    // the deleted ones are added to deleted. Answers whether every
-    // statement succeeded, logging the table otherwise.
+    // Writes the rows, then deletes the rows of the removed pids (only when
+    // the writes succeeded; many to a statement), all in one transaction;
+    // when it is committed the removed pids are added to deleted. Answers
+    // whether it was, logging the table otherwise.
     static bool Store(common::SqlStorage& snapshot,
                       const std::vector<std::pair<std::string, std::string>>& rows,
                       const std::set<pid_t>& removed, std::set<pid_t>& deleted);
