@@ -83,43 +83,52 @@ std::string RecordOf(const SnapshotFiles::DirectoryRow& row)
     return formatter.TakeBuffer();
 }
 
-// Stores the held rows of one table (writes in one transaction) and empties
-// the map.
-template <typename Row>
-bool FlushTable(common::SqlStorage& snapshot, const char* table,
-                std::unordered_map<std::string, std::optional<Row>>& held)
+// The held rows of one table as the records to write and the keys to
+// delete.
+struct Pending
 {
-    bool stored = true;
     common::SqlStorage::Records records;
-    records.reserve(held.size());
     std::vector<std::string> deleted;
-    for (auto& [key, row] : held)
+};
+
+template <typename Row>
+Pending PendingOf(const std::unordered_map<std::string, std::optional<Row>>& held)
+{
+    Pending pending;
+    pending.records.reserve(held.size());
+    for (const auto& [key, row] : held)
     {
         if (row)
         {
-            records.emplace_back(key, RecordOf(*row));
+            pending.records.emplace_back(key, RecordOf(*row));
         }
         else
         {
-            deleted.push_back(key);
+            pending.deleted.push_back(key);
         }
     }
-    held.clear();
-    if (const auto result = SnapshotDeletes::Run(snapshot, table, deleted); result.deleted < deleted.size())
+    return pending;
+}
+
+// Deletes, then writes, one table's rows; answers whether all were stored.
+bool StoreTable(common::SqlStorage& snapshot, const char* table, const Pending& pending)
+{
+    if (const auto result = SnapshotDeletes::Run(snapshot, table, pending.deleted);
+        result.deleted < pending.deleted.size())
     {
         EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
-        stored = false;
+        return false;
     }
-    if (!records.empty())
+    if (!pending.records.empty())
     {
-        const auto result = snapshot.Write(table, records);
+        const auto result = snapshot.Write(table, pending.records);
         if (!result.success)
         {
             EDR_LOG_DEBUG("SnapshotFiles: " << table << ": " << result.error);
-            stored = false;
+            return false;
         }
     }
-    return stored;
+    return true;
 }
 
 // The held row of a key when there is one (nothing inside for a deleted
@@ -158,19 +167,46 @@ const std::string& SnapshotFiles::RecurringRowIdOf(std::string_view path)
     return m_rowIds.emplace(path, RowIdOf(path)).first->second;
 }
 
-std::optional<SnapshotFiles::FileRow> SnapshotFiles::ReadFile(const std::string& rowId) const
+void SnapshotFiles::ForgetIfCleared()
+{
+    if (m_cleared.load(std::memory_order_relaxed) && m_cleared.exchange(false, std::memory_order_acquire))
+    {
+        m_knownDirectories.clear();
+        m_knownFiles.clear();
+    }
+}
+
+void SnapshotFiles::RememberFile(FileRow row)
+{
+    // As with the known directories: starting over is cheaper than ranking.
+    if (m_knownFiles.size() >= kMaxKnownFiles)
+    {
+        m_knownFiles.clear();
+    }
+    std::string key = row.rowId;
+    m_knownFiles.insert_or_assign(std::move(key), std::move(row));
+}
+
+std::optional<SnapshotFiles::FileRow> SnapshotFiles::ReadFile(const std::string& rowId)
 {
     if (const auto* held = HeldRow(m_files, rowId))
     {
         return *held;
+    }
+    ForgetIfCleared();
+    if (const auto it = m_knownFiles.find(rowId); it != m_knownFiles.end())
+    {
+        return it->second;
     }
     const auto row = ReadRow(m_snapshot, kFile, rowId);
     if (!row)
     {
         return std::nullopt;
     }
-    return FileRow{Text(*row, 0), Text(*row, 1), Int(*row, 2), TimesAt(*row, 3),
+    FileRow stored{Text(*row, 0), Text(*row, 1), Int(*row, 2), TimesAt(*row, 3),
                    Text(*row, 7), Text(*row, 8), Text(*row, 9)};
+    RememberFile(stored);
+    return stored;
 }
 
 std::optional<SnapshotFiles::DirectoryRow> SnapshotFiles::ReadDirectory(const std::string& rowId) const
@@ -193,10 +229,7 @@ bool SnapshotFiles::HasDirectory(const std::string& rowId)
     {
         return held->has_value();
     }
-    if (m_cleared.load(std::memory_order_relaxed) && m_cleared.exchange(false, std::memory_order_acquire))
-    {
-        m_knownDirectories.clear();
-    }
+    ForgetIfCleared();
     if (m_knownDirectories.contains(rowId))
     {
         return true;
@@ -243,8 +276,39 @@ bool SnapshotFiles::DeleteDirectory(const std::string& rowId)
 
 bool SnapshotFiles::Flush()
 {
-    const bool files = FlushTable(m_snapshot, kFile, m_files);
-    return FlushTable(m_snapshot, kDirectory, m_directories) && files;
+    if (m_files.empty() && m_directories.empty())
+    {
+        return true;
+    }
+    Held<FileRow> files;
+    files.swap(m_files);
+    const Pending directories = PendingOf(m_directories);
+    m_directories.clear();
+    const Pending pending = PendingOf(files);
+    // Until the commit, what is stored under the held keys is not known.
+    for (const auto& [key, row] : files)
+    {
+        m_knownFiles.erase(key);
+    }
+    bool stored = false;
+    const auto operations = [&]
+    { stored = StoreTable(m_snapshot, kFile, pending) && StoreTable(m_snapshot, kDirectory, directories); };
+    if (const auto committed = m_snapshot.RunInTransaction(operations); !committed.success || !stored)
+    {
+        if (stored)
+        {
+            EDR_LOG_DEBUG("SnapshotFiles: " << committed.error);
+        }
+        return false;
+    }
+    for (auto& [key, row] : files)
+    {
+        if (row)
+        {
+            RememberFile(std::move(*row));
+        }
+    }
+    return true;
 }
 
 } // namespace vantor::ioc::internal

@@ -210,20 +210,26 @@ TEST_F(IocDataFormatterTest, SnapshotRowsAreStoredWhenTheBatchFinishes)
     EXPECT_TRUE(stored());
     EXPECT_TRUE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId));
 
-    // The parent read as stored is remembered; a cleared snapshot needs its
-    // row written again.
+    // The rows read or written as stored are remembered; a cleared snapshot
+    // needs the parent's row written again and knows the file no more (its
+    // delete is dropped as unreported).
     for (const bool cleared : {false, true})
     {
         m_formatter->Start();
+        EXPECT_EQ(m_formatter->Append(remove), !cleared);
         EXPECT_TRUE(m_formatter->Append(write));
         EXPECT_TRUE(m_formatter->Finish());
         EXPECT_TRUE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId)) << cleared;
         if (!cleared)
         {
             ASSERT_TRUE(m_snapshot->Clear("Directory").success);
+            ASSERT_TRUE(m_snapshot->Clear("File").success);
             m_formatter->SnapshotCleared();
         }
     }
+    // The delete reported what the remembered row held.
+    EXPECT_EQ(Batches().at(1).fileevent(0).sha256(),
+              util::Digest::HexOf(util::Digest::Algorithm::Sha256, "data"));
 
     m_formatter->Start();
     EXPECT_TRUE(m_formatter->Append(remove));
