@@ -178,13 +178,18 @@ void SnapshotFiles::ForgetIfCleared()
 
 void SnapshotFiles::RememberFile(FileRow row)
 {
+    if (const auto it = m_knownFiles.find(row.rowId); it != m_knownFiles.end())
+    {
+        it->second = std::move(row);
+        return;
+    }
     // As with the known directories: starting over is cheaper than ranking.
     if (m_knownFiles.size() >= kMaxKnownFiles)
     {
         m_knownFiles.clear();
     }
     std::string key = row.rowId;
-    m_knownFiles.insert_or_assign(std::move(key), std::move(row));
+    m_knownFiles.emplace(std::move(key), std::move(row));
 }
 
 std::optional<SnapshotFiles::FileRow> SnapshotFiles::ReadFile(const std::string& rowId)
@@ -280,35 +285,41 @@ bool SnapshotFiles::Flush()
     {
         return true;
     }
-    Held<FileRow> files;
-    files.swap(m_files);
+    const Pending pending = PendingOf(m_files);
     const Pending directories = PendingOf(m_directories);
     m_directories.clear();
-    const Pending pending = PendingOf(files);
-    // Until the commit, what is stored under the held keys is not known.
-    for (const auto& [key, row] : files)
-    {
-        m_knownFiles.erase(key);
-    }
     bool stored = false;
     const auto operations = [&]
     { stored = StoreTable(m_snapshot, kFile, pending) && StoreTable(m_snapshot, kDirectory, directories); };
-    if (const auto committed = m_snapshot.RunInTransaction(operations); !committed.success || !stored)
+    common::StorageResult committed;
+    try
     {
-        if (stored)
-        {
-            EDR_LOG_DEBUG("SnapshotFiles: " << committed.error);
-        }
-        return false;
+        committed = m_snapshot.RunInTransaction(operations);
     }
-    for (auto& [key, row] : files)
+    catch (...)
     {
-        if (row)
+        // Rolled back: what is remembered as stored still is.
+        m_files.clear();
+        throw;
+    }
+    if (!committed.success && stored)
+    {
+        EDR_LOG_DEBUG("SnapshotFiles: " << committed.error);
+    }
+    const bool flushed = committed.success && stored;
+    for (auto& [key, row] : m_files)
+    {
+        if (flushed && row)
         {
             RememberFile(std::move(*row));
         }
+        else
+        {
+            m_knownFiles.erase(key);
+        }
     }
-    return true;
+    m_files.clear();
+    return flushed;
 }
 
 } // namespace vantor::ioc::internal
