@@ -15,6 +15,8 @@ constexpr size_t kMaxCapacity = 256 * 1024;
 
 struct Pool
 {
+    Pool() { spares.reserve(ReadBufferPool::kMaxSpares); }
+
     std::mutex mutex;
     std::vector<std::vector<uint8_t>> spares;
 };
@@ -44,29 +46,19 @@ std::vector<uint8_t> ReadBufferPool::Take(size_t capacity)
     return buffer;
 }
 
-void ReadBufferPool::Give(std::vector<uint8_t>&& buffer)
+void ReadBufferPool::Give(std::vector<uint8_t> buffer)
 {
     if (buffer.capacity() < kMinCapacity || buffer.capacity() > kMaxCapacity)
     {
-        buffer = std::vector<uint8_t>();
         return;
     }
-    std::vector<uint8_t> dropped;
+    Pool& pool = Instance();
+    std::lock_guard lock(pool.mutex);
+    if (pool.spares.size() < kMaxSpares)
     {
-        Pool& pool = Instance();
-        std::lock_guard lock(pool.mutex);
-        if (pool.spares.size() < kMaxSpares)
-        {
-            if (pool.spares.capacity() < kMaxSpares)
-            {
-                pool.spares.reserve(kMaxSpares);
-            }
-            pool.spares.push_back(std::move(buffer));
-            return;
-        }
-        dropped = std::move(buffer);
+        pool.spares.push_back(std::move(buffer));
     }
-    // Freed outside the lock.
+    // A buffer not kept is freed with the parameter, after the lock.
 }
 
 size_t ReadBufferPool::Spares()

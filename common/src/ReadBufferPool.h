@@ -27,7 +27,7 @@ public:
     static std::vector<uint8_t> Take(size_t capacity);
     // Keeps the buffer for a later Take when it is of a reusable size and
     // the pool has room; frees it otherwise.
-    static void Give(std::vector<uint8_t>&& buffer);
+    static void Give(std::vector<uint8_t> buffer);
     // How many spares are kept now.
     static size_t Spares();
 };

@@ -114,12 +114,10 @@ void DocumentBuilder::BuildGroup(PendingDocuments::Group& group)
                                                 : i == 0 ? storedState()
                                                          : previous;
         const bool settledDocument = document.readsContent && !document.isDirectory;
-        const std::optional<FileState> observed = settledDocument ? std::nullopt : document.Observed();
+        const std::optional<FileState> observed = document.Observed();
         BuildOne(document, group.objectPath, before, settledDocument ? settled : observed,
                  settledDocument ? &*content : nullptr);
-        previous = document.type == edr::EventType::Delete ? std::nullopt
-                   : settledDocument                       ? document.Observed()
-                                                           : observed;
+        previous = document.type == edr::EventType::Delete ? std::nullopt : observed;
         if (!ownPath)
         {
             // The source of a rename is gone.

@@ -141,6 +141,19 @@ const std::optional<Row>* HeldRow(const std::unordered_map<std::string, std::opt
     return it == held.end() ? nullptr : &it->second;
 }
 
+// A memory of at most max entries, ready for one more: a full one starts
+// over rather than ranking its entries, since forgetting costs only one read
+// (or one hash) per entry.
+template <typename Memory>
+Memory& WithRoom(Memory& memory, size_t max)
+{
+    if (memory.size() >= max)
+    {
+        memory.clear();
+    }
+    return memory;
+}
+
 } // namespace
 
 SnapshotFiles::SnapshotFiles(common::SqlStorage& snapshot)
@@ -159,12 +172,7 @@ const std::string& SnapshotFiles::RecurringRowIdOf(std::string_view path)
     {
         return it->second;
     }
-    // As with the known directories: starting over is cheaper than ranking.
-    if (m_rowIds.size() >= kMaxRememberedRowIds)
-    {
-        m_rowIds.clear();
-    }
-    return m_rowIds.emplace(path, RowIdOf(path)).first->second;
+    return WithRoom(m_rowIds, kMaxRememberedRowIds).emplace(path, RowIdOf(path)).first->second;
 }
 
 void SnapshotFiles::ForgetIfCleared()
@@ -183,13 +191,8 @@ void SnapshotFiles::RememberFile(FileRow row)
         it->second = std::move(row);
         return;
     }
-    // As with the known directories: starting over is cheaper than ranking.
-    if (m_knownFiles.size() >= kMaxKnownFiles)
-    {
-        m_knownFiles.clear();
-    }
     std::string key = row.rowId;
-    m_knownFiles.emplace(std::move(key), std::move(row));
+    WithRoom(m_knownFiles, kMaxKnownFiles).emplace(std::move(key), std::move(row));
 }
 
 std::optional<SnapshotFiles::FileRow> SnapshotFiles::ReadFile(const std::string& rowId)
@@ -243,13 +246,7 @@ bool SnapshotFiles::HasDirectory(const std::string& rowId)
     {
         return false;
     }
-    // A full set starts over rather than ranking its entries: forgetting
-    // costs one read per directory.
-    if (m_knownDirectories.size() >= kMaxKnownDirectories)
-    {
-        m_knownDirectories.clear();
-    }
-    m_knownDirectories.insert(rowId);
+    WithRoom(m_knownDirectories, kMaxKnownDirectories).insert(rowId);
     return true;
 }
 

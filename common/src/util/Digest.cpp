@@ -4,6 +4,7 @@
 
 #include <openssl/evp.h>
 
+#include <array>
 #include <memory>
 #include <stdexcept>
 
@@ -16,38 +17,37 @@ struct MdFree
 {
     void operator()(EVP_MD* md) const { EVP_MD_free(md); }
 };
-using FetchedMd = std::unique_ptr<EVP_MD, MdFree>;
 
 // The provider's implementation, fetched once: handing the built-in
 // EVP_sha256() and friends to EVP_DigestInit_ex looks the implementation up
 // again on every digest, which costs about as much as hashing a short text.
 // Falls back to the built-in object when the fetch fails.
-const EVP_MD* Fetched(const FetchedMd& fetched, const EVP_MD* builtIn)
+struct FetchedMd
 {
-    return fetched ? fetched.get() : builtIn;
-}
+    FetchedMd(const char* name, const EVP_MD* builtIn)
+        : fetched(EVP_MD_fetch(nullptr, name, nullptr))
+        , builtIn(builtIn)
+    {
+    }
+    const EVP_MD* Get() const { return fetched ? fetched.get() : builtIn; }
+
+    std::unique_ptr<EVP_MD, MdFree> fetched;
+    const EVP_MD* builtIn;
+};
 
 const EVP_MD* Md(Digest::Algorithm algorithm)
 {
-    switch (algorithm)
+    static_assert(static_cast<int>(Digest::Algorithm::Md5) == 0 &&
+                      static_cast<int>(Digest::Algorithm::Sha256) == 2,
+                  "the table follows the order of Digest::Algorithm");
+    static const std::array<FetchedMd, 3> kMds{FetchedMd("MD5", EVP_md5()), FetchedMd("SHA1", EVP_sha1()),
+                                               FetchedMd("SHA256", EVP_sha256())};
+    const auto index = static_cast<size_t>(algorithm);
+    if (index >= kMds.size())
     {
-    case Digest::Algorithm::Md5:
-    {
-        static const FetchedMd md(EVP_MD_fetch(nullptr, "MD5", nullptr));
-        return Fetched(md, EVP_md5());
+        throw std::invalid_argument("Digest: unknown algorithm");
     }
-    case Digest::Algorithm::Sha1:
-    {
-        static const FetchedMd md(EVP_MD_fetch(nullptr, "SHA1", nullptr));
-        return Fetched(md, EVP_sha1());
-    }
-    case Digest::Algorithm::Sha256:
-    {
-        static const FetchedMd md(EVP_MD_fetch(nullptr, "SHA256", nullptr));
-        return Fetched(md, EVP_sha256());
-    }
-    }
-    throw std::invalid_argument("Digest: unknown algorithm");
+    return kMds[index].Get();
 }
 
 } // namespace

@@ -162,7 +162,7 @@ size_t CountBaselineRows(const TempDir& dir)
 
 } // namespace
 
-TEST(SqlStorageTest, ConstructorArgumentsAreChecked)
+TEST(SqlStorageTest, ConstructorAndAsyncArgumentsAreChecked)
 {
     TempDir dir;
     ExpectThrowText<StorageException>(
@@ -179,6 +179,22 @@ TEST(SqlStorageTest, ConstructorArgumentsAreChecked)
         },
         "SqlStorage: Error creating DB: ");
     EXPECT_TRUE(std::filesystem::is_empty(dir.Path()));
+
+    // The asynchronous operations need a worker, and each its callback.
+    auto sync = OpenBaseline(dir);
+    ExpectThrowText<StorageException>([&] { sync->WriteAsync(kBaseline, {}, [](const StorageResult&) {}); },
+                                      "SqlStorage is not configured for Async operations");
+    ExpectThrowText<StorageException>([&] { sync->DeleteAsync(kBaseline, "/a", [] {}); },
+                                      "SqlStorage is not configured for Async operations");
+    ExpectThrowText<StorageException>([&] { sync->ReadAsync(kBaseline, "/a", [](const StorageResult&) {}); },
+                                      "SqlStorage is not configured for Async operations");
+    sync.reset();
+
+    auto async = OpenBaseline(dir, true);
+    ExpectThrowText<StorageException>([&] { async->WriteAsync(kBaseline, {}, nullptr); },
+                                      "onWriteCallback is invalid");
+    ExpectThrowText<StorageException>([&] { async->DeleteAsync(kBaseline, "/a", nullptr); },
+                                      "SqlStorage: onDeleteCallback is invalid");
 }
 
 TEST(SqlStorageTest, NewFileGetsTheSchemaExistingFileIsNeverRecreated)
@@ -503,25 +519,6 @@ TEST(SqlStorageTest, KeptStatementsStayUsableAndReleaseTheDatabase)
     // its write-ahead log with it.
     storage.reset();
     EXPECT_FALSE(std::filesystem::exists(dir.File("BaselineEvents.db-wal")));
-}
-
-TEST(SqlStorageTest, AsyncArgumentsAreChecked)
-{
-    TempDir dir;
-    auto sync = OpenBaseline(dir);
-    ExpectThrowText<StorageException>([&] { sync->WriteAsync(kBaseline, {}, [](const StorageResult&) {}); },
-                                      "SqlStorage is not configured for Async operations");
-    ExpectThrowText<StorageException>([&] { sync->DeleteAsync(kBaseline, "/a", [] {}); },
-                                      "SqlStorage is not configured for Async operations");
-    ExpectThrowText<StorageException>([&] { sync->ReadAsync(kBaseline, "/a", [](const StorageResult&) {}); },
-                                      "SqlStorage is not configured for Async operations");
-    sync.reset();
-
-    auto async = OpenBaseline(dir, true);
-    ExpectThrowText<StorageException>([&] { async->WriteAsync(kBaseline, {}, nullptr); },
-                                      "onWriteCallback is invalid");
-    ExpectThrowText<StorageException>([&] { async->DeleteAsync(kBaseline, "/a", nullptr); },
-                                      "SqlStorage: onDeleteCallback is invalid");
 }
 
 TEST(SqlStorageTest, AsyncOperationsRunInOrderOnTheWorkerAndFinishBeforeDestruction)
