@@ -112,15 +112,19 @@ sleep 3
 
 # 4. The workload.
 echo "== workload in $work/watched"
-cd "$work/watched"
-echo "hello" > report.txt;                echo "   created report.txt"
-echo "more lines" >> report.txt;          echo "   appended to report.txt"
-mv report.txt report-final.txt;           echo "   renamed it to report-final.txt"
-chmod 600 report-final.txt;               echo "   chmod 600 report-final.txt"
-mkdir archive;                            echo "   created directory archive"
-cp report-final.txt archive/copy.txt;     echo "   copied it into archive/"
-rm report-final.txt;                      echo "   deleted report-final.txt"
-cd "$root"
+# In a subshell: the kernel audits only processes forked after audit was
+# first enabled since boot, and on a fresh host the daemon has just done that;
+# this shell's own redirections would go unseen.
+(
+  cd "$work/watched"
+  echo "hello" > report.txt;                echo "   created report.txt"
+  echo "more lines" >> report.txt;          echo "   appended to report.txt"
+  mv report.txt report-final.txt;           echo "   renamed it to report-final.txt"
+  chmod 600 report-final.txt;               echo "   chmod 600 report-final.txt"
+  mkdir archive;                            echo "   created directory archive"
+  cp report-final.txt archive/copy.txt;     echo "   copied it into archive/"
+  rm report-final.txt;                      echo "   deleted report-final.txt"
+)
 # A staged script in /tmp (Execution) reads a credential file with a viewing
 # tool (CredentialAccess) and pulls data with a transfer tool (Exfiltration).
 stage="$work/stage.sh"
