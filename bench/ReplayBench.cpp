@@ -208,7 +208,6 @@ struct Replay
     double idleCorePercent = -1;
     uint64_t parserQueueMaxKb = 0;
     std::map<std::string, uint64_t> health;
-    std::string notDoneWhy = "timed out";
     bool done = false;
 };
 
@@ -312,15 +311,6 @@ Replay RunReplay(const Flags& flags, const std::string& text, bool withIoc, std:
         std::printf("  note: the agent ended with status %d (see %s)\n", status, dir.Path().c_str());
     }
     replay.health = daemon.HealthTotals();
-    // What the stop found still queued was never measured.
-    for (const auto& [key, value] : replay.health)
-    {
-        if (value != 0 && key.find("AtStop") != std::string::npos)
-        {
-            replay.done = false;
-            replay.notDoneWhy = "events still queued at the stop";
-        }
-    }
     return replay;
 }
 
@@ -333,13 +323,29 @@ double ParsedEvents(const Replay& replay, const Floor& floor, size_t textBytes)
     return static_cast<double>(floor.events) * (1.0 - droppedBytes / static_cast<double>(textBytes));
 }
 
+// Done, or why not: what the stop found still queued was never measured.
+const char* Outcome(const Replay& replay)
+{
+    if (!replay.done)
+    {
+        return "NOT DONE (timed out)";
+    }
+    for (const auto& [key, value] : replay.health)
+    {
+        if (value != 0 && key.find("AtStop") != std::string::npos)
+        {
+            return "NOT DONE (events still queued at the stop)";
+        }
+    }
+    return "done";
+}
+
 void Print(const char* name, const Replay& replay, const Floor& floor, size_t textBytes)
 {
     const double parsed = ParsedEvents(replay, floor, textBytes);
     const double perCpu = parsed / replay.cpuSeconds;
     std::printf("%s: %s; wall %.1f s, daemon CPU %.2f s, %.0f events parsed -> %.0f events/CPU-s", name,
-                replay.done ? "done" : ("NOT DONE (" + replay.notDoneWhy + ")").c_str(), replay.wallSeconds,
-                replay.cpuSeconds, parsed, perCpu);
+                Outcome(replay), replay.wallSeconds, replay.cpuSeconds, parsed, perCpu);
     if (floor.eventsPerCpuSecond > 0)
     {
         std::printf(", %.2fx the floor", perCpu / floor.eventsPerCpuSecond);
