@@ -41,19 +41,16 @@ TEST(DigestTest, StreamingInPiecesEqualsOneShotAndFinishesOnce)
     EXPECT_THROW(digest.Finish(), std::logic_error);
 }
 
-TEST(DigestTest, FileLargerThanTheReadBufferHasTheKnownDigest)
+TEST(DigestTest, FileDigestSpansReadBuffersOrFailsWithTheReason)
 {
     test::TempDir dir;
     const std::string path = dir.Write("million", std::string(1000000, 'a'));
     static_assert(1000000 > common::FileReader::kChunkSize);
     EXPECT_EQ(Digest::HexOfFile(Algorithm::Sha256, path, 1000000), kSha256MillionA);
     EXPECT_EQ(Digest::HexOfFile(Algorithm::Sha256, dir.Write("empty", ""), 0), kSha256Empty);
-}
 
-TEST(DigestTest, FileThatCannotBeHashedFailsWithTheReason)
-{
-    test::TempDir dir;
-    const std::string path = dir.Write("f", "abc");
+    // A file that cannot be hashed fails with the reason and its name.
+    const std::string small = dir.Write("f", "abc");
     const auto stageOf = [&](const std::string& file, std::size_t limit)
     {
         try
@@ -69,7 +66,7 @@ TEST(DigestTest, FileThatCannotBeHashedFailsWithTheReason)
         return common::FileReadException::Stage::Read;
     };
     EXPECT_EQ(stageOf(dir.File("missing"), 100), common::FileReadException::Stage::Open);
-    EXPECT_EQ(stageOf(path, 2), common::FileReadException::Stage::TooLarge);
+    EXPECT_EQ(stageOf(small, 2), common::FileReadException::Stage::TooLarge);
     EXPECT_THROW(Digest::HexOfFile(Algorithm::Sha256, dir.Path(), 100), std::runtime_error);
 }
 

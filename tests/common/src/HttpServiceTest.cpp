@@ -292,7 +292,7 @@ TEST_F(HttpServiceTest, ServerErrorsAreRetriedUpToTheLimit)
     EXPECT_THROW(HttpUploader(m_services.back(), 0), std::invalid_argument);
 }
 
-TEST_F(HttpServiceTest, WrongCaFailsWithoutEverSendingTheRequest)
+TEST_F(HttpServiceTest, WrongCaFailsWithoutSendingAndAStalledServerTimesOut)
 {
     const auto other = vantor::tools::TestCertificate::Create(m_dir, "other");
     auto settings = Settings();
@@ -301,21 +301,18 @@ TEST_F(HttpServiceTest, WrongCaFailsWithoutEverSendingTheRequest)
     auto service = Service(settings);
     MutableHttpRequest request(HttpMethod::Post, m_receiver->Url());
     request.SetPayload("secret");
-    const auto response = Perform(*service, request);
+    auto response = Perform(*service, request);
     EXPECT_EQ(response->GetOutcome(), HttpResponse::Outcome::Failed);
     EXPECT_EQ(response->Status(), 0);
     EXPECT_EQ(m_receiver->RequestCount(), 0u);
-}
 
-TEST_F(HttpServiceTest, StalledServerTimesOut)
-{
-    auto settings = Settings();
+    // A server that never answers: the request times out.
+    settings = Settings();
     settings.requestTimeout = 300ms;
-    auto service = Service(settings);
+    service = Service(settings);
     m_receiver->StallNext(1, 10s);
-    MutableHttpRequest request(HttpMethod::Post, m_receiver->Url());
     const auto start = std::chrono::steady_clock::now();
-    const auto response = Perform(*service, request);
+    response = Perform(*service, request);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
     EXPECT_EQ(response->GetOutcome(), HttpResponse::Outcome::Failed);
     EXPECT_NE(response->Error().find("timed out"), std::string::npos) << response->Error();

@@ -5,6 +5,7 @@
 #include "common/PeriodicSchedule.h"
 #include "common/SynchronizedQueue.h"
 #include "common/ThreadedClass.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 
 using namespace vantor::common;
 using namespace std::chrono_literals;
+using vantor::test::Eventually;
 
 namespace
 {
@@ -41,21 +43,6 @@ public:
 private:
     bool m_throws;
 };
-
-template <typename Pred>
-bool WaitFor(Pred pred, std::chrono::milliseconds limit = 3000ms)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!pred())
-    {
-        if (std::chrono::steady_clock::now() > end)
-        {
-            return false;
-        }
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
 
 std::string MessageOf(const std::function<void()>& f)
 {
@@ -102,8 +89,8 @@ TEST(SchedulerTest, ThrowingScheduleDoesNotStopOthersAndDestroyedOneIsDropped)
     scheduler.RegisterSchedule(healthy);
     released.reset(); // its owner lets go without unregistering
     scheduler.Start();
-    EXPECT_TRUE(WaitFor([&] { return failing->runs >= 3 && healthy->runs >= 3; }));
-    EXPECT_TRUE(WaitFor([&] { return scheduler.EntryCount() == 2; }));
+    EXPECT_TRUE(Eventually([&] { return failing->runs >= 3 && healthy->runs >= 3; }, 3s));
+    EXPECT_TRUE(Eventually([&] { return scheduler.EntryCount() == 2; }, 3s));
     scheduler.Stop();
 }
 
@@ -114,7 +101,7 @@ TEST(SchedulerTest, IdleSchedulerWakesAtOnceOnRegistration)
     std::this_thread::sleep_for(20ms);
     auto schedule = std::make_shared<CountingSchedule>();
     scheduler.RegisterSchedule(schedule);
-    EXPECT_TRUE(WaitFor([&] { return schedule->runs >= 1; }, 1000ms));
+    EXPECT_TRUE(Eventually([&] { return schedule->runs >= 1; }, 1s));
     const auto before = std::chrono::steady_clock::now();
     scheduler.Stop();
     EXPECT_LT(std::chrono::steady_clock::now() - before, 1s);
@@ -191,7 +178,7 @@ TEST(AsyncTaskTest, OneExecutionAtATimeAndStopWaitsForIt)
     BlockingTask task;
     EXPECT_TRUE(task.Launch());
     EXPECT_FALSE(task.Launch()) << "a second launch while running is refused";
-    EXPECT_TRUE(WaitFor([&] { return task.runs == 1; }));
+    EXPECT_TRUE(Eventually([&] { return task.runs == 1; }, 3s));
     task.Stop();
     EXPECT_TRUE(task.sawCancel);
     EXPECT_EQ(task.GetState(), AsyncTask::State::Idle);
@@ -202,7 +189,7 @@ TEST(AsyncTaskTest, OneExecutionAtATimeAndStopWaitsForIt)
     {
         task.throws = kind;
         EXPECT_TRUE(task.Launch()) << kind;
-        EXPECT_TRUE(WaitFor([&] { return task.GetState() == AsyncTask::State::Idle; }));
+        EXPECT_TRUE(Eventually([&] { return task.GetState() == AsyncTask::State::Idle; }, 3s));
     }
     EXPECT_EQ(task.runs, 3);
 }
@@ -246,22 +233,21 @@ TEST(ThreadedClassTest, StartStopAndContainedException)
     Worker worker;
     worker.Start();
     worker.Start(); // already running: only logged
-    EXPECT_TRUE(WaitFor([&] { return worker.loops > 0; }));
+    EXPECT_TRUE(Eventually([&] { return worker.loops > 0; }, 3s));
     worker.Stop();
     EXPECT_FALSE(worker.IsRunning());
 
-    Worker failing;
-    failing.throwAtStart = true;
-    failing.Start();
-    EXPECT_TRUE(WaitFor([&] { return !failing.IsRunning(); }));
-    failing.Stop();
-
+    // A worker that fails at once and one that stops itself both end; only
+    // the second's Stop, a join from its own thread, is refused and logged.
     vantor::test::LogCapture capture(Logging::Edr());
-    Worker selfStopping;
-    selfStopping.stopItself = true;
-    selfStopping.Start();
-    EXPECT_TRUE(WaitFor([&] { return !selfStopping.IsRunning(); }));
-    selfStopping.Stop();
+    for (bool Worker::*flag : {&Worker::throwAtStart, &Worker::stopItself})
+    {
+        Worker ending;
+        ending.*flag = true;
+        ending.Start();
+        EXPECT_TRUE(Eventually([&] { return !ending.IsRunning(); }, 3s));
+        ending.Stop();
+    }
     EXPECT_TRUE(capture.Contains("Uncaught exception when stopping TestWorker."));
 }
 
@@ -342,7 +328,7 @@ TEST(SynchronizedQueueTest, AWaitingConsumerIsWokenByEachPushToAnEmptyQueue)
             }
         }
         // The consumer waits 30 s at a time: only a wake-up gets it here.
-        allTaken = WaitFor([&] { return taken == (burst + 1) * 10; });
+        allTaken = Eventually([&] { return taken == (burst + 1) * 10; }, 3s);
     }
     stop = true;
     q.Wake();

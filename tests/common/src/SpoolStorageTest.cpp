@@ -1,6 +1,7 @@
 #include "common/SpoolStorage.h"
 #include "common/Scheduler.h"
 #include "common/SpoolRawDataFormatter.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
@@ -227,10 +228,7 @@ TEST_F(SpoolStorageTest, WritersWaitWhileTooMuchIsPendingAndNothingIsLost)
     cv.notify_all();
     producer.join();
     EXPECT_EQ(written.load(), 3000);
-    for (int i = 0; i < 3000 && completed < 3000; ++i)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    vantor::test::Eventually([&] { return completed == 3000; }, std::chrono::seconds(30));
     EXPECT_EQ(completed.load(), 3000) << "every record is written";
 }
 
@@ -394,10 +392,7 @@ TEST_F(SpoolStorageTest, NoRecordWaitsLongerThanTheMaxFileAge)
     ASSERT_TRUE(spool->Write("late").Succeeded());
     EXPECT_TRUE(spool->FileIndices().empty());
 
-    while (spool->FileIndices().empty() && std::chrono::steady_clock::now() - start < std::chrono::seconds(3))
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    vantor::test::Eventually([&] { return !spool->FileIndices().empty(); }, std::chrono::seconds(3));
     const auto waited = std::chrono::steady_clock::now() - start;
     EXPECT_GE(waited, std::chrono::milliseconds(950));
     EXPECT_LT(waited, std::chrono::milliseconds(1800));
