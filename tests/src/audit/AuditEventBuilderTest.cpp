@@ -28,6 +28,7 @@ std::string Fixture(const std::string& name)
 }
 
 using test::Replace;
+using vantor::test::ExpectThrowText;
 
 // The outcome of building one audit event of the text.
 struct Built
@@ -118,13 +119,12 @@ TEST(AuditEventBuilderTest, FileEventsCarryAbsolutePathsActorsAndActions)
     EXPECT_GT(create->GetEventId(), 0U);
     EXPECT_GT(create->GetTimestamp(), 1600000000000ULL);
     EXPECT_EQ(create->GetCategory(), static_cast<uint32_t>(edr::EventCategory::File));
-    vantor::test::ExpectThrowText<edr::EventException>([&] { create->GetNetworkPort(); },
-                                                       "GetNetworkPort is not implemented");
-    vantor::test::ExpectThrowText<edr::EventException>([&] { create->GetNewFile(); },
-                                                       "GetNewFile not implemented");
+    ExpectThrowText<edr::EventException>([&] { create->GetNetworkPort(); },
+                                         "GetNetworkPort is not implemented");
+    ExpectThrowText<edr::EventException>([&] { create->GetNewFile(); }, "GetNewFile not implemented");
     // The capture directory is gone: the event is built without a stat.
-    vantor::test::ExpectThrowText<edr::EventException>([&] { create->GetFileSize(); },
-                                                       "File stat does not exist for Create event with ID ");
+    ExpectThrowText<edr::EventException>([&] { create->GetFileSize(); },
+                                         "File stat does not exist for Create event with ID ");
     EXPECT_FALSE(create->HasFileStat()) << "consumers skip the getters that would throw";
 
     auto read = One(Fixture("open_read"), AuditEventClass::ReadWrite, 2);
@@ -164,8 +164,8 @@ TEST(AuditEventBuilderTest, FileEventsCarryAbsolutePathsActorsAndActions)
         auto removed = One(Fixture(name), AuditEventClass::Delete, call);
         ASSERT_TRUE(removed) << name;
         EXPECT_EQ(removed->GetType(), edr::EventType::Delete);
-        vantor::test::ExpectThrowText<edr::EventException>([&] { removed->GetFileSize(); },
-                                                           "File stat information is not available");
+        ExpectThrowText<edr::EventException>([&] { removed->GetFileSize(); },
+                                             "File stat information is not available");
         EXPECT_FALSE(removed->HasFileStat());
     }
     EXPECT_EQ(One(Fixture("unlink"), AuditEventClass::Delete, 87)->GetFile(), kData + "/to_unlink.txt");
@@ -241,8 +241,7 @@ TEST(AuditEventBuilderTest, ProcessAndNetworkEvents)
     EXPECT_EQ(connect6->GetActionName(), "Connect");
     EXPECT_EQ(connect6->GetNetworkAddress(), "::1");
     EXPECT_EQ(connect6->GetNetworkPort(), 47012);
-    vantor::test::ExpectThrowText<edr::EventException>([&] { connect6->GetFile(); },
-                                                       "GetFile not implemented");
+    ExpectThrowText<edr::EventException>([&] { connect6->GetFile(); }, "GetFile not implemented");
 }
 
 TEST(AuditEventBuilderTest, TheProcessTitleIsTheDecodedProctitleRecord)
@@ -281,10 +280,10 @@ TEST(AuditEventBuilderTest, TheProcessTitleIsTheDecodedProctitleRecord)
     auto untitled =
         One(test::WithoutRecords(Fixture("create"), "PROCTITLE"), AuditEventClass::ReadWrite, 257);
     ASSERT_TRUE(untitled);
-    vantor::test::ExpectThrowText<edr::EventException>([&] { untitled->GetCommandLine(); },
-                                                       "GetCommandLine not implemented");
-    vantor::test::ExpectThrowText<edr::EventException>([&] { untitled->GetActorProcessArguments(); },
-                                                       "GetActorProcessArguments is not implemented");
+    ExpectThrowText<edr::EventException>([&] { untitled->GetCommandLine(); },
+                                         "GetCommandLine not implemented");
+    ExpectThrowText<edr::EventException>([&] { untitled->GetActorProcessArguments(); },
+                                         "GetActorProcessArguments is not implemented");
 }
 
 TEST(AuditEventBuilderTest, ProctitleValuesDecodeToTheirArguments)

@@ -200,25 +200,22 @@ TEST_F(AuditEventProcessorTreeTest, AContainerRuntimeIsAnnouncedBeforeItsEvent)
 TEST_F(AuditEventProcessorTreeTest, ProcessesThatEndedUnseenAreAnnouncedWhenTheTreeIsCleaned)
 {
     test::LogCapture log(common::Logging::Edr(), Poco::Message::PRIO_DEBUG);
+    // Not cleaned within a test's time the process stays unannounced;
+    // cleaned after every event it is announced.
+    for (const bool cleanedAlways : {false, true})
     {
-        // Not cleaned within a test's time: the process stays unannounced.
-        auto rarely = MakeProcessor(EventType::Exit, 11);
+        SCOPED_TRACE(cleanedAlways ? "cleaned after every event" : "rarely cleaned");
+        auto processor =
+            MakeProcessor(EventType::Exit, 11,
+                          cleanedAlways ? std::chrono::seconds(0) : ProcessTreeUpdater::kCleanInterval);
         m_proc.AddProcess(700, 1, "/usr/bin/worker", 10);
-        rarely.ProcessEvent(MakeEvent(EventType::Write, 700, 71));
+        processor.ProcessEvent(MakeEvent(EventType::Write, 700, 71));
         m_proc.RemoveProcess(700);
-        rarely.ProcessEvent(MakeEvent(EventType::Write, 0, 72));
-        EXPECT_TRUE(m_seen.empty());
-        EXPECT_FALSE(log.Contains("FileEventCache size:"));
-    }
-    {
-        // Cleaned after every event.
-        auto always = MakeProcessor(EventType::Exit, 11, std::chrono::seconds(0));
-        m_proc.AddProcess(700, 1, "/usr/bin/worker", 10);
-        always.ProcessEvent(MakeEvent(EventType::Write, 700, 73));
-        m_proc.RemoveProcess(700);
-        always.ProcessEvent(MakeEvent(EventType::Write, 0, 74));
-        EXPECT_EQ(m_seen, (Seen{{EventType::Exit, 700}}));
-        EXPECT_TRUE(log.Contains("FileEventCache size:0 events, ProcessTree size:"));
+        processor.ProcessEvent(MakeEvent(EventType::Write, 0, 72));
+        EXPECT_EQ(m_seen, (cleanedAlways ? Seen{{EventType::Exit, 700}} : Seen{}));
+        EXPECT_EQ(log.Contains(cleanedAlways ? "FileEventCache size:0 events, ProcessTree size:"
+                                             : "FileEventCache size:"),
+                  cleanedAlways);
     }
 }
 

@@ -10,7 +10,9 @@
 
 #include <ctime>
 #include <map>
+#include <optional>
 #include <random>
+#include <tuple>
 
 namespace vantor::audit
 {
@@ -40,17 +42,47 @@ std::string SyscallEvent(unsigned long serial, long long syscall, const std::str
            stamp + "proctitle=746F756368\ntype=EOE msg=" + stamp + "\n";
 }
 
+// The event without the named record and those after it.
+std::string CutAt(std::string event, const std::string& record)
+{
+    event.erase(event.find("type=" + record + " "));
+    return event;
+}
+
+AuparseFeed::Events Feed(AuparseFeed& feed, const std::string& text)
+{
+    return feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+std::vector<std::tuple<unsigned long, std::optional<Class>, std::vector<std::string>>>
+Summary(const std::vector<test::BuiltEvent>& built)
+{
+    std::vector<std::tuple<unsigned long, std::optional<Class>, std::vector<std::string>>> summary;
+    for (const auto& event : built)
+    {
+        summary.emplace_back(event.serial, event.eventClass, event.names);
+    }
+    return summary;
+}
+
 std::vector<test::BuiltEvent> FeedAll(const std::string& text, test::RecordingEventBuilder& builder,
                                       AuparseFeed::Tally* tally = nullptr)
 {
     AuparseFeed feed(builder, tally);
-    auto events = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    auto events = Feed(feed, text);
     auto rest = feed.Flush();
     EXPECT_EQ(events.size() + rest.size(), builder.Built().size()) << "every built event is handed out";
     return builder.Built();
 }
 
-TEST(AuparseFeedTest, SyscallNumbersSelectTheEventClass)
+class AuparseFeedTest : public testing::Test
+{
+protected:
+    test::RecordingEventBuilder builder;
+    AuparseFeed feed{builder};
+};
+
+TEST_F(AuparseFeedTest, SyscallNumbersSelectTheEventClass)
 {
     const std::map<long long, Class> expected = {
         {0, Class::ReadWrite},   {1, Class::ReadWrite},   {2, Class::ReadWrite},   {17, Class::ReadWrite},
@@ -74,7 +106,6 @@ TEST(AuparseFeedTest, SyscallNumbersSelectTheEventClass)
     {
         text += SyscallEvent(static_cast<unsigned long>(number + 1000), number);
     }
-    test::RecordingEventBuilder builder;
     test::LogCapture log(common::Logging::Edr());
     const auto built = FeedAll(text, builder);
 
@@ -90,7 +121,7 @@ TEST(AuparseFeedTest, SyscallNumbersSelectTheEventClass)
     EXPECT_TRUE(log.Contains("Unsupported syscall in event: 317"));
 }
 
-TEST(AuparseFeedTest, AbendEofOnlyOtherTypesAndRejectedEvents)
+TEST_F(AuparseFeedTest, AbendEofOnlyOtherTypesAndRejectedEvents)
 {
     const std::string abend =
         "type=ANOM_ABEND msg=" + Stamp(7) +
@@ -102,7 +133,6 @@ TEST(AuparseFeedTest, AbendEofOnlyOtherTypesAndRejectedEvents)
     const std::string negative = SyscallEvent(10, -1);
     const std::string notANumber = SyscallEvent(11, 0);
 
-    test::RecordingEventBuilder builder;
     builder.RejectSerial(12);
     test::LogCapture log(common::Logging::Edr());
     test::LogCapture events(common::Logging::Events());
@@ -131,7 +161,7 @@ TEST(AuparseFeedTest, AbendEofOnlyOtherTypesAndRejectedEvents)
     EXPECT_EQ(tally.malformedEvents.load(), 1u);
 }
 
-TEST(AuparseFeedTest, RecordsSplitAnywhereStillAssemble)
+TEST_F(AuparseFeedTest, RecordsSplitAnywhereStillAssemble)
 {
     const std::string text = SyscallEvent(1, 85, "\"/tmp/a\"") + SyscallEvent(2, 87, "2F746D702F62") +
                              SyscallEvent(3, 90, "\"/tmp/c d\"");
@@ -140,66 +170,34 @@ TEST(AuparseFeedTest, RecordsSplitAnywhereStillAssemble)
     ASSERT_EQ(expected.size(), 3u);
     ASSERT_EQ(expected[1].names, std::vector<std::string>{"2F746D702F62"});
 
-    const auto sameAs = [&expected](const std::vector<test::BuiltEvent>& built)
-    {
-        if (built.size() != expected.size())
-        {
-            return false;
-        }
-        for (size_t i = 0; i < built.size(); ++i)
-        {
-            if (built[i].serial != expected[i].serial || built[i].eventClass != expected[i].eventClass ||
-                built[i].names != expected[i].names)
-            {
-                return false;
-            }
-        }
-        return true;
-    };
-    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
     for (size_t cut = 0; cut <= text.size(); ++cut)
     {
-        test::RecordingEventBuilder builder;
-        AuparseFeed feed(builder);
-        feed.Feed(bytes, cut);
-        feed.Feed(bytes + cut, text.size() - cut);
-        feed.Flush();
-        ASSERT_TRUE(sameAs(builder.Built())) << "cut at " << cut;
+        test::RecordingEventBuilder split;
+        AuparseFeed splitFeed(split);
+        Feed(splitFeed, text.substr(0, cut));
+        Feed(splitFeed, text.substr(cut));
+        splitFeed.Flush();
+        ASSERT_EQ(Summary(split.Built()), Summary(expected)) << "cut at " << cut;
     }
-    test::RecordingEventBuilder builder;
-    AuparseFeed feed(builder);
-    for (size_t i = 0; i < text.size(); ++i)
+    for (const char c : text)
     {
-        feed.Feed(bytes + i, 1);
+        Feed(feed, std::string(1, c));
     }
     feed.Flush();
-    EXPECT_TRUE(sameAs(builder.Built())) << "byte by byte";
+    EXPECT_EQ(Summary(builder.Built()), Summary(expected)) << "byte by byte";
 }
 
-TEST(AuparseFeedTest, EventsCompleteAtEndOfEventOrAtTheNextEventOrFlush)
+TEST_F(AuparseFeedTest, EventsCompleteAtEndOfEventOrAtTheNextEventOrFlush)
 {
-    {
-        test::RecordingEventBuilder builder;
-        AuparseFeed feed(builder);
-        const std::string text = SyscallEvent(20, 83);
-        const auto now = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
-        ASSERT_EQ(now.size(), 1u) << "complete with its EOE record, not only when more text arrives";
-        EXPECT_EQ(now[0]->GetEventId(), 20u);
-    }
+    const auto now = Feed(feed, SyscallEvent(20, 83));
+    ASSERT_EQ(now.size(), 1u) << "complete with its EOE record, not only when more text arrives";
+    EXPECT_EQ(now[0]->GetEventId(), 20u);
 
     // With the EOE records excluded (the rule engine does) and no PROCTITLE
     // record, an event ends when later records show that it has aged, the
     // last one when the feed is flushed.
-    std::string text;
-    for (const auto& [serial, seconds] : {std::pair{21, 0}, std::pair{22, 10}})
-    {
-        std::string event = SyscallEvent(serial, 83, "/tmp/x", seconds);
-        event.erase(event.find("type=PROCTITLE"));
-        text += event;
-    }
-    test::RecordingEventBuilder builder;
-    AuparseFeed feed(builder);
-    const auto first = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    const auto first = Feed(feed, CutAt(SyscallEvent(21, 83, "/tmp/x", 0), "PROCTITLE") +
+                                      CutAt(SyscallEvent(22, 83, "/tmp/x", 10), "PROCTITLE"));
     ASSERT_EQ(first.size(), 1u);
     EXPECT_EQ(first[0]->GetEventId(), 21u);
     const auto rest = feed.Flush();
@@ -207,7 +205,7 @@ TEST(AuparseFeedTest, EventsCompleteAtEndOfEventOrAtTheNextEventOrFlush)
     EXPECT_EQ(rest[0]->GetEventId(), 22u);
 }
 
-TEST(AuparseFeedTest, ALoneRecordHoldsNothingBack)
+TEST_F(AuparseFeedTest, ALoneRecordHoldsNothingBack)
 {
     // What joining the multicast group while audit is on, or a rule change
     // by a process whose calls are not audited, sends: one record of the
@@ -215,16 +213,11 @@ TEST(AuparseFeedTest, ALoneRecordHoldsNothingBack)
     const std::string lone = "type=EVENT_LISTENER msg=" + Stamp(60) +
                              "pid=7 uid=0 auid=4294967295 tty=(none) ses=4294967295 comm=\"corvid-edr\" "
                              "exe=\"/usr/bin/corvid-edr\" nl-mcgrp=1 op=connect res=1\n";
-    std::string event = SyscallEvent(61, 83);
-    event.erase(event.find("type=EOE"));
     // A call that logs a record while it runs, before its SYSCALL record.
-    std::string logging = "type=CONFIG_CHANGE msg=" + Stamp(62) +
-                          "auid=0 ses=1 op=add_rule key=\"k\" res=1\n" + SyscallEvent(62, 85);
-    logging.erase(logging.find("type=EOE"));
-    test::RecordingEventBuilder builder;
-    AuparseFeed feed(builder);
-    const auto text = lone + event + logging;
-    const auto now = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    const std::string logging = "type=CONFIG_CHANGE msg=" + Stamp(62) +
+                                "auid=0 ses=1 op=add_rule key=\"k\" res=1\n" +
+                                CutAt(SyscallEvent(62, 85), "EOE");
+    const auto now = Feed(feed, lone + CutAt(SyscallEvent(61, 83), "EOE") + logging);
     ASSERT_EQ(now.size(), 2u) << "at once, not when a much newer record comes";
     EXPECT_EQ(now[0]->GetEventId(), 61u);
     EXPECT_EQ(now[1]->GetEventId(), 62u);
@@ -234,18 +227,12 @@ TEST(AuparseFeedTest, ALoneRecordHoldsNothingBack)
     EXPECT_TRUE(feed.Flush().empty());
 }
 
-TEST(AuparseFeedTest, AnEventWithoutItsEndHoldsNothingBackAndIsAged)
+TEST_F(AuparseFeedTest, AnEventWithoutItsEndHoldsNothingBackAndIsAged)
 {
     // The kernel cut the event short (no PROCTITLE, no EOE); the next one
     // is complete and goes on at once.
-    std::string cut = SyscallEvent(63, 83);
-    cut.erase(cut.find("type=PROCTITLE"));
-    std::string next = SyscallEvent(64, 83);
-    next.erase(next.find("type=EOE"));
-    test::RecordingEventBuilder builder;
-    AuparseFeed feed(builder);
-    const auto text = cut + next;
-    const auto now = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    const auto now =
+        Feed(feed, CutAt(SyscallEvent(63, 83), "PROCTITLE") + CutAt(SyscallEvent(64, 83), "EOE"));
     ASSERT_EQ(now.size(), 1u);
     EXPECT_EQ(now[0]->GetEventId(), 64u);
     // The records are from 2023: long past the age at which libauparse
@@ -258,20 +245,14 @@ TEST(AuparseFeedTest, AnEventWithoutItsEndHoldsNothingBackAndIsAged)
     // Records of now are not aged before their time.
     test::RecordingEventBuilder fresh;
     AuparseFeed recent(fresh);
-    std::string current = SyscallEvent(70, 83, "/tmp/x", static_cast<int>(std::time(nullptr) - 1700000000));
-    current.erase(current.find("type=PROCTITLE"));
-    recent.Feed(reinterpret_cast<const uint8_t*>(current.data()), current.size());
+    Feed(recent, CutAt(SyscallEvent(70, 83, "/tmp/x", static_cast<int>(std::time(nullptr) - 1700000000)),
+                       "PROCTITLE"));
     EXPECT_TRUE(recent.Age().empty());
     EXPECT_EQ(recent.Flush().size(), 1u);
 }
 
-TEST(AuparseFeedTest, HostileInputNeverCrashesAndParsingRecovers)
+TEST_F(AuparseFeedTest, HostileInputNeverCrashesAndParsingRecovers)
 {
-    test::RecordingEventBuilder builder;
-    AuparseFeed feed(builder);
-    const auto feedText = [&feed](const std::string& text)
-    { return feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size()); };
-
     const std::string event = SyscallEvent(50, 85);
     std::vector<std::string> hostile = {
         event.substr(0, event.size() / 2) + "\n", // truncated record
@@ -296,9 +277,9 @@ TEST(AuparseFeedTest, HostileInputNeverCrashesAndParsingRecovers)
     }
     for (const auto& text : hostile)
     {
-        feedText(text);
+        Feed(feed, text);
     }
-    feedText("\n");
+    Feed(feed, "\n");
     feed.Flush();
 
     // A line with no end is cut off at the bound instead of growing.
@@ -306,13 +287,13 @@ TEST(AuparseFeedTest, HostileInputNeverCrashesAndParsingRecovers)
     const std::string longLine(AuparseFeed::kMaxLineLength / 4, 'x');
     for (int i = 0; i < 8; ++i)
     {
-        feedText(longLine);
+        Feed(feed, longLine);
     }
     EXPECT_EQ(log.Count("Dropping an audit text line longer than"), 1u);
     EXPECT_EQ(feed.GetTally().overlongLines.load(), 1u);
 
     builder.Clear();
-    feedText("\n" + SyscallEvent(60, 84));
+    Feed(feed, "\n" + SyscallEvent(60, 84));
     feed.Flush();
     ASSERT_EQ(builder.Built().size(), 1u) << "parsing recovers after the junk";
     EXPECT_EQ(builder.Built()[0].serial, 60u);

@@ -53,44 +53,60 @@ std::unique_ptr<edr::Event> Event(uint64_t timestamp, uint32_t serial)
     return event;
 }
 
-std::vector<std::pair<uint64_t, uint32_t>> Order(const Events& events)
+// Count events of one timestamp, serials counting up from first.
+Events Batch(uint64_t timestamp, uint32_t first, uint32_t count = 1)
 {
-    std::vector<std::pair<uint64_t, uint32_t>> order;
-    for (const auto& event : events)
+    Events events;
+    for (uint32_t i = 0; i < count; ++i)
     {
-        order.emplace_back(event->GetTimestamp(), event->GetEventId());
+        events.push_back(Event(timestamp, first + i));
     }
-    return order;
+    return events;
+}
+
+// Polls every 5 ms for up to five seconds.
+bool WaitFor(const std::function<bool()>& done)
+{
+    for (int i = 0; i < 1000 && !done(); ++i)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return done();
 }
 
 TEST(EventProcessingThreadSortTest, BatchIsOrderedByTimestampThenSerialAcrossTheWrap)
 {
-    Events batch;
-    batch.push_back(Event(2000, 7));
-    batch.push_back(Event(1000, 5));
-    batch.push_back(Event(1000, 4294967295U));
-    batch.push_back(Event(1000, 4294967290U));
-    batch.push_back(Event(500, 9));
-    batch.push_back(Event(2000, 3));
-    EventProcessingThread::SortBatch(batch);
-    EXPECT_EQ(Order(batch),
-              (std::vector<std::pair<uint64_t, uint32_t>>{
-                  {500, 9}, {1000, 4294967290U}, {1000, 4294967295U}, {1000, 5}, {2000, 3}, {2000, 7}}));
-
-    // Without serials near both ends there is no wrap: plain order.
-    Events plain;
-    plain.push_back(Event(1000, 300000));
-    plain.push_back(Event(1000, 10));
-    EventProcessingThread::SortBatch(plain);
-    EXPECT_EQ(Order(plain), (std::vector<std::pair<uint64_t, uint32_t>>{{1000, 10}, {1000, 300000}}));
-
-    // A pseudo event (serial 0) stays after the event it followed.
-    Events pseudo;
-    pseudo.push_back(Event(1000, 12));
-    pseudo.push_back(Event(1000, 0));
-    pseudo.push_back(Event(1000, 11));
-    EventProcessingThread::SortBatch(pseudo);
-    EXPECT_EQ(Order(pseudo), (std::vector<std::pair<uint64_t, uint32_t>>{{1000, 11}, {1000, 12}, {1000, 0}}));
+    using Order = std::vector<std::pair<uint64_t, uint32_t>>;
+    const struct
+    {
+        const char* name;
+        Order input;
+        Order expected;
+    } cases[] = {
+        {"across the wrap",
+         {{2000, 7}, {1000, 5}, {1000, 4294967295U}, {1000, 4294967290U}, {500, 9}, {2000, 3}},
+         {{500, 9}, {1000, 4294967290U}, {1000, 4294967295U}, {1000, 5}, {2000, 3}, {2000, 7}}},
+        // Without serials near both ends there is no wrap.
+        {"plain", {{1000, 300000}, {1000, 10}}, {{1000, 10}, {1000, 300000}}},
+        {"a pseudo event (serial 0) stays after the event it followed",
+         {{1000, 12}, {1000, 0}, {1000, 11}},
+         {{1000, 11}, {1000, 12}, {1000, 0}}},
+    };
+    for (const auto& c : cases)
+    {
+        Events batch;
+        for (const auto& [timestamp, serial] : c.input)
+        {
+            batch.push_back(Event(timestamp, serial));
+        }
+        EventProcessingThread::SortBatch(batch);
+        Order order;
+        for (const auto& event : batch)
+        {
+            order.emplace_back(event->GetTimestamp(), event->GetEventId());
+        }
+        EXPECT_EQ(order, c.expected) << c.name;
+    }
 }
 
 TEST(EventProcessingThreadTest, QueueSizeFollowsTheMemoryBudget)
@@ -136,36 +152,19 @@ TEST_F(EventProcessingThreadFlowTest, AFullQueueBlocksTheProducerAndLosesNothing
     EventProcessingThread thread(m_processor.Get(), 100, {});
     thread.SetQueueSize(0); // 10,000 events
     thread.Start();
-    Events first;
-    first.push_back(Event(1, 1));
-    thread.Enqueue(std::move(first));
+    thread.Enqueue(Batch(1, 1));
     ASSERT_EQ(firstTaken.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
 
-    Events fill;
-    for (uint32_t i = 0; i < 10000; ++i)
-    {
-        fill.push_back(Event(2, 2 + i));
-    }
-    thread.Enqueue(std::move(fill)); // fills the buffer, does not block yet
+    thread.Enqueue(Batch(2, 2, 10000)); // fills the buffer, does not block yet
 
-    auto producer = std::async(std::launch::async,
-                               [&]
-                               {
-                                   Events more;
-                                   more.push_back(Event(3, 20000));
-                                   more.push_back(Event(3, 20001));
-                                   thread.Enqueue(std::move(more));
-                               });
+    auto producer = std::async(std::launch::async, [&] { thread.Enqueue(Batch(3, 20000, 2)); });
     EXPECT_EQ(producer.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
     EXPECT_EQ(m_log.Count("Processing queue threshold hit. Stopped adding events to que"), 1U);
     EXPECT_FALSE(m_log.Contains("Enabling the processing queue"));
 
     release.set_value();
     ASSERT_EQ(producer.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    for (int i = 0; i < 500 && handled.load() < 10003; ++i)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    WaitFor([&] { return handled.load() >= 10003; });
     thread.Stop();
     EXPECT_EQ(handled.load(), 10003U);
     EXPECT_EQ(m_log.Count("Processing queue threshold hit. Stopped adding events to que"), 1U);
@@ -182,31 +181,12 @@ TEST_F(EventProcessingThreadFlowTest, StopLeavesTheRestOfABatchAndReleasesABlock
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         });
     EventProcessingThread thread(m_processor.Get(), 100, {});
-    thread.SetQueueSize(0); // 10,000 events
-    Events batch;
-    for (uint32_t i = 0; i < 5000; ++i)
-    {
-        batch.push_back(Event(1, 1 + i));
-    }
-    thread.Enqueue(std::move(batch)); // one batch of about five seconds
+    thread.SetQueueSize(0);            // 10,000 events
+    thread.Enqueue(Batch(1, 1, 5000)); // one batch of about five seconds
     thread.Start();
-    for (int i = 0; i < 500 && handled.load() == 0; ++i)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    Events fill;
-    for (uint32_t i = 0; i < 10000; ++i)
-    {
-        fill.push_back(Event(2, 10000 + i));
-    }
-    thread.Enqueue(std::move(fill));
-    auto producer = std::async(std::launch::async,
-                               [&]
-                               {
-                                   Events more;
-                                   more.push_back(Event(3, 30000));
-                                   thread.Enqueue(std::move(more));
-                               });
+    WaitFor([&] { return handled.load() > 0; });
+    thread.Enqueue(Batch(2, 10000, 10000));
+    auto producer = std::async(std::launch::async, [&] { thread.Enqueue(Batch(3, 30000)); });
     EXPECT_EQ(producer.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
 
     const auto started = std::chrono::steady_clock::now();
@@ -252,14 +232,6 @@ TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfte
         std::lock_guard lock(mutex);
         return destroyers[serial];
     };
-    const auto waitFor = [](const std::function<bool()>& done)
-    {
-        for (int i = 0; i < 400 && !done(); ++i)
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return done();
-    };
     std::atomic<size_t> handled{0};
     std::thread::id worker;
     Register(
@@ -276,7 +248,7 @@ TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfte
                {
                    producer = std::this_thread::get_id();
                    thread.Enqueue(batch({1, 2}));
-                   ASSERT_TRUE(waitFor([&] { return handled == 2; }));
+                   ASSERT_TRUE(WaitFor([&] { return handled == 2; }));
                    // Well within the worker's wait for a producer.
                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
                    EXPECT_EQ(destroyer(1), std::thread::id()) << "kept until the producer comes back";
@@ -286,12 +258,12 @@ TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfte
     EXPECT_EQ(destroyer(1), producer);
     EXPECT_EQ(destroyer(2), producer);
     // No producer comes back: the worker destroys the last batch itself.
-    ASSERT_TRUE(waitFor([&] { return destroyer(3) != std::thread::id(); }));
+    ASSERT_TRUE(WaitFor([&] { return destroyer(3) != std::thread::id(); }));
     EXPECT_EQ(destroyer(3), worker);
 
     // Stop destroys what waits for a producer.
     thread.Enqueue(batch({4}));
-    ASSERT_TRUE(waitFor([&] { return handled == 4; }));
+    ASSERT_TRUE(WaitFor([&] { return handled == 4; }));
     thread.Stop();
     EXPECT_EQ(destroyer(4), std::this_thread::get_id());
 }
@@ -309,17 +281,12 @@ TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
                                      return busy.load() ? 80.0F : 10.0F;
                                  });
     thread.Start();
-    Events batch;
-    batch.push_back(Event(1, 1));
-    thread.Enqueue(std::move(batch));
+    thread.Enqueue(Batch(1, 1));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(handled.load(), 0);
     EXPECT_GE(samples.load(), 3) << "usage is measured again every 10 ms";
     busy = false;
-    for (int i = 0; i < 200 && handled.load() == 0; ++i)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    WaitFor([&] { return handled.load() > 0; });
     EXPECT_EQ(handled.load(), 1);
     CaptureCounters counters;
     thread.AddCounters(counters);
@@ -328,9 +295,7 @@ TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
 
     // Stop is not held up by a pause.
     busy = true;
-    Events stuck;
-    stuck.push_back(Event(2, 2));
-    thread.Enqueue(std::move(stuck));
+    thread.Enqueue(Batch(2, 2));
     const auto before = std::chrono::steady_clock::now();
     thread.Stop();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));

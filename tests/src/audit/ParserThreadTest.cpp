@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <optional>
 #include <thread>
 
 namespace vantor::audit
@@ -110,27 +111,38 @@ private:
 };
 
 template <typename Predicate>
-bool Eventually(Predicate predicate, std::chrono::milliseconds timeout = 5000ms)
+bool Eventually(Predicate predicate)
 {
-    const auto deadline = Clock::now() + timeout;
-    while (!predicate())
+    for (const auto deadline = Clock::now() + 5000ms; !predicate() && Clock::now() < deadline;)
     {
-        if (Clock::now() > deadline)
-        {
-            return false;
-        }
         std::this_thread::sleep_for(1ms);
     }
-    return true;
+    return predicate();
 }
 
-TEST(ParserThreadTest, QueueSizeFollowsTheMemoryBudget)
+// A parser thread whose CPU usage the test sets, or that measures none.
+class ParserThreadTest : public testing::Test
 {
+protected:
+    ParserThread& Make(bool measured, uint64_t threshold = 50)
+    {
+        return m_parser.emplace(
+            builder, sink.Callback(),
+            measured ? ParserThread::CpuUsageSource([this] { return usage.load(); }) : nullptr, threshold);
+    }
+
     test::RecordingEventBuilder builder;
-    ParserThread parser(builder, nullptr, nullptr, 100);
+    Sink sink;
+    std::atomic<double> usage{80.0};
+    test::LogCapture log{common::Logging::Edr()};
+    std::optional<ParserThread> m_parser;
+};
+
+TEST_F(ParserThreadTest, QueueSizeFollowsTheMemoryBudget)
+{
+    ParserThread& parser = Make(false, 100);
     EXPECT_EQ(parser.MaxQueueBytes(), 1073741824u);
 
-    test::LogCapture log(common::Logging::Edr());
     const std::vector<std::pair<uint64_t, uint64_t>> cases = {{0, 104857600},
                                                               {20479999, 104857600},
                                                               {20480000, 104857600},
@@ -149,14 +161,12 @@ TEST(ParserThreadTest, QueueSizeFollowsTheMemoryBudget)
 }
 
 // A parser thread that takes one buffer per permit of the gate.
-class GatedParserTest : public testing::Test
+class GatedParserTest : public ParserThreadTest
 {
 protected:
     // Whatever fails, the thread must not stay at the gate.
     ~GatedParserTest() override { gate.Open(); }
 
-    test::RecordingEventBuilder builder;
-    Sink sink;
     Gate gate;
     ParserThread parser{builder, sink.Callback(), [this] { return gate.Pass(); }, 50};
 };
@@ -193,7 +203,6 @@ TEST_F(GatedParserTest, BurstDisablesQueueingUntilDrainedBelowHalf)
     constexpr uint64_t cost = 1024 * 1024;
     const auto bigBuffer = [] { return std::vector<uint8_t>(cost, '\n'); };
 
-    test::LogCapture log(common::Logging::Edr());
     parser.Enqueue(bigBuffer());
     // The thread has taken the first buffer and waits at the gate.
     ASSERT_TRUE(Eventually([&] { return parser.QueuedBytes() == 0; }));
@@ -238,14 +247,9 @@ TEST_F(GatedParserTest, BurstDisablesQueueingUntilDrainedBelowHalf)
     parser.Stop();
 }
 
-TEST(ParserThreadTest, HighCpuPausesOncePerSecondAndStopWakesAtOnce)
+TEST_F(ParserThreadTest, HighCpuPausesOncePerSecondAndStopWakesAtOnce)
 {
-    test::RecordingEventBuilder builder;
-    Sink sink;
-    std::atomic<double> usage{80.0};
-    ParserThread parser(
-        builder, sink.Callback(), [&usage] { return usage.load(); }, 50);
-    test::LogCapture log(common::Logging::Edr());
+    ParserThread& parser = Make(true);
     const std::string pauseLine =
         "Audit parser thread: Pausing thread as cpu usage (80) is higher than configured threshold (50)";
     parser.Start();
@@ -284,13 +288,9 @@ TEST(ParserThreadTest, HighCpuPausesOncePerSecondAndStopWakesAtOnce)
     EXPECT_TRUE(log.Contains("Stopping Audit Parser Thread"));
 }
 
-TEST(ParserThreadTest, QueuedTextIsHandedOnInOneBatchButNotHeldThroughAPause)
+TEST_F(ParserThreadTest, QueuedTextIsHandedOnInOneBatchButNotHeldThroughAPause)
 {
-    test::RecordingEventBuilder builder;
-    Sink sink;
-    std::atomic<double> usage{80.0};
-    ParserThread parser(
-        builder, sink.Callback(), [&usage] { return usage.load(); }, 50);
+    ParserThread& parser = Make(true);
     for (unsigned long serial = 1; serial <= 5; ++serial)
     {
         parser.Enqueue(CompleteEvent(serial));
@@ -307,12 +307,9 @@ TEST(ParserThreadTest, QueuedTextIsHandedOnInOneBatchButNotHeldThroughAPause)
     parser.Stop();
 }
 
-TEST(ParserThreadTest, StartsOnceAndHandsOnHeldEventsAtStop)
+TEST_F(ParserThreadTest, StartsOnceAndHandsOnHeldEventsAtStop)
 {
-    test::RecordingEventBuilder builder;
-    Sink sink;
-    ParserThread parser(builder, sink.Callback(), nullptr, 50);
-    test::LogCapture log(common::Logging::Edr());
+    ParserThread& parser = Make(false);
     parser.Start();
     parser.Start();
     EXPECT_EQ(log.Count("Started Audit Parser Thread"), 1u);
@@ -331,11 +328,9 @@ TEST(ParserThreadTest, StartsOnceAndHandsOnHeldEventsAtStop)
     EXPECT_FALSE(parser.IsRunning());
 }
 
-TEST(ParserThreadTest, AQuietStreamHandsOnEventsHeldBackByAnUnfinishedOne)
+TEST_F(ParserThreadTest, AQuietStreamHandsOnEventsHeldBackByAnUnfinishedOne)
 {
-    test::RecordingEventBuilder builder;
-    Sink sink;
-    ParserThread parser(builder, sink.Callback(), nullptr, 100);
+    ParserThread& parser = Make(false, 100);
     parser.Start();
     // An event that never gets its end (a SYSCALL record alone), which
     // would be held until a much newer record came, and a complete event

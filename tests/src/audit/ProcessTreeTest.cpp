@@ -311,20 +311,9 @@ TEST_F(ProcessTreeTest, SweepsRemoveAnExitedEntryAtTheSecondSweepAndKeepParentsO
 
 TEST_F(ProcessTreeTest, ProcessInfoComesOnlyFromExecOrClone)
 {
-    const auto write = MakeEvent(EventType::Write, 1);
-    EXPECT_THROW(
-        {
-            try
-            {
-                ProcessInfo(*write, {});
-            }
-            catch (const std::runtime_error& e)
-            {
-                EXPECT_STREQ(e.what(), "ProcessInfo can only be created from a Process Exec or Clone event");
-                throw;
-            }
-        },
-        std::runtime_error);
+    EXPECT_THAT([&] { ProcessInfo info(*MakeEvent(EventType::Write, 1), {}); },
+                testing::ThrowsMessage<std::runtime_error>(
+                    testing::StrEq("ProcessInfo can only be created from a Process Exec or Clone event")));
     // A clone that does not say which process it made.
     EXPECT_THAT([&] { ProcessInfo info(*MakeEvent(EventType::Clone, 12), {}); },
                 testing::ThrowsMessage<std::runtime_error>(
