@@ -17,7 +17,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <thread>
 
 using namespace vantor;
 using namespace std::chrono_literals;
@@ -68,7 +67,7 @@ protected:
 
 } // namespace
 
-TEST(FimConfigTest, ReadsTheTenKeysAndWritesThemBack)
+TEST(FimConfigTest, ReadsItsKeysWithDefaultsAndWritesThemBack)
 {
     fim::Config config(
         Json(R"({"event_file_name":"e","event_file_path":"/p","max_disk_size_mb":5,)"
@@ -96,21 +95,29 @@ TEST(FimConfigTest, ReadsTheTenKeysAndWritesThemBack)
     EXPECT_THAT([&] { config.Update(Json("3")); }, testing::ThrowsMessage<std::invalid_argument>(
                                                        testing::StrEq("Fim::Config::Update: Invalid json")));
     EXPECT_EQ(config.ServiceUrl(), "u");
+
+    // The settle time and the baseline rate are optional.
+    EXPECT_EQ(config.ContentSettleTimeMs(), 1000u);
+    EXPECT_EQ(config.BaselineFilesPerSec(), 0u);
+    config.Update(Json(R"({"content_settle_time_ms":0,"baseline_files_per_sec":50})"));
+    EXPECT_EQ(config.ContentSettleTimeMs(), 0u);
+    EXPECT_EQ(config.BaselineFilesPerSec(), 50u);
+    config.Update(Json(R"({"content_settle_time_ms":-1})"));
+    EXPECT_EQ(config.ContentSettleTimeMs(), 1000u);
 }
 
 TEST_F(FimComponentTest, RefusesMissingParts)
 {
-    auto config = std::make_unique<fim::Config>(Json(ConfigText("m.json")));
-    EXPECT_THAT(
-        [&] { fim::Component(nullptr, m_uploader, m_scheduler, m_engine, m_dir.Path()); },
-        testing::ThrowsMessage<std::runtime_error>(testing::StrEq("FimComponent: 'config' cannot be null")));
-    EXPECT_THAT([&] { fim::Component(std::move(config), nullptr, m_scheduler, m_engine, m_dir.Path()); },
-                testing::ThrowsMessage<std::runtime_error>(
-                    testing::StrEq("FimComponent: 'uploader' cannot be null")));
-    config = std::make_unique<fim::Config>(Json(ConfigText("m.json")));
-    EXPECT_THAT([&] { fim::Component(std::move(config), m_uploader, m_scheduler, nullptr, m_dir.Path()); },
-                testing::ThrowsMessage<std::runtime_error>(
-                    testing::StrEq("FimComponent: 'ruleEngine' cannot be null")));
+    const auto config = [&] { return std::make_unique<fim::Config>(Json(ConfigText("m.json"))); };
+    const std::vector<std::pair<std::function<void()>, std::string>> cases{
+        {[&] { fim::Component(nullptr, m_uploader, m_scheduler, m_engine, m_dir.Path()); }, "config"},
+        {[&] { fim::Component(config(), nullptr, m_scheduler, m_engine, m_dir.Path()); }, "uploader"},
+        {[&] { fim::Component(config(), m_uploader, m_scheduler, nullptr, m_dir.Path()); }, "ruleEngine"}};
+    for (const auto& [make, part] : cases)
+    {
+        EXPECT_THAT(make, testing::ThrowsMessage<std::runtime_error>(
+                              testing::StrEq("FimComponent: '" + part + "' cannot be null")));
+    }
 }
 
 TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
@@ -146,11 +153,7 @@ TEST_F(FimComponentTest, LifecycleFromBadManifestToEnabledToDestroyed)
     // Events routed to the tag land in the spool.
     fim::test::TestEvent event(edr::EventType::Create, m_dir.File("w/new"));
     m_engine->Deliver("FIM", event);
-    for (int i = 0; i < 200 && component->GetSpool().CacheSize() == 0; ++i)
-    {
-        std::this_thread::sleep_for(10ms);
-    }
-    EXPECT_GT(component->GetSpool().CacheSize(), 0u);
+    EXPECT_TRUE(test::Eventually([&] { return component->GetSpool().CacheSize() > 0; }, 2s));
 
     component->Disable();
     EXPECT_FALSE(component->IsEnabled());
@@ -248,16 +251,4 @@ TEST_F(FimComponentTest, BaselineRunsForTheRulesEachManifestAddsAndLeavesOurOwnF
     {
         EXPECT_FALSE(stored("fim/" + entry.path().filename().string())) << entry.path();
     }
-}
-
-TEST(FimConfigTest, SettleTimeAndBaselineRateAreOptional)
-{
-    fim::Config config(Json(R"({"event_file_name":"e"})"));
-    EXPECT_EQ(config.ContentSettleTimeMs(), 1000u);
-    EXPECT_EQ(config.BaselineFilesPerSec(), 0u);
-    config.Update(Json(R"({"content_settle_time_ms":0,"baseline_files_per_sec":50})"));
-    EXPECT_EQ(config.ContentSettleTimeMs(), 0u);
-    EXPECT_EQ(config.BaselineFilesPerSec(), 50u);
-    config.Update(Json(R"({"content_settle_time_ms":-1})"));
-    EXPECT_EQ(config.ContentSettleTimeMs(), 1000u);
 }

@@ -7,6 +7,7 @@
 
 #include "common/util/Json.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -110,7 +111,7 @@ TEST(FimEventDocumentTest, ActionWordFollowsTheRulesForAttributes)
     EXPECT_EQ(EventDocument::ActionWord(EventType::Exit, {&metadata}), "Unknown");
 }
 
-TEST(FimEventDocumentTest, UnreadableFieldsAndFilesAreUnknown)
+TEST(FimEventDocumentTest, UnreadableFieldsAndFilesAreUnknownButAMissingIdDropsTheDocument)
 {
     class Partial : public TestEvent
     {
@@ -142,18 +143,16 @@ TEST(FimEventDocumentTest, UnreadableFieldsAndFilesAreUnknown)
     const auto written =
         Parse(EventDocument::Build(gone, MakeInput(gone.file, false, {&write}, false, "write")));
     EXPECT_STREQ(written["operation"]["new"]["size"].GetString(), "Unknown");
-}
 
-TEST(FimEventDocumentTest, MandatoryFieldFailureDropsTheDocument)
-{
+    // Without its mandatory id the document is dropped.
     class NoId : public TestEvent
     {
     public:
         using TestEvent::TestEvent;
         uint32_t GetEventId() const override { throw std::runtime_error("no id"); }
-    } event(EventType::Create, "/x");
-    const auto rule = Rule(R"("create")");
-    EXPECT_THROW(EventDocument::Build(event, MakeInput("/x", false, {&rule}, false, "create")),
+    } noId(EventType::Create, "/x");
+    const auto create = Rule(R"("create")");
+    EXPECT_THROW(EventDocument::Build(noId, MakeInput("/x", false, {&create}, false, "create")),
                  std::runtime_error);
 }
 
@@ -191,15 +190,9 @@ TEST(FimEventDocumentTest, TheKeptPartOfAnEventWritesTheSameDocument)
     } noTime(EventType::Create, "/x");
     const DocumentEvent kept(noTime);
     EXPECT_EQ(kept.GetEventId(), 77u);
-    try
-    {
-        EventDocument::Build(kept, input);
-        ADD_FAILURE() << "a document without time";
-    }
-    catch (const std::exception& e)
-    {
-        EXPECT_STREQ(e.what(), "no time");
-    }
+    EXPECT_THAT([&] { EventDocument::Build(kept, input); },
+                testing::ThrowsMessage<std::exception>(testing::StrEq("no time")))
+        << "a document without time";
 }
 
 TEST(FimEventDocumentTest, GivenContentIsUsedAndDirectoriesAreNotRead)

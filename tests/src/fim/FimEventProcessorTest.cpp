@@ -27,9 +27,7 @@ std::vector<std::string> MemberNames(const rapidjson::Value& object)
     return names;
 }
 
-class FimEventProcessorTest : public vantor::fim::test::ProcessorFixture
-{
-};
+using FimEventProcessorTest = vantor::fim::test::ProcessorFixture;
 
 } // namespace
 

@@ -6,6 +6,7 @@
 
 #include "common/Logging.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
@@ -139,15 +140,8 @@ TEST(FimEventRuleManagerTest, EnvelopeErrors)
 {
     auto expect = [](const std::string& text, const std::string& message)
     {
-        try
-        {
-            Parse(text);
-            ADD_FAILURE() << "accepted: " << text;
-        }
-        catch (const ManifestException& e)
-        {
-            EXPECT_EQ(std::string(e.what()), message);
-        }
+        EXPECT_THAT([&] { Parse(text); }, testing::ThrowsMessage<ManifestException>(testing::StrEq(message)))
+            << text;
     };
     expect(R"({"x":1})", "Missing mandatory element: data");
     expect(R"({"data":{}})", "Missing mandatory element: fim");

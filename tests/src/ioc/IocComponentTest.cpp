@@ -171,19 +171,16 @@ protected:
 
 TEST_F(IocComponentTest, RefusesMissingParts)
 {
-    EXPECT_THAT(
-        [&] {
-            ioc::Component(kBootTime, nullptr, nullptr, m_scheduler, m_uploader, m_engine, 30, 10, {},
-                           m_dir.Path());
-        },
-        ThrowsMessage<std::runtime_error>(StrEq("ioc::Component: 'config' cannot be null")));
-    EXPECT_THAT(
-        [&]
-        {
-            ioc::Component(kBootTime, std::make_unique<ioc::Ioc::Config>(ConfigText({m_manifest})), nullptr,
-                           m_scheduler, nullptr, m_engine, 30, 10, {}, m_dir.Path());
-        },
-        ThrowsMessage<std::runtime_error>(StrEq("ioc::Component: 'uploader' cannot be null")));
+    const auto make =
+        [&](std::unique_ptr<ioc::Ioc::Config> config, std::shared_ptr<common::HttpUploader> uploader)
+    {
+        ioc::Component(kBootTime, std::move(config), nullptr, m_scheduler, uploader, m_engine, 30, 10, {},
+                       m_dir.Path());
+    };
+    EXPECT_THAT([&] { make(nullptr, m_uploader); },
+                ThrowsMessage<std::runtime_error>(StrEq("ioc::Component: 'config' cannot be null")));
+    EXPECT_THAT([&] { make(std::make_unique<ioc::Ioc::Config>(ConfigText({m_manifest})), nullptr); },
+                ThrowsMessage<std::runtime_error>(StrEq("ioc::Component: 'uploader' cannot be null")));
     EXPECT_FALSE(m_engine.HasEventHandlers(ioc::Component::kTag));
     EXPECT_TRUE(m_engine.TakeCalls().empty());
 }
@@ -262,21 +259,19 @@ TEST_F(IocComponentTest, TheRulesOfTheManifestsGoToTheEngineUnderTheTagAndTheirE
     web.image = "/usr/bin/curl";
     m_engine.DispatchEvent({"IOC"}, web);
     // Events run on the processing thread, not the handler's.
-    EXPECT_TRUE(test::Eventually([&] { return log.Contains("WhitelistGlobal exclusion filter matched"); },
-                                 std::chrono::seconds(5)));
+    EXPECT_TRUE(
+        test::Eventually([&] { return log.Contains("WhitelistGlobal exclusion filter matched"); }, 5s));
     EXPECT_EQ(component->GetReportedCount(), 0u);
 
     auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
     start.pid = 4321;
     start.id = 17;
     m_engine.DispatchEvent({"IOC"}, start);
-    EXPECT_TRUE(
-        test::Eventually([&] { return component->GetReportedCount() == 1u; }, std::chrono::seconds(5)));
+    EXPECT_TRUE(test::Eventually([&] { return component->GetReportedCount() == 1u; }, 5s));
     EXPECT_TRUE(log.Contains("Ioc::Component: Reported Test event 17 of process 4321 (/usr/bin/curl)"));
     web.id = 18;
     m_engine.DispatchEvent({"IOC"}, web);
-    EXPECT_TRUE(
-        test::Eventually([&] { return component->GetReportedCount() == 2u; }, std::chrono::seconds(5)));
+    EXPECT_TRUE(test::Eventually([&] { return component->GetReportedCount() == 2u; }, 5s));
 
     // The kernel lost the rules: they are submitted again.
     m_engine.InvalidateEventHandlers();
@@ -390,8 +385,7 @@ TEST_F(IocComponentTest, TheProcessTreeIsSavedAtShutdownAndLoadedAtTheNextStart)
         start.pid = getpid();
         start.ppid = getppid();
         m_engine.DispatchEvent({"IOC"}, start);
-        ASSERT_TRUE(test::Eventually([&] { return component->GetProcessTree().Contains(getpid()); },
-                                     std::chrono::seconds(5)));
+        ASSERT_TRUE(test::Eventually([&] { return component->GetProcessTree().Contains(getpid()); }, 5s));
         ASSERT_TRUE(component->GetProcessTree().AddTag(getpid(), "Execution", 10));
 
         // An exit of a process the tree does not know changes nothing.
@@ -429,8 +423,7 @@ TEST_F(IocComponentTest, AnUpdateGivesTheEnginesTheHeuristicsSwitchOfTheManifest
     m_engine.DispatchEvent({"IOC"}, start);
     // The start of an executable is itself reported; it must be counted
     // before the baselines are read.
-    ASSERT_TRUE(
-        test::Eventually([&] { return component->GetReportedCount() == 1; }, std::chrono::seconds(5)));
+    ASSERT_TRUE(test::Eventually([&] { return component->GetReportedCount() == 1; }, 5s));
     auto web = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", 443);
     web.pid = 4321;
     web.image = "/usr/bin/curl";
@@ -445,9 +438,8 @@ TEST_F(IocComponentTest, AnUpdateGivesTheEnginesTheHeuristicsSwitchOfTheManifest
             m_engine.DispatchEvent({"IOC"}, web);
         }
         const bool on = enabled == std::string("true");
-        EXPECT_TRUE(test::Eventually([&]
-                                     { return component->GetReportedCount() - before == (on ? 10u : 11u); },
-                                     std::chrono::seconds(5)));
+        EXPECT_TRUE(
+            test::Eventually([&] { return component->GetReportedCount() - before == (on ? 10u : 11u); }, 5s));
         EXPECT_EQ(on, log.Contains("based on heuristics"));
     }
 }

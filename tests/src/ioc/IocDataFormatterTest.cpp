@@ -47,16 +47,6 @@ protected:
         m_spool = std::make_unique<common::SpoolStorage>(m_scheduler, m_dir.File("spool"), "ioc",
                                                          std::make_unique<common::SpoolRawDataFormatter>(),
                                                          common::SpoolStorage::Settings{}, 100);
-        Open();
-        EXPECT_TRUE(ClientInformation::Write(*m_snapshot, "BootTime", std::to_string(kBootTime)).success);
-    }
-
-    // Opens the snapshot database (again) and a formatter over it.
-    void Open()
-    {
-        m_formatter.reset();
-        m_sequence.reset();
-        m_snapshot.reset();
         m_snapshot = std::make_unique<common::SqlStorage>(
             m_dir.File("edr"), "SnapshotEdr.db", std::make_unique<SnapshotSqlDataFormatter>(), false);
         m_sequence = std::make_unique<SequenceNumber>(*m_snapshot);
@@ -67,15 +57,7 @@ protected:
         m_formatter = std::make_unique<DataFormatter>(
             identity,
             DataFormatter::Services{*m_snapshot, *m_sequence, *m_spool, m_config, m_rules, nullptr});
-    }
-
-    void LoadManifest(const std::string& globalSettings)
-    {
-        const std::string path =
-            m_dir.Write("manifest.json", R"({"policyVersion": "2.0.0", "policyId": "policy-7",
-            "productId": "q", "globalSettings": )" +
-                                             globalSettings + R"(, "rules": []})");
-        ASSERT_TRUE(m_rules.LoadManifests({{path, "edr"}}));
+        EXPECT_TRUE(ClientInformation::Write(*m_snapshot, "BootTime", std::to_string(kBootTime)).success);
     }
 
     // A file event about a file of the test directory.
@@ -356,7 +338,10 @@ TEST_F(IocDataFormatterTest, ActionsMapToTheirNumbersAndReadIsWrittenNone)
 TEST_F(IocDataFormatterTest, ProcessNetworkAndModuleMessagesCarryTheActorAndThePolicy)
 {
     test::LogCapture log(common::Logging::Edr());
-    LoadManifest(R"({"maxFileSizeToProcess": 4, "sendMetadata": true})");
+    ASSERT_TRUE(m_rules.LoadManifests({{m_dir.Write("manifest.json", R"({"policyVersion": "2.0.0",
+        "policyId": "policy-7", "productId": "q", "rules": [],
+        "globalSettings": {"maxFileSizeToProcess": 4, "sendMetadata": true}})"),
+                                        "edr"}}));
     ioc::ProcessInfo actor;
     actor.pid = 42;
     actor.parentPid = 1;

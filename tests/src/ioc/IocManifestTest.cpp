@@ -36,7 +36,8 @@ std::string ManifestText(const std::string& version, const std::string& settings
 const std::string kProcessRule = R"({"ruleId": "p1", "ruleType": "Process", "notify": ["start"]})";
 const std::string kNetworkRule = R"({"ruleId": "n1", "ruleType": "Network", "notify": ["establish"]})";
 
-std::vector<std::string> Ids(const EventRuleManager::Rules& rules)
+template <typename Rules>
+std::vector<std::string> Ids(const Rules& rules)
 {
     std::vector<std::string> ids;
     for (const auto& rule : rules)
@@ -206,12 +207,7 @@ TEST_F(IocRuleManagerTest, LaterManifestsAddRulesAndOverrideSettings)
 
     // The kernel gets one process rule for the two.
     const auto audit = m_manager.GetAuditRules();
-    std::vector<std::string> ids;
-    for (const auto& rule : audit)
-    {
-        ids.push_back(rule->GetId());
-    }
-    EXPECT_THAT(ids, ElementsAre("n1", EventRuleManager::kMergedProcessRuleId));
+    EXPECT_THAT(Ids(audit), ElementsAre("n1", EventRuleManager::kMergedProcessRuleId));
     EXPECT_EQ(audit[1]->GetActions().size(), 2u);
 
     // The heuristics switch keeps its value when a manifest says nothing.

@@ -58,12 +58,6 @@ std::shared_ptr<Rule> Make(const std::string& type, const std::string& members)
     return std::make_shared<WhitelistGlobalRule>(json);
 }
 
-void ExpectRefused(const std::string& type, const std::string& members, const std::string& text)
-{
-    SCOPED_TRACE(type + ": " + members);
-    test::ExpectThrowText<EventRuleException>([&] { Make(type, members); }, text);
-}
-
 std::string Filters(const std::string& filter)
 {
     return R"("notify": ["start"], "exclusionFilters": [{"filterType": [)" + filter + "]}]";
@@ -77,37 +71,97 @@ std::string NetworkFilter(const std::string& members)
 
 } // namespace
 
-TEST(IocRuleParseTest, RulesWithoutNotifyActionsAreRefused)
+TEST(IocRuleParseTest, MalformedRulesAreRefusedWithTheirText)
 {
+    const std::string noNotify = "Invalid rule.No notify action provided for the rule";
+    const std::string path = R"("path": "/etc")";
+    const std::string fileTypes = R"("path": "/tmp", "notify": ["create"], "fileTypeToInclude": )";
+    const std::string whitelist = R"("ruleClass": "WhitelistGlobal", "applyTo": )";
+    struct Refusal
+    {
+        std::string type;
+        std::string members;
+        std::string text;
+    };
+    const auto tcp = [](const std::string& members)
+    { return NetworkFilter(R"("protocol": "tcp", )" + members); };
+    const std::string badPort = "Invalid Port numbers in manifest";
+    std::vector<Refusal> cases{
+        // Unknown notify words, refused with their class's text; directory
+        // words belong to directory rules only.
+        {"Process", R"("notify": ["start", "launch"])", "Invalid process action in notify"},
+        {"Network", R"("notify": ["connect"])", "Invalid network action in notify"},
+        {"File", R"("path": "/etc/passwd", "notify": ["modify"])", "Invalid file action in notify"},
+        {"File", R"("path": "/etc/passwd", "notify": ["directoryCreate"])", "Invalid file action in notify"},
+        {"Process", R"("notify": [9])", "Invalid process action in notify"},
+        // File rules need an absolute path.
+        {"File", R"("notify": ["write"])", "Invalid Rule"},
+        {"Directory", R"("path": "", "notify": ["write"])", "Invalid Rule"},
+        {"Directory", R"("path": "etc", "notify": ["write"])", "Invalid Rule"},
+        // Filter groups, member by member.
+        {"Process", R"("notify": ["start"], "exclusionFilters": {})", "Not an array of filters"},
+        {"Process", R"("notify": ["start"], "inclusionFilters": [{}])",
+         "Missing or invalid filter type array"},
+        {"Process", R"("notify": ["start"], "inclusionFilters": [{"filterType": []}])",
+         "Missing or invalid filter type array"},
+        {"Process", Filters(R"({"patterns": ["x"]})"), "Missing or invalid object type in filterType"},
+        {"Process", Filters(R"({"objectType": "registryKey", "patterns": ["x"]})"),
+         "Unsupported value: registryKey provided in filterType"},
+        {"Process", Filters(R"({"objectType": "file"})"), "Missing or invalid patterns in filterType"},
+        {"Process", Filters(R"({"objectType": "directory", "patterns": "x"})"),
+         "Missing or invalid patterns in filterType"},
+        {"Process", Filters(R"({"objectType": "file", "patterns": [""]})"), "Filter pattern cannot be empty"},
+        {"Process", Filters(R"({"objectType": "process", "patterns": ["x"]})"),
+         "Missing or invalid actorProcess in filterType"},
+        {"Process", Filters(R"({"objectType": "parentProcess", "parentProcesses": ["x"]})"),
+         "Missing or invalid parentProcesses in filterType"},
+        {"Process", Filters(R"({"objectType": "parentProcess", "parentProcess": ["(unclosed"]})"),
+         "Invalid pattern provided"},
+        {"Process", Filters(R"({"objectType": "user", "patterns": [7]})"),
+         "Invalid value for filter patterns"},
+        {"Process", Filters(R"({"objectType": "time", "startTime": "22:00:00", "endTime": "06:00:00"})"),
+         "Start time cannot be later than End time"},
+        // Network filters, member by member.
+        {"Network", NetworkFilter(R"("localPort": [{"number": 22}])"),
+         "Missing or invalid protocol in filterType"},
+        {"Network", NetworkFilter(R"("protocol": "icmp")"), "Unsupported value: icmp provided in filterType"},
+        {"Network", tcp(R"("localPort": {"number": 22})"), "Missing or invalid localPort in filterType"},
+        {"Network", tcp(R"("remotePort": [22])"), "Missing or invalid remotePort in filterType"},
+        {"Network", tcp(R"("localIPAddress": "10.0.0.1")"),
+         "Missing or invalid localIPAddress in filterType"},
+        {"Network", tcp(R"("remoteIPAddress": ["10.(0"])"),
+         "Missing or invalid remoteIPAddress in filterType"},
+        {"Network", tcp(R"("remotePort": [{"range": [443, 80]}])"), "Invalid Port Range"},
+        {"Network", tcp(R"("remotePort": [{"number": 65536}])"), badPort},
+        {"Network", tcp(R"("remotePort": [{"number": -1}])"), badPort},
+        {"Network", tcp(R"("remotePort": [{"range": [1]}])"), badPort},
+        {"Network", tcp(R"("remotePort": [{}])"), "Empty port object in manifest"},
+        // File type filters.
+        {"Directory", fileTypes + R"({"patterns": ["ELF*"]})", "Not an array of fileTypeToInclude filters"},
+        {"Directory", fileTypes + R"([{"pattern": ["ELF*"]}])", "Failed to parse file type filters"},
+        {"Directory", fileTypes + R"(["ELF*"])", "Failed to parse file type filters"},
+        {"Directory", fileTypes + R"([{"patterns": [5]}])", "Invalid value for FileType patterns"},
+        {"Directory", fileTypes + R"([{"patterns": [""]}])", "FileType Pattern cannot be empty"},
+        // Whitelist rules need their class and a valid applyTo.
+        {"EDR", R"("ruleClass": "Blacklist")", "Invalid ruleClass for EDR rule type"},
+        {"EDR", "", "Invalid ruleClass for EDR rule type"},
+        {"EDR", whitelist + R"("/usr/bin/dpkg")", "applyTo is not array"},
+        {"EDR", whitelist + R"(["/usr/bin/[dpkg"])", "Invalid pattern provided inside applyTo"},
+    };
     for (const char* type : {"File", "Directory", "Process", "Network"})
     {
-        const std::string path = R"("path": "/etc")";
-        ExpectRefused(type, path + R"(, "notify": [])",
-                      "Invalid rule.No notify action provided for the rule");
-        ExpectRefused(type, path, "Invalid rule.No notify action provided for the rule");
-        ExpectRefused(type, path + R"(, "notify": "write")",
-                      "Invalid rule.No notify action provided for the rule");
+        for (const std::string notify : {R"(, "notify": [])", "", R"(, "notify": "write")"})
+        {
+            cases.push_back({type, path + notify, noNotify});
+        }
     }
-}
-
-TEST(IocRuleParseTest, UnknownNotifyWordsAreRefusedWithTheirClassText)
-{
-    ExpectRefused("Process", R"("notify": ["start", "launch"])", "Invalid process action in notify");
-    ExpectRefused("Network", R"("notify": ["connect"])", "Invalid network action in notify");
-    ExpectRefused("File", R"("path": "/etc/passwd", "notify": ["modify"])", "Invalid file action in notify");
-    // Directory words belong to directory rules only.
-    ExpectRefused("File", R"("path": "/etc/passwd", "notify": ["directoryCreate"])",
-                  "Invalid file action in notify");
-    ExpectRefused("Process", R"("notify": [9])", "Invalid process action in notify");
-}
-
-TEST(IocRuleParseTest, FileRulesNeedAnAbsolutePath)
-{
     test::LogCapture log(common::Logging::Edr());
-    ExpectRefused("File", R"("notify": ["write"])", "Invalid Rule");
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.type + ": " + c.members);
+        test::ExpectThrowText<EventRuleException>([&] { Make(c.type, c.members); }, c.text);
+    }
     EXPECT_TRUE(log.Contains("Empty Rule Path for id: r1"));
-    ExpectRefused("Directory", R"("path": "", "notify": ["write"])", "Invalid Rule");
-    ExpectRefused("Directory", R"("path": "etc", "notify": ["write"])", "Invalid Rule");
     test::ExpectThrowText<EventRuleException>([] { FileRule(Json(R"([1])"), kMaxSize); }, "Invalid Rule");
     test::ExpectThrowText<EventRuleException>(
         [] {
@@ -117,92 +171,19 @@ TEST(IocRuleParseTest, FileRulesNeedAnAbsolutePath)
         "Missing or invalid ruleId");
 }
 
-TEST(IocRuleParseTest, FilterGroupsAreCheckedMemberByMember)
+TEST(IocRuleParseTest, ValidFiltersAndApplyToAreKept)
 {
-    ExpectRefused("Process", R"("notify": ["start"], "exclusionFilters": {})", "Not an array of filters");
-    ExpectRefused("Process", R"("notify": ["start"], "inclusionFilters": [{}])",
-                  "Missing or invalid filter type array");
-    ExpectRefused("Process", R"("notify": ["start"], "inclusionFilters": [{"filterType": []}])",
-                  "Missing or invalid filter type array");
-    ExpectRefused("Process", Filters(R"({"patterns": ["x"]})"),
-                  "Missing or invalid object type in filterType");
-    ExpectRefused("Process", Filters(R"({"objectType": "registryKey", "patterns": ["x"]})"),
-                  "Unsupported value: registryKey provided in filterType");
-    ExpectRefused("Process", Filters(R"({"objectType": "file"})"),
-                  "Missing or invalid patterns in filterType");
-    ExpectRefused("Process", Filters(R"({"objectType": "directory", "patterns": "x"})"),
-                  "Missing or invalid patterns in filterType");
-    ExpectRefused("Process", Filters(R"({"objectType": "file", "patterns": [""]})"),
-                  "Filter pattern cannot be empty");
-    ExpectRefused("Process", Filters(R"({"objectType": "process", "patterns": ["x"]})"),
-                  "Missing or invalid actorProcess in filterType");
-    ExpectRefused("Process", Filters(R"({"objectType": "parentProcess", "parentProcesses": ["x"]})"),
-                  "Missing or invalid parentProcesses in filterType");
-    ExpectRefused("Process", Filters(R"({"objectType": "parentProcess", "parentProcess": ["(unclosed"]})"),
-                  "Invalid pattern provided");
-    ExpectRefused("Process", Filters(R"({"objectType": "user", "patterns": [7]})"),
-                  "Invalid value for filter patterns");
-    ExpectRefused("Process",
-                  Filters(R"({"objectType": "time", "startTime": "22:00:00", "endTime": "06:00:00"})"),
-                  "Start time cannot be later than End time");
-}
-
-TEST(IocRuleParseTest, NetworkFiltersAreCheckedMemberByMember)
-{
-    ExpectRefused("Network", NetworkFilter(R"("localPort": [{"number": 22}])"),
-                  "Missing or invalid protocol in filterType");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "icmp")"),
-                  "Unsupported value: icmp provided in filterType");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "localPort": {"number": 22})"),
-                  "Missing or invalid localPort in filterType");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [22])"),
-                  "Missing or invalid remotePort in filterType");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "localIPAddress": "10.0.0.1")"),
-                  "Missing or invalid localIPAddress in filterType");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remoteIPAddress": ["10.(0"])"),
-                  "Missing or invalid remoteIPAddress in filterType");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{"range": [443, 80]}])"),
-                  "Invalid Port Range");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{"number": 65536}])"),
-                  "Invalid Port numbers in manifest");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{"number": -1}])"),
-                  "Invalid Port numbers in manifest");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{"range": [1]}])"),
-                  "Invalid Port numbers in manifest");
-    ExpectRefused("Network", NetworkFilter(R"("protocol": "tcp", "remotePort": [{}])"),
-                  "Empty port object in manifest");
     // The edges of the valid range and a one-port range are fine.
     EXPECT_NO_THROW(
         Make("Network", NetworkFilter(R"("protocol": "udp", "localPort": [{"range": [0, 65535]}, )"
                                       R"({"range": [80, 80]}, {"number": 0}])")));
-}
-
-TEST(IocRuleParseTest, FileTypeFiltersAreChecked)
-{
-    const std::string head = R"("path": "/tmp", "notify": ["create"], "fileTypeToInclude": )";
-    ExpectRefused("Directory", head + R"({"patterns": ["ELF*"]})",
-                  "Not an array of fileTypeToInclude filters");
-    ExpectRefused("Directory", head + R"([{"pattern": ["ELF*"]}])", "Failed to parse file type filters");
-    ExpectRefused("Directory", head + R"(["ELF*"])", "Failed to parse file type filters");
-    ExpectRefused("Directory", head + R"([{"patterns": [5]}])", "Invalid value for FileType patterns");
-    ExpectRefused("Directory", head + R"([{"patterns": [""]}])", "FileType Pattern cannot be empty");
-    const auto rule =
-        Make("Directory", head + R"([{"patterns": ["ELF*"]}, {"patterns": ["*script*", "PE32*"]}])");
+    const auto rule = Make("Directory", R"("path": "/tmp", "notify": ["create"], "fileTypeToInclude": )"
+                                        R"([{"patterns": ["ELF*"]}, {"patterns": ["*script*", "PE32*"]}])");
     ASSERT_EQ(rule->GetFileTypeFilters().size(), 2u);
     EXPECT_THAT(rule->GetFileTypeFilters()[1].GetPatterns(), ElementsAre("*script*", "PE32*"));
-}
-
-TEST(IocRuleParseTest, WhitelistRulesNeedTheirClassAndValidApplyTo)
-{
-    ExpectRefused("EDR", R"("ruleClass": "Blacklist")", "Invalid ruleClass for EDR rule type");
-    ExpectRefused("EDR", "", "Invalid ruleClass for EDR rule type");
-    ExpectRefused("EDR", R"("ruleClass": "WhitelistGlobal", "applyTo": "/usr/bin/dpkg")",
-                  "applyTo is not array");
-    ExpectRefused("EDR", R"("ruleClass": "WhitelistGlobal", "applyTo": ["/usr/bin/[dpkg"])",
-                  "Invalid pattern provided inside applyTo");
-    const auto rule = Make("EDR", R"("ruleClass": "WhitelistGlobal", "applyTo": ["/usr/bin/apt.*"])");
-    EXPECT_EQ(rule->GetApplyTo().Size(), 1u);
-    EXPECT_EQ(rule->GetType(), 0u) << "never a kernel rule";
+    const auto whitelist = Make("EDR", R"("ruleClass": "WhitelistGlobal", "applyTo": ["/usr/bin/apt.*"])");
+    EXPECT_EQ(whitelist->GetApplyTo().Size(), 1u);
+    EXPECT_EQ(whitelist->GetType(), 0u) << "never a kernel rule";
 }
 
 TEST(IocRuleParseTest, NotifyWordsBecomeTheActionsTheKernelNeeds)

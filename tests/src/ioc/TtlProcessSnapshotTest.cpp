@@ -75,10 +75,10 @@ protected:
         auto storage = Open();
         ASSERT_TRUE(tree->Save(*storage));
     }
+    SnapshotDatabase Db() { return SnapshotDatabase(m_dir.File("SnapshotEdr.db")); }
     std::vector<std::string> StoredPids()
     {
-        return SnapshotDatabase(m_dir.File("SnapshotEdr.db"))
-            .Column("SELECT ProcessID FROM TtlProcesses ORDER BY ProcessID");
+        return Db().Column("SELECT ProcessID FROM TtlProcesses ORDER BY ProcessID");
     }
 
     test::TempDir m_dir;
@@ -89,14 +89,11 @@ protected:
 TEST_F(TtlProcessSnapshotTest, ARestartKeepsTagsAndParentsAndMarksExitedProcessesTerminated)
 {
     SaveFamily();
-    {
-        SnapshotDatabase db(m_dir.File("SnapshotEdr.db"));
-        EXPECT_THAT(db.Column("SELECT ProcessID || ' ' || Children || ' ' || Score || ' ' || Tags FROM "
-                              "TtlProcesses ORDER BY ProcessID"),
-                    ElementsAre("1 10 0 {}", "10 20,30 0 {}", "20  30 {\"Persistence\":30,\"Reported\":0}",
-                                "30  5 {\"Execution\":5}"))
-            << "process 1 is always saved, for reboot detection";
-    }
+    EXPECT_THAT(Db().Column("SELECT ProcessID || ' ' || Children || ' ' || Score || ' ' || Tags FROM "
+                            "TtlProcesses ORDER BY ProcessID"),
+                ElementsAre("1 10 0 {}", "10 20,30 0 {}", "20  30 {\"Persistence\":30,\"Reported\":0}",
+                            "30  5 {\"Execution\":5}"))
+        << "process 1 is always saved, for reboot detection";
     m_proc.Exit(30);
     test::LogCapture log(common::Logging::Edr());
     auto tree = MakeTree();
@@ -156,7 +153,7 @@ TEST_F(TtlProcessSnapshotTest, AFailedSaveKeepsTheTreeAndTheRowsToDeleteForTheNe
     auto storage = Open();
     tree->Load(*storage);
     tree->Delete(30);
-    SnapshotDatabase(m_dir.File("SnapshotEdr.db")).Run("ALTER TABLE TtlProcesses RENAME TO Elsewhere");
+    Db().Run("ALTER TABLE TtlProcesses RENAME TO Elsewhere");
     {
         test::LogCapture log(common::Logging::Edr());
         EXPECT_FALSE(tree->Save(*storage));
@@ -164,7 +161,7 @@ TEST_F(TtlProcessSnapshotTest, AFailedSaveKeepsTheTreeAndTheRowsToDeleteForTheNe
     }
     EXPECT_EQ(tree->Size(), 3u);
     EXPECT_EQ(tree->GetProcessInfo(20).tags.at("Persistence"), 30);
-    SnapshotDatabase(m_dir.File("SnapshotEdr.db")).Run("ALTER TABLE Elsewhere RENAME TO TtlProcesses");
+    Db().Run("ALTER TABLE Elsewhere RENAME TO TtlProcesses");
     EXPECT_TRUE(tree->Save(*storage));
     EXPECT_THAT(StoredPids(), ElementsAre("1", "10", "20"));
 }
@@ -257,7 +254,7 @@ TEST_F(TtlProcessSnapshotTest, ASaveWritesOnlyTheRowsThatChanged)
     tree->Add(Running(10, 1, 400));
     auto storage = Open();
     ASSERT_TRUE(tree->Save(*storage));
-    SnapshotDatabase(m_dir.File("SnapshotEdr.db")).Run("DELETE FROM TtlProcesses WHERE ProcessID = 10");
+    Db().Run("DELETE FROM TtlProcesses WHERE ProcessID = 10");
     EXPECT_TRUE(tree->Save(*storage));
     EXPECT_THAT(StoredPids(), ElementsAre("1")) << "nothing was written";
     tree->CacheEvent(std::make_shared<test::TestEvent>());
@@ -272,12 +269,11 @@ TEST_F(TtlProcessSnapshotTest, ASaveWritesOnlyTheRowsThatChanged)
     // changed, not the whole tree.
     tree->Add(Running(20, 1, 500));
     ASSERT_TRUE(tree->Save(*storage));
-    SnapshotDatabase(m_dir.File("SnapshotEdr.db")).Run("DELETE FROM TtlProcesses WHERE ProcessID <> 20");
+    Db().Run("DELETE FROM TtlProcesses WHERE ProcessID <> 20");
     tree->Add(Running(30, 10, 600));
     EXPECT_TRUE(tree->Save(*storage));
     EXPECT_THAT(StoredPids(), ElementsAre("10", "20", "30"));
-    EXPECT_EQ(SnapshotDatabase(m_dir.File("SnapshotEdr.db"))
-                  .Column("SELECT Children FROM TtlProcesses WHERE ProcessID = 10"),
+    EXPECT_EQ(Db().Column("SELECT Children FROM TtlProcesses WHERE ProcessID = 10"),
               std::vector<std::string>{"30"});
 }
 

@@ -1,6 +1,7 @@
 #include "ioc/Verdict.h"
 #include "tests/support/ExpectThrowText.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace vantor::ioc
@@ -31,16 +32,9 @@ TEST(VerdictTest, ValuesAndTextsOutsideTheScaleFailWithTheirTexts)
     // The whole text is compared: a longer one would show as a mismatch.
     for (const char* text : {"clean", "", "Clean ", "Bad"})
     {
-        SCOPED_TRACE(text);
-        try
-        {
-            VerdictFromString(text);
-            ADD_FAILURE();
-        }
-        catch (const VerdictException& e)
-        {
-            EXPECT_EQ(std::string("Unknown verdict string: ") + text, e.what());
-        }
+        EXPECT_THAT([&] { VerdictFromString(text); }, testing::ThrowsMessage<VerdictException>(testing::StrEq(
+                                                          std::string("Unknown verdict string: ") + text)))
+            << text;
     }
 }
 
