@@ -71,8 +71,8 @@ public:
         ++m_calls.creates;
         return {"CREATE TABLE Items([Key] TEXT PRIMARY KEY, [Value] INTEGER)", "PRAGMA user_version = 1;"};
     }
-    // Bound queries only, so that the storage keeps their statements: a use
-    // of the plain text forms fails.
+    // The storage takes the bound queries below (and keeps their
+    // statements); the plain text forms are unused.
     std::string GetDeleteStatement(const std::string&, const std::string&) const override { return {}; }
     std::string GetInsertStatement(const std::string&, std::string_view) const override { return {}; }
     std::string GetSelectStatement(const std::string&, const std::string&) const override { return {}; }
