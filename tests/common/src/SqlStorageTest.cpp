@@ -247,10 +247,10 @@ TEST(SqlStorageTest, ExecuteRunsExactlyOneStatementAndDeleteAllEmptiesTheTable)
         {"DELEET FROM BaselineEvents", "Failed to compile query"},
         {"   ", "Failed to compile query"},
         {"INSERT INTO BaselineEvents VALUES ('/a', 'dup')", "Failed to execute query"}};
-    for (const auto& [query, error] : refused)
+    for (const auto& refusal : refused)
     {
-        SCOPED_TRACE(query);
-        ExpectThrowText<StorageException>([&] { storage->Execute(query); }, error);
+        SCOPED_TRACE(refusal.first);
+        ExpectThrowText<StorageException>([&] { storage->Execute(refusal.first); }, refusal.second);
     }
     EXPECT_TRUE(log.Contains("SqlStorage: Multiple sql statements in query '" + twoDeletes + "'"));
     EXPECT_TRUE(log.Contains("SqlStorage: Failed to compile 'DELEET FROM BaselineEvents': "));
