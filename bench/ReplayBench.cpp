@@ -67,7 +67,8 @@ struct Flags
     double rate = 30000;
     double idleSeconds = 20;
     int cpuLimit = -1;
-    std::string perfOutput; // perf record -g of the fim+ioc run
+    std::string perfOutput; // perf record -g of the fim+ioc run, or else of the fim run
+    int perfHz = 250;
 };
 
 void Usage()
@@ -76,10 +77,11 @@ void Usage()
         stderr,
         "usage: ReplayBench [--corpus FILE] [--build DIR] [--runs floor,fim,fim+ioc,paced,paced-fim]\n"
         "                   [--rate EVENTS_PER_S] [--idle SECONDS] [--cpu-limit PERCENT]\n"
-        "                   [--perf FILE]\n"
+        "                   [--perf FILE] [--perf-hz N]\n"
         "Default corpus: $%s, else DIR/bench/corpus/capture.audit.xz, else the sample.\n"
         "--cpu-limit overrides the shipped configuration's cpu_limit; --perf records the\n"
-        "daemon with perf record -g during the fim+ioc run.\n",
+        "daemon with perf record -g during the fim+ioc run (the fim run when fim+ioc is\n"
+        "not asked), sampling N times a second (250 unless given).\n",
         ReplayCorpus::kPathVariable);
 }
 
@@ -127,12 +129,16 @@ std::optional<Flags> ParseFlags(int argc, char** argv)
         {
             flags.perfOutput = value;
         }
+        else if (arg == "--perf-hz")
+        {
+            flags.perfHz = std::stoi(value);
+        }
         else
         {
             return std::nullopt;
         }
     }
-    if (flags.rate <= 0 || flags.idleSeconds < 0)
+    if (flags.rate <= 0 || flags.idleSeconds < 0 || flags.perfHz <= 0)
     {
         return std::nullopt;
     }
@@ -143,15 +149,16 @@ std::optional<Flags> ParseFlags(int argc, char** argv)
 class PerfRecord
 {
 public:
-    PerfRecord(pid_t target, const std::string& output)
+    PerfRecord(pid_t target, const std::string& output, int hz)
     {
         const std::string pid = std::to_string(target);
+        const std::string frequency = std::to_string(hz);
         m_pid = ::fork();
         if (m_pid == 0)
         {
             // DWARF unwinding: the build keeps no frame pointers, so -g alone
             // loses the callers in user space.
-            ::execlp("perf", "perf", "record", "-q", "-F", "250", "--call-graph", "dwarf,8192", "-p",
+            ::execlp("perf", "perf", "record", "-q", "-F", frequency.c_str(), "--call-graph", "dwarf,8192", "-p",
                      pid.c_str(), "-o", output.c_str(), nullptr);
             ::_exit(127);
         }
@@ -266,7 +273,7 @@ Replay RunReplay(const Flags& flags, const std::string& text, bool withIoc, std:
     std::optional<PerfRecord> perf;
     if (profile)
     {
-        perf.emplace(daemon.Pid(), flags.perfOutput);
+        perf.emplace(daemon.Pid(), flags.perfOutput, flags.perfHz);
     }
     const double cpuBefore = daemon.CpuSeconds();
     const auto start = Clock::now();
@@ -411,10 +418,11 @@ int main(int argc, char** argv)
         std::printf("\n");
         std::fflush(stdout);
         const double linesPerEvent = static_cast<double>(corpus.Lines()) / static_cast<double>(floor.events);
+        const bool profileFim = !flags->perfOutput.empty() && flags->runs.count("fim+ioc") == 0;
         if (flags->runs.count("fim") != 0)
         {
-            Print("unpaced, FIM", RunReplay(*flags, text, false, std::nullopt, linesPerEvent, false), floor,
-                  text.size());
+            Print("unpaced, FIM", RunReplay(*flags, text, false, std::nullopt, linesPerEvent, profileFim),
+                  floor, text.size());
         }
         if (flags->runs.count("fim+ioc") != 0)
         {

@@ -50,6 +50,9 @@ fi
 for tool in /usr/sbin/auditd "$build/corvid-edr" "$build/corvid-outpost"; do
   [ -x "$tool" ] || { echo "capture: $tool is missing (build corvid-edr and corvid-outpost)" >&2; exit 1; }
 done
+# The daemon reads its file-type database at a fixed path, which only the
+# demo, the tests and the package put there.
+make -C "$root" --no-print-directory magic-db
 if [ "$(auditctl -s | sed -n 's/^pid //p')" != 0 ]; then
   echo "capture: an audit daemon already runs; stop it first" >&2
   exit 1

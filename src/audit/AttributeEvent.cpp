@@ -6,7 +6,7 @@
 namespace vantor::audit::internal
 {
 
-AttributeEvent::AttributeEvent(auparse_state_t* au, Magic magic)
+AttributeEvent::AttributeEvent(auparse_state_t* au, Magic magic, const StatGate* gate)
     : FileEvent(au, std::move(magic))
 {
     StatMode mode = StatMode::Follow;
@@ -47,7 +47,7 @@ AttributeEvent::AttributeEvent(auparse_state_t* au, Magic magic)
     {
         throw edr::EventException("Missing normal PATH record for Attribute event");
     }
-    SetObject(*object, FindPath(PathRecord::NameType::Parent), mode);
+    SetObject(*object, FindPath(PathRecord::NameType::Parent), mode, gate);
 }
 
 std::unique_ptr<edr::Event> AttributeEvent::Clone() const

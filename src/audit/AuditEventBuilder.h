@@ -1,6 +1,7 @@
 #pragma once
 
 #include "audit/EventBuilder.h"
+#include "audit/FileEvent.h"
 #include "edr/LibMagicWrapper.h"
 
 #include <atomic>
@@ -13,9 +14,13 @@ namespace vantor::audit
 class AuditEventBuilder : public EventBuilder
 {
 public:
+    using StatGate = internal::FileEvent::StatGate;
+
     // The magic database wrapper describes file types for file events; it is
-    // shared with the events, which may outlive the builder.
-    explicit AuditEventBuilder(std::shared_ptr<const edr::LibMagicWrapper> magic);
+    // shared with the events, which may outlive the builder. A file event
+    // whose paths the gate routes nowhere gets no stat; without a gate every
+    // file event is stat-ed. The gate runs on the building thread.
+    explicit AuditEventBuilder(std::shared_ptr<const edr::LibMagicWrapper> magic, StatGate gate = {});
 
     void BuildSyscallEvent(AuditEventClass eventClass, auparse_state_t* state, Events& out) override;
     void BuildAbendEvent(auparse_state_t* state, Events& out) override;
@@ -28,7 +33,10 @@ public:
     }
 
 private:
+    const StatGate* Gate() const { return m_statGate ? &m_statGate : nullptr; }
+
     std::shared_ptr<const edr::LibMagicWrapper> m_magic;
+    StatGate m_statGate;
     std::atomic<uint64_t> m_failedReplacedDeletes{0};
 };
 

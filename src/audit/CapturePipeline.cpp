@@ -29,7 +29,9 @@ CapturePipeline::CapturePipeline(std::unique_ptr<common::IOChannel> channel,
                                  const std::function<CpuUsage()>& makeCpuUsage)
     : m_channel(std::move(channel))
     , m_processor(processor)
-    , m_builder(std::move(magic))
+    // A file event that no path rule routes goes nowhere: its stat is
+    // spared while it is built.
+    , m_builder(std::move(magic), [&processor](std::string_view path) { return processor.RoutesPath(path); })
     , m_processing(processor, limits.cpuPercent, Sampler(makeCpuUsage))
     , m_parser(
           m_builder, [this](ParserThread::Events events) { m_processing.Enqueue(std::move(events)); },

@@ -6,7 +6,7 @@
 namespace vantor::audit::internal
 {
 
-CreateEvent::CreateEvent(auparse_state_t* au, Magic magic)
+CreateEvent::CreateEvent(auparse_state_t* au, Magic magic, const StatGate* gate)
     : FileEvent(au, std::move(magic))
 {
     StatMode mode = StatMode::Follow;
@@ -61,7 +61,7 @@ CreateEvent::CreateEvent(auparse_state_t* au, Magic magic)
     {
         throw edr::EventException("Missing create PATH record for Create event");
     }
-    SetObject(*object, FindLastPath(PathRecord::NameType::Parent), mode);
+    SetObject(*object, FindLastPath(PathRecord::NameType::Parent), mode, gate);
 }
 
 std::unique_ptr<edr::Event> CreateEvent::Clone() const

@@ -11,7 +11,7 @@ namespace
 
 constexpr auto kAbnormalEnd = static_cast<edr::EventRule::Action>(edr::EventType::AbnormalEnd);
 
-bool IsAbsolute(const std::string& path)
+bool IsAbsolute(std::string_view path)
 {
     return !path.empty() && path.front() == '/';
 }
@@ -177,6 +177,16 @@ EventRouter::TagsPtr EventRouter::GetFileTags(const edr::Event& event) const
         return nullptr;
     }
     return std::make_shared<const Tags>(std::move(tags));
+}
+
+bool EventRouter::RoutesPath(std::string_view path) const
+{
+    if (!IsAbsolute(path))
+    {
+        return false;
+    }
+    std::lock_guard lock(m_mutex);
+    return m_trie.HasValues(path);
 }
 
 edr::Trie::Values EventRouter::GetPathTags(std::string_view path) const

@@ -68,6 +68,9 @@ public:
 
     // Tags whose path rules cover the path.
     edr::Trie::Values GetPathTags(std::string_view path) const;
+    // Whether any path rule covers the path (false for one not absolute);
+    // cheaper than GetPathTags, for a question asked of every file event.
+    bool RoutesPath(std::string_view path) const;
 
 private:
     // Action values are one byte; the table is indexed by them.

@@ -130,13 +130,20 @@ void FileEvent::SetObjectPath(const PathRecord& object, const PathRecord* parent
     m_stat.reset();
 }
 
-void FileEvent::SetObject(const PathRecord& object, const PathRecord* parent, StatMode mode)
+void FileEvent::SetObject(const PathRecord& object, const PathRecord* parent, StatMode mode,
+                          const StatGate* gate, const PathRecord* alsoRouted)
 {
     if (!object.hasName)
     {
         throw edr::EventException("Missing path for child");
     }
     SetObjectPath(object, parent);
+    const auto routed = [gate](const PathRecord* record)
+    { return record != nullptr && (*gate)(PathOf(*record)); };
+    if (gate != nullptr && *gate && !routed(&object) && !routed(alsoRouted))
+    {
+        return;
+    }
     m_statMode = mode;
     if (mode == StatMode::None)
     {

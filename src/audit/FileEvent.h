@@ -5,8 +5,10 @@
 
 #include <sys/stat.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 namespace vantor::audit::internal
@@ -24,6 +26,10 @@ public:
         Follow,
         NoFollow
     };
+
+    // Asked before the stat whether any consumer routes events about a path:
+    // an event that goes nowhere is not worth the system call.
+    using StatGate = std::function<bool(std::string_view path)>;
 
     std::string GetFile() const override;
     TimePoint GetFileAccessTime() const override;
@@ -54,8 +60,11 @@ protected:
     // Sets the object of the event and, unless mode is None, stats it. A stat
     // of another object (the file was replaced) throws "File ... differs from
     // the object of the audit event with ID ...". Both records are records of
-    // this event (the event keeps their places, not copies).
-    void SetObject(const PathRecord& object, const PathRecord* parent, StatMode mode);
+    // this event (the event keeps their places, not copies). With a gate that
+    // routes neither the object nor alsoRouted (the event's other path), no
+    // stat is taken, as for None.
+    void SetObject(const PathRecord& object, const PathRecord* parent, StatMode mode,
+                   const StatGate* gate = nullptr, const PathRecord* alsoRouted = nullptr);
     void SetObjectPath(const PathRecord& object, const PathRecord* parent);
 
     // Place of a record of this event in its PATH records; kNoPath for null.

@@ -15,7 +15,7 @@ bool OpensForWriting(uint64_t flags)
 
 } // namespace
 
-ReadWriteEvent::ReadWriteEvent(auparse_state_t* au, Magic magic)
+ReadWriteEvent::ReadWriteEvent(auparse_state_t* au, Magic magic, const StatGate* gate)
     : FileEvent(au, std::move(magic))
 {
     const int call = GetSyscall();
@@ -77,7 +77,7 @@ ReadWriteEvent::ReadWriteEvent(auparse_state_t* au, Magic magic)
     default:
         break;
     }
-    SetObject(*object, FindLastPath(PathRecord::NameType::Parent), StatMode::Follow);
+    SetObject(*object, FindLastPath(PathRecord::NameType::Parent), StatMode::Follow, gate);
 }
 
 std::unique_ptr<edr::Event> ReadWriteEvent::Clone() const

@@ -5,7 +5,7 @@
 namespace vantor::audit::internal
 {
 
-RenameEvent::RenameEvent(auparse_state_t* au, Magic magic)
+RenameEvent::RenameEvent(auparse_state_t* au, Magic magic, const StatGate* gate)
     : FileEvent(au, std::move(magic))
 {
     const int call = GetSyscall();
@@ -55,7 +55,7 @@ RenameEvent::RenameEvent(auparse_state_t* au, Magic magic)
     // The source is gone; the object to examine is the destination, which is
     // the same inode. The rename moves a link itself, so it is not followed.
     m_source = IndexOf(source);
-    SetObject(*destination, parent, StatMode::NoFollow);
+    SetObject(*destination, parent, StatMode::NoFollow, gate, source);
 }
 
 std::string RenameEvent::GetFile() const

@@ -9,7 +9,8 @@ namespace vantor::audit::internal
 class RenameEvent : public FileEvent
 {
 public:
-    RenameEvent(auparse_state_t* au, Magic magic);
+    // A gate that routes none of its paths spares the stat (see SetObject).
+    RenameEvent(auparse_state_t* au, Magic magic, const StatGate* gate = nullptr);
 
     std::unique_ptr<edr::Event> Clone() const override;
     edr::EventType GetType() const override;

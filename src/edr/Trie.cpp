@@ -173,6 +173,27 @@ Trie::Values Trie::GetValues(std::string_view path) const
     return result;
 }
 
+bool Trie::HasValues(std::string_view path) const
+{
+    if (!IsValidPath(path))
+    {
+        throw std::runtime_error("Trie::HasValues: path is empty or invalid");
+    }
+    const Node* node = m_root.get();
+    PathComponents components(path);
+    std::string_view component;
+    while (node->values.empty() && components.Next(component))
+    {
+        const auto it = node->children.find(component);
+        if (it == node->children.end())
+        {
+            return false;
+        }
+        node = it->second.get();
+    }
+    return !node->values.empty();
+}
+
 size_t Trie::GetNodeCount() const
 {
     size_t count = 0;

@@ -39,6 +39,8 @@ public:
 
     // Tags of the root and of every node along the path.
     Values GetValues(std::string_view path) const;
+    // Whether GetValues would answer any tag; builds no set. Same checks.
+    bool HasValues(std::string_view path) const;
 
     // Number of nodes below the root; lets callers see that deletes prune.
     size_t GetNodeCount() const;

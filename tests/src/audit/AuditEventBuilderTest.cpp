@@ -9,11 +9,16 @@
 
 #include <gtest/gtest.h>
 #include <libaudit.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
+#include <cstdio>
 #include <functional>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace vantor::audit
 {
@@ -40,10 +45,11 @@ struct Built
 
 // Feeds the records through libauparse and builds every event whose SYSCALL
 // record names the wanted call (any call when -1) as eventClass.
-std::vector<Built> Build(const std::string& text, AuditEventClass eventClass, int wanted)
+std::vector<Built> Build(const std::string& text, AuditEventClass eventClass, int wanted,
+                         AuditEventBuilder::StatGate gate = {})
 {
     auto magic = std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc");
-    AuditEventBuilder builder(magic);
+    AuditEventBuilder builder(magic, std::move(gate));
     std::vector<Built> result;
     auparse_state_t* au = auparse_init(AUSOURCE_BUFFER, text.c_str());
     auparse_set_escape_mode(au, AUPARSE_ESC_RAW);
@@ -360,6 +366,58 @@ TEST(AuditEventBuilderTest, TextFieldsDecodeAsTheLibraryInterpretsThem)
     }
     auparse_destroy(au);
     EXPECT_EQ(compared, values.size() * 5);
+}
+
+// The fixture's records moved to a directory of this test whose files exist:
+// each "name=<kData-relative name> inode=<recorded>" names the real file.
+std::string OnRealFiles(std::string text, const vantor::test::TempDir& dir,
+                        const std::vector<std::pair<std::string, std::string>>& nameAndInode)
+{
+    text = Replace(text, kData, dir.Path());
+    for (const auto& [name, inode] : nameAndInode)
+    {
+        struct stat st
+        {
+        };
+        EXPECT_EQ(::stat((dir.Path() + "/" + name).c_str(), &st), 0) << name;
+        char device[32];
+        std::snprintf(device, sizeof device, "%02x:%02x", major(st.st_dev), minor(st.st_dev));
+        text = Replace(text, "inode=" + inode + " dev=fe:00",
+                       "inode=" + std::to_string(st.st_ino) + " dev=" + device);
+    }
+    return text;
+}
+
+TEST(AuditEventBuilderTest, OnlyFileEventsThatSomeRuleRoutesAreStatted)
+{
+    vantor::test::TempDir dir;
+    dir.Write("existing.txt", "twelve bytes");
+    dir.Write("rename_dst.txt", "moved");
+    const std::string chmod = OnRealFiles(Fixture("chmod"), dir, {{"existing.txt", "10953698"}});
+    const std::string rename = OnRealFiles(Fixture("rename"), dir, {{"rename_dst.txt", "10953700"}});
+    const auto routing = [](std::string routed)
+    { return [routed](std::string_view path) { return path == routed; }; };
+    const auto statted =
+        [](const std::string& text, AuditEventClass eventClass, int call, AuditEventBuilder::StatGate gate)
+    {
+        auto built = Build(text, eventClass, call, std::move(gate));
+        EXPECT_EQ(built.size(), 1U);
+        EXPECT_EQ(built.at(0).error, "");
+        return !built.at(0).events.empty() && built.at(0).events.front()->HasFileStat();
+    };
+
+    EXPECT_TRUE(statted(chmod, AuditEventClass::Attribute, 90, {})) << "no gate: every file is statted";
+    EXPECT_TRUE(statted(chmod, AuditEventClass::Attribute, 90, routing(dir.Path() + "/existing.txt")));
+    EXPECT_FALSE(statted(chmod, AuditEventClass::Attribute, 90, routing(dir.Path() + "/other.txt")));
+    // A rename goes where its source or its destination goes; the stat is
+    // the destination's either way.
+    EXPECT_TRUE(statted(rename, AuditEventClass::Rename, 82, routing(dir.Path() + "/rename_src.txt")));
+    EXPECT_TRUE(statted(rename, AuditEventClass::Rename, 82, routing(dir.Path() + "/rename_dst.txt")));
+    EXPECT_FALSE(statted(rename, AuditEventClass::Rename, 82, routing("/elsewhere")));
+    // The stat is the test's file's: the records name it.
+    auto ungated = One(chmod, AuditEventClass::Attribute, 90);
+    ASSERT_TRUE(ungated);
+    EXPECT_EQ(ungated->GetFileSize(), 12U);
 }
 
 TEST(AuditEventBuilderTest, RejectsEventsThatDoNotFitTheirClass)

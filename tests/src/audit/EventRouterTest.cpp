@@ -69,6 +69,13 @@ TEST_F(EventRouterTest, EventsGoToTheTagsOfTheirPathOrAction)
     EXPECT_THAT(TagsOf(EventType::Bind), IsEmpty());
 
     EXPECT_EQ(m_router.GetPathTags("/watched/a/b"), (edr::Trie::Values{"fim"}));
+    EXPECT_TRUE(m_router.RoutesPath("/watched/a/b"));
+    EXPECT_FALSE(m_router.RoutesPath("/elsewhere/file"));
+    EXPECT_FALSE(m_router.RoutesPath("watched/file")) << "a relative path goes nowhere";
+    EXPECT_FALSE(m_router.RoutesPath(""));
+    m_router.RemoveRoute("files");
+    m_router.RemoveRoute("single");
+    EXPECT_FALSE(m_router.RoutesPath("/watched/file"));
 }
 
 TEST_F(EventRouterTest, ARouteStaysUntilTheLastRuleGivingItIsGone)

@@ -32,6 +32,24 @@ TEST(TrieTest, LookupIsTheUnionOverAllPrefixes)
     EXPECT_THAT(trie.GetValues("/"), UnorderedElementsAre("root"));
 }
 
+TEST(TrieTest, HasValuesAnswersWhetherALookupFindsAnyTag)
+{
+    Trie trie;
+    trie.Insert("/var/log", "logs");
+    trie.Insert("/etc/shadow", "file");
+    for (const char* path : {"/var/log", "/var//log/", "/var/log/a/b/c", "/etc/shadow", "/etc/shadow/x",
+                             "/var", "/var/logs", "/etc", "/etc/shadow.bak", "/", "/usr/bin/ls"})
+    {
+        EXPECT_EQ(trie.HasValues(path), !trie.GetValues(path).empty()) << path;
+    }
+    EXPECT_TRUE(trie.HasValues("/var/log/syslog"));
+    EXPECT_FALSE(trie.HasValues("/var/lib"));
+    trie.Insert("/", "root");
+    EXPECT_TRUE(trie.HasValues("/usr/bin/ls"));
+    ExpectThrowText<std::runtime_error>([&] { trie.HasValues("var/log"); },
+                                        "Trie::HasValues: path is empty or invalid");
+}
+
 TEST(TrieTest, EmptyComponentsVanish)
 {
     Trie trie;
