@@ -36,8 +36,9 @@ class AuditEventProcessor
 public:
     using EventPtr = std::unique_ptr<edr::Event>;
     using Tags = EventRouter::Tags;
-    // Calls the handlers of the tags with the event.
-    using Dispatch = std::function<void(const Tags& tags, edr::Event& event)>;
+    // Calls the handlers of the tags with the event. A handler that keeps the
+    // event takes it over: the pointer is then empty.
+    using Dispatch = std::function<void(const Tags& tags, EventPtr& event)>;
 
     // processTree may be null: events then carry only their own data. The
     // router, and the outpost target when given, must outlive the processor;
@@ -80,9 +81,9 @@ public:
 
 private:
     // Filters, then routes.
-    void Handle(edr::Event& event, std::optional<bool> ours = std::nullopt);
+    void Handle(EventPtr& event, std::optional<bool> ours = std::nullopt);
     bool IsOurs(const ProcessInfo& process) const;
-    void Route(edr::Event& event);
+    void Route(EventPtr& event);
     void CleanProcessTree();
 
     ProcessTreeUpdater m_treeUpdater;

@@ -70,8 +70,9 @@ protected:
     {
         return AuditEventProcessor(
             std::move(tree), kOwnPid, m_router,
-            [this](const AuditEventProcessor::Tags&, edr::Event& event)
+            [this](const AuditEventProcessor::Tags&, AuditEventProcessor::EventPtr& owned)
             {
+                edr::Event& event = *owned;
                 Seen seen;
                 seen.type = event.GetType();
                 seen.pid = event.GetActorProcessId();

@@ -35,8 +35,9 @@ protected:
     // What the handlers would see: "tag:id" per tag, in tag order.
     AuditEventProcessor::Dispatch Recorder()
     {
-        return [this](const AuditEventProcessor::Tags& tags, edr::Event& event)
+        return [this](const AuditEventProcessor::Tags& tags, AuditEventProcessor::EventPtr& owned)
         {
+            edr::Event& event = *owned;
             std::vector<std::string> sorted(tags.begin(), tags.end());
             std::sort(sorted.begin(), sorted.end());
             for (const auto& tag : sorted)
@@ -141,7 +142,7 @@ TEST_F(AuditEventProcessorTest, AHandlerFailureIsLoggedAndTheNextEventGoesOn)
 {
     int calls = 0;
     AuditEventProcessor processor(m_tree, kOwnPid, m_router,
-                                  [&](const AuditEventProcessor::Tags&, edr::Event&)
+                                  [&](const AuditEventProcessor::Tags&, AuditEventProcessor::EventPtr&)
                                   {
                                       if (++calls == 1)
                                       {
@@ -176,8 +177,11 @@ protected:
         m_router.AddRoute("p", {"ioc", EventRule::ProcessRule, {routed}, {}});
         return AuditEventProcessor(
             MakeTree(m_proc, pseudoType), kOwnPid, m_router,
-            [this](const AuditEventProcessor::Tags&, edr::Event& event)
-            { m_seen.emplace_back(event.GetType(), event.GetActorProcessId()); },
+            [this](const AuditEventProcessor::Tags&, AuditEventProcessor::EventPtr& owned)
+            {
+                edr::Event& event = *owned;
+                m_seen.emplace_back(event.GetType(), event.GetActorProcessId());
+            },
             cleanInterval);
     }
 

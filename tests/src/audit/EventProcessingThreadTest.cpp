@@ -36,14 +36,16 @@ public:
 private:
     EventRouter m_router;
     std::function<void(edr::Event&)> m_handler;
-    AuditEventProcessor m_processor{nullptr, 99, m_router,
-                                    [this](const AuditEventProcessor::Tags&, edr::Event& event)
-                                    {
-                                        if (m_handler)
-                                        {
-                                            m_handler(event);
-                                        }
-                                    }};
+    AuditEventProcessor m_processor{
+        nullptr, 99, m_router,
+        [this](const AuditEventProcessor::Tags&, AuditEventProcessor::EventPtr& owned)
+        {
+            edr::Event& event = *owned;
+            if (m_handler)
+            {
+                m_handler(event);
+            }
+        }};
 };
 
 std::unique_ptr<edr::Event> Event(uint64_t timestamp, uint32_t serial)
