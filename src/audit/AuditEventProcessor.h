@@ -4,6 +4,7 @@
 #include "audit/OutpostProcessFollower.h"
 #include "audit/ProcessTree.h"
 #include "audit/ProcessTreeUpdater.h"
+#include "audit/ReturnedEvents.h"
 #include "edr/Event.h"
 
 #include <atomic>
@@ -75,6 +76,10 @@ public:
     const std::shared_ptr<ProcessTree>& GetProcessTree() const { return m_treeUpdater.GetProcessTree(); }
 
     // Events whose handling failed (logged); readable from any thread.
+    // Where handlers that kept an event give it back (see ReturnedEvents);
+    // the dispatch hands it to them.
+    const std::shared_ptr<ReturnedEvents>& GetReturnedEvents() const { return m_returned; }
+
     // Whether a path rule routes events about the path; thread-safe.
     bool RoutesPath(std::string_view path) const { return m_router.RoutesPath(path); }
     uint64_t GetFailedEventCount() const { return m_failedEvents.load(std::memory_order_relaxed); }
@@ -95,6 +100,7 @@ private:
     const ProcessTree::Match m_isOurs;
 
     std::vector<EventPtr> m_cachedFileEvents;
+    std::shared_ptr<ReturnedEvents> m_returned = std::make_shared<ReturnedEvents>();
     ProcessTree::Events m_pseudoEvents;
     std::atomic<uint64_t> m_failedEvents{0};
 };

@@ -138,7 +138,8 @@ void EventRuleEngine::DispatchEvent(const Tags& tags, Event& event)
              });
 }
 
-void EventRuleEngine::DispatchEvent(const Tags& tags, std::unique_ptr<Event>& event)
+void EventRuleEngine::DispatchEvent(const Tags& tags, std::unique_ptr<Event>& event,
+                                    const KeptEventRelease& release)
 {
     if (!event)
     {
@@ -150,7 +151,16 @@ void EventRuleEngine::DispatchEvent(const Tags& tags, std::unique_ptr<Event>& ev
     Dispatch(tags, dispatched,
              [&]
              {
-                 shared = shared ? shared : std::shared_ptr<const Event>(std::move(event));
+                 if (!shared && release)
+                 {
+                     shared = std::shared_ptr<const Event>(
+                         event.release(), [release](const Event* kept)
+                         { release(std::unique_ptr<Event>(const_cast<Event*>(kept))); });
+                 }
+                 else if (!shared)
+                 {
+                     shared = std::shared_ptr<const Event>(std::move(event));
+                 }
                  return shared;
              });
 }

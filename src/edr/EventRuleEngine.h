@@ -44,6 +44,9 @@ class EventRuleEngine
 public:
     using RuleMatchedEventHandler = std::function<void(Event&)>;
     using KeepingEventHandler = std::function<void(std::shared_ptr<const Event>)>;
+    // Takes an event the keepers let go of (when the last one does, on its
+    // thread) instead of destroying it there.
+    using KeptEventRelease = std::function<void(std::unique_ptr<Event>)>;
     using InvalidatedEventHandler = std::function<void()>;
     using Tags = std::unordered_set<std::string>;
     using Rules = std::vector<std::shared_ptr<EventRule>>;
@@ -85,8 +88,9 @@ protected:
     // Keeping handlers share one copy of the event.
     void DispatchEvent(const Tags& tags, Event& event);
     // The same for an event the caller owns: keeping handlers take it over
-    // instead of a copy, and the pointer is then empty.
-    void DispatchEvent(const Tags& tags, std::unique_ptr<Event>& event);
+    // instead of a copy, and the pointer is then empty. Once they let go, the
+    // event goes to release if one is given, else it is destroyed.
+    void DispatchEvent(const Tags& tags, std::unique_ptr<Event>& event, const KeptEventRelease& release = {});
 
     // Calls the invalidated handler of every registered tag.
     void InvalidateEventHandlers();

@@ -263,9 +263,33 @@ TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfte
     ASSERT_TRUE(WaitFor([&] { return destroyer(3) != std::thread::id(); }));
     EXPECT_EQ(destroyer(3), worker);
 
+    // An event a handler kept and gave back later, from its own thread, is
+    // destroyed by the producer's next call, or by the worker after a wait.
+    for (const bool producerComesBack : {true, false})
+    {
+        const uint32_t serial = producerComesBack ? 10 : 11;
+        auto kept = batch({serial});
+        std::thread([&] { m_processor.Get().GetReturnedEvents()->Return(std::move(kept.front())); }).join();
+        std::async(std::launch::async,
+                   [&]
+                   {
+                       std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                       EXPECT_EQ(destroyer(serial), std::thread::id()) << serial;
+                       if (producerComesBack)
+                       {
+                           thread.Enqueue(batch({12}));
+                           EXPECT_EQ(destroyer(serial), std::this_thread::get_id());
+                       }
+                   })
+            .get();
+        ASSERT_TRUE(WaitFor([&] { return destroyer(serial) != std::thread::id(); }));
+    }
+    EXPECT_EQ(destroyer(11), worker);
+
     // Stop destroys what waits for a producer.
-    thread.Enqueue(batch({4}));
     ASSERT_TRUE(WaitFor([&] { return handled == 4; }));
+    thread.Enqueue(batch({4}));
+    ASSERT_TRUE(WaitFor([&] { return handled == 5; }));
     thread.Stop();
     EXPECT_EQ(destroyer(4), std::this_thread::get_id());
 }

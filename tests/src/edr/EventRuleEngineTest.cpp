@@ -164,6 +164,21 @@ TEST(EventRuleEngineTest, KeepingHandlersShareTheDispatchedEventInsteadOfCopying
     ASSERT_NE(owned, nullptr);
     EXPECT_EQ(read.back(), "/etc/passwd");
 
+    // With a release, the event the keepers let go of is given to it whole,
+    // on the thread of the last keeper, instead of being destroyed.
+    std::vector<std::unique_ptr<Event>> released;
+    owned = std::make_unique<FileEvent>("/etc/group");
+    const Event* const given = owned.get();
+    kept.clear();
+    engine.DispatchEvent({"ioc", "other"}, owned,
+                         [&](std::unique_ptr<Event> e) { released.push_back(std::move(e)); });
+    kept.pop_back();
+    EXPECT_TRUE(released.empty()) << "one keeper still holds it";
+    kept.clear();
+    ASSERT_EQ(released.size(), 1U);
+    EXPECT_EQ(released[0].get(), given);
+    EXPECT_EQ(released[0]->GetFile(), "/etc/group");
+
     // One the caller cannot give away: the keepers share one copy.
     kept.clear();
     FileEvent onStack("/etc/hosts");
