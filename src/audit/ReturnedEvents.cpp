@@ -5,14 +5,22 @@
 namespace vantor::audit
 {
 
-void ReturnedEvents::Return(std::unique_ptr<edr::Event> event)
+void ReturnedEvents::Return(std::unique_ptr<edr::Event> event) noexcept
 {
     if (!event)
     {
         return;
     }
-    std::lock_guard lock(m_mutex);
-    m_events.push_back(std::move(event));
+    // Called from a shared pointer's deleter, which must not throw: without
+    // room to keep it, the event is destroyed here after all.
+    try
+    {
+        std::lock_guard lock(m_mutex);
+        m_events.push_back(std::move(event));
+    }
+    catch (const std::exception&)
+    {
+    }
 }
 
 void ReturnedEvents::MoveTo(Events& out)

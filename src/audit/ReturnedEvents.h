@@ -22,7 +22,8 @@ class ReturnedEvents
 public:
     using Events = std::vector<std::unique_ptr<edr::Event>>;
 
-    void Return(std::unique_ptr<edr::Event> event);
+    // Never throws: an event it cannot keep is destroyed at once.
+    void Return(std::unique_ptr<edr::Event> event) noexcept;
     // Appends what was returned to out and forgets it.
     void MoveTo(Events& out);
 

@@ -153,9 +153,8 @@ void EventRuleEngine::DispatchEvent(const Tags& tags, std::unique_ptr<Event>& ev
              {
                  if (!shared && release)
                  {
-                     shared = std::shared_ptr<const Event>(
-                         event.release(), [release](const Event* kept)
-                         { release(std::unique_ptr<Event>(const_cast<Event*>(kept))); });
+                     shared = std::shared_ptr<const Event>(event.release(), [release](Event* kept)
+                                                           { release(std::unique_ptr<Event>(kept)); });
                  }
                  else if (!shared)
                  {
