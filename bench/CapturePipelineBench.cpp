@@ -206,15 +206,14 @@ void BM_CapturePipeline(benchmark::State& state)
     EventRouter router;
     AddRoutes(router, corpus.corpus.DataDir());
     EndWatch watch(corpus.endSerial);
-    AuditEventProcessor processor(
-        tree, ::getpid(), router,
-        [&](const AuditEventProcessor::Tags& tags, AuditEventProcessor::EventPtr& event)
-        {
-            if (tags.count(kTag) != 0)
-            {
-                watch.OnEvent(*event);
-            }
-        });
+    AuditEventProcessor processor(tree, ::getpid(), router,
+                                  [&](const AuditEventProcessor::Tags& tags, vantor::edr::Event& event)
+                                  {
+                                      if (tags.count(kTag) != 0)
+                                      {
+                                          watch.OnEvent(event);
+                                      }
+                                  });
 
     vantor::audit::AuditEventBuilder builder(
         std::make_shared<const vantor::edr::LibMagicWrapper>(kMagicDatabase));

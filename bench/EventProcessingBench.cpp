@@ -50,7 +50,7 @@ void BM_EventProcessing(benchmark::State& state)
     router.AddRoute("bench", {"bench", vantor::edr::EventRule::DirectoryPathRule, {}, {"/var/lib/app"}});
     std::atomic<uint64_t> handled{0};
     AuditEventProcessor processor(nullptr, 1, router,
-                                  [&](const AuditEventProcessor::Tags&, AuditEventProcessor::EventPtr&)
+                                  [&](const AuditEventProcessor::Tags&, vantor::edr::Event&)
                                   { handled.fetch_add(1, std::memory_order_relaxed); });
     EventProcessingThread thread(processor, 100, {});
     thread.SetQueueSize(1000000);

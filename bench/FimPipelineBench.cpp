@@ -75,8 +75,7 @@ class FimRouter : public edr::EventRuleEngine
 public:
     explicit FimRouter(std::shared_ptr<audit::ProcessTree> tree)
         : m_events(std::move(tree), ::getpid(), m_router,
-                   [this](const Tags& tags, std::unique_ptr<edr::Event>& event)
-                   { DispatchEvent(tags, event); })
+                   [this](const Tags& tags, edr::Event& event) { DispatchEvent(tags, event); })
     {
     }
 

@@ -158,8 +158,8 @@ public:
         {
             // DWARF unwinding: the build keeps no frame pointers, so -g alone
             // loses the callers in user space.
-            ::execlp("perf", "perf", "record", "-q", "-F", frequency.c_str(), "--call-graph", "dwarf,8192",
-                     "-p", pid.c_str(), "-o", output.c_str(), nullptr);
+            ::execlp("perf", "perf", "record", "-q", "-F", frequency.c_str(), "--call-graph", "dwarf,8192", "-p",
+                     pid.c_str(), "-o", output.c_str(), nullptr);
             ::_exit(127);
         }
         // perf attaches before the replay starts.

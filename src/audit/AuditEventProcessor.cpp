@@ -120,7 +120,7 @@ void AuditEventProcessor::ProcessEvent(EventPtr event, std::vector<EventPtr>* sp
         const bool goesOn = m_treeUpdater.Update(event, m_pseudoEvents, &m_isOurs, &ours, spent);
         for (auto& pseudo : m_pseudoEvents)
         {
-            Handle(pseudo);
+            Handle(*pseudo);
         }
         m_pseudoEvents.clear();
         if (goesOn)
@@ -129,7 +129,7 @@ void AuditEventProcessor::ProcessEvent(EventPtr event, std::vector<EventPtr>* sp
             {
                 m_outpost->Follow(*event);
             }
-            Handle(event, ours);
+            Handle(*event, ours);
         }
     }
     catch (const std::exception& e)
@@ -152,9 +152,9 @@ void AuditEventProcessor::ProcessEvent(EventPtr event, std::vector<EventPtr>* sp
     }
 }
 
-void AuditEventProcessor::Handle(EventPtr& event, std::optional<bool> ours)
+void AuditEventProcessor::Handle(edr::Event& event, std::optional<bool> ours)
 {
-    if (ShouldProcessEvent(*event, ours))
+    if (ShouldProcessEvent(event, ours))
     {
         Route(event);
     }
@@ -218,9 +218,9 @@ bool AuditEventProcessor::IsOutpostTool(std::string_view image)
            AuditTables::OutpostToolNames().count(std::string(image.substr(slash + 1))) != 0;
 }
 
-void AuditEventProcessor::Route(EventPtr& event)
+void AuditEventProcessor::Route(edr::Event& event)
 {
-    const auto tags = m_router.GetTags(*event);
+    const auto tags = m_router.GetTags(event);
     if (tags && !tags->empty())
     {
         m_dispatch(*tags, event);
@@ -246,17 +246,16 @@ void AuditEventProcessor::ProcessCachedFileEvents()
     events.swap(m_cachedFileEvents);
     for (auto& event : events)
     {
-        // A handler may take the event over.
-        const uint32_t id = EventIdOf(*event);
         try
         {
             event->Refresh();
-            Handle(event);
+            Handle(*event);
         }
         catch (const std::exception& e)
         {
             m_failedEvents.fetch_add(1, std::memory_order_relaxed);
-            EDR_LOG_ERROR("Failed to process cached file event with ID " << id << ": " << e.what());
+            EDR_LOG_ERROR("Failed to process cached file event with ID " << EventIdOf(*event) << ": "
+                                                                         << e.what());
         }
     }
 }
@@ -277,7 +276,7 @@ void AuditEventProcessor::CleanProcessTree()
     {
         try
         {
-            Route(event);
+            Route(*event);
         }
         catch (const std::exception& e)
         {

@@ -4,7 +4,6 @@
 #include "audit/OutpostProcessFollower.h"
 #include "audit/ProcessTree.h"
 #include "audit/ProcessTreeUpdater.h"
-#include "audit/ReturnedEvents.h"
 #include "edr/Event.h"
 
 #include <atomic>
@@ -37,9 +36,8 @@ class AuditEventProcessor
 public:
     using EventPtr = std::unique_ptr<edr::Event>;
     using Tags = EventRouter::Tags;
-    // Calls the handlers of the tags with the event. A handler that keeps the
-    // event takes it over: the pointer is then empty.
-    using Dispatch = std::function<void(const Tags& tags, EventPtr& event)>;
+    // Calls the handlers of the tags with the event.
+    using Dispatch = std::function<void(const Tags& tags, edr::Event& event)>;
 
     // processTree may be null: events then carry only their own data. The
     // router, and the outpost target when given, must outlive the processor;
@@ -76,19 +74,15 @@ public:
     const std::shared_ptr<ProcessTree>& GetProcessTree() const { return m_treeUpdater.GetProcessTree(); }
 
     // Events whose handling failed (logged); readable from any thread.
-    // Where handlers that kept an event give it back (see ReturnedEvents);
-    // the dispatch hands it to them.
-    const std::shared_ptr<ReturnedEvents>& GetReturnedEvents() const { return m_returned; }
-
     // Whether a path rule routes events about the path; thread-safe.
     bool RoutesPath(std::string_view path) const { return m_router.RoutesPath(path); }
     uint64_t GetFailedEventCount() const { return m_failedEvents.load(std::memory_order_relaxed); }
 
 private:
     // Filters, then routes.
-    void Handle(EventPtr& event, std::optional<bool> ours = std::nullopt);
+    void Handle(edr::Event& event, std::optional<bool> ours = std::nullopt);
     bool IsOurs(const ProcessInfo& process) const;
-    void Route(EventPtr& event);
+    void Route(edr::Event& event);
     void CleanProcessTree();
 
     ProcessTreeUpdater m_treeUpdater;
@@ -100,7 +94,6 @@ private:
     const ProcessTree::Match m_isOurs;
 
     std::vector<EventPtr> m_cachedFileEvents;
-    std::shared_ptr<ReturnedEvents> m_returned = std::make_shared<ReturnedEvents>();
     ProcessTree::Events m_pseudoEvents;
     std::atomic<uint64_t> m_failedEvents{0};
 };

@@ -171,10 +171,8 @@ void EventProcessingThread::Enqueue(Events&& events)
         m_bufferQueue.push_back(std::move(event));
     }
     events.clear();
-    // The caller's vector takes the spent events, and those the handlers gave
-    // back; its room stays for the next ones.
+    // The caller's vector takes the spent events; its room stays for the next ones.
     events.swap(m_spent);
-    m_processor.GetReturnedEvents()->MoveTo(events);
     EDR_LOG_DEBUG("Audit event processing buffer queue size: " << m_bufferQueue.size() << " events");
     lock.unlock();
     if (wasEmpty)
@@ -204,7 +202,6 @@ void EventProcessingThread::Run()
             std::unique_lock lock(m_mutex);
             if (m_bufferQueue.empty() && !m_stop)
             {
-                m_processor.GetReturnedEvents()->MoveTo(m_spent);
                 const auto idleUntil = std::chrono::steady_clock::now() + kIdleWait;
                 const auto ready = [this] { return !m_bufferQueue.empty() || m_stop; };
                 if (!m_spent.empty() && !m_cv.wait_for(lock, kSpentWait, ready))

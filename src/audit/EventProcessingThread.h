@@ -39,8 +39,7 @@ namespace vantor::audit
 // the worker hands a processed batch back (with the cached clones the
 // process tree let go meanwhile) under the lock it takes anyway, and the
 // producer's next Enqueue() takes these spent events and destroys them
-// outside the lock, with the events that handlers kept and have given back
-// since (AuditEventProcessor::GetReturnedEvents). At most two batches wait so. When no producer comes
+// outside the lock. At most two batches wait so. When no producer comes
 // back within kSpentWait the worker destroys them itself (one wake after
 // activity ends); Stop() destroys what is left.
 class EventProcessingThread : private common::AsyncTask

@@ -19,8 +19,7 @@ RuleEngine::RuleEngine(pid_t outpostPid, std::string outpostPath, std::shared_pt
     , m_installer(outpostPid, std::move(outpostPath), auditBacklogLimit)
     , m_events(
           std::move(processTree), ::getpid(), m_router,
-          [this](const Tags& tags, std::unique_ptr<edr::Event>& event)
-          { DispatchEvent(tags, event, m_keptRelease); },
+          [this](const Tags& tags, edr::Event& event) { DispatchEvent(tags, event); },
           ProcessTreeUpdater::kCleanInterval, this)
 {
 }

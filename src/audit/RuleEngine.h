@@ -119,10 +119,6 @@ private:
     KernelRuleInstaller m_installer;
     EventRouter m_router;
     AuditEventProcessor m_events;
-    // Events the component handlers kept go back to the event stage.
-    const KeptEventRelease m_keptRelease =
-        [returned = m_events.GetReturnedEvents()](std::unique_ptr<edr::Event> event)
-    { returned->Return(std::move(event)); };
 };
 
 } // namespace vantor::audit

@@ -61,28 +61,16 @@ void EventRuleEngine::RegisterEventHandlers(const std::string& tag,
                                             RuleMatchedEventHandler ruleMatchedEventHandler,
                                             InvalidatedEventHandler invalidatedEventHandler)
 {
-    Register(tag, Handlers{std::move(ruleMatchedEventHandler), {}, std::move(invalidatedEventHandler)});
-}
-
-void EventRuleEngine::RegisterEventHandlers(const std::string& tag,
-                                            KeepingEventHandler ruleMatchedEventHandler,
-                                            InvalidatedEventHandler invalidatedEventHandler)
-{
-    Register(tag, Handlers{{}, std::move(ruleMatchedEventHandler), std::move(invalidatedEventHandler)});
-}
-
-void EventRuleEngine::Register(const std::string& tag, Handlers handlers)
-{
     if (tag.empty())
     {
         throw std::runtime_error("EventRuleEngine::RegisterEventHandlers: 'tag' is empty");
     }
-    if (!handlers.ruleMatched && !handlers.keeping)
+    if (!ruleMatchedEventHandler)
     {
         throw std::runtime_error(
             "EventRuleEngine::RegisterEventHandlers: 'ruleMatchedEventHandler' is invalid");
     }
-    if (!handlers.invalidated)
+    if (!invalidatedEventHandler)
     {
         throw std::runtime_error(
             "EventRuleEngine::RegisterEventHandlers: 'invalidatedEventHandler' is invalid");
@@ -99,7 +87,8 @@ void EventRuleEngine::Register(const std::string& tag, Handlers handlers)
     {
         EDR_LOG_INFO("EventRuleEngine::RegisterEventHandlers: Replacing event handlers for '" << tag << "'");
     }
-    it->second = std::move(handlers);
+    it->second.ruleMatched = std::move(ruleMatchedEventHandler);
+    it->second.invalidated = std::move(invalidatedEventHandler);
 }
 
 void EventRuleEngine::UnregisterEventHandlers(const std::string& tag)
@@ -129,58 +118,17 @@ bool EventRuleEngine::HasEventHandlers(const std::string& tag) const
 
 void EventRuleEngine::DispatchEvent(const Tags& tags, Event& event)
 {
-    std::shared_ptr<const Event> copy;
-    Dispatch(tags, event,
-             [&]
-             {
-                 copy = copy ? copy : std::shared_ptr<const Event>(event.Clone());
-                 return copy;
-             });
-}
-
-void EventRuleEngine::DispatchEvent(const Tags& tags, std::unique_ptr<Event>& event,
-                                    const KeptEventRelease& release)
-{
-    if (!event)
-    {
-        return;
-    }
-    // The object stays where it is; only its ownership moves to the keepers.
-    Event& dispatched = *event;
-    std::shared_ptr<const Event> shared;
-    Dispatch(tags, dispatched,
-             [&]
-             {
-                 if (!shared && release)
-                 {
-                     shared = std::shared_ptr<const Event>(event.release(), [release](Event* kept)
-                                                           { release(std::unique_ptr<Event>(kept)); });
-                 }
-                 else if (!shared)
-                 {
-                     shared = std::shared_ptr<const Event>(std::move(event));
-                 }
-                 return shared;
-             });
-}
-
-void EventRuleEngine::Dispatch(const Tags& tags, Event& event, const Share& share)
-{
     std::lock_guard lock(m_mutex);
     DispatchScope scope(m_dispatchingThread);
     for (const auto& tag : tags)
     {
         const auto it = m_handlers.find(tag);
-        if (it == m_handlers.end())
+        if (it != m_handlers.end())
         {
-            continue;
-        }
-        const Handlers& handlers = it->second;
-        const bool returned = handlers.keeping ? CallGuarded([&] { handlers.keeping(share()); })
-                                               : CallGuarded([&] { handlers.ruleMatched(event); });
-        if (!returned)
-        {
-            m_handlerFailures.fetch_add(1, std::memory_order_relaxed);
+            if (!CallGuarded([&] { it->second.ruleMatched(event); }))
+            {
+                m_handlerFailures.fetch_add(1, std::memory_order_relaxed);
+            }
         }
     }
 }

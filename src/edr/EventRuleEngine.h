@@ -36,17 +36,10 @@ namespace vantor::edr
 //    doing so from inside a handler throws std::logic_error instead of
 //    deadlocking.
 //  - A handler that throws never keeps the other tags from getting the event.
-//  - A handler that keeps events past the call (a queue for another thread)
-//    registers as keeping: it shares the dispatched event instead of copying
-//    it, and the event is read-only from then on.
 class EventRuleEngine
 {
 public:
     using RuleMatchedEventHandler = std::function<void(Event&)>;
-    using KeepingEventHandler = std::function<void(std::shared_ptr<const Event>)>;
-    // Takes an event the keepers let go of (when the last one does, on its
-    // thread) instead of destroying it there.
-    using KeptEventRelease = std::function<void(std::unique_ptr<Event>)>;
     using InvalidatedEventHandler = std::function<void()>;
     using Tags = std::unordered_set<std::string>;
     using Rules = std::vector<std::shared_ptr<EventRule>>;
@@ -60,9 +53,6 @@ public:
     // Adds the handlers of a tag, or replaces those the tag already has.
     // Throws std::runtime_error for an empty tag or an empty handler.
     void RegisterEventHandlers(const std::string& tag, RuleMatchedEventHandler ruleMatchedEventHandler,
-                               InvalidatedEventHandler invalidatedEventHandler);
-    // The same with a rule-matched handler that keeps the events it gets.
-    void RegisterEventHandlers(const std::string& tag, KeepingEventHandler ruleMatchedEventHandler,
                                InvalidatedEventHandler invalidatedEventHandler);
 
     // Removes the handlers of a tag; an unknown tag is only logged.
@@ -85,12 +75,7 @@ public:
 
 protected:
     // Calls the rule-matched handler of every tag in the set that has one.
-    // Keeping handlers share one copy of the event.
     void DispatchEvent(const Tags& tags, Event& event);
-    // The same for an event the caller owns: keeping handlers take it over
-    // instead of a copy, and the pointer is then empty. Once they let go, the
-    // event goes to release if one is given, else it is destroyed.
-    void DispatchEvent(const Tags& tags, std::unique_ptr<Event>& event, const KeptEventRelease& release = {});
 
     // Calls the invalidated handler of every registered tag.
     void InvalidateEventHandlers();
@@ -99,13 +84,9 @@ private:
     struct Handlers
     {
         RuleMatchedEventHandler ruleMatched;
-        KeepingEventHandler keeping; // instead of ruleMatched
         InvalidatedEventHandler invalidated;
     };
-    using Share = std::function<std::shared_ptr<const Event>()>;
 
-    void Register(const std::string& tag, Handlers handlers);
-    void Dispatch(const Tags& tags, Event& event, const Share& share);
     void ThrowIfCalledFromHandler(const char* operation) const;
 
     mutable std::mutex m_mutex;

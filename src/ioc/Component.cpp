@@ -307,8 +307,7 @@ void Component::InstallRulesLocked()
     if (!m_registered)
     {
         m_ruleEngine.RegisterEventHandlers(
-            kTag, [this](std::shared_ptr<const edr::Event> event) { OnEvent(std::move(event)); },
-            [this] { OnRulesInvalidated(); });
+            kTag, [this](edr::Event& event) { OnEvent(event); }, [this] { OnRulesInvalidated(); });
         m_registered = true;
     }
     try
@@ -377,11 +376,11 @@ void Component::WriteBootTime()
     }
 }
 
-void Component::OnEvent(std::shared_ptr<const edr::Event> event)
+void Component::OnEvent(const edr::Event& event)
 {
     // Handlers run only while rules are installed, and the pipeline is
     // replaced only with the handlers' lock held by the update.
-    m_processingThread->Enqueue(std::move(event));
+    m_processingThread->Enqueue(std::shared_ptr<const edr::Event>(event.Clone()));
 }
 
 void Component::OnRulesInvalidated()

@@ -168,7 +168,7 @@ private:
     void ConfigureEnginesLocked();
     void MakeEngines();
 
-    void OnEvent(std::shared_ptr<const edr::Event> event);
+    void OnEvent(const edr::Event& event);
     void OnRulesInvalidated();
     // The batch formatter, its writer, the processing thread and the upload
     // schedule over the current spool.

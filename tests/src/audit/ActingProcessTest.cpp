@@ -70,9 +70,8 @@ protected:
     {
         return AuditEventProcessor(
             std::move(tree), kOwnPid, m_router,
-            [this](const AuditEventProcessor::Tags&, AuditEventProcessor::EventPtr& owned)
+            [this](const AuditEventProcessor::Tags&, edr::Event& event)
             {
-                edr::Event& event = *owned;
                 Seen seen;
                 seen.type = event.GetType();
                 seen.pid = event.GetActorProcessId();

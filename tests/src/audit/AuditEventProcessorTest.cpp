@@ -35,9 +35,8 @@ protected:
     // What the handlers would see: "tag:id" per tag, in tag order.
     AuditEventProcessor::Dispatch Recorder()
     {
-        return [this](const AuditEventProcessor::Tags& tags, AuditEventProcessor::EventPtr& owned)
+        return [this](const AuditEventProcessor::Tags& tags, edr::Event& event)
         {
-            edr::Event& event = *owned;
             std::vector<std::string> sorted(tags.begin(), tags.end());
             std::sort(sorted.begin(), sorted.end());
             for (const auto& tag : sorted)
@@ -142,7 +141,7 @@ TEST_F(AuditEventProcessorTest, AHandlerFailureIsLoggedAndTheNextEventGoesOn)
 {
     int calls = 0;
     AuditEventProcessor processor(m_tree, kOwnPid, m_router,
-                                  [&](const AuditEventProcessor::Tags&, AuditEventProcessor::EventPtr&)
+                                  [&](const AuditEventProcessor::Tags&, edr::Event&)
                                   {
                                       if (++calls == 1)
                                       {
@@ -177,11 +176,8 @@ protected:
         m_router.AddRoute("p", {"ioc", EventRule::ProcessRule, {routed}, {}});
         return AuditEventProcessor(
             MakeTree(m_proc, pseudoType), kOwnPid, m_router,
-            [this](const AuditEventProcessor::Tags&, AuditEventProcessor::EventPtr& owned)
-            {
-                edr::Event& event = *owned;
-                m_seen.emplace_back(event.GetType(), event.GetActorProcessId());
-            },
+            [this](const AuditEventProcessor::Tags&, edr::Event& event)
+            { m_seen.emplace_back(event.GetType(), event.GetActorProcessId()); },
             cleanInterval);
     }
 

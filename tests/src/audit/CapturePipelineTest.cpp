@@ -62,7 +62,7 @@ TEST(CapturePipelineTest, StopDoesNotWaitForABacklogToBeProcessed)
     router.AddRoute("rule", {"tag", edr::EventRule::FilePathRule, {}, {"/watched/file"}});
     std::atomic<size_t> handled{0};
     AuditEventProcessor processor(nullptr, 99, router,
-                                  [&](const AuditEventProcessor::Tags&, AuditEventProcessor::EventPtr&)
+                                  [&](const AuditEventProcessor::Tags&, edr::Event&)
                                   {
                                       ++handled;
                                       std::this_thread::sleep_for(1ms);

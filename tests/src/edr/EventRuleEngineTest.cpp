@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -31,7 +30,6 @@ public:
     {
     }
     std::string GetFile() const override { return m_file; }
-    std::unique_ptr<Event> Clone() const override { return std::make_unique<FileEvent>(*this); }
 
 private:
     std::string m_file;
@@ -57,20 +55,9 @@ TEST(EventRuleEngineTest, RegistrationArgumentsAreChecked)
     const auto onEvent = [](Event&) {};
     ExpectThrowText<std::exception>([&] { engine.RegisterEventHandlers("", onEvent, kNoInvalidate); },
                                     "EventRuleEngine::RegisterEventHandlers: 'tag' is empty");
-    for (const auto& empty :
-         {std::function<void()>(
-              [&] {
-                  engine.RegisterEventHandlers("fim", EventRuleEngine::RuleMatchedEventHandler(),
-                                               kNoInvalidate);
-              }),
-          std::function<void()>(
-              [&] {
-                  engine.RegisterEventHandlers("fim", EventRuleEngine::KeepingEventHandler(), kNoInvalidate);
-              })})
-    {
-        ExpectThrowText<std::exception>(
-            empty, "EventRuleEngine::RegisterEventHandlers: 'ruleMatchedEventHandler' is invalid");
-    }
+    ExpectThrowText<std::exception>(
+        [&] { engine.RegisterEventHandlers("fim", nullptr, kNoInvalidate); },
+        "EventRuleEngine::RegisterEventHandlers: 'ruleMatchedEventHandler' is invalid");
     ExpectThrowText<std::exception>(
         [&] { engine.RegisterEventHandlers("fim", onEvent, nullptr); },
         "EventRuleEngine::RegisterEventHandlers: 'invalidatedEventHandler' is invalid");
@@ -130,63 +117,6 @@ TEST(EventRuleEngineTest, DispatchReachesOnlyTheGivenTagsAndSurvivesAThrowingHan
     EXPECT_EQ(seen, (std::vector<std::string>{"fim:/tmp/x", "ioc:/tmp/x"}));
     EXPECT_TRUE(log.Contains("Exception: broken /tmp/x"));
     EXPECT_EQ(log.Count("Exception: "), 2U);
-}
-
-TEST(EventRuleEngineTest, KeepingHandlersShareTheDispatchedEventInsteadOfCopyingIt)
-{
-    TestEngine engine;
-    std::vector<std::string> read;
-    std::vector<std::shared_ptr<const Event>> kept;
-    engine.RegisterEventHandlers(
-        "fim", [&](Event& e) { read.push_back(e.GetFile()); }, kNoInvalidate);
-    for (const char* tag : {"ioc", "other"})
-    {
-        engine.RegisterEventHandlers(
-            tag, [&](std::shared_ptr<const Event> e) { kept.push_back(std::move(e)); }, kNoInvalidate);
-    }
-    engine.RegisterEventHandlers(
-        "broken", [](std::shared_ptr<const Event>) { throw std::runtime_error("full"); }, kNoInvalidate);
-
-    // An owned event is taken over by the keepers, all of them the one object.
-    std::unique_ptr<Event> owned = std::make_unique<FileEvent>("/etc/shadow");
-    const Event* const object = owned.get();
-    engine.DispatchEvent({"fim", "ioc", "other", "broken"}, owned);
-    EXPECT_EQ(owned, nullptr);
-    ASSERT_EQ(kept.size(), 2U);
-    EXPECT_EQ(kept[0].get(), object);
-    EXPECT_EQ(kept[1].get(), object);
-    EXPECT_EQ(read, (std::vector<std::string>{"/etc/shadow"}));
-    EXPECT_EQ(engine.GetHandlerFailureCount(), 1U);
-
-    // Without a keeper it stays with its owner.
-    owned = std::make_unique<FileEvent>("/etc/passwd");
-    engine.DispatchEvent({"fim"}, owned);
-    ASSERT_NE(owned, nullptr);
-    EXPECT_EQ(read.back(), "/etc/passwd");
-
-    // With a release, the event the keepers let go of is given to it whole,
-    // on the thread of the last keeper, instead of being destroyed.
-    std::vector<std::unique_ptr<Event>> released;
-    owned = std::make_unique<FileEvent>("/etc/group");
-    const Event* const given = owned.get();
-    kept.clear();
-    engine.DispatchEvent({"ioc", "other"}, owned,
-                         [&](std::unique_ptr<Event> e) { released.push_back(std::move(e)); });
-    kept.pop_back();
-    EXPECT_TRUE(released.empty()) << "one keeper still holds it";
-    kept.clear();
-    ASSERT_EQ(released.size(), 1U);
-    EXPECT_EQ(released[0].get(), given);
-    EXPECT_EQ(released[0]->GetFile(), "/etc/group");
-
-    // One the caller cannot give away: the keepers share one copy.
-    kept.clear();
-    FileEvent onStack("/etc/hosts");
-    engine.DispatchEvent({"ioc", "other"}, onStack);
-    ASSERT_EQ(kept.size(), 2U);
-    EXPECT_NE(kept[0].get(), &onStack);
-    EXPECT_EQ(kept[0], kept[1]);
-    EXPECT_EQ(kept[0]->GetFile(), "/etc/hosts");
 }
 
 TEST(EventRuleEngineTest, InvalidationReachesEveryTag)
