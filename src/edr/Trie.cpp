@@ -148,50 +148,52 @@ bool Trie::Delete(std::string_view path, const std::string& value)
     return true;
 }
 
-Trie::Values Trie::GetValues(std::string_view path) const
+template <typename Visit>
+bool Trie::Walk(std::string_view path, const char* caller, Visit&& visit) const
 {
     if (!IsValidPath(path))
     {
-        throw std::runtime_error("Trie::GetValues: path is empty or invalid");
+        throw std::runtime_error(std::string(caller) + ": path is empty or invalid");
     }
-    Values result;
-    result.max_load_factor(1.0F);
     const Node* node = m_root.get();
-    result.insert(node->values.begin(), node->values.end());
     PathComponents components(path);
     std::string_view component;
-    while (components.Next(component))
+    for (;;)
     {
+        if (!visit(*node))
+        {
+            return false;
+        }
+        if (!components.Next(component))
+        {
+            return true;
+        }
         const auto it = node->children.find(component);
         if (it == node->children.end())
         {
-            break;
+            return true;
         }
         node = it->second.get();
-        result.insert(node->values.begin(), node->values.end());
     }
+}
+
+Trie::Values Trie::GetValues(std::string_view path) const
+{
+    Values result;
+    result.max_load_factor(1.0F);
+    Walk(path, "Trie::GetValues",
+         [&](const Node& node)
+         {
+             result.insert(node.values.begin(), node.values.end());
+             return true;
+         });
     return result;
 }
 
 bool Trie::HasValues(std::string_view path) const
 {
-    if (!IsValidPath(path))
-    {
-        throw std::runtime_error("Trie::HasValues: path is empty or invalid");
-    }
-    const Node* node = m_root.get();
-    PathComponents components(path);
-    std::string_view component;
-    while (node->values.empty() && components.Next(component))
-    {
-        const auto it = node->children.find(component);
-        if (it == node->children.end())
-        {
-            return false;
-        }
-        node = it->second.get();
-    }
-    return !node->values.empty();
+    // The walk stops at the first node with a tag.
+    return !Walk(path, "Trie::HasValues", [](const Node& node) { return node.values.empty(); });
 }
 
 size_t Trie::GetNodeCount() const

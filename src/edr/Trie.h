@@ -58,6 +58,14 @@ private:
         Values values;
     };
 
+    // Visits the root and each node along the path, as long as visit answers
+    // true; answers whether the walk went to its end (the last node found, or
+    // no child for the next component) rather than being stopped. Throws, as
+    // caller, for a path that is empty or not absolute. Defined where it is
+    // used: visit is inlined (a lookup is asked of every file event).
+    template <typename Visit>
+    bool Walk(std::string_view path, const char* caller, Visit&& visit) const;
+
     std::unique_ptr<Node> m_root;
 };
 
