@@ -73,9 +73,9 @@ public:
 
     const std::shared_ptr<ProcessTree>& GetProcessTree() const { return m_treeUpdater.GetProcessTree(); }
 
-    // Events whose handling failed (logged); readable from any thread.
     // Whether a path rule routes events about the path; thread-safe.
     bool RoutesPath(std::string_view path) const { return m_router.RoutesPath(path); }
+    // Events whose handling failed (logged); readable from any thread.
     uint64_t GetFailedEventCount() const { return m_failedEvents.load(std::memory_order_relaxed); }
 
 private:
