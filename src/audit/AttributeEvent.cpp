@@ -6,7 +6,7 @@
 namespace vantor::audit::internal
 {
 
-AttributeEvent::AttributeEvent(auparse_state_t* au, Magic magic, const StatGate* gate)
+AttributeEvent::AttributeEvent(auparse_state_t* au, Magic magic, const StatGate& gate)
     : FileEvent(au, std::move(magic))
 {
     StatMode mode = StatMode::Follow;

@@ -28,7 +28,7 @@ void AuditEventBuilder::BuildSyscallEvent(AuditEventClass eventClass, auparse_st
     switch (eventClass)
     {
     case AuditEventClass::ReadWrite:
-        event = std::make_unique<ReadWriteEvent>(state, m_magic, Gate());
+        event = std::make_unique<ReadWriteEvent>(state, m_magic, m_statGate);
         break;
     case AuditEventClass::Network:
         event = std::make_unique<NetworkEvent>(state);
@@ -41,7 +41,7 @@ void AuditEventBuilder::BuildSyscallEvent(AuditEventClass eventClass, auparse_st
         break;
     case AuditEventClass::Rename:
     {
-        auto rename = std::make_unique<RenameEvent>(state, m_magic, Gate());
+        auto rename = std::make_unique<RenameEvent>(state, m_magic, m_statGate);
         std::unique_ptr<edr::Event> replaced;
         if (const PathRecord* target = rename->GetReplaced())
         {
@@ -66,13 +66,13 @@ void AuditEventBuilder::BuildSyscallEvent(AuditEventClass eventClass, auparse_st
         return;
     }
     case AuditEventClass::Create:
-        event = std::make_unique<CreateEvent>(state, m_magic, Gate());
+        event = std::make_unique<CreateEvent>(state, m_magic, m_statGate);
         break;
     case AuditEventClass::Delete:
         event = std::make_unique<DeleteEvent>(state, m_magic);
         break;
     case AuditEventClass::Attribute:
-        event = std::make_unique<AttributeEvent>(state, m_magic, Gate());
+        event = std::make_unique<AttributeEvent>(state, m_magic, m_statGate);
         break;
     case AuditEventClass::Exit:
         event = std::make_unique<ExitEvent>(state);

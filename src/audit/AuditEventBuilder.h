@@ -33,8 +33,6 @@ public:
     }
 
 private:
-    const StatGate* Gate() const { return m_statGate ? &m_statGate : nullptr; }
-
     std::shared_ptr<const edr::LibMagicWrapper> m_magic;
     StatGate m_statGate;
     std::atomic<uint64_t> m_failedReplacedDeletes{0};

@@ -6,7 +6,7 @@
 namespace vantor::audit::internal
 {
 
-CreateEvent::CreateEvent(auparse_state_t* au, Magic magic, const StatGate* gate)
+CreateEvent::CreateEvent(auparse_state_t* au, Magic magic, const StatGate& gate)
     : FileEvent(au, std::move(magic))
 {
     StatMode mode = StatMode::Follow;

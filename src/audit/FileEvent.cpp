@@ -131,16 +131,16 @@ void FileEvent::SetObjectPath(const PathRecord& object, const PathRecord* parent
 }
 
 void FileEvent::SetObject(const PathRecord& object, const PathRecord* parent, StatMode mode,
-                          const StatGate* gate, const PathRecord* alsoRouted)
+                          const StatGate& gate, const PathRecord* alsoRouted)
 {
     if (!object.hasName)
     {
         throw edr::EventException("Missing path for child");
     }
     SetObjectPath(object, parent);
-    const auto routed = [gate](const PathRecord* record)
-    { return record != nullptr && (*gate)(PathOf(*record)); };
-    if (gate != nullptr && *gate && !routed(&object) && !routed(alsoRouted))
+    const auto routed = [&gate](const PathRecord* record)
+    { return record != nullptr && gate(PathOf(*record)); };
+    if (gate && !routed(&object) && !routed(alsoRouted))
     {
         return;
     }

@@ -60,11 +60,11 @@ protected:
     // Sets the object of the event and, unless mode is None, stats it. A stat
     // of another object (the file was replaced) throws "File ... differs from
     // the object of the audit event with ID ...". Both records are records of
-    // this event (the event keeps their places, not copies). With a gate that
-    // routes neither the object nor alsoRouted (the event's other path), no
-    // stat is taken, as for None.
+    // this event (the event keeps their places, not copies). With a gate (not
+    // empty) that routes neither the object nor alsoRouted (the event's other
+    // path), no stat is taken, as for None.
     void SetObject(const PathRecord& object, const PathRecord* parent, StatMode mode,
-                   const StatGate* gate = nullptr, const PathRecord* alsoRouted = nullptr);
+                   const StatGate& gate = {}, const PathRecord* alsoRouted = nullptr);
     void SetObjectPath(const PathRecord& object, const PathRecord* parent);
 
     // Place of a record of this event in its PATH records; kNoPath for null.

@@ -15,7 +15,7 @@ bool OpensForWriting(uint64_t flags)
 
 } // namespace
 
-ReadWriteEvent::ReadWriteEvent(auparse_state_t* au, Magic magic, const StatGate* gate)
+ReadWriteEvent::ReadWriteEvent(auparse_state_t* au, Magic magic, const StatGate& gate)
     : FileEvent(au, std::move(magic))
 {
     const int call = GetSyscall();

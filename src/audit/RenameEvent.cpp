@@ -5,7 +5,7 @@
 namespace vantor::audit::internal
 {
 
-RenameEvent::RenameEvent(auparse_state_t* au, Magic magic, const StatGate* gate)
+RenameEvent::RenameEvent(auparse_state_t* au, Magic magic, const StatGate& gate)
     : FileEvent(au, std::move(magic))
 {
     const int call = GetSyscall();
