@@ -6,8 +6,9 @@
 namespace vantor::audit::internal
 {
 
-AttributeEvent::AttributeEvent(auparse_state_t* au, Magic magic, const StatGate& gate)
-    : FileEvent(au, std::move(magic))
+AttributeEvent::AttributeEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic,
+                               const StatGate& gate)
+    : FileEvent(au, aside, std::move(magic))
 {
     StatMode mode = StatMode::Follow;
     switch (GetSyscall())

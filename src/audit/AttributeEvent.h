@@ -10,7 +10,7 @@ class AttributeEvent : public FileEvent
 {
 public:
     // A gate that routes none of its paths spares the stat (see SetObject).
-    AttributeEvent(auparse_state_t* au, Magic magic, const StatGate& gate = {});
+    AttributeEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic, const StatGate& gate = {});
 
     std::unique_ptr<edr::Event> Clone() const override;
     edr::EventType GetType() const override;

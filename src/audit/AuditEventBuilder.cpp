@@ -21,27 +21,28 @@ AuditEventBuilder::AuditEventBuilder(std::shared_ptr<const edr::LibMagicWrapper>
 {
 }
 
-void AuditEventBuilder::BuildSyscallEvent(AuditEventClass eventClass, auparse_state_t* state, Events& out)
+void AuditEventBuilder::BuildSyscallEvent(AuditEventClass eventClass, auparse_state_t* state,
+                                          const SetAsideRecords& aside, Events& out)
 {
     using namespace internal;
     std::unique_ptr<edr::Event> event;
     switch (eventClass)
     {
     case AuditEventClass::ReadWrite:
-        event = std::make_unique<ReadWriteEvent>(state, m_magic, m_statGate);
+        event = std::make_unique<ReadWriteEvent>(state, aside, m_magic, m_statGate);
         break;
     case AuditEventClass::Network:
-        event = std::make_unique<NetworkEvent>(state);
+        event = std::make_unique<NetworkEvent>(state, aside);
         break;
     case AuditEventClass::Clone:
-        event = std::make_unique<CloneEvent>(state);
+        event = std::make_unique<CloneEvent>(state, aside);
         break;
     case AuditEventClass::Running:
-        event = std::make_unique<RunningEvent>(state);
+        event = std::make_unique<RunningEvent>(state, aside);
         break;
     case AuditEventClass::Rename:
     {
-        auto rename = std::make_unique<RenameEvent>(state, m_magic, m_statGate);
+        auto rename = std::make_unique<RenameEvent>(state, aside, m_magic, m_statGate);
         std::unique_ptr<edr::Event> replaced;
         if (const PathRecord* target = rename->GetReplaced())
         {
@@ -66,16 +67,16 @@ void AuditEventBuilder::BuildSyscallEvent(AuditEventClass eventClass, auparse_st
         return;
     }
     case AuditEventClass::Create:
-        event = std::make_unique<CreateEvent>(state, m_magic, m_statGate);
+        event = std::make_unique<CreateEvent>(state, aside, m_magic, m_statGate);
         break;
     case AuditEventClass::Delete:
-        event = std::make_unique<DeleteEvent>(state, m_magic);
+        event = std::make_unique<DeleteEvent>(state, aside, m_magic);
         break;
     case AuditEventClass::Attribute:
-        event = std::make_unique<AttributeEvent>(state, m_magic, m_statGate);
+        event = std::make_unique<AttributeEvent>(state, aside, m_magic, m_statGate);
         break;
     case AuditEventClass::Exit:
-        event = std::make_unique<ExitEvent>(state);
+        event = std::make_unique<ExitEvent>(state, aside);
         break;
     }
     if (event)

@@ -22,7 +22,8 @@ public:
     // file event is stat-ed. The gate runs on the building thread.
     explicit AuditEventBuilder(std::shared_ptr<const edr::LibMagicWrapper> magic, StatGate gate = {});
 
-    void BuildSyscallEvent(AuditEventClass eventClass, auparse_state_t* state, Events& out) override;
+    void BuildSyscallEvent(AuditEventClass eventClass, auparse_state_t* state, const SetAsideRecords& aside,
+                           Events& out) override;
     void BuildAbendEvent(auparse_state_t* state, Events& out) override;
 
     // Renames whose replaced target got no delete event (logged); readable

@@ -11,11 +11,26 @@
 namespace vantor::audit::internal
 {
 
-void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
+void AuditRecords::Parse(auparse_state_t* au, unsigned wanted, const SetAsideRecords& aside)
 {
-    // Room for a usual executable and directory and the command line (at
-    // most 128 bytes) at once, not much more than they would take apart.
-    m_text.reserve(192);
+    // Room for a usual executable and directory and the raw command line (at
+    // most 256 hex digits) at once, not much more than they would take apart.
+    m_text.reserve(320);
+    if (aside.serial == auparse_get_serial(au))
+    {
+        if (aside.cwd && (wanted & kCwd) != 0)
+        {
+            // A set-aside value came first among the event's CWD records.
+            ++cwdCount;
+            m_cwdAt = m_text.size();
+            AuparseField::AppendText(*aside.cwd, m_text);
+            m_cwdSize = m_text.size() - m_cwdAt;
+        }
+        if (aside.proctitle && (wanted & kProctitle) != 0)
+        {
+            KeepProctitle(*aside.proctitle);
+        }
+    }
     const unsigned count = auparse_get_num_records(au);
     unsigned syscalls = 0;
     for (unsigned i = 0; i < count; ++i)
@@ -75,9 +90,7 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
             if ((wanted & kProctitle) != 0)
             {
                 const char* raw = auparse_find_field(au, "proctitle");
-                m_proctitleAt = m_text.size();
-                DecodeProctitle(raw != nullptr ? raw : "", m_text);
-                m_proctitleSize = m_text.size() - m_proctitleAt;
+                KeepProctitle(raw != nullptr ? raw : "");
             }
             break;
         case AUDIT_EXECVE:
@@ -100,6 +113,20 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted)
     {
         throw edr::EventException("Missing SYSCALL record for event");
     }
+}
+
+void AuditRecords::KeepProctitle(std::string_view raw)
+{
+    m_proctitleAt = m_text.size();
+    m_text.append(raw);
+    m_proctitleSize = raw.size();
+}
+
+std::string AuditRecords::Proctitle() const
+{
+    std::string title;
+    DecodeProctitle(TextAt(m_proctitleAt, m_proctitleSize), title);
+    return title;
 }
 
 void AuditRecords::DecodeProctitle(std::string_view raw, std::string& bytes)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "audit/PathRecord.h"
+#include "audit/SetAsideRecords.h"
 #include "audit/SyscallRecord.h"
 
 #include <auparse.h>
@@ -35,9 +36,11 @@ public:
         std::optional<uint16_t> port;
     };
 
-    // Visits every record of the current event. Throws EventException for a
-    // missing or repeated SYSCALL record and for unreadable records.
-    void Parse(auparse_state_t* au, unsigned wanted);
+    // Visits every record of the current event, and takes the values set
+    // aside for it (those of another serial are ignored). Throws
+    // EventException for a missing or repeated SYSCALL record and for
+    // unreadable records.
+    void Parse(auparse_state_t* au, unsigned wanted, const SetAsideRecords& aside = {});
 
     SyscallRecord syscall;
     std::vector<PathRecord> paths;
@@ -51,8 +54,9 @@ public:
     unsigned cwdCount = 0;
     // The PROCTITLE record's command line, its arguments separated by NUL
     // bytes (see DecodeProctitle); empty when the event had none. The kernel
-    // keeps at most 128 bytes of it.
-    std::string_view Proctitle() const { return TextAt(m_proctitleAt, m_proctitleSize); }
+    // keeps at most 128 bytes of it. Kept raw and decoded on each call: few
+    // events are ever asked for it.
+    std::string Proctitle() const;
     std::optional<uint32_t> argc;
     std::vector<std::string> arguments;
     std::optional<SockAddr> sockaddr;
@@ -66,6 +70,7 @@ public:
     static std::vector<std::string> SplitArguments(std::string_view text);
 
 private:
+    void KeepProctitle(std::string_view raw);
     void ParseExecve(auparse_state_t* au);
     void ParseSockaddr(auparse_state_t* au);
     std::string_view TextAt(size_t at, size_t size) const

@@ -78,7 +78,8 @@ AuparseFeed::AuparseFeed(EventBuilder& builder, Tally* tally, Grouping grouping)
     : m_builder(builder)
     , m_tally(tally != nullptr ? *tally : m_ownTally)
     , m_grouping(grouping)
-    , m_regrouper([this](std::string_view records, bool endsItself) { FeedEvent(records, endsItself); })
+    , m_regrouper([this](std::string_view records, const SetAsideRecords& aside, bool endsItself)
+                  { FeedEvent(records, aside, endsItself); })
 {
     m_state = ::auparse_init(AUSOURCE_FEED, nullptr);
     if (m_state == nullptr)
@@ -194,15 +195,25 @@ void AuparseFeed::FeedLines(const char* begin, const char* end)
     FeedRaw("\n", 1);
 }
 
-void AuparseFeed::FeedEvent(std::string_view records, bool endsItself)
+void AuparseFeed::FeedEvent(std::string_view records, const SetAsideRecords& aside, bool endsItself)
 {
-    FeedRaw(records.data(), records.size());
-    if (!endsItself)
+    m_aside = &aside;
+    try
     {
-        // libauparse holds nothing else: flushing completes this event only.
-        FeedRaw("\n", 1);
-        ::auparse_flush_feed(m_state);
+        FeedRaw(records.data(), records.size());
+        if (!endsItself)
+        {
+            // libauparse holds nothing else: flushing completes this event only.
+            FeedRaw("\n", 1);
+            ::auparse_flush_feed(m_state);
+        }
     }
+    catch (...)
+    {
+        m_aside = nullptr;
+        throw;
+    }
+    m_aside = nullptr;
 }
 
 void AuparseFeed::FeedAsReceived(const char* begin, const char* end)
@@ -318,7 +329,9 @@ void AuparseFeed::OnEvent(auparse_state_t* state)
             }
             // The builder reads the event from its first record.
             ::auparse_first_record(state);
-            m_builder.BuildSyscallEvent(*eventClass, state, m_scratch);
+            static const SetAsideRecords kNothingSetAside;
+            m_builder.BuildSyscallEvent(*eventClass, state, m_aside != nullptr ? *m_aside : kNothingSetAside,
+                                        m_scratch);
             break;
         }
         case AUDIT_ANOM_ABEND:

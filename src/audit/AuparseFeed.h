@@ -96,7 +96,7 @@ private:
     void FeedLines(const char* begin, const char* end);
     void FeedAsReceived(const char* begin, const char* end);
     // One event's records from the regrouper.
-    void FeedEvent(std::string_view records, bool endsItself);
+    void FeedEvent(std::string_view records, const SetAsideRecords& aside, bool endsItself);
     // Keeps the start of a line until its end arrives.
     void HoldUnfinished(const char* begin, const char* end);
     Events TakeCompleted();
@@ -106,6 +106,8 @@ private:
     Tally& m_tally;
     auparse_state_t* m_state = nullptr;
     Events m_completed;
+    // The values set aside for the event being fed, while it is.
+    const SetAsideRecords* m_aside = nullptr;
     // Reused for each event, so that a rejected event leaves nothing behind.
     Events m_scratch;
     // The unfinished last line: libauparse gets whole lines only.

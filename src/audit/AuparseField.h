@@ -63,23 +63,14 @@ public:
     static bool AppendText(auparse_state_t* au, std::string& out)
     {
         const std::string_view raw = Raw(au);
-        switch (FormOf(raw))
+        const Form form = FormOf(raw);
+        if (form == Form::Missing)
         {
-        case Form::Missing:
             return false;
-        case Form::Quoted:
-            out.append(raw.substr(1, raw.find('"', 1) - 1));
-            return true;
-        case Form::Hex:
-        {
-            // Cut at the first NUL byte, as the library's C string is.
-            const size_t start = out.size();
-            AppendHexBytes(raw, out);
-            out.resize(std::min(out.find('\0', start), out.size()));
-            return true;
         }
-        case Form::Other:
-            break;
+        if (AppendForm(form, raw, out))
+        {
+            return true;
         }
         const char* text = auparse_interpret_field(au);
         if (text == nullptr)
@@ -88,6 +79,21 @@ public:
         }
         out.append(text);
         return true;
+    }
+
+    // Whether a raw value is of a common form, which the overload below
+    // decodes as the library would, without the library.
+    static bool DecodesAlone(std::string_view raw)
+    {
+        const Form form = FormOf(raw);
+        return form == Form::Quoted || form == Form::Hex;
+    }
+
+    // Appends the decoded text of a raw value of a common form; false (out
+    // untouched) for any other.
+    static bool AppendText(std::string_view raw, std::string& out)
+    {
+        return AppendForm(FormOf(raw), raw, out);
     }
 
     // Whether AppendText would give a text, without decoding the common forms.
@@ -159,6 +165,27 @@ private:
         Hex,
         Other
     };
+
+    // Decodes the common forms; false for the others.
+    static bool AppendForm(Form form, std::string_view raw, std::string& out)
+    {
+        switch (form)
+        {
+        case Form::Quoted:
+            out.append(raw.substr(1, raw.find('"', 1) - 1));
+            return true;
+        case Form::Hex:
+        {
+            // Cut at the first NUL byte, as the library's C string is.
+            const size_t start = out.size();
+            AppendHexBytes(raw, out);
+            out.resize(std::min(out.find('\0', start), out.size()));
+            return true;
+        }
+        default:
+            return false;
+        }
+    }
 
     // Quoted: with its closing quote. Hex: an even run of hex digits; one
     // with a leading "00" (an abstract socket name, which the library treats

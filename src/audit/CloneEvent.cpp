@@ -9,8 +9,8 @@ namespace
 constexpr uint64_t kCloneThread = 0x10000;
 }
 
-CloneEvent::CloneEvent(auparse_state_t* au)
-    : SyscallEvent(au, 0)
+CloneEvent::CloneEvent(auparse_state_t* au, const SetAsideRecords& aside)
+    : SyscallEvent(au, aside, 0)
 {
     const int call = GetSyscall();
     if (call != SYS_clone && call != SYS_fork && call != SYS_vfork)

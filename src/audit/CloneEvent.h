@@ -10,7 +10,7 @@ namespace vantor::audit::internal
 class CloneEvent : public SyscallEvent
 {
 public:
-    explicit CloneEvent(auparse_state_t* au);
+    CloneEvent(auparse_state_t* au, const SetAsideRecords& aside);
 
     std::unique_ptr<edr::Event> Clone() const override;
     edr::EventType GetType() const override;

@@ -6,8 +6,8 @@
 namespace vantor::audit::internal
 {
 
-CreateEvent::CreateEvent(auparse_state_t* au, Magic magic, const StatGate& gate)
-    : FileEvent(au, std::move(magic))
+CreateEvent::CreateEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic, const StatGate& gate)
+    : FileEvent(au, aside, std::move(magic))
 {
     StatMode mode = StatMode::Follow;
     bool link = false;

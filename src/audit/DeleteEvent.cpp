@@ -7,8 +7,8 @@
 namespace vantor::audit::internal
 {
 
-DeleteEvent::DeleteEvent(auparse_state_t* au, Magic magic)
-    : FileEvent(au, std::move(magic))
+DeleteEvent::DeleteEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic)
+    : FileEvent(au, aside, std::move(magic))
 {
     const int call = GetSyscall();
     const bool rename = call == SYS_rename || call == SYS_renameat || call == SYS_renameat2;

@@ -10,7 +10,7 @@ namespace vantor::audit::internal
 class DeleteEvent : public FileEvent
 {
 public:
-    DeleteEvent(auparse_state_t* au, Magic magic);
+    DeleteEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic);
     // The target that a rename replaced (its second DELETE record).
     DeleteEvent(const FileEvent& rename, const PathRecord& replaced);
 

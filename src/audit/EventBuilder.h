@@ -1,6 +1,7 @@
 #pragma once
 
 #include "audit/AuditEventClass.h"
+#include "audit/SetAsideRecords.h"
 #include "edr/Event.h"
 
 #include <auparse.h>
@@ -22,9 +23,11 @@ public:
 
     virtual ~EventBuilder() = default;
 
-    // Appends the event(s) built from the state; a rename that replaced its
-    // target appends a delete event for the target as well.
-    virtual void BuildSyscallEvent(AuditEventClass eventClass, auparse_state_t* state, Events& out) = 0;
+    // Appends the event(s) built from the state and the values set aside for
+    // it; a rename that replaced its target appends a delete event for the
+    // target as well.
+    virtual void BuildSyscallEvent(AuditEventClass eventClass, auparse_state_t* state,
+                                   const SetAsideRecords& aside, Events& out) = 0;
     // An abnormal end (ANOM_ABEND record).
     virtual void BuildAbendEvent(auparse_state_t* state, Events& out) = 0;
 };

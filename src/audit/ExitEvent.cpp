@@ -5,8 +5,8 @@
 namespace vantor::audit::internal
 {
 
-ExitEvent::ExitEvent(auparse_state_t* au)
-    : SyscallEvent(au, 0)
+ExitEvent::ExitEvent(auparse_state_t* au, const SetAsideRecords& aside)
+    : SyscallEvent(au, aside, 0)
 {
     if (GetSyscall() != SYS_exit_group)
     {

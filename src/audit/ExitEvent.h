@@ -9,7 +9,7 @@ namespace vantor::audit::internal
 class ExitEvent : public SyscallEvent
 {
 public:
-    explicit ExitEvent(auparse_state_t* au);
+    ExitEvent(auparse_state_t* au, const SetAsideRecords& aside);
 
     std::unique_ptr<edr::Event> Clone() const override;
     edr::EventType GetType() const override;

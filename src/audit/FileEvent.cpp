@@ -20,8 +20,8 @@ edr::Event::TimePoint ToTimePoint(const struct timespec& ts)
 
 } // namespace
 
-FileEvent::FileEvent(auparse_state_t* au, Magic magic)
-    : SyscallEvent(au, AuditRecords::kPath | AuditRecords::kCwd)
+FileEvent::FileEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic)
+    : SyscallEvent(au, aside, AuditRecords::kPath | AuditRecords::kCwd)
     , m_magic(std::move(magic))
 {
     if (m_records.cwdCount > 1)

@@ -54,7 +54,7 @@ protected:
     using Magic = std::shared_ptr<const edr::LibMagicWrapper>;
 
     // Parses SYSCALL, PATH and CWD records and makes every PATH name absolute.
-    FileEvent(auparse_state_t* au, Magic magic);
+    FileEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic);
     FileEvent(const FileEvent&) = default;
 
     // Sets the object of the event and, unless mode is None, stats it. A stat

@@ -21,8 +21,8 @@ bool IsLoopback(const std::string& address, const std::string& family)
 
 } // namespace
 
-NetworkEvent::NetworkEvent(auparse_state_t* au)
-    : SyscallEvent(au, AuditRecords::kSockaddr)
+NetworkEvent::NetworkEvent(auparse_state_t* au, const SetAsideRecords& aside)
+    : SyscallEvent(au, aside, AuditRecords::kSockaddr)
 {
     if (!IsNetworkCall(GetSyscall()))
     {

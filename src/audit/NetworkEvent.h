@@ -9,7 +9,7 @@ namespace vantor::audit::internal
 class NetworkEvent : public SyscallEvent
 {
 public:
-    explicit NetworkEvent(auparse_state_t* au);
+    NetworkEvent(auparse_state_t* au, const SetAsideRecords& aside);
 
     std::unique_ptr<edr::Event> Clone() const override;
     edr::EventType GetType() const override;

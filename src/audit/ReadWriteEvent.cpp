@@ -15,8 +15,9 @@ bool OpensForWriting(uint64_t flags)
 
 } // namespace
 
-ReadWriteEvent::ReadWriteEvent(auparse_state_t* au, Magic magic, const StatGate& gate)
-    : FileEvent(au, std::move(magic))
+ReadWriteEvent::ReadWriteEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic,
+                               const StatGate& gate)
+    : FileEvent(au, aside, std::move(magic))
 {
     const int call = GetSyscall();
     switch (call)

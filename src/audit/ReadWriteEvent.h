@@ -11,7 +11,7 @@ class ReadWriteEvent : public FileEvent
 {
 public:
     // A gate that routes none of its paths spares the stat (see SetObject).
-    ReadWriteEvent(auparse_state_t* au, Magic magic, const StatGate& gate = {});
+    ReadWriteEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic, const StatGate& gate = {});
 
     std::unique_ptr<edr::Event> Clone() const override;
     edr::EventType GetType() const override;

@@ -1,6 +1,7 @@
 #include "audit/RecordRegrouper.h"
 
 #include "audit/AuditTables.h"
+#include "audit/AuparseField.h"
 #include "audit/RecordTrimmer.h"
 
 #include <libaudit.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <charconv>
 #include <tuple>
+#include <utility>
 
 namespace vantor::audit
 {
@@ -87,15 +89,26 @@ void RecordRegrouper::Add(std::string_view line)
 
     if (const int32_t index = Find(stamp); index >= 0)
     {
-        const bool ends = EndsEvent(type);
-        // What no builder reads goes no further, unless it ends the event.
-        if (ends || RecordTrimmer::IsRead(type))
+        if (SetAside(m_slots[static_cast<size_t>(index)], type, line, stamp.fieldsAt))
         {
-            RecordTrimmer::Append(type, line, stamp.fieldsAt, m_slots[static_cast<size_t>(index)].records);
+            if (type == AUDIT_PROCTITLE)
+            {
+                Close(index, false);
+            }
         }
-        if (ends)
+        else
         {
-            Close(index, true);
+            const bool ends = EndsEvent(type);
+            // What no builder reads goes no further, unless it ends the event.
+            if (ends || RecordTrimmer::IsRead(type))
+            {
+                RecordTrimmer::Append(type, line, stamp.fieldsAt,
+                                      m_slots[static_cast<size_t>(index)].records);
+            }
+            if (ends)
+            {
+                Close(index, true);
+            }
         }
     }
     else if (EndsEvent(type))
@@ -175,6 +188,9 @@ int32_t RecordRegrouper::Open(const Stamp& stamp)
     slot.node.assign(stamp.node);
     slot.records.clear();
     slot.used = true;
+    slot.sawCwd = false;
+    slot.hasCwd = false;
+    slot.hasProctitle = false;
     ++m_pending;
     m_oldestSeconds = std::min(m_oldestSeconds, stamp.seconds);
     if (m_pending * 2 > m_buckets.size())
@@ -205,8 +221,50 @@ void RecordRegrouper::Close(int32_t index, bool endsItself)
     slot.used = false;
     --m_pending;
     m_free.push_back(index);
-    m_sink(slot.records, endsItself);
+    SetAsideRecords aside;
+    aside.serial = slot.serial;
+    if (slot.hasCwd)
+    {
+        aside.cwd = slot.cwd;
+    }
+    if (slot.hasProctitle)
+    {
+        aside.proctitle = slot.proctitle;
+    }
+    m_sink(slot.records, aside, endsItself);
     slot.records.clear();
+}
+
+bool RecordRegrouper::SetAside(Slot& slot, int type, std::string_view line, size_t fieldsAt)
+{
+    if (type == AUDIT_CWD)
+    {
+        // Only the first: a later one would come before it for libauparse.
+        if (std::exchange(slot.sawCwd, true))
+        {
+            return false;
+        }
+        const auto value = RecordTrimmer::SoleValue(line, fieldsAt, "cwd");
+        if (!value || !internal::AuparseField::DecodesAlone(*value))
+        {
+            return false;
+        }
+        slot.cwd.assign(*value);
+        slot.hasCwd = true;
+        return true;
+    }
+    if (type == AUDIT_PROCTITLE)
+    {
+        const auto value = RecordTrimmer::SoleValue(line, fieldsAt, "proctitle");
+        if (!value)
+        {
+            return false;
+        }
+        slot.proctitle.assign(*value);
+        slot.hasProctitle = true;
+        return true;
+    }
+    return false;
 }
 
 void RecordRegrouper::CutUpTo(uint64_t seconds)
@@ -290,12 +348,12 @@ void RecordRegrouper::Emit(std::string_view records, bool endsItself)
 {
     if (!records.empty() && records.back() == '\n')
     {
-        m_sink(records, endsItself);
+        m_sink(records, SetAsideRecords{}, endsItself);
         return;
     }
     m_line.assign(records);
     m_line.push_back('\n');
-    m_sink(m_line, endsItself);
+    m_sink(m_line, SetAsideRecords{}, endsItself);
 }
 
 } // namespace vantor::audit

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "audit/SetAsideRecords.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -37,7 +39,12 @@ namespace vantor::audit
 //
 // The records of an event that a SYSCALL record started are kept as
 // RecordTrimmer trims them: without the records and fields that no builder
-// reads. Records handed on alone are kept as they came.
+// reads. Its first CWD record and its PROCTITLE record, when each is one
+// field written as the kernel writes it, are not kept but set aside: their
+// values go along with the records (SetAsideRecords). An event whose
+// PROCTITLE was set aside is handed on as cut, since libauparse no longer
+// sees the record that ends it. Records handed on alone are kept as they
+// came.
 //
 // Events are handed on in the order they complete (cut ones by time); the
 // records of one event keep their order. Buffers are reused: in the steady
@@ -45,9 +52,9 @@ namespace vantor::audit
 class RecordRegrouper
 {
 public:
-    // One event's record lines, each with its line end. The view is valid
-    // during the call only.
-    using Sink = std::function<void(std::string_view records, bool endsItself)>;
+    // One event's record lines, each with its line end, and the values set
+    // aside from them. The views are valid during the call only.
+    using Sink = std::function<void(std::string_view records, const SetAsideRecords& aside, bool endsItself)>;
 
     static constexpr size_t kMaxPending = 4096;
     // libauparse's wait for the end of an event, in seconds of record time.
@@ -81,8 +88,13 @@ private:
         uint64_t serial = 0;
         std::string node;
         std::string records;
+        std::string cwd;
+        std::string proctitle;
         int32_t nextInBucket = -1;
         bool used = false;
+        bool sawCwd = false;
+        bool hasCwd = false;
+        bool hasProctitle = false;
     };
 
     static bool ParseStamp(std::string_view line, size_t typeAt, Stamp& stamp);
@@ -90,6 +102,8 @@ private:
     int32_t Open(const Stamp& stamp);
     // Hands the slot's event on and frees the slot.
     void Close(int32_t index, bool endsItself);
+    // Whether the record's value went aside instead of into the records.
+    static bool SetAside(Slot& slot, int type, std::string_view line, size_t fieldsAt);
     // Cuts the events of the given second and before.
     void CutUpTo(uint64_t seconds);
     void CutOldest();

@@ -165,4 +165,37 @@ void RecordTrimmer::Append(int type, std::string_view line, size_t fieldsAt, std
     out.push_back('\n');
 }
 
+std::optional<std::string_view> RecordTrimmer::SoleValue(std::string_view line, size_t fieldsAt,
+                                                         std::string_view name)
+{
+    if (!line.empty() && line.back() == '\n')
+    {
+        line.remove_suffix(1);
+    }
+    // ": name=value", the value without a space, a NUL byte or a single
+    // quote, and quoted whole or not at all.
+    if (line.size() < fieldsAt + 2 || line.compare(fieldsAt, 2, ": ") != 0 ||
+        line.find('\0') != std::string_view::npos)
+    {
+        return std::nullopt;
+    }
+    std::string_view field = line.substr(fieldsAt + 2);
+    if (!field.starts_with(name) || field.size() <= name.size() || field[name.size()] != '=')
+    {
+        return std::nullopt;
+    }
+    const std::string_view value = field.substr(name.size() + 1);
+    if (value.empty() || value.find_first_of(" '") != std::string_view::npos)
+    {
+        return std::nullopt;
+    }
+    const size_t quote = value.find('"');
+    if (quote != std::string_view::npos &&
+        (quote != 0 || value.size() < 2 || value.find('"', 1) != value.size() - 1))
+    {
+        return std::nullopt;
+    }
+    return value;
+}
+
 } // namespace vantor::audit

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -34,6 +35,12 @@ public:
     // left out, and a line end. fieldsAt is the offset in line just past the
     // record's stamp "audit(...)". Costs no allocation beyond out's growth.
     static void Append(int type, std::string_view line, size_t fieldsAt, std::string& out);
+
+    // The raw value of a record that holds exactly one field, of the given
+    // name, written as the kernel writes it (by the rules above); nothing
+    // otherwise. libauparse would give that same value for the field.
+    static std::optional<std::string_view> SoleValue(std::string_view line, size_t fieldsAt,
+                                                     std::string_view name);
 };
 
 } // namespace vantor::audit

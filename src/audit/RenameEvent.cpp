@@ -5,8 +5,8 @@
 namespace vantor::audit::internal
 {
 
-RenameEvent::RenameEvent(auparse_state_t* au, Magic magic, const StatGate& gate)
-    : FileEvent(au, std::move(magic))
+RenameEvent::RenameEvent(auparse_state_t* au, const SetAsideRecords& aside, Magic magic, const StatGate& gate)
+    : FileEvent(au, aside, std::move(magic))
 {
     const int call = GetSyscall();
     if (call != SYS_rename && call != SYS_renameat && call != SYS_renameat2)

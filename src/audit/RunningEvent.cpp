@@ -10,8 +10,8 @@
 namespace vantor::audit::internal
 {
 
-RunningEvent::RunningEvent(auparse_state_t* au)
-    : SyscallEvent(au, AuditRecords::kPath | AuditRecords::kCwd | AuditRecords::kExecve)
+RunningEvent::RunningEvent(auparse_state_t* au, const SetAsideRecords& aside)
+    : SyscallEvent(au, aside, AuditRecords::kPath | AuditRecords::kCwd | AuditRecords::kExecve)
 {
     if (GetSyscall() != SYS_execve)
     {

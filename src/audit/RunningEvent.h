@@ -10,7 +10,7 @@ namespace vantor::audit::internal
 class RunningEvent : public SyscallEvent
 {
 public:
-    explicit RunningEvent(auparse_state_t* au);
+    RunningEvent(auparse_state_t* au, const SetAsideRecords& aside);
 
     std::unique_ptr<edr::Event> Clone() const override;
     edr::EventType GetType() const override;

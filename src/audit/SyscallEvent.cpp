@@ -5,29 +5,30 @@
 namespace vantor::audit::internal
 {
 
-SyscallEvent::SyscallEvent(auparse_state_t* au, unsigned wanted)
+SyscallEvent::SyscallEvent(auparse_state_t* au, const SetAsideRecords& aside, unsigned wanted)
     : Event(au)
 {
-    m_records.Parse(au, wanted | AuditRecords::kProctitle);
+    m_records.Parse(au, wanted | AuditRecords::kProctitle, aside);
 }
 
 std::vector<std::string> SyscallEvent::GetActorProcessArguments() const
 {
-    if (GetActorProcess() || m_records.Proctitle().empty())
+    if (GetActorProcess())
     {
         return Event::GetActorProcessArguments();
     }
-    return AuditRecords::SplitArguments(m_records.Proctitle());
+    const std::string title = m_records.Proctitle();
+    return title.empty() ? Event::GetActorProcessArguments() : AuditRecords::SplitArguments(title);
 }
 
 std::string SyscallEvent::GetCommandLine() const
 {
-    if (m_records.Proctitle().empty())
+    std::string line = m_records.Proctitle();
+    if (line.empty())
     {
         return Event::GetCommandLine();
     }
     // The arguments joined by spaces.
-    std::string line(m_records.Proctitle());
     std::replace(line.begin(), line.end(), '\0', ' ');
     return line;
 }

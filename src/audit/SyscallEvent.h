@@ -38,7 +38,7 @@ public:
 protected:
     // Parses the records (wanted: AuditRecords::Wanted bits; the PROCTITLE
     // record is always read).
-    SyscallEvent(auparse_state_t* au, unsigned wanted);
+    SyscallEvent(auparse_state_t* au, const SetAsideRecords& aside, unsigned wanted);
 
     AuditRecords m_records;
 };

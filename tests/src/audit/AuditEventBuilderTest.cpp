@@ -70,7 +70,7 @@ std::vector<Built> Build(const std::string& text, AuditEventClass eventClass, in
         built.syscall = number;
         try
         {
-            builder.BuildSyscallEvent(eventClass, au, built.events);
+            builder.BuildSyscallEvent(eventClass, au, {}, built.events);
         }
         catch (const std::exception& e)
         {

@@ -55,12 +55,24 @@ struct Handed
 {
     std::string records;
     bool endsItself;
+    // The values set aside, as "cwd=<raw>|proctitle=<raw>" for those there were.
+    std::string aside = "";
     bool operator==(const Handed&) const = default;
 };
 
 std::ostream& operator<<(std::ostream& out, const Handed& handed)
 {
-    return out << (handed.endsItself ? "[ends] " : "[cut] ") << handed.records;
+    return out << (handed.endsItself ? "[ends] " : "[cut] ") << handed.records << "[aside] " << handed.aside;
+}
+
+std::string AsideText(const SetAsideRecords& aside)
+{
+    std::string text = aside.cwd ? "cwd=" + std::string(*aside.cwd) : "";
+    if (aside.proctitle)
+    {
+        text += (text.empty() ? "" : "|") + ("proctitle=" + std::string(*aside.proctitle));
+    }
+    return text;
 }
 
 std::string Line(const std::string& type, unsigned long serial, int seconds = 0,
@@ -73,9 +85,10 @@ std::string Line(const std::string& type, unsigned long serial, int seconds = 0,
 struct Recorder
 {
     std::vector<Handed> handed;
-    RecordRegrouper regrouper{[this](std::string_view records, bool endsItself) {
-        handed.push_back({std::string(records), endsItself});
-    }};
+    RecordRegrouper regrouper{[this](std::string_view records, const SetAsideRecords& aside, bool endsItself)
+                              {
+                                  handed.push_back({std::string(records), endsItself, AsideText(aside)});
+                              }};
 
     void Add(const std::vector<std::string>& lines)
     {
@@ -158,28 +171,29 @@ TEST(RecordRegrouperTest, ACallsRecordsLoseWhatNoBuilderReads)
     {
         const char* name;
         std::vector<std::string> lines;
-        std::string expected;
+        Handed expected;
     };
     const auto as = [](const std::string& rest) { return Line("SYSCALL", 1, 0, rest); };
     const std::vector<Case> cases = {
-        {"unread fields and records are left out, other records kept whole",
+        {"unread fields and records are left out, other records kept whole, one-field ones set aside",
          {Line("SYSCALL", 1, 0, syscall), Line("BPRM_FCAPS", 1, 0, "fver=0 fp=0"), Line("AVC", 1),
           Line("EXECVE", 1, 0, "argc=2 a0=\"ls\" a1_len=3 a1[0]=2D"), Line("CWD", 1, 0, "cwd=\"/\""),
           Line("PATH", 1, 0, path), Line("PROCTITLE", 1, 0, "proctitle=6C73")},
-         Line("SYSCALL", 1, 0, syscallRead) + Line("EXECVE", 1, 0, "argc=2 a0=\"ls\" a1_len=3 a1[0]=2D") +
-             Line("CWD", 1, 0, "cwd=\"/\"") + Line("PATH", 1, 0, pathRead) +
-             Line("PROCTITLE", 1, 0, "proctitle=6C73")},
+         {Line("SYSCALL", 1, 0, syscallRead) + Line("EXECVE", 1, 0, "argc=2 a0=\"ls\" a1_len=3 a1[0]=2D") +
+              Line("PATH", 1, 0, pathRead),
+          false, "cwd=\"/\"|proctitle=6C73"}},
         {"on another node; a field read twice is kept twice",
          {"node=h " + Line("SYSCALL", 1, 0, "gid=0 pid=6 exe=\"/a\" exe=\"/b\""),
           "node=h " + Line("EOE", 1, 0, "")},
-         "node=h " + Line("SYSCALL", 1, 0, "pid=6 exe=\"/a\" exe=\"/b\"") + "node=h " +
-             Line("EOE", 1, 0, "")},
+         {"node=h " + Line("SYSCALL", 1, 0, "pid=6 exe=\"/a\" exe=\"/b\"") + "node=h " +
+              Line("EOE", 1, 0, ""),
+          true}},
     };
     for (const auto& c : cases)
     {
         Recorder recorder;
         recorder.Add(c.lines);
-        EXPECT_EQ(recorder.handed, (std::vector<Handed>{{c.expected, true}})) << c.name;
+        EXPECT_EQ(recorder.handed, (std::vector<Handed>{c.expected})) << c.name;
     }
 
     // Not as the kernel writes it: kept whole, so libauparse splits it as before.
@@ -191,6 +205,48 @@ TEST(RecordRegrouperTest, ACallsRecordsLoseWhatNoBuilderReads)
         Recorder recorder;
         recorder.Add({as(odd), Line("PROCTITLE", 1)});
         EXPECT_EQ(recorder.handed, (std::vector<Handed>{{as(odd) + Line("PROCTITLE", 1), true}})) << odd;
+    }
+}
+
+TEST(RecordRegrouperTest, OnlyOneFieldRecordsWrittenAsTheKernelWritesThemAreSetAside)
+{
+    const std::string call = Line("SYSCALL", 1, 0, "pid=6");
+    const auto cwd = [](const std::string& rest) { return Line("CWD", 1, 0, rest); };
+    const auto title = [](const std::string& rest) { return Line("PROCTITLE", 1, 0, rest); };
+    struct Case
+    {
+        const char* name;
+        std::vector<std::string> lines;
+        Handed expected;
+    };
+    const std::vector<Case> cases = {
+        {"hex values, and the first CWD only",
+         {call, cwd("cwd=2F612062"), cwd("cwd=\"/b\""), title("proctitle=6C7300")},
+         {call + cwd("cwd=\"/b\""), false, "cwd=2F612062|proctitle=6C7300"}},
+        {"a first CWD kept keeps the later ones too",
+         {call, cwd("cwd=\"/a\" x=1"), cwd("cwd=\"/b\""), title("proctitle=\"ls\"")},
+         {call + cwd("cwd=\"/a\" x=1") + cwd("cwd=\"/b\""), false, "proctitle=\"ls\""}},
+        {"a CWD value that needs libauparse to decode stays",
+         {call, cwd("cwd=(null)"), title("proctitle=(null)")},
+         {call + cwd("cwd=(null)"), false, "proctitle=(null)"}},
+        {"a PROCTITLE not as the kernel writes it stays and ends the event",
+         {call, cwd("cwd=abc"), title("proctitle=\"a b\"")},
+         {call + cwd("cwd=abc") + title("proctitle=\"a b\""), true}},
+    };
+    for (const auto& c : cases)
+    {
+        Recorder recorder;
+        recorder.Add(c.lines);
+        EXPECT_EQ(recorder.handed, (std::vector<Handed>{c.expected})) << c.name;
+    }
+    // A record of another name, more fields, odd quoting or bytes stays.
+    for (const std::string& odd : std::vector<std::string>{"cwdx=\"/\"", "cwd=\"/\" cwd=\"/\"", "cwd=\"/",
+                                                           "cwd=\"/\"\"", "cwd=\"/a'\"", "cwd=", "cwd=\"/\" ",
+                                                           " cwd=\"/\"", std::string("cwd=\"/\0\"", 8)})
+    {
+        Recorder recorder;
+        recorder.Add({call, cwd(odd), title("x=1")});
+        EXPECT_EQ(recorder.handed, (std::vector<Handed>{{call + cwd(odd) + title("x=1"), true}})) << odd;
     }
 }
 
@@ -223,13 +279,22 @@ TEST(RecordRegrouperTest, AgeAndFlushCutWhatIsHeldInTimeOrder)
 TEST(RecordRegrouperTest, TheSteadyStateAllocatesNothing)
 {
     size_t handed = 0;
-    RecordRegrouper regrouper([&handed](std::string_view, bool) { ++handed; });
+    size_t setAside = 0;
+    RecordRegrouper regrouper(
+        [&](std::string_view, const SetAsideRecords& aside, bool)
+        {
+            ++handed;
+            setAside += aside.cwd && aside.proctitle ? 1 : 0;
+        });
     std::vector<std::string> lines;
     for (unsigned long serial = 1; serial <= 64; ++serial)
     {
         for (const char* type : {"SYSCALL", "CWD", "PATH", "PATH", "PROCTITLE"})
         {
-            lines.push_back(Line(type, serial, 0, std::string(200, 'v')));
+            const std::string rest = type == std::string("CWD") ? "cwd=\"/" + std::string(200, 'v') + "\""
+                                     : type == std::string("PROCTITLE") ? "proctitle=" + std::string(200, 'A')
+                                                                        : std::string(200, 'v');
+            lines.push_back(Line(type, serial, 0, rest));
         }
     }
     // Eight events at a time, their records mixed.
@@ -256,6 +321,7 @@ TEST(RecordRegrouperTest, TheSteadyStateAllocatesNothing)
     }
     EXPECT_EQ(g_allocations.load() - before, 0u);
     EXPECT_EQ(handed, 4u * 64);
+    EXPECT_EQ(setAside, 4u * 64);
 }
 
 // ---- The typed events, fed as received and grouped by event -------------

@@ -49,7 +49,8 @@ private:
 class RecordingEventBuilder : public audit::EventBuilder
 {
 public:
-    void BuildSyscallEvent(audit::AuditEventClass eventClass, auparse_state_t* state, Events& out) override
+    void BuildSyscallEvent(audit::AuditEventClass eventClass, auparse_state_t* state,
+                           const audit::SetAsideRecords& /*aside*/, Events& out) override
     {
         Record(eventClass, state, out);
     }
