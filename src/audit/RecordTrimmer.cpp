@@ -82,32 +82,40 @@ bool AppendReadFields(std::string_view line, size_t fieldsAt, std::string& out)
     {
         return false;
     }
-    const auto find = [end](const char* from, char c)
-    {
-        return from < end ? static_cast<const char*>(std::memchr(from, c, static_cast<size_t>(end - from)))
-                          : nullptr;
-    };
     const size_t start = out.size();
     out.append(begin, fieldsAt + 1);
     // Kept fields are copied in runs, each with the space before it.
     const char* run = nullptr;
     bool kept = false;
-    const char* quote = find(begin + fieldsAt, '"');
+    // One pass over the characters: fields are short, and a library search
+    // per field costs more than it saves.
     for (const char* at = begin + fieldsAt + 2;;)
     {
-        const char* space = find(at, ' ');
-        const char* const fieldEnd = space != nullptr ? space : end;
         const char* equals = at;
-        while (equals < fieldEnd && kNameCharacters[static_cast<unsigned char>(*equals)])
+        while (equals < end && kNameCharacters[static_cast<unsigned char>(*equals)])
         {
             ++equals;
         }
-        bool wellFormed = equals != at && equals != fieldEnd && *equals == '=';
-        if (wellFormed && quote != nullptr && quote < fieldEnd)
+        const char* fieldEnd = equals + 1;
+        bool wellFormed = equals != at && equals != end && *equals == '=';
+        if (wellFormed && fieldEnd < end && *fieldEnd == '"')
         {
-            // Only a value quoted whole, with no quote within.
-            wellFormed = quote == equals + 1 && find(quote + 1, '"') == fieldEnd - 1;
-            quote = find(fieldEnd, '"');
+            // Only a value quoted whole, with no quote or space within.
+            ++fieldEnd;
+            while (fieldEnd < end && *fieldEnd != '"' && *fieldEnd != ' ')
+            {
+                ++fieldEnd;
+            }
+            wellFormed = fieldEnd < end && *fieldEnd == '"' && (fieldEnd + 1 == end || fieldEnd[1] == ' ');
+            ++fieldEnd;
+        }
+        else if (wellFormed)
+        {
+            while (fieldEnd < end && *fieldEnd != ' ' && *fieldEnd != '"')
+            {
+                ++fieldEnd;
+            }
+            wellFormed = fieldEnd == end || *fieldEnd == ' ';
         }
         if (!wellFormed)
         {
@@ -124,11 +132,11 @@ bool AppendReadFields(std::string_view line, size_t fieldsAt, std::string& out)
             out.append(run, at - 1);
             run = nullptr;
         }
-        if (space == nullptr)
+        if (fieldEnd >= end)
         {
             break;
         }
-        at = space + 1;
+        at = fieldEnd + 1;
     }
     if (run != nullptr)
     {
@@ -185,13 +193,19 @@ std::optional<std::string_view> RecordTrimmer::SoleValue(std::string_view line, 
         return std::nullopt;
     }
     const std::string_view value = field.substr(name.size() + 1);
-    if (value.empty() || value.find_first_of(" '") != std::string_view::npos)
+    // One pass: a PROCTITLE value is long, and find_first_of would call
+    // memchr once per character.
+    const bool quoted = !value.empty() && value.front() == '"';
+    const size_t last = value.size() - 1;
+    for (size_t i = 0; i < value.size(); ++i)
     {
-        return std::nullopt;
+        const char c = value[i];
+        if (c == ' ' || c == '\'' || (c == '"' && (!quoted || (i != 0 && i != last))))
+        {
+            return std::nullopt;
+        }
     }
-    const size_t quote = value.find('"');
-    if (quote != std::string_view::npos &&
-        (quote != 0 || value.size() < 2 || value.find('"', 1) != value.size() - 1))
+    if (value.empty() || (quoted && (value.size() < 2 || value.back() != '"')))
     {
         return std::nullopt;
     }

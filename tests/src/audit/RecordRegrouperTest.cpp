@@ -232,6 +232,9 @@ TEST(RecordRegrouperTest, OnlyOneFieldRecordsWrittenAsTheKernelWritesThemAreSetA
         {"a PROCTITLE not as the kernel writes it stays and ends the event",
          {call, cwd("cwd=abc"), title("proctitle=\"a b\"")},
          {call + cwd("cwd=abc") + title("proctitle=\"a b\""), true}},
+        {"nor does an unclosed quote",
+         {call, title("proctitle=\"ls")},
+         {call + title("proctitle=\"ls"), true}},
     };
     for (const auto& c : cases)
     {
