@@ -148,6 +148,7 @@ Component::~Component()
         // After this no handler runs, so the parts can go.
         RemoveRulesLocked();
         // What is queued is processed and the open batch spooled.
+        std::unique_lock pipeline(m_pipelineMutex);
         DropBatchPipelineLocked();
         if (m_enabled)
         {
@@ -198,6 +199,8 @@ void Component::ApplySpoolSettingsLocked()
     }
     CreateDirectory(directory);
     // A new place or name: the batches spooled so far stay where they are.
+    // Events wait for the new pipeline rather than reach a gone one.
+    std::unique_lock pipeline(m_pipelineMutex);
     DropBatchPipelineLocked();
     if (m_spool)
     {
@@ -378,8 +381,9 @@ void Component::WriteBootTime()
 
 void Component::OnEvent(const edr::Event& event)
 {
-    // Handlers run only while rules are installed, and the pipeline is
-    // replaced only with the handlers' lock held by the update.
+    // Handlers run only while rules are installed, which is after the first
+    // pipeline is made and before the last one goes.
+    std::shared_lock pipeline(m_pipelineMutex);
     m_processingThread->Enqueue(std::shared_ptr<const edr::Event>(event.Clone()));
 }
 

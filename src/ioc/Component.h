@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 
 namespace vantor::common
@@ -206,6 +207,10 @@ private:
     // The actor of the event being reported, reused so that its copy seldom
     // allocates; only the processing thread reports.
     ProcessInfo m_reportedActor;
+    // Held shared by the handler while it hands an event to the processing
+    // thread, and exclusively while an update replaces the batch pipeline:
+    // no event finds the thread half gone, or none at all.
+    std::shared_mutex m_pipelineMutex;
     std::unique_ptr<internal::ProcessingThread> m_processingThread;
     std::shared_ptr<internal::UploadSchedule> m_uploadSchedule;
     // Losses of earlier batch pipelines (a spool move replaces them).

@@ -107,15 +107,16 @@ protected:
         m_snapshotDir = m_dir.Path() + ioc::Component::kSnapshotDirectory;
     }
 
-    std::string ConfigText(const std::vector<std::string>& manifests) const
+    std::string ConfigText(const std::vector<std::string>& manifests, std::string spoolPath = "") const
     {
+        spoolPath = spoolPath.empty() ? m_dir.Path() : spoolPath;
         std::string list;
         for (const auto& path : manifests)
         {
             list += std::string(list.empty() ? "" : ",") + R"({"manifest_path": ")" + path +
                     R"(", "manifest_type": "ioc"})";
         }
-        return R"({"event_file_name": "batches", "event_file_path": ")" + m_dir.Path() +
+        return R"({"event_file_name": "batches", "event_file_path": ")" + spoolPath +
                R"(", "service_url": "https://127.0.0.1:1/ioc", "upload_interval": 3600, "manifests": [)" +
                list + "]}";
     }
@@ -442,4 +443,44 @@ TEST_F(IocComponentTest, AnUpdateGivesTheEnginesTheHeuristicsSwitchOfTheManifest
             test::Eventually([&] { return component->GetReportedCount() - before == (on ? 10u : 11u); }, 5s));
         EXPECT_EQ(on, log.Contains("based on heuristics"));
     }
+}
+
+TEST_F(IocComponentTest, EventsKeepFlowingWhileUpdatesMoveTheSpoolAndNoneIsLostUncounted)
+{
+    auto component = Make({m_manifest});
+    auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
+    start.pid = 4321;
+    m_engine.DispatchEvent({"IOC"}, start);
+    ASSERT_TRUE(test::Eventually([&] { return component->GetReportedCount() == 1; }, 5s));
+    // A connection of a reported process is reported each time.
+    auto web = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", 80);
+    web.pid = 4321;
+    web.image = "/usr/bin/curl";
+
+    // The capture side goes on dispatching while each update replaces the
+    // batch pipeline (a new spool place).
+    std::atomic<bool> done{false};
+    std::atomic<uint64_t> sent{0};
+    std::thread capture(
+        [&]
+        {
+            while (!done.load())
+            {
+                m_engine.DispatchEvent({"IOC"}, web);
+                sent.fetch_add(1);
+            }
+        });
+    const std::string elsewhere = m_dir.Path() + "/elsewhere";
+    for (int i = 0; i < 6; ++i)
+    {
+        EXPECT_TRUE(Update(*component, ConfigText({m_manifest}, i % 2 == 0 ? elsewhere : m_dir.Path())));
+    }
+    done.store(true);
+    capture.join();
+    ASSERT_GT(sent.load(), 0u);
+    EXPECT_TRUE(test::Eventually(
+        [&] { return component->GetReportedCount() + component->GetDroppedEventCount() == 1 + sent.load(); },
+        10s))
+        << component->GetReportedCount() << " reported, " << component->GetDroppedEventCount()
+        << " dropped of " << 1 + sent.load();
 }
