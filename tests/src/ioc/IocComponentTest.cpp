@@ -138,6 +138,20 @@ protected:
         return future.get();
     }
 
+    // Starts /usr/bin/curl (pid 4321), whose start is itself reported, and
+    // waits for that report; answers a connection of that process.
+    ioc::test::IocTestEvent ConnectionOfAReportedProcess(ioc::Component& component, uint16_t port)
+    {
+        auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
+        start.pid = 4321;
+        m_engine.DispatchEvent({"IOC"}, start);
+        EXPECT_TRUE(test::Eventually([&] { return component.GetReportedCount() == 1; }, 5s));
+        auto web = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", port);
+        web.pid = 4321;
+        web.image = "/usr/bin/curl";
+        return web;
+    }
+
     // A "ClientInformation" value of the snapshot database, read on a
     // connection of the test's own.
     std::optional<std::string> SnapshotRow(const std::string& name)
@@ -419,15 +433,8 @@ TEST_F(IocComponentTest, AnUpdateGivesTheEnginesTheHeuristicsSwitchOfTheManifest
         return m_dir.Write("heuristics.json", manifest);
     };
     auto component = Make({m_manifest});
-    auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
-    start.pid = 4321;
-    m_engine.DispatchEvent({"IOC"}, start);
-    // The start of an executable is itself reported; it must be counted
-    // before the baselines are read.
-    ASSERT_TRUE(test::Eventually([&] { return component->GetReportedCount() == 1; }, 5s));
-    auto web = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", 443);
-    web.pid = 4321;
-    web.image = "/usr/bin/curl";
+    // The start must be counted before the baselines are read.
+    auto web = ConnectionOfAReportedProcess(*component, 443);
     for (const char* enabled : {"true", "false"})
     {
         SCOPED_TRACE(enabled);
@@ -448,14 +455,8 @@ TEST_F(IocComponentTest, AnUpdateGivesTheEnginesTheHeuristicsSwitchOfTheManifest
 TEST_F(IocComponentTest, EventsKeepFlowingWhileUpdatesMoveTheSpoolAndNoneIsLostUncounted)
 {
     auto component = Make({m_manifest});
-    auto start = ioc::test::ProcessEvent(edr::EventType::Running, "/usr/bin/curl");
-    start.pid = 4321;
-    m_engine.DispatchEvent({"IOC"}, start);
-    ASSERT_TRUE(test::Eventually([&] { return component->GetReportedCount() == 1; }, 5s));
-    // A connection of a reported process is reported each time.
-    auto web = ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.8", 80);
-    web.pid = 4321;
-    web.image = "/usr/bin/curl";
+    // Without heuristics, such a connection is reported each time.
+    auto web = ConnectionOfAReportedProcess(*component, 80);
 
     // The capture side goes on dispatching while each update replaces the
     // batch pipeline (a new spool place).
