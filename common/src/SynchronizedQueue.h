@@ -33,12 +33,31 @@ public:
     // and the push are one step under the lock.
     bool TryPush(Element element, size_t capacity)
     {
+        return PushWhenRoom(std::move(element), capacity, std::chrono::nanoseconds::zero());
+    }
+
+    // Pushes once the queue holds fewer than capacity elements, waiting at
+    // most the time-out for a consumer to take some; answers whether it
+    // pushed (the element is dropped otherwise).
+    template <typename Rep, typename Period>
+    bool PushWhenRoom(Element element, size_t capacity, std::chrono::duration<Rep, Period> timeout)
+    {
         bool wake = false;
         {
-            std::lock_guard lock(m_mutex);
+            std::unique_lock lock(m_mutex);
             if (m_queue.size() >= capacity)
             {
-                return false;
+                if (timeout <= timeout.zero())
+                {
+                    return false;
+                }
+                ++m_waitingForRoom;
+                m_room.wait_for(lock, timeout, [&] { return m_queue.size() < capacity; });
+                --m_waitingForRoom;
+                if (m_queue.size() >= capacity)
+                {
+                    return false;
+                }
             }
             // A busy consumer (WaitForMore) is woken by the element that
             // makes its batch, an idle one by the first.
@@ -54,25 +73,42 @@ public:
 
     Element Pop()
     {
-        std::lock_guard lock(m_mutex);
-        if (m_queue.empty())
+        Element e;
+        bool producersWait = false;
         {
-            throw SynchronizedQueueException("Cannot pop from an empty SynchronizedQueue");
+            std::lock_guard lock(m_mutex);
+            if (m_queue.empty())
+            {
+                throw SynchronizedQueueException("Cannot pop from an empty SynchronizedQueue");
+            }
+            e = std::move(m_queue.front());
+            m_queue.pop_front();
+            producersWait = m_waitingForRoom > 0;
         }
-        Element e = std::move(m_queue.front());
-        m_queue.pop_front();
+        if (producersWait)
+        {
+            m_room.notify_all();
+        }
         return e;
     }
 
     std::deque<Element> PopAll()
     {
-        std::lock_guard lock(m_mutex);
-        if (m_queue.empty())
-        {
-            throw SynchronizedQueueException("Cannot pop all from an empty SynchronizedQueue");
-        }
         std::deque<Element> all;
-        all.swap(m_queue);
+        bool producersWait = false;
+        {
+            std::lock_guard lock(m_mutex);
+            if (m_queue.empty())
+            {
+                throw SynchronizedQueueException("Cannot pop all from an empty SynchronizedQueue");
+            }
+            all.swap(m_queue);
+            producersWait = m_waitingForRoom > 0;
+        }
+        if (producersWait)
+        {
+            m_room.notify_all();
+        }
         return all;
     }
 
@@ -121,6 +157,10 @@ public:
 private:
     mutable std::mutex m_mutex;
     std::condition_variable m_cv;
+    // Producers wait for room only on a full queue; a take wakes them only
+    // then.
+    std::condition_variable m_room;
+    size_t m_waitingForRoom = 0;
     std::deque<Element> m_queue;
     bool m_woken = false;
     // While a consumer waits in WaitForMore: the size that wakes it.

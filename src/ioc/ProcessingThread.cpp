@@ -19,12 +19,13 @@ constexpr std::chrono::milliseconds kBatchWait{5};
 } // namespace
 
 ProcessingThread::ProcessingThread(EventProcessor& processor, AfterPass afterPass, size_t capacity,
-                                   size_t resumeBelow)
+                                   size_t resumeBelow, std::chrono::milliseconds fullWait)
     : common::ThreadedClass(kThreadName)
     , m_processor(processor)
     , m_afterPass(std::move(afterPass))
     , m_capacity(capacity)
     , m_resumeBelow(resumeBelow < capacity ? resumeBelow : capacity)
+    , m_fullWait(fullWait)
 {
 }
 
@@ -35,7 +36,10 @@ ProcessingThread::~ProcessingThread()
 
 bool ProcessingThread::Enqueue(EventPtr event)
 {
-    if (m_queue.TryPush(std::move(event), m_capacity))
+    // Within a drop episode nothing waits: the worker is known to be stuck.
+    const auto wait =
+        m_dropping.load(std::memory_order_relaxed) ? std::chrono::milliseconds::zero() : m_fullWait;
+    if (m_queue.PushWhenRoom(std::move(event), m_capacity, wait))
     {
         return true;
     }

@@ -4,6 +4,7 @@
 #include "common/ThreadedClass.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -24,11 +25,16 @@ class EventProcessor;
 // so that the capture thread that enqueues never waits for verdicts, hashes
 // or serialization.
 //
-// Queue limits: at most `capacity` events wait; an event that finds the
-// queue full is dropped and counted (DroppedCount), and the first drop logs
-// an error. The episode ends, with a log line giving how many were dropped,
-// once the queue has drained below `resumeBelow`, so that a sustained flood
-// logs twice, not once per event.
+// Queue limits: at most `capacity` events wait. An event that finds the
+// queue full holds the enqueuing (capture) thread back until the worker has
+// taken the queue, for at most `fullWait`: a burst is paced back to the
+// parser's queue, whose own bound counts what it drops, instead of being
+// dropped here. Should the worker not take the queue in that time (an engine
+// or the disk stuck), the event is dropped and counted (DroppedCount), the
+// first drop logs an error, and until the queue has drained below
+// `resumeBelow` every event that finds it full is dropped at once, so that
+// capture is stalled once per episode, not once per event. The episode ends
+// with a log line giving how many were dropped.
 //
 // While events keep coming, a pass waits for a batch of them (or a few
 // milliseconds) before it starts, instead of waking for each event that
@@ -52,12 +58,15 @@ public:
     // beyond it the capture side must not grow memory without bound.
     static constexpr size_t kDefaultCapacity = 20000;
     static constexpr size_t kDefaultResumeBelow = 10000;
+    // A pass over a full queue takes a fraction of this on a busy host.
+    static constexpr std::chrono::milliseconds kDefaultFullWait{1000};
 
     ProcessingThread(EventProcessor& processor, AfterPass afterPass, size_t capacity = kDefaultCapacity,
-                     size_t resumeBelow = kDefaultResumeBelow);
+                     size_t resumeBelow = kDefaultResumeBelow,
+                     std::chrono::milliseconds fullWait = kDefaultFullWait);
     ~ProcessingThread() override;
 
-    // False when the queue is full and the event was dropped.
+    // False when the queue stayed full and the event was dropped.
     bool Enqueue(EventPtr event);
     uint64_t DroppedCount() const { return m_dropped.load(std::memory_order_relaxed); }
     size_t QueuedCount() const { return m_queue.Size(); }
@@ -73,6 +82,7 @@ private:
     const AfterPass m_afterPass;
     const size_t m_capacity;
     const size_t m_resumeBelow;
+    const std::chrono::milliseconds m_fullWait;
     common::SynchronizedQueue<const edr::Event> m_queue;
     std::atomic<uint64_t> m_dropped{0};
     // Set by the enqueuer at the first drop, cleared by the worker.

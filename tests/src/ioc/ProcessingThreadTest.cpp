@@ -93,12 +93,33 @@ TEST_F(ProcessingThreadTest, EventsRunInQueueOrderOnTheProcessingThread)
     EXPECT_THAT(m_threadNames, testing::Each(std::string("EdrProcessingTh")));
 }
 
-TEST_F(ProcessingThreadTest, AFullQueueDropsAndCountsWhatDoesNotFitAndLogsOncePerEpisode)
+TEST_F(ProcessingThreadTest, AFullQueueHoldsTheProducerBackUntilTheWorkerTakesIt)
+{
+    std::promise<void> open;
+    m_gate = open.get_future().share();
+    ProcessingThread thread(m_processor, {}, 2, 1, 30s);
+    thread.Start();
+    ASSERT_TRUE(thread.Enqueue(Event(1)));
+    // The thread holds event 1 in the sink; the queue fills behind it.
+    ASSERT_TRUE(test::Eventually([&] { return thread.QueuedCount() == 0; }, 5s));
+    ASSERT_TRUE(thread.Enqueue(Event(2)));
+    ASSERT_TRUE(thread.Enqueue(Event(3)));
+    auto held = std::async(std::launch::async, [&] { return thread.Enqueue(Event(4)); });
+    EXPECT_EQ(held.wait_for(200ms), std::future_status::timeout) << "the producer went on past a full queue";
+    open.set_value();
+    ASSERT_EQ(held.wait_for(5s), std::future_status::ready);
+    EXPECT_TRUE(held.get());
+    ASSERT_TRUE(test::Eventually([&] { return Reported().size() == 4; }, 5s));
+    EXPECT_THAT(Reported(), ElementsAre(1u, 2u, 3u, 4u));
+    EXPECT_EQ(thread.DroppedCount(), 0u);
+}
+
+TEST_F(ProcessingThreadTest, AQueueThatStaysFullDropsAndCountsAndLogsOncePerEpisode)
 {
     test::LogCapture log(common::Logging::Edr());
     std::promise<void> open;
     m_gate = open.get_future().share();
-    ProcessingThread thread(m_processor, {}, 4, 2);
+    ProcessingThread thread(m_processor, {}, 4, 2, 20ms);
     thread.Start();
     ASSERT_TRUE(thread.Enqueue(Event(1)));
     // The thread holds event 1 in the sink; the queue fills behind it.
