@@ -45,6 +45,19 @@ protected:
         return std::make_shared<ioc::test::IocTestEvent>(event);
     }
 
+    // Closes the sink's gate, starts the thread and gives it event 1, which
+    // it then holds in the sink: the queue fills behind it. Setting the
+    // answered promise opens the gate.
+    std::promise<void> HoldTheWorkerOnEvent1(ProcessingThread& thread)
+    {
+        std::promise<void> open;
+        m_gate = open.get_future().share();
+        thread.Start();
+        EXPECT_TRUE(thread.Enqueue(Event(1)));
+        EXPECT_TRUE(test::Eventually([&] { return thread.QueuedCount() == 0; }, 5s));
+        return open;
+    }
+
     std::vector<uint32_t> Reported()
     {
         std::lock_guard lock(m_mutex);
@@ -95,13 +108,8 @@ TEST_F(ProcessingThreadTest, EventsRunInQueueOrderOnTheProcessingThread)
 
 TEST_F(ProcessingThreadTest, AFullQueueHoldsTheProducerBackUntilTheWorkerTakesIt)
 {
-    std::promise<void> open;
-    m_gate = open.get_future().share();
     ProcessingThread thread(m_processor, {}, 2, 1, 30s);
-    thread.Start();
-    ASSERT_TRUE(thread.Enqueue(Event(1)));
-    // The thread holds event 1 in the sink; the queue fills behind it.
-    ASSERT_TRUE(test::Eventually([&] { return thread.QueuedCount() == 0; }, 5s));
+    auto open = HoldTheWorkerOnEvent1(thread);
     ASSERT_TRUE(thread.Enqueue(Event(2)));
     ASSERT_TRUE(thread.Enqueue(Event(3)));
     auto held = std::async(std::launch::async, [&] { return thread.Enqueue(Event(4)); });
@@ -117,13 +125,8 @@ TEST_F(ProcessingThreadTest, AFullQueueHoldsTheProducerBackUntilTheWorkerTakesIt
 TEST_F(ProcessingThreadTest, AQueueThatStaysFullDropsAndCountsAndLogsOncePerEpisode)
 {
     test::LogCapture log(common::Logging::Edr());
-    std::promise<void> open;
-    m_gate = open.get_future().share();
     ProcessingThread thread(m_processor, {}, 4, 2, 20ms);
-    thread.Start();
-    ASSERT_TRUE(thread.Enqueue(Event(1)));
-    // The thread holds event 1 in the sink; the queue fills behind it.
-    ASSERT_TRUE(test::Eventually([&] { return thread.QueuedCount() == 0; }, 5s));
+    auto open = HoldTheWorkerOnEvent1(thread);
     for (uint32_t id = 2; id <= 9; ++id)
     {
         EXPECT_EQ(thread.Enqueue(Event(id)), id <= 5) << id;
@@ -140,8 +143,6 @@ TEST_F(ProcessingThreadTest, AQueueThatStaysFullDropsAndCountsAndLogsOncePerEpis
 
 TEST_F(ProcessingThreadTest, StopProcessesWhatIsQueuedBeforeTheLastPass)
 {
-    std::promise<void> open;
-    m_gate = open.get_future().share();
     std::vector<std::string> passes;
     ProcessingThread thread(
         m_processor,
@@ -150,9 +151,7 @@ TEST_F(ProcessingThreadTest, StopProcessesWhatIsQueuedBeforeTheLastPass)
             std::lock_guard lock(m_mutex);
             passes.push_back(stopping ? "last pass after " + std::to_string(m_reported.size()) : "pass");
         });
-    thread.Start();
-    ASSERT_TRUE(thread.Enqueue(Event(1)));
-    ASSERT_TRUE(test::Eventually([&] { return thread.QueuedCount() == 0; }, 5s));
+    auto open = HoldTheWorkerOnEvent1(thread);
     ASSERT_TRUE(thread.Enqueue(Event(2)));
     ASSERT_TRUE(thread.Enqueue(Event(3)));
     auto stopped = std::async(std::launch::async, [&] { thread.Stop(); });
