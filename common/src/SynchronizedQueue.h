@@ -85,10 +85,7 @@ public:
             m_queue.pop_front();
             producersWait = m_waitingForRoom > 0;
         }
-        if (producersWait)
-        {
-            m_room.notify_all();
-        }
+        WakeProducersIf(producersWait);
         return e;
     }
 
@@ -105,10 +102,7 @@ public:
             all.swap(m_queue);
             producersWait = m_waitingForRoom > 0;
         }
-        if (producersWait)
-        {
-            m_room.notify_all();
-        }
+        WakeProducersIf(producersWait);
         return all;
     }
 
@@ -155,10 +149,19 @@ public:
     }
 
 private:
+    // After a take, outside the lock: producers wait for room only on a full
+    // queue, so a take wakes them only when one waits.
+    void WakeProducersIf(bool producersWait)
+    {
+        if (producersWait)
+        {
+            m_room.notify_all();
+        }
+    }
+
     mutable std::mutex m_mutex;
     std::condition_variable m_cv;
-    // Producers wait for room only on a full queue; a take wakes them only
-    // then.
+    // Producers waiting for room (PushWhenRoom).
     std::condition_variable m_room;
     size_t m_waitingForRoom = 0;
     std::deque<Element> m_queue;

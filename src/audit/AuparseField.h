@@ -83,11 +83,7 @@ public:
 
     // Whether a raw value is of a common form, which the overload below
     // decodes as the library would, without the library.
-    static bool DecodesAlone(std::string_view raw)
-    {
-        const Form form = FormOf(raw);
-        return form == Form::Quoted || form == Form::Hex;
-    }
+    static bool DecodesAlone(std::string_view raw) { return IsCommon(FormOf(raw)); }
 
     // Appends the decoded text of a raw value of a common form; false (out
     // untouched) for any other.
@@ -100,8 +96,7 @@ public:
     static bool HasText(auparse_state_t* au)
     {
         const Form form = FormOf(Raw(au));
-        return form == Form::Quoted || form == Form::Hex ||
-               (form == Form::Other && auparse_interpret_field(au) != nullptr);
+        return IsCommon(form) || (form == Form::Other && auparse_interpret_field(au) != nullptr);
     }
 
     // Replaces out with the decoded text; false (out untouched) as above.
@@ -165,6 +160,8 @@ private:
         Hex,
         Other
     };
+
+    static bool IsCommon(Form form) { return form == Form::Quoted || form == Form::Hex; }
 
     // Decodes the common forms; false for the others.
     static bool AppendForm(Form form, std::string_view raw, std::string& out)
