@@ -1,9 +1,13 @@
 #include "audit/RecordTrimmer.h"
 
+#include "audit/SyscallArguments.h"
+
 #include <libaudit.h>
 
 #include <array>
+#include <charconv>
 #include <cstring>
+#include <optional>
 
 namespace vantor::audit
 {
@@ -11,28 +15,46 @@ namespace vantor::audit
 namespace
 {
 
-// The fields SyscallRecord::Parse reads.
-bool IsReadSyscallField(std::string_view name)
+// The fields SyscallRecord::Parse reads: of the arguments a0..a3 those
+// that the syscall named before them reads (all of them when none was).
+class IsReadSyscallField
 {
-    switch (name.size())
+public:
+    bool operator()(std::string_view name, std::string_view value)
     {
-    case 2:
-        return name[0] == 'a' && name[1] >= '0' && name[1] <= '3';
-    case 3:
-        return name == "pid" || name == "uid" || name == "exe";
-    case 4:
-        return name == "exit" || name == "auid" || name == "euid" || name == "ppid" || name == "comm";
-    case 5:
-        return name == "items";
-    case 7:
-        return name == "syscall" || name == "success";
-    default:
-        return false;
+        switch (name.size())
+        {
+        case 2:
+            return name[0] == 'a' && name[1] >= '0' && name[1] <= '3' &&
+                   (!m_syscall || SyscallArguments::IsRead(*m_syscall, static_cast<unsigned>(name[1] - '0')));
+        case 3:
+            return name == "pid" || name == "uid" || name == "exe";
+        case 4:
+            return name == "exit" || name == "auid" || name == "euid" || name == "ppid" || name == "comm";
+        case 7:
+            if (name == "syscall")
+            {
+                // As SyscallRecord::Parse reads it; a value it refuses
+                // refuses the event whatever else is kept.
+                int64_t syscall = 0;
+                const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), syscall);
+                m_syscall = error == std::errc() && end == value.data() + value.size()
+                                ? std::optional<int64_t>(syscall)
+                                : std::nullopt;
+                return true;
+            }
+            return name == "success";
+        default:
+            return false;
+        }
     }
-}
+
+private:
+    std::optional<int64_t> m_syscall;
+};
 
 // The fields PathRecord::Parse reads.
-bool IsReadPathField(std::string_view name)
+bool IsReadPathField(std::string_view name, std::string_view /*value*/)
 {
     switch (name.size())
     {
@@ -68,10 +90,11 @@ constexpr auto kNameCharacters = []
     return table;
 }();
 
-// Appends the header and the fields that isRead keeps; false (out as it was)
-// when the record is not of the expected form or keeps no field.
-template <bool (*isRead)(std::string_view)>
-bool AppendReadFields(std::string_view line, size_t fieldsAt, std::string& out)
+// Appends the header and the fields that isRead(name, raw value) keeps, in
+// their order; false (out as it was) when the record is not of the expected
+// form or keeps no field.
+template <typename IsRead>
+bool AppendReadFields(std::string_view line, size_t fieldsAt, std::string& out, IsRead&& isRead)
 {
     // "...audit(...): name=value name="value" ..."
     const char* const begin = line.data();
@@ -122,7 +145,8 @@ bool AppendReadFields(std::string_view line, size_t fieldsAt, std::string& out)
             out.resize(start);
             return false;
         }
-        if (isRead(std::string_view(at, static_cast<size_t>(equals - at))))
+        if (isRead(std::string_view(at, static_cast<size_t>(equals - at)),
+                   std::string_view(equals + 1, static_cast<size_t>(fieldEnd - equals - 1))))
         {
             run = run != nullptr ? run : at - 1;
             kept = true;
@@ -164,8 +188,8 @@ void RecordTrimmer::Append(int type, std::string_view line, size_t fieldsAt, std
         line.remove_suffix(1);
     }
     const bool trimmed =
-        (type == AUDIT_SYSCALL && AppendReadFields<&IsReadSyscallField>(line, fieldsAt, out)) ||
-        (type == AUDIT_PATH && AppendReadFields<&IsReadPathField>(line, fieldsAt, out));
+        (type == AUDIT_SYSCALL && AppendReadFields(line, fieldsAt, out, IsReadSyscallField())) ||
+        (type == AUDIT_PATH && AppendReadFields(line, fieldsAt, out, &IsReadPathField));
     if (!trimmed)
     {
         out.append(line);

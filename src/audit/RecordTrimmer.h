@@ -15,9 +15,10 @@ namespace vantor::audit
 //    event that a SYSCALL record started, unless they end the event (the
 //    caller decides);
 //  - the fields of SYSCALL and PATH records that no builder reads (arch,
-//    gid, tty, ses, key, rdev, cap_fp, ...). The fields kept are those that
-//    SyscallRecord and PathRecord parse: a field they come to read must be
-//    added here too.
+//    gid, tty, ses, key, items, rdev, cap_fp, ...), and the arguments a0..a3
+//    that the record's syscall does not read (SyscallArguments). The fields
+//    kept are those that SyscallRecord and PathRecord parse: a field they
+//    come to read must be added here too.
 // The header of a record (node, type, stamp) and the records of every other
 // type are kept as they are. So is a record that does not look as the
 // kernel writes it (fields not separated by single spaces, a field without

@@ -1,6 +1,7 @@
 #include "audit/SyscallRecord.h"
 
 #include "audit/AuparseField.h"
+#include "audit/SyscallArguments.h"
 #include "audit/SyscallRecordException.h"
 
 namespace vantor::audit::internal
@@ -44,7 +45,13 @@ SyscallRecord SyscallRecord::Parse(auparse_state_t* au, std::string& text)
             case 'a':
                 if (name[1] >= '0' && name[1] <= '3' && name[2] == '\0')
                 {
-                    record.args[name[1] - '0'] = Required<uint64_t>(au, name, 16);
+                    // An argument the syscall does not read is left alone, as
+                    // RecordTrimmer leaves it out.
+                    const auto index = static_cast<unsigned>(name[1] - '0');
+                    if (!haveSyscall || SyscallArguments::IsRead(record.syscall, index))
+                    {
+                        record.args[index] = Required<uint64_t>(au, name, 16);
+                    }
                 }
                 else if (AuparseField::Is(name, "auid"))
                 {
@@ -74,12 +81,6 @@ SyscallRecord SyscallRecord::Parse(auparse_state_t* au, std::string& text)
                     record.exeAt = at;
                     record.exeSize = text.size() - at;
                     haveExe = true;
-                }
-                break;
-            case 'i':
-                if (AuparseField::Is(name, "items"))
-                {
-                    record.items = Required<uint32_t>(au, name);
                 }
                 break;
             case 'p':

@@ -420,6 +420,32 @@ TEST(AuditEventBuilderTest, OnlyFileEventsThatSomeRuleRoutesAreStatted)
     EXPECT_EQ(ungated->GetFileSize(), 12U);
 }
 
+// The fixture with one argument of its first SYSCALL record replaced.
+std::string WithArgument(std::string text, const std::string& name, const std::string& value)
+{
+    const size_t at = text.find(" " + name + "=") + name.size() + 2;
+    text.replace(at, text.find(' ', at) - at, value);
+    return text;
+}
+
+TEST(AuditEventBuilderTest, OnlyTheArgumentsACallReadsAreParsed)
+{
+    const auto refusal = [](const std::string& name)
+    { return "SyscallRecordException: Failed to parse field " + name + " in syscall record"; };
+    // clone's flags, open's access mode: read, so a garbled one refuses the event.
+    EXPECT_EQ(Rejection(WithArgument(Fixture("thread"), "a0", "zz"), AuditEventClass::Clone, 56),
+              refusal("a0"));
+    EXPECT_EQ(Rejection(WithArgument(Fixture("open_read"), "a1", "zz"), AuditEventClass::ReadWrite, 2),
+              refusal("a1"));
+    // The rest is not looked at, as the records handed to libauparse leave it out.
+    EXPECT_EQ(Rejection(WithArgument(Fixture("open_read"), "a0", "zz"), AuditEventClass::ReadWrite, 2), "");
+    EXPECT_EQ(Rejection(WithArgument(Fixture("chmod"), "a1", "zz"), AuditEventClass::Attribute, 90), "");
+    // Before the call is named, every argument is read.
+    std::string early = Fixture("chmod");
+    early.replace(early.find(" syscall=90 "), 1, " a3=zz ");
+    EXPECT_EQ(Rejection(early, AuditEventClass::Attribute, 90), refusal("a3"));
+}
+
 TEST(AuditEventBuilderTest, RejectsEventsThatDoNotFitTheirClass)
 {
     EXPECT_EQ(Rejection(Fixture("thread"), AuditEventClass::Clone, 56), "Thread events are not tracked");

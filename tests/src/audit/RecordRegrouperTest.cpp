@@ -160,8 +160,8 @@ TEST(RecordRegrouperTest, ACallsRecordsLoseWhatNoBuilderReads)
         "auid=4294967295 uid=0 gid=0 euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=(none) ses=4 "
         "comm=\"cat\" exe=\"/usr/bin/cat\" key=(null)";
     const std::string syscallRead =
-        "syscall=257 success=yes exit=3 a0=ffffff9c a1=55d0 a2=241 a3=1a4 items=1 "
-        "ppid=5 pid=6 auid=4294967295 uid=0 euid=0 comm=\"cat\" exe=\"/usr/bin/cat\"";
+        "syscall=257 success=yes exit=3 a2=241 ppid=5 pid=6 auid=4294967295 uid=0 euid=0 comm=\"cat\" "
+        "exe=\"/usr/bin/cat\"";
     const std::string path =
         "item=0 name=\"/etc/passwd\" inode=7 dev=fe:00 mode=0100644 ouid=0 ogid=0 rdev=00:00 "
         "nametype=NORMAL cap_fp=0 cap_fi=0 cap_fe=0 cap_fver=0 cap_frootid=0";
@@ -182,6 +182,14 @@ TEST(RecordRegrouperTest, ACallsRecordsLoseWhatNoBuilderReads)
          {Line("SYSCALL", 1, 0, syscallRead) + Line("EXECVE", 1, 0, "argc=2 a0=\"ls\" a1_len=3 a1[0]=2D") +
               Line("PATH", 1, 0, pathRead),
           false, "cwd=\"/\"|proctitle=6C73"}},
+        {"the arguments a call reads, all of them before its number or after an odd one",
+         {as("syscall=56 a0=11 a1=0 a2=0 a3=0 pid=6"), as("syscall=263 a0=3 a1=4 a2=0 a3=0 pid=6"),
+          as("a0=1 a1=2 a2=3 a3=4 syscall=263 pid=6"), as("syscall=263x a0=1 a1=2 a2=3 a3=4 pid=6"),
+          Line("EOE", 1, 0, "")},
+         {as("syscall=56 a0=11 pid=6") + as("syscall=263 pid=6") +
+              as("a0=1 a1=2 a2=3 a3=4 syscall=263 pid=6") + as("syscall=263x a0=1 a1=2 a2=3 a3=4 pid=6") +
+              Line("EOE", 1, 0, ""),
+          true}},
         {"on another node; a field read twice is kept twice",
          {"node=h " + Line("SYSCALL", 1, 0, "gid=0 pid=6 exe=\"/a\" exe=\"/b\""),
           "node=h " + Line("EOE", 1, 0, "")},
