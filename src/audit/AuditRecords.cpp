@@ -49,8 +49,9 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted, const SetAsideRec
             syscall = SyscallRecord::Parse(au, m_text);
             if ((wanted & kPath) != 0 && paths.empty())
             {
-                // Most events name one or two paths: one allocation for them.
-                paths.reserve(2);
+                // items counts the PATH records that follow: one allocation
+                // instead of growth (the count is capped against a hostile value).
+                paths.reserve(std::min<uint32_t>(syscall.items, 16));
             }
             break;
         case AUDIT_PATH:

@@ -149,15 +149,9 @@ PathRecord PathRecord::Parse(auparse_state_t* au)
                 }
                 break;
             case 'o':
-                if (AuparseField::Is(name, "ouid"))
-                {
-                    record.ouid = AuparseField::Number<uint32_t>(au).value_or(0);
-                }
-                else if (AuparseField::Is(name, "ogid"))
-                {
-                    record.ogid = AuparseField::Number<uint32_t>(au).value_or(0);
-                }
-                else if (AuparseField::Is(name, "objtype"))
+                // The owner fields (ouid, ogid) are left alone: no event
+                // reports them from the record, so RecordTrimmer drops them.
+                if (AuparseField::Is(name, "objtype"))
                 {
                     // Older kernels call nametype so; both carry the same words.
                     ReadNameType(au, record);

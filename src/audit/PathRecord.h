@@ -38,8 +38,6 @@ public:
     ino_t inode = 0;
     dev_t device = 0;
     mode_t mode = 0;
-    uint32_t ouid = 0;
-    uint32_t ogid = 0;
     NameType nameType = NameType::Unknown;
     // The nametype text as recorded (kept for the rejection texts).
     std::string nameTypeText;

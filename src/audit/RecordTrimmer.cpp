@@ -31,6 +31,8 @@ public:
             return name == "pid" || name == "uid" || name == "exe";
         case 4:
             return name == "exit" || name == "auid" || name == "euid" || name == "ppid" || name == "comm";
+        case 5:
+            return name == "items";
         case 7:
             if (name == "syscall")
             {
@@ -61,7 +63,7 @@ bool IsReadPathField(std::string_view name, std::string_view /*value*/)
     case 3:
         return name == "dev";
     case 4:
-        return name == "item" || name == "name" || name == "mode" || name == "ouid" || name == "ogid";
+        return name == "item" || name == "name" || name == "mode";
     case 5:
         return name == "inode";
     case 7:

@@ -15,7 +15,7 @@ namespace vantor::audit
 //    event that a SYSCALL record started, unless they end the event (the
 //    caller decides);
 //  - the fields of SYSCALL and PATH records that no builder reads (arch,
-//    gid, tty, ses, key, items, rdev, cap_fp, ...), and the arguments a0..a3
+//    gid, tty, ses, key, ouid, ogid, rdev, cap_fp, ...), and the arguments a0..a3
 //    that the record's syscall does not read (SyscallArguments). The fields
 //    kept are those that SyscallRecord and PathRecord parse: a field they
 //    come to read must be added here too.

@@ -83,6 +83,12 @@ SyscallRecord SyscallRecord::Parse(auparse_state_t* au, std::string& text)
                     haveExe = true;
                 }
                 break;
+            case 'i':
+                if (AuparseField::Is(name, "items"))
+                {
+                    record.items = Required<uint32_t>(au, name);
+                }
+                break;
             case 'p':
                 if (AuparseField::Is(name, "pid"))
                 {

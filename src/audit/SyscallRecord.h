@@ -28,6 +28,7 @@ public:
     int64_t exit = 0;
     // Only those that SyscallArguments says the syscall reads; 0 otherwise.
     std::array<uint64_t, 4> args{};
+    uint32_t items = 0;
     pid_t ppid = 0;
     pid_t pid = 0;
     uint32_t auid = kUnsetAuid;

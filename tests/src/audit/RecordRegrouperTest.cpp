@@ -159,14 +159,13 @@ TEST(RecordRegrouperTest, ACallsRecordsLoseWhatNoBuilderReads)
         "arch=c000003e syscall=257 success=yes exit=3 a0=ffffff9c a1=55d0 a2=241 a3=1a4 items=1 ppid=5 pid=6 "
         "auid=4294967295 uid=0 gid=0 euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=(none) ses=4 "
         "comm=\"cat\" exe=\"/usr/bin/cat\" key=(null)";
-    const std::string syscallRead =
-        "syscall=257 success=yes exit=3 a2=241 ppid=5 pid=6 auid=4294967295 uid=0 euid=0 comm=\"cat\" "
-        "exe=\"/usr/bin/cat\"";
+    const std::string syscallRead = "syscall=257 success=yes exit=3 a2=241 items=1 ppid=5 pid=6 "
+                                    "auid=4294967295 uid=0 euid=0 comm=\"cat\" "
+                                    "exe=\"/usr/bin/cat\"";
     const std::string path =
         "item=0 name=\"/etc/passwd\" inode=7 dev=fe:00 mode=0100644 ouid=0 ogid=0 rdev=00:00 "
         "nametype=NORMAL cap_fp=0 cap_fi=0 cap_fe=0 cap_fver=0 cap_frootid=0";
-    const std::string pathRead =
-        "item=0 name=\"/etc/passwd\" inode=7 dev=fe:00 mode=0100644 ouid=0 ogid=0 nametype=NORMAL";
+    const std::string pathRead = "item=0 name=\"/etc/passwd\" inode=7 dev=fe:00 mode=0100644 nametype=NORMAL";
     struct Case
     {
         const char* name;
