@@ -53,22 +53,15 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted, const SetAsideRec
                 // instead of growth (the count is capped against a hostile value).
                 paths.reserve(std::min<uint32_t>(syscall.items, 16));
             }
+            for (bool another = syscall.pathsJoined; another && (wanted & kPath) != 0;)
+            {
+                AddPath([&] { return PathRecord::ParseJoined(au, another); });
+            }
             break;
         case AUDIT_PATH:
             if ((wanted & kPath) != 0)
             {
-                try
-                {
-                    PathRecord path = PathRecord::Parse(au);
-                    if (path.inode != 0 || path.nameType != PathRecord::NameType::Unknown)
-                    {
-                        paths.push_back(std::move(path));
-                    }
-                }
-                catch (const edr::EventException& e)
-                {
-                    throw edr::EventException(std::string("Failed to parse Path record: ") + e.what());
-                }
+                AddPath([&] { return PathRecord::Parse(au); });
             }
             break;
         case AUDIT_CWD:
@@ -112,6 +105,23 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted, const SetAsideRec
     if (syscalls == 0)
     {
         throw edr::EventException("Missing SYSCALL record for event");
+    }
+}
+
+template <typename ParseOne>
+void AuditRecords::AddPath(ParseOne&& parse)
+{
+    try
+    {
+        PathRecord path = parse();
+        if (path.inode != 0 || path.nameType != PathRecord::NameType::Unknown)
+        {
+            paths.push_back(std::move(path));
+        }
+    }
+    catch (const edr::EventException& e)
+    {
+        throw edr::EventException(std::string("Failed to parse Path record: ") + e.what());
     }
 }
 

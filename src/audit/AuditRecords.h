@@ -71,6 +71,9 @@ public:
 
 private:
     void KeepProctitle(std::string_view raw);
+    // Keeps the PATH record parse() reads, unless it names nothing.
+    template <typename ParseOne>
+    void AddPath(ParseOne&& parse);
     void ParseExecve(auparse_state_t* au);
     void ParseSockaddr(auparse_state_t* au);
     std::string_view TextAt(size_t at, size_t size) const

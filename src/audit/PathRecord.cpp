@@ -6,6 +6,8 @@
 
 #include <sys/sysmacros.h>
 
+#include <utility>
+
 namespace vantor::audit::internal
 {
 namespace
@@ -81,16 +83,35 @@ const char* PathRecord::NameTypeText(NameType type)
 
 PathRecord PathRecord::Parse(auparse_state_t* au)
 {
+    bool another = false;
+    return auparse_first_field(au) == 1 ? Read(au, false, another) : Read(nullptr, false, another);
+}
+
+PathRecord PathRecord::ParseJoined(auparse_state_t* au, bool& another)
+{
+    return Read(au, true, another);
+}
+
+PathRecord PathRecord::Read(auparse_state_t* au, bool joined, bool& another)
+{
     PathRecord record;
     bool haveInode = false;
-    if (auparse_first_field(au) == 1)
+    another = false;
+    if (au != nullptr)
     {
+        bool first = true;
         do
         {
             const char* name = auparse_get_field_name(au);
             if (name == nullptr)
             {
                 continue;
+            }
+            if (joined && !std::exchange(first, false) && AuparseField::Is(name, "item"))
+            {
+                // The next joined record's first field: left for it.
+                another = true;
+                break;
             }
             // Dispatch on the first letter: this runs for every PATH field. A
             // field read here must also be kept by RecordTrimmer.

@@ -26,6 +26,10 @@ public:
     // Reads the current record (a PATH record). Throws EventException
     // "Cannot create PathRecord without inode information".
     static PathRecord Parse(auparse_state_t* au);
+    // Reads a PATH record's fields joined to the SYSCALL record (see
+    // RecordRegrouper) from the current field, its "item", up to the next
+    // "item" field, where another (true) leaves the cursor, or the end.
+    static PathRecord ParseJoined(auparse_state_t* au, bool& another);
 
     static const char* NameTypeText(NameType type);
 
@@ -41,6 +45,10 @@ public:
     NameType nameType = NameType::Unknown;
     // The nametype text as recorded (kept for the rejection texts).
     std::string nameTypeText;
+
+private:
+    // From the current field (none when au is null), as above.
+    static PathRecord Read(auparse_state_t* au, bool joined, bool& another);
 };
 
 } // namespace vantor::audit::internal

@@ -96,14 +96,19 @@ void RecordRegrouper::Add(std::string_view line)
                 Close(index, false);
             }
         }
-        else
+        else if (Slot& slot = m_slots[static_cast<size_t>(index)];
+                 type != AUDIT_PATH || !JoinPath(slot, line, stamp.fieldsAt))
         {
             const bool ends = EndsEvent(type);
             // What no builder reads goes no further, unless it ends the event.
             if (ends || RecordTrimmer::IsRead(type))
             {
-                RecordTrimmer::Append(type, line, stamp.fieldsAt,
-                                      m_slots[static_cast<size_t>(index)].records);
+                RecordTrimmer::Append(type, line, stamp.fieldsAt, slot.records);
+            }
+            if (type == AUDIT_PATH)
+            {
+                // A later one after this line keeps the order of the paths.
+                slot.pathsAt = std::string::npos;
             }
             if (ends)
             {
@@ -122,7 +127,11 @@ void RecordRegrouper::Add(std::string_view line)
     }
     else
     {
-        RecordTrimmer::Append(type, line, stamp.fieldsAt, m_slots[static_cast<size_t>(Open(stamp))].records);
+        Slot& slot = m_slots[static_cast<size_t>(Open(stamp))];
+        if (RecordTrimmer::Append(type, line, stamp.fieldsAt, slot.records))
+        {
+            slot.pathsAt = slot.records.size() - 1;
+        }
     }
 
     // libauparse ends what is two seconds older than any record.
@@ -187,6 +196,7 @@ int32_t RecordRegrouper::Open(const Stamp& stamp)
     slot.serial = stamp.serial;
     slot.node.assign(stamp.node);
     slot.records.clear();
+    slot.pathsAt = std::string::npos;
     slot.used = true;
     slot.sawCwd = false;
     slot.hasCwd = false;
@@ -265,6 +275,22 @@ bool RecordRegrouper::SetAside(Slot& slot, int type, std::string_view line, size
         return true;
     }
     return false;
+}
+
+bool RecordRegrouper::JoinPath(Slot& slot, std::string_view line, size_t fieldsAt)
+{
+    if (slot.pathsAt == std::string::npos)
+    {
+        return false;
+    }
+    m_pathFields.clear();
+    if (!RecordTrimmer::AppendPathFields(line, fieldsAt, m_pathFields))
+    {
+        return false;
+    }
+    slot.records.insert(slot.pathsAt, m_pathFields);
+    slot.pathsAt += m_pathFields.size();
+    return true;
 }
 
 void RecordRegrouper::CutUpTo(uint64_t seconds)

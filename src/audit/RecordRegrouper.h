@@ -39,7 +39,12 @@ namespace vantor::audit
 //
 // The records of an event that a SYSCALL record started are kept as
 // RecordTrimmer trims them: without the records and fields that no builder
-// reads. Its first CWD record and its PROCTITLE record, when each is one
+// reads. Its PATH records, while each is trimmed and none was kept as a line
+// of its own, go into the line of the SYSCALL record: their fields follow
+// its own, each record's starting with "item" (which the kernel writes in no
+// SYSCALL record). libauparse, whose cost is much per record, then parses
+// one record where it parsed several; AuditRecords reads them back in their
+// order. Its first CWD record and its PROCTITLE record, when each is one
 // field written as the kernel writes it, are not kept but set aside: their
 // values go along with the records (SetAsideRecords). An event whose
 // PROCTITLE was set aside is handed on as cut, since libauparse no longer
@@ -90,6 +95,9 @@ private:
         std::string records;
         std::string cwd;
         std::string proctitle;
+        // Where the SYSCALL line ends in records (its line end), while PATH
+        // records may still go into it; npos once they may not.
+        size_t pathsAt = std::string::npos;
         int32_t nextInBucket = -1;
         bool used = false;
         bool sawCwd = false;
@@ -104,6 +112,8 @@ private:
     void Close(int32_t index, bool endsItself);
     // Whether the record's value went aside instead of into the records.
     static bool SetAside(Slot& slot, int type, std::string_view line, size_t fieldsAt);
+    // Whether the PATH record's fields went into the SYSCALL line.
+    bool JoinPath(Slot& slot, std::string_view line, size_t fieldsAt);
     // Cuts the events of the given second and before.
     void CutUpTo(uint64_t seconds);
     void CutOldest();
@@ -112,6 +122,7 @@ private:
     void Emit(std::string_view records, bool endsItself);
 
     Sink m_sink;
+    std::string m_pathFields;
     std::vector<Slot> m_slots;
     std::vector<int32_t> m_free;
     std::vector<int32_t> m_buckets;

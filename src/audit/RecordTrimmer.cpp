@@ -92,11 +92,13 @@ constexpr auto kNameCharacters = []
     return table;
 }();
 
-// Appends the header and the fields that isRead(name, raw value) keeps, in
-// their order; false (out as it was) when the record is not of the expected
-// form or keeps no field.
+// Appends the header (unless withHeader is false) and the fields that
+// isRead(name, raw value) keeps, in their order, each after a space; false
+// (out as it was) when the record is not of the expected form or keeps no
+// field.
 template <typename IsRead>
-bool AppendReadFields(std::string_view line, size_t fieldsAt, std::string& out, IsRead&& isRead)
+bool AppendReadFields(std::string_view line, size_t fieldsAt, std::string& out, IsRead&& isRead,
+                      bool withHeader = true)
 {
     // "...audit(...): name=value name="value" ..."
     const char* const begin = line.data();
@@ -108,7 +110,10 @@ bool AppendReadFields(std::string_view line, size_t fieldsAt, std::string& out, 
         return false;
     }
     const size_t start = out.size();
-    out.append(begin, fieldsAt + 1);
+    if (withHeader)
+    {
+        out.append(begin, fieldsAt + 1);
+    }
     // Kept fields are copied in runs, each with the space before it.
     const char* run = nullptr;
     bool kept = false;
@@ -183,7 +188,7 @@ bool RecordTrimmer::IsRead(int type)
            type == AUDIT_EXECVE || type == AUDIT_SOCKADDR;
 }
 
-void RecordTrimmer::Append(int type, std::string_view line, size_t fieldsAt, std::string& out)
+bool RecordTrimmer::Append(int type, std::string_view line, size_t fieldsAt, std::string& out)
 {
     if (!line.empty() && line.back() == '\n')
     {
@@ -197,6 +202,26 @@ void RecordTrimmer::Append(int type, std::string_view line, size_t fieldsAt, std
         out.append(line);
     }
     out.push_back('\n');
+    return trimmed;
+}
+
+bool RecordTrimmer::AppendPathFields(std::string_view line, size_t fieldsAt, std::string& out)
+{
+    if (!line.empty() && line.back() == '\n')
+    {
+        line.remove_suffix(1);
+    }
+    const size_t start = out.size();
+    if (!AppendReadFields(line, fieldsAt, out, &IsReadPathField, false))
+    {
+        return false;
+    }
+    if (std::string_view(out).substr(start).starts_with(" item="))
+    {
+        return true;
+    }
+    out.resize(start);
+    return false;
 }
 
 std::optional<std::string_view> RecordTrimmer::SoleValue(std::string_view line, size_t fieldsAt,

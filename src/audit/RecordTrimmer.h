@@ -33,9 +33,16 @@ public:
     static bool IsRead(int type);
 
     // Appends the record line of the given type to out, its unread fields
-    // left out, and a line end. fieldsAt is the offset in line just past the
-    // record's stamp "audit(...)". Costs no allocation beyond out's growth.
-    static void Append(int type, std::string_view line, size_t fieldsAt, std::string& out);
+    // left out, and a line end; answers whether it was trimmed (false: kept
+    // as it came). fieldsAt is the offset in line just past the record's
+    // stamp "audit(...)". Costs no allocation beyond out's growth.
+    static bool Append(int type, std::string_view line, size_t fieldsAt, std::string& out);
+
+    // Appends only the read fields of a PATH record, each after a space, when
+    // it is written as the kernel writes it and its first kept field is
+    // "item" (where a PATH record's fields begin); false, out as it was,
+    // otherwise.
+    static bool AppendPathFields(std::string_view line, size_t fieldsAt, std::string& out);
 
     // The raw value of a record that holds exactly one field, of the given
     // name, written as the kernel writes it (by the rules above); nothing

@@ -38,6 +38,13 @@ SyscallRecord SyscallRecord::Parse(auparse_state_t* au, std::string& text)
             {
                 continue;
             }
+            if (name[0] == 'i' && AuparseField::Is(name, "item"))
+            {
+                // Where the fields of PATH records joined to this one begin
+                // (RecordRegrouper): the cursor is left on it.
+                record.pathsJoined = true;
+                break;
+            }
             // Dispatch on the first letter: this runs for every event. A field
             // read here must also be kept by RecordTrimmer.
             switch (name[0])

@@ -19,8 +19,8 @@ public:
     static constexpr uint32_t kUnsetAuid = 4294967295U;
 
     // Reads the current record of the state (which must be a SYSCALL
-    // record); the executable's path is appended to text. Throws
-    // SyscallRecordException.
+    // record) up to its end or a field "item"; the executable's path is
+    // appended to text. Throws SyscallRecordException.
     static SyscallRecord Parse(auparse_state_t* au, std::string& text);
 
     int syscall = -1;
@@ -29,6 +29,9 @@ public:
     // Only those that SyscallArguments says the syscall reads; 0 otherwise.
     std::array<uint64_t, 4> args{};
     uint32_t items = 0;
+    // The record goes on with the fields of PATH records, from the field the
+    // state is left on.
+    bool pathsJoined = false;
     pid_t ppid = 0;
     pid_t pid = 0;
     uint32_t auid = kUnsetAuid;

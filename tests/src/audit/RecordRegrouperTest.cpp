@@ -5,21 +5,12 @@
 #include "tests/src/audit/AuditFixture.h"
 
 #include "audit/RecordRegrouper.h"
-#include "common/util/Lzma.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <map>
 #include <new>
-#include <random>
-#include <set>
-#include <sstream>
 
 // Counts the allocations of this test binary, so that the steady state of
 // the regrouper can be shown to need none.
@@ -178,9 +169,19 @@ TEST(RecordRegrouperTest, ACallsRecordsLoseWhatNoBuilderReads)
          {Line("SYSCALL", 1, 0, syscall), Line("BPRM_FCAPS", 1, 0, "fver=0 fp=0"), Line("AVC", 1),
           Line("EXECVE", 1, 0, "argc=2 a0=\"ls\" a1_len=3 a1[0]=2D"), Line("CWD", 1, 0, "cwd=\"/\""),
           Line("PATH", 1, 0, path), Line("PROCTITLE", 1, 0, "proctitle=6C73")},
-         {Line("SYSCALL", 1, 0, syscallRead) + Line("EXECVE", 1, 0, "argc=2 a0=\"ls\" a1_len=3 a1[0]=2D") +
-              Line("PATH", 1, 0, pathRead),
+         {Line("SYSCALL", 1, 0, syscallRead + " " + pathRead) +
+              Line("EXECVE", 1, 0, "argc=2 a0=\"ls\" a1_len=3 a1[0]=2D"),
           false, "cwd=\"/\"|proctitle=6C73"}},
+        {"paths join the call's line in their order until one has to stay a line of its own",
+         {as("pid=6"), Line("PATH", 1, 0, "item=0 name=\"/a\" rdev=0"),
+          Line("PATH", 1, 0, "item=1 name=(null)"), Line("PATH", 1, 0, "name=\"/c\" item=2"),
+          Line("PATH", 1, 0, "item=3 name=\"/e\""), Line("EOE", 1, 0, "")},
+         {as("pid=6 item=0 name=\"/a\" item=1 name=(null)") + Line("PATH", 1, 0, "name=\"/c\" item=2") +
+              Line("PATH", 1, 0, "item=3 name=\"/e\"") + Line("EOE", 1, 0, ""),
+          true}},
+        {"none joins a call's line that was kept as it came",
+         {as("pid=6 comm=\"a b\""), Line("PATH", 1, 0, "item=0 name=\"/a\" rdev=0"), Line("EOE", 1, 0, "")},
+         {as("pid=6 comm=\"a b\"") + Line("PATH", 1, 0, "item=0 name=\"/a\"") + Line("EOE", 1, 0, ""), true}},
         {"the arguments a call reads, all of them before its number or after an odd one",
          {as("syscall=56 a0=11 a1=0 a2=0 a3=0 pid=6"), as("syscall=263 a0=3 a1=4 a2=0 a3=0 pid=6"),
           as("a0=1 a1=2 a2=3 a3=4 syscall=263 pid=6"), as("syscall=263x a0=1 a1=2 a2=3 a3=4 pid=6"),
@@ -332,267 +333,6 @@ TEST(RecordRegrouperTest, TheSteadyStateAllocatesNothing)
     EXPECT_EQ(g_allocations.load() - before, 0u);
     EXPECT_EQ(handed, 4u * 64);
     EXPECT_EQ(setAside, 4u * 64);
-}
-
-// ---- The typed events, fed as received and grouped by event -------------
-
-// Every fixture event once, in the order of the files.
-std::vector<std::vector<std::string>> FixtureEvents()
-{
-    std::vector<std::vector<std::string>> events;
-    std::map<std::string, size_t> byStamp;
-    std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(CORVID_SOURCE_DIR "/tests/fixtures/audit"))
-    {
-        if (entry.path().extension() == ".log")
-        {
-            names.insert(entry.path().stem().string());
-        }
-    }
-    std::set<std::string> finished;
-    for (const auto& name : names)
-    {
-        std::istringstream lines(test::AuditFixture(name));
-        std::set<std::string> inThisFile;
-        for (std::string line; std::getline(lines, line);)
-        {
-            const size_t open = line.find("audit(");
-            const size_t close = line.find(')', open);
-            if (open == std::string::npos || close == std::string::npos)
-            {
-                continue;
-            }
-            const std::string stamp = line.substr(open, close - open);
-            if (finished.count(stamp) > 0)
-            {
-                continue; // the same event in an earlier file
-            }
-            inThisFile.insert(stamp);
-            auto [at, added] = byStamp.emplace(stamp, events.size());
-            if (added)
-            {
-                events.emplace_back();
-            }
-            events[at->second].push_back(line + "\n");
-        }
-        finished.insert(inThisFile.begin(), inThisFile.end());
-    }
-    return events;
-}
-
-// Moves event i to second base + i / perSecond (the millis kept).
-std::vector<std::vector<std::string>> Retimed(std::vector<std::vector<std::string>> events, size_t perSecond)
-{
-    for (size_t i = 0; i < events.size(); ++i)
-    {
-        for (auto& line : events[i])
-        {
-            const size_t at = line.find("audit(") + 6;
-            line.replace(at, line.find('.', at) - at, std::to_string(1795252233 + i / perSecond));
-        }
-    }
-    return events;
-}
-
-// The records of every run of width events mixed at random, each event's
-// records in order; with straggle, the last record of each run's first event
-// comes only after the next run.
-std::string Interleaved(const std::vector<std::vector<std::string>>& events, size_t width, bool straggle,
-                        std::mt19937& random)
-{
-    std::string text;
-    std::string held;
-    for (size_t first = 0; first < events.size(); first += width)
-    {
-        const size_t last = std::min(events.size(), first + width);
-        std::vector<size_t> next(last - first, 0);
-        std::string stragglerLine;
-        for (size_t left = last - first; left > 0;)
-        {
-            const size_t pick = random() % (last - first);
-            const auto& records = events[first + pick];
-            if (next[pick] >= records.size())
-            {
-                continue;
-            }
-            const std::string& line = records[next[pick]++];
-            if (straggle && pick == 0 && next[pick] == records.size() && records.size() > 1)
-            {
-                stragglerLine = line;
-            }
-            else
-            {
-                text += line;
-            }
-            left -= next[pick] == records.size() ? 1 : 0;
-        }
-        text += held;
-        held = stragglerLine;
-    }
-    return text + held;
-}
-
-// What a consumer can read of an event, as one line.
-std::string Describe(const edr::Event& event)
-{
-    std::ostringstream out;
-    const auto put = [&out](const char* name, const auto& read)
-    {
-        out << name << '=';
-        try
-        {
-            out << read();
-        }
-        catch (const std::exception&)
-        {
-            out << '-';
-        }
-        out << ' ';
-    };
-    put("time", [&] { return event.GetTimestamp(); });
-    put("id", [&] { return event.GetEventId(); });
-    put("type", [&] { return static_cast<int>(event.GetType()); });
-    put("action", [&] { return event.GetActionName(); });
-    put("category", [&] { return event.GetCategory(); });
-    put("ok", [&] { return event.IsSuccessful(); });
-    put("pid", [&] { return event.GetActorProcessId(); });
-    put("ppid", [&] { return event.GetActorParentProcessId(); });
-    put("uid", [&] { return event.GetActorUserId(); });
-    put("euid", [&] { return event.GetActorEuid(); });
-    put("auid", [&] { return event.GetActorAuid(); });
-    put("image", [&] { return event.GetImage(); });
-    put("image2", [&] { return event.GetSecondaryImage(); });
-    put("cmd", [&] { return event.GetCommandLine(); });
-    put("args", [&] { return event.GetActorProcessArguments().size(); });
-    put("cwd", [&] { return event.GetCwd(); });
-    put("file", [&] { return event.GetFile(); });
-    put("newfile", [&] { return event.GetNewFile(); });
-    put("pinode", [&] { return event.GetParentInode(); });
-    put("pdev", [&] { return event.GetParentDeviceID(); });
-    put("ftype", [&] { return event.GetFileType(); });
-    put("symlink", [&] { return event.IsSymlink(); });
-    put("addr", [&] { return event.GetNetworkAddress(); });
-    put("port", [&] { return event.GetNetworkPort(); });
-    put("thread", [&] { return event.IsThread(); });
-    return out.str();
-}
-
-std::vector<std::string> TypedEvents(const std::string& text, AuparseFeed::Grouping grouping, size_t chunk)
-{
-    AuditEventBuilder builder(std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"));
-    AuparseFeed feed(builder, nullptr, grouping);
-    std::vector<std::string> described;
-    const auto keep = [&described](const AuparseFeed::Events& events)
-    {
-        for (const auto& event : events)
-        {
-            described.push_back(Describe(*event));
-        }
-    };
-    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-    for (size_t at = 0; at < text.size(); at += chunk)
-    {
-        keep(feed.Feed(bytes + at, std::min(chunk, text.size() - at)));
-    }
-    keep(feed.Flush());
-    std::sort(described.begin(), described.end());
-    return described;
-}
-
-// Sorted a and b hold the same events; a failure shows only those that differ.
-void ExpectSame(const std::vector<std::string>& a, const std::vector<std::string>& b,
-                const std::string& context)
-{
-    std::vector<std::string> onlyA, onlyB;
-    std::set_difference(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(onlyA));
-    std::set_difference(b.begin(), b.end(), a.begin(), a.end(), std::back_inserter(onlyB));
-    EXPECT_EQ(onlyA, std::vector<std::string>{}) << context;
-    EXPECT_EQ(onlyB, std::vector<std::string>{}) << context;
-}
-
-TEST(RecordRegrouperTest, TypedEventsAreTheSameAsFromTheStreamAsReceived)
-{
-    const auto fixtures = FixtureEvents();
-    ASSERT_GT(fixtures.size(), 50u);
-    struct Case
-    {
-        const char* name;
-        size_t width;
-        bool straggle;
-        // Without them only time-outs and the flush end the events.
-        bool dropEnds;
-        size_t perSecond;
-    };
-    const Case cases[] = {
-        {"contiguous", 1, false, false, 1000},
-        {"three at a time", 3, false, false, 1000},
-        {"eight at a time, stragglers", 8, true, false, 1000},
-        {"eight at a time, stragglers, no end records, two events a second", 8, true, true, 2},
-        {"sixteen at a time, no end records, one second", 16, false, true, 1000},
-    };
-    std::mt19937 random(20261123);
-    for (const auto& c : cases)
-    {
-        auto events = Retimed(fixtures, c.perSecond);
-        if (c.dropEnds)
-        {
-            for (auto& records : events)
-            {
-                std::erase_if(records,
-                              [](const std::string& line) {
-                                  return line.starts_with("type=PROCTITLE ") || line.starts_with("type=EOE ");
-                              });
-            }
-        }
-        const std::string text = Interleaved(events, c.width, c.straggle, random);
-        const auto asReceived = TypedEvents(text, AuparseFeed::Grouping::AsReceived, 4093);
-        EXPECT_GT(asReceived.size(), fixtures.size() / 2) << c.name;
-        for (const size_t chunk : {4093, 61})
-        {
-            ExpectSame(TypedEvents(text, AuparseFeed::Grouping::ByEvent, chunk), asReceived,
-                       c.name + std::string(", chunk ") + std::to_string(chunk));
-        }
-    }
-}
-
-TEST(RecordRegrouperTest, TheDispatchersEnrichmentChangesNoTypedEvent)
-{
-    // auditd's dispatcher appends interpreted names to a record after a 0x1d
-    // byte. Events read the raw fields: not even a forged address there
-    // reaches them.
-    std::string plain;
-    std::string enriched;
-    for (const auto& records : FixtureEvents())
-    {
-        for (const auto& line : records)
-        {
-            plain += line;
-            enriched += line.substr(0, line.size() - 1) + '\x1d' +
-                        (line.starts_with("type=SOCKADDR ")
-                             ? "SADDR={ saddr_fam=inet laddr=203.0.113.9 lport=9 }"
-                             : "ARCH=x86_64 SYSCALL=read AUID=\"unset\" UID=\"root\"") +
-                        '\n';
-        }
-    }
-    const auto expected = TypedEvents(plain, AuparseFeed::Grouping::ByEvent, 4093);
-    for (const size_t chunk : {4093, 61})
-    {
-        ExpectSame(TypedEvents(enriched, AuparseFeed::Grouping::ByEvent, chunk), expected,
-                   "chunk " + std::to_string(chunk));
-    }
-}
-
-TEST(RecordRegrouperTest, ARealHostsRecordsMakeTheSameTypedEventsTrimmed)
-{
-    // Grouped by event, the records of a call lose the dispatcher's
-    // enrichment and what no builder reads; as received they reach
-    // libauparse whole.
-    std::ifstream in(CORVID_SOURCE_DIR "/bench/corpus/sample.audit.xz", std::ios::binary);
-    const std::string text = util::LzmaDecompress(
-        std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
-    const auto expected = TypedEvents(text, AuparseFeed::Grouping::AsReceived, 65536);
-    ASSERT_GT(expected.size(), 3000u);
-    ExpectSame(TypedEvents(text, AuparseFeed::Grouping::ByEvent, 65536), expected, "");
 }
 
 } // namespace

@@ -83,7 +83,10 @@ private:
         {
             do
             {
-                if (::auparse_get_type(state) != 1302 /* PATH */ || ::auparse_first_field(state) <= 0)
+                // PATH records, and those joined to the SYSCALL record.
+                const int type = ::auparse_get_type(state);
+                if ((type != 1302 /* PATH */ && type != 1300 /* SYSCALL */) ||
+                    ::auparse_first_field(state) <= 0)
                 {
                     continue;
                 }
