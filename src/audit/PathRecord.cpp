@@ -83,106 +83,112 @@ const char* PathRecord::NameTypeText(NameType type)
 
 PathRecord PathRecord::Parse(auparse_state_t* au)
 {
-    bool another = false;
-    return auparse_first_field(au) == 1 ? Read(au, false, another) : Read(nullptr, false, another);
+    PathRecord record;
+    bool haveInode = false;
+    if (auparse_first_field(au) == 1)
+    {
+        ReadFields(au, false, record, haveInode);
+    }
+    return Checked(std::move(record), haveInode);
 }
 
 PathRecord PathRecord::ParseJoined(auparse_state_t* au, bool& another)
 {
-    return Read(au, true, another);
-}
-
-PathRecord PathRecord::Read(auparse_state_t* au, bool joined, bool& another)
-{
     PathRecord record;
     bool haveInode = false;
-    another = false;
-    if (au != nullptr)
+    another = ReadFields(au, true, record, haveInode);
+    return Checked(std::move(record), haveInode);
+}
+
+bool PathRecord::ReadFields(auparse_state_t* au, bool joined, PathRecord& record, bool& haveInode)
+{
+    bool first = true;
+    do
     {
-        bool first = true;
-        do
+        const char* name = auparse_get_field_name(au);
+        if (name == nullptr)
         {
-            const char* name = auparse_get_field_name(au);
-            if (name == nullptr)
+            continue;
+        }
+        if (joined && !std::exchange(first, false) && AuparseField::Is(name, "item"))
+        {
+            // The next joined record's first field: left for it.
+            return true;
+        }
+        // Dispatch on the first letter: this runs for every PATH field. A
+        // field read here must also be kept by RecordTrimmer.
+        switch (name[0])
+        {
+        case 'i':
+            if (AuparseField::Is(name, "item"))
             {
-                continue;
+                record.item = AuparseField::Number<uint32_t>(au).value_or(0);
             }
-            if (joined && !std::exchange(first, false) && AuparseField::Is(name, "item"))
+            else if (AuparseField::Is(name, "inode"))
             {
-                // The next joined record's first field: left for it.
-                another = true;
-                break;
+                const auto inode = AuparseField::Number<ino_t>(au);
+                if (inode)
+                {
+                    record.inode = *inode;
+                    haveInode = true;
+                }
             }
-            // Dispatch on the first letter: this runs for every PATH field. A
-            // field read here must also be kept by RecordTrimmer.
-            switch (name[0])
+            break;
+        case 'n':
+            if (AuparseField::Is(name, "name"))
             {
-            case 'i':
-                if (AuparseField::Is(name, "item"))
+                if (AuparseField::AssignText(au, record.name))
                 {
-                    record.item = AuparseField::Number<uint32_t>(au).value_or(0);
-                }
-                else if (AuparseField::Is(name, "inode"))
-                {
-                    const auto inode = AuparseField::Number<ino_t>(au);
-                    if (inode)
+                    record.hasName = true;
+                    if (record.name == "/proc/self")
                     {
-                        record.inode = *inode;
-                        haveInode = true;
+                        EDR_LOG_DEBUG("Got proc/self in path record");
                     }
                 }
-                break;
-            case 'n':
-                if (AuparseField::Is(name, "name"))
-                {
-                    if (AuparseField::AssignText(au, record.name))
-                    {
-                        record.hasName = true;
-                        if (record.name == "/proc/self")
-                        {
-                            EDR_LOG_DEBUG("Got proc/self in path record");
-                        }
-                    }
-                }
-                else if (AuparseField::Is(name, "nametype"))
-                {
-                    ReadNameType(au, record);
-                }
-                break;
-            case 'd':
-                if (AuparseField::Is(name, "dev"))
-                {
-                    ParseDevice(AuparseField::Raw(au), record.device);
-                }
-                break;
-            case 'm':
-                if (AuparseField::Is(name, "mode"))
-                {
-                    const auto mode = AuparseField::Number<mode_t>(au, 8);
-                    if (mode)
-                    {
-                        record.mode = *mode;
-                    }
-                    else
-                    {
-                        EDR_LOG_DEBUG("Unknown mode" << AuparseField::Raw(au) << " in PATH record");
-                    }
-                }
-                break;
-            case 'o':
-                // The owner fields (ouid, ogid) are left alone: no event
-                // reports them from the record, so RecordTrimmer drops them.
-                if (AuparseField::Is(name, "objtype"))
-                {
-                    // Older kernels call nametype so; both carry the same words.
-                    ReadNameType(au, record);
-                }
-                break;
-            default:
-                break;
             }
-        } while (auparse_next_field(au) == 1);
-    }
+            else if (AuparseField::Is(name, "nametype"))
+            {
+                ReadNameType(au, record);
+            }
+            break;
+        case 'd':
+            if (AuparseField::Is(name, "dev"))
+            {
+                ParseDevice(AuparseField::Raw(au), record.device);
+            }
+            break;
+        case 'm':
+            if (AuparseField::Is(name, "mode"))
+            {
+                const auto mode = AuparseField::Number<mode_t>(au, 8);
+                if (mode)
+                {
+                    record.mode = *mode;
+                }
+                else
+                {
+                    EDR_LOG_DEBUG("Unknown mode" << AuparseField::Raw(au) << " in PATH record");
+                }
+            }
+            break;
+        case 'o':
+            // The owner fields (ouid, ogid) are left alone: no event
+            // reports them from the record, so RecordTrimmer drops them.
+            if (AuparseField::Is(name, "objtype"))
+            {
+                // Older kernels call nametype so; both carry the same words.
+                ReadNameType(au, record);
+            }
+            break;
+        default:
+            break;
+        }
+    } while (auparse_next_field(au) == 1);
+    return false;
+}
+
+PathRecord PathRecord::Checked(PathRecord record, bool haveInode)
+{
     if (!haveInode && record.nameType == NameType::Unknown)
     {
         // symlink(2) records its target text as an extra, unresolved name.

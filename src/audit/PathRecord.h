@@ -47,8 +47,12 @@ public:
     std::string nameTypeText;
 
 private:
-    // From the current field (none when au is null), as above.
-    static PathRecord Read(auparse_state_t* au, bool joined, bool& another);
+    // Reads the fields from the current one to the end of the record, or
+    // (joined) to the next "item" field after the first: true when it
+    // stopped there.
+    static bool ReadFields(auparse_state_t* au, bool joined, PathRecord& record, bool& haveInode);
+    // The record, or the rejection of one without an inode.
+    static PathRecord Checked(PathRecord record, bool haveInode);
 };
 
 } // namespace vantor::audit::internal
