@@ -22,9 +22,7 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted, const SetAsideRec
         {
             // A set-aside value came first among the event's CWD records.
             ++cwdCount;
-            m_cwdAt = m_text.size();
-            AuparseField::AppendText(*aside.cwd, m_text);
-            m_cwdSize = m_text.size() - m_cwdAt;
+            KeepCwd(*aside.cwd);
         }
         if (aside.proctitle && (wanted & kProctitle) != 0)
         {
@@ -72,9 +70,7 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted, const SetAsideRec
                     const char* name = auparse_get_field_name(au);
                     if (name != nullptr && AuparseField::Is(name, "cwd") && cwdCount++ == 0)
                     {
-                        m_cwdAt = m_text.size();
-                        AuparseField::AppendText(au, m_text);
-                        m_cwdSize = m_text.size() - m_cwdAt;
+                        KeepCwd(au);
                     }
                 } while (auparse_next_field(au) == 1);
             }
@@ -106,6 +102,14 @@ void AuditRecords::Parse(auparse_state_t* au, unsigned wanted, const SetAsideRec
     {
         throw edr::EventException("Missing SYSCALL record for event");
     }
+}
+
+template <typename Source>
+void AuditRecords::KeepCwd(const Source& source)
+{
+    m_cwdAt = m_text.size();
+    AuparseField::AppendText(source, m_text);
+    m_cwdSize = m_text.size() - m_cwdAt;
 }
 
 template <typename ParseOne>

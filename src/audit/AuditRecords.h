@@ -70,6 +70,10 @@ public:
     static std::vector<std::string> SplitArguments(std::string_view text);
 
 private:
+    // Decodes the event's CWD value from a raw text or from the state's
+    // current field.
+    template <typename Source>
+    void KeepCwd(const Source& source);
     void KeepProctitle(std::string_view raw);
     // Keeps the PATH record parse() reads, unless it names nothing.
     template <typename ParseOne>
