@@ -197,23 +197,20 @@ void AuparseFeed::FeedLines(const char* begin, const char* end)
 
 void AuparseFeed::FeedEvent(std::string_view records, const SetAsideRecords& aside, bool endsItself)
 {
+    // The values stand only while this event is fed, also when feeding throws.
+    struct Feeding
+    {
+        const SetAsideRecords*& current;
+        ~Feeding() { current = nullptr; }
+    } const feeding{m_aside};
     m_aside = &aside;
-    try
+    FeedRaw(records.data(), records.size());
+    if (!endsItself)
     {
-        FeedRaw(records.data(), records.size());
-        if (!endsItself)
-        {
-            // libauparse holds nothing else: flushing completes this event only.
-            FeedRaw("\n", 1);
-            ::auparse_flush_feed(m_state);
-        }
+        // libauparse holds nothing else: flushing completes this event only.
+        FeedRaw("\n", 1);
+        ::auparse_flush_feed(m_state);
     }
-    catch (...)
-    {
-        m_aside = nullptr;
-        throw;
-    }
-    m_aside = nullptr;
 }
 
 void AuparseFeed::FeedAsReceived(const char* begin, const char* end)
