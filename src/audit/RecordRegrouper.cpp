@@ -89,15 +89,15 @@ void RecordRegrouper::Add(std::string_view line)
 
     if (const int32_t index = Find(stamp); index >= 0)
     {
-        if (SetAside(m_slots[static_cast<size_t>(index)], type, line, stamp.fieldsAt))
+        Slot& slot = m_slots[static_cast<size_t>(index)];
+        if (SetAside(slot, type, line, stamp.fieldsAt))
         {
             if (type == AUDIT_PROCTITLE)
             {
                 Close(index, false);
             }
         }
-        else if (Slot& slot = m_slots[static_cast<size_t>(index)];
-                 type != AUDIT_PATH || !JoinPath(slot, line, stamp.fieldsAt))
+        else if (type != AUDIT_PATH || !JoinPath(slot, line, stamp.fieldsAt))
         {
             const bool ends = EndsEvent(type);
             // What no builder reads goes no further, unless it ends the event.

@@ -92,6 +92,11 @@ constexpr auto kNameCharacters = []
     return table;
 }();
 
+std::string_view WithoutLineEnd(std::string_view line)
+{
+    return !line.empty() && line.back() == '\n' ? line.substr(0, line.size() - 1) : line;
+}
+
 // Appends the header (unless withHeader is false) and the fields that
 // isRead(name, raw value) keeps, in their order, each after a space; false
 // (out as it was) when the record is not of the expected form or keeps no
@@ -190,10 +195,7 @@ bool RecordTrimmer::IsRead(int type)
 
 bool RecordTrimmer::Append(int type, std::string_view line, size_t fieldsAt, std::string& out)
 {
-    if (!line.empty() && line.back() == '\n')
-    {
-        line.remove_suffix(1);
-    }
+    line = WithoutLineEnd(line);
     const bool trimmed =
         (type == AUDIT_SYSCALL && AppendReadFields(line, fieldsAt, out, IsReadSyscallField())) ||
         (type == AUDIT_PATH && AppendReadFields(line, fieldsAt, out, &IsReadPathField));
@@ -207,10 +209,7 @@ bool RecordTrimmer::Append(int type, std::string_view line, size_t fieldsAt, std
 
 bool RecordTrimmer::AppendPathFields(std::string_view line, size_t fieldsAt, std::string& out)
 {
-    if (!line.empty() && line.back() == '\n')
-    {
-        line.remove_suffix(1);
-    }
+    line = WithoutLineEnd(line);
     const size_t start = out.size();
     if (!AppendReadFields(line, fieldsAt, out, &IsReadPathField, false))
     {
@@ -227,10 +226,7 @@ bool RecordTrimmer::AppendPathFields(std::string_view line, size_t fieldsAt, std
 std::optional<std::string_view> RecordTrimmer::SoleValue(std::string_view line, size_t fieldsAt,
                                                          std::string_view name)
 {
-    if (!line.empty() && line.back() == '\n')
-    {
-        line.remove_suffix(1);
-    }
+    line = WithoutLineEnd(line);
     // ": name=value", the value without a space, a NUL byte or a single
     // quote, and quoted whole or not at all.
     if (line.size() < fieldsAt + 2 || line.compare(fieldsAt, 2, ": ") != 0 ||
