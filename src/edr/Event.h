@@ -105,10 +105,6 @@ public:
     virtual std::string GetFileContentHash(HashType type) const;
     virtual TimePoint GetFileModificationTime() const;
     virtual uint64_t GetFileSize() const;
-    // False when the file's size and times are known to be missing, so that
-    // their getters would throw: hot paths skip them without an exception.
-    // True means only "ask the getters".
-    virtual bool HasFileStat() const { return true; }
     // The st_mode file type bits (S_IFREG, S_IFDIR, ...).
     virtual uint32_t GetFileType() const;
     virtual std::string GetFileTypeDesc() const;
@@ -131,6 +127,12 @@ public:
     virtual bool IsThread() const;
     virtual void Refresh();
     virtual void UpdateActorProcessId(pid_t pid);
+
+    // After the operations above, whose order is fixed: false when the
+    // file's size and times are known to be missing, so that their getters
+    // would throw; hot paths skip them without an exception. True means only
+    // "ask the getters".
+    virtual bool HasFileStat() const { return true; }
 };
 
 } // namespace vantor::edr
