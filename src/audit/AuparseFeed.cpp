@@ -1,11 +1,11 @@
 #include "audit/AuparseFeed.h"
 
+#include "audit/AuparseField.h"
 #include "common/Logging.h"
 
 #include <libaudit.h>
 
 #include <array>
-#include <charconv>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -51,17 +51,6 @@ constexpr auto kSyscallTable = MakeSyscallTable();
 // SYSCALL=, UID=, SADDR=...) after this byte. Nothing reads them: numbers
 // are read raw, and libauparse interprets the fields itself without them.
 constexpr char kEnrichmentSeparator = '\x1d';
-
-std::optional<long long> ParseNumber(std::string_view text)
-{
-    long long value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size())
-    {
-        return std::nullopt;
-    }
-    return value;
-}
 
 } // namespace
 
@@ -315,7 +304,8 @@ void AuparseFeed::OnEvent(auparse_state_t* state)
             const char* text =
                 ::auparse_find_field(state, "syscall") != nullptr ? ::auparse_get_field_str(state) : nullptr;
             const std::optional<long long> number =
-                text != nullptr ? ParseNumber(text) : std::optional<long long>();
+                text != nullptr ? internal::AuparseField::Number<long long>(std::string_view(text))
+                                : std::nullopt;
             const std::optional<AuditEventClass> eventClass =
                 number ? ClassOfSyscall(*number) : std::optional<AuditEventClass>();
             if (!eventClass)

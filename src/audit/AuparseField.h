@@ -23,14 +23,17 @@ public:
     static std::optional<T> Number(auparse_state_t* au, int base = 10)
     {
         const char* raw = auparse_get_field_str(au);
-        if (raw == nullptr)
-        {
-            return std::nullopt;
-        }
-        const char* end = raw + std::strlen(raw);
+        return raw == nullptr ? std::nullopt : Number<T>(std::string_view(raw), base);
+    }
+
+    // A raw field text that is a number and nothing else; also for texts
+    // read before libauparse sees them.
+    template <typename T>
+    static std::optional<T> Number(std::string_view text, int base = 10)
+    {
         T value{};
-        auto [ptr, ec] = std::from_chars(raw, end, value, base);
-        if (ec != std::errc() || ptr != end)
+        const auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+        if (ec != std::errc() || ptr != text.data() + text.size())
         {
             return std::nullopt;
         }

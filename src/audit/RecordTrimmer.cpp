@@ -1,11 +1,11 @@
 #include "audit/RecordTrimmer.h"
 
+#include "audit/AuparseField.h"
 #include "audit/SyscallArguments.h"
 
 #include <libaudit.h>
 
 #include <array>
-#include <charconv>
 #include <cstring>
 #include <optional>
 
@@ -38,11 +38,7 @@ public:
             {
                 // As SyscallRecord::Parse reads it; a value it refuses
                 // refuses the event whatever else is kept.
-                int64_t syscall = 0;
-                const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), syscall);
-                m_syscall = error == std::errc() && end == value.data() + value.size()
-                                ? std::optional<int64_t>(syscall)
-                                : std::nullopt;
+                m_syscall = internal::AuparseField::Number<int64_t>(value);
                 return true;
             }
             return name == "success";
