@@ -1,4 +1,6 @@
 #include "common/FileReader.h"
+#include "common/StatHelper.h"
+#include "common/util/Digest.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +10,7 @@
 
 #include <cerrno>
 #include <string>
-#include <vector>
+#include <tuple>
 
 namespace vantor::common
 {
@@ -16,6 +18,8 @@ namespace
 {
 
 using Stage = FileReadException::Stage;
+using util::Digest;
+using Algorithm = Digest::Algorithm;
 
 // Runs call and answers the FileReadException it threw.
 template <typename Call>
@@ -148,6 +152,71 @@ TEST(FileReaderTest, SizeLimitsRefuseAtOpenAndWhileReading)
         });
     EXPECT_EQ(grown.GetStage(), Stage::TooLarge);
     EXPECT_EQ(seen, 0u) << "nothing past the limit reaches the sink";
+}
+
+TEST(StatHelperTest, StatsFollowsOrNotAndReadsBounded)
+{
+    test::TempDir dir;
+    const std::string file = dir.Write("a.txt", "abc");
+    ASSERT_EQ(::symlink(file.c_str(), dir.File("link").c_str()), 0);
+    EXPECT_TRUE(S_ISREG(StatHelper::Stat(dir.File("link")).st_mode));
+    EXPECT_TRUE(S_ISLNK(StatHelper::Lstat(dir.File("link")).st_mode));
+    EXPECT_EQ(StatHelper::ReadLink(dir.File("link")), file);
+    EXPECT_FALSE(StatHelper::TryStat(dir.File("missing"), true));
+    EXPECT_THROW(StatHelper::Stat(dir.File("missing")), StatHelperException);
+
+    std::string content;
+    EXPECT_EQ(StatHelper::ReadContent(file, content, 100), StatHelper::ReadResult::Complete);
+    EXPECT_EQ(content, "abc");
+    EXPECT_EQ(StatHelper::ReadContent(file, content, 2), StatHelper::ReadResult::SizeLimitReached);
+    EXPECT_EQ(content, "ab");
+}
+
+// FIPS 180 and RFC 1321 test vectors.
+constexpr const char* kSha256Abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+constexpr const char* kSha256Empty = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+
+TEST(DigestTest, KnownDigestsOfDataInEachAlgorithm)
+{
+    EXPECT_EQ(Digest::HexOf(Algorithm::Md5, "abc"), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(Digest::HexOf(Algorithm::Sha1, "abc"), "a9993e364706816aba3e25717850c26c9cd0d89d");
+    EXPECT_EQ(Digest::HexOf(Algorithm::Sha256, "abc"), kSha256Abc);
+    EXPECT_EQ(Digest::HexOf(Algorithm::Sha256, ""), kSha256Empty);
+    EXPECT_EQ(Digest::Hex(std::string("\x00\x0f\x10\x7f\x80\xff", 6)), "000f107f80ff");
+}
+
+TEST(DigestTest, StreamingInPiecesEqualsOneShotAndFinishesOnce)
+{
+    Digest digest(Algorithm::Sha256);
+    digest.Update("a");
+    digest.Update("");
+    digest.Update("bc");
+    const std::string raw = digest.Finish();
+    EXPECT_EQ(raw.size(), 32u);
+    EXPECT_EQ(Digest::Hex(raw), kSha256Abc);
+    EXPECT_THROW(digest.Update("more"), std::logic_error);
+    EXPECT_THROW(digest.Finish(), std::logic_error);
+}
+
+TEST(DigestTest, FileDigestSpansReadBuffersOrFailsWithTheReason)
+{
+    test::TempDir dir;
+    const std::string path = dir.Write("million", std::string(1000000, 'a'));
+    static_assert(1000000 > FileReader::kChunkSize);
+    EXPECT_EQ(Digest::HexOfFile(Algorithm::Sha256, path, 1000000),
+              "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+    EXPECT_EQ(Digest::HexOfFile(Algorithm::Sha256, dir.Write("empty", ""), 0), kSha256Empty);
+
+    // A file that cannot be hashed fails with the reason and its name.
+    for (const auto& [file, limit, stage] :
+         {std::tuple{dir.File("missing"), std::size_t{100}, Stage::Open},
+          std::tuple{dir.Write("f", "abc"), std::size_t{2}, Stage::TooLarge}})
+    {
+        const auto failure = Failure([&] { Digest::HexOfFile(Algorithm::Sha256, file, limit); });
+        EXPECT_EQ(failure.GetStage(), stage) << file;
+        EXPECT_NE(std::string(failure.what()).find(file), std::string::npos) << failure.what();
+    }
+    EXPECT_THROW(Digest::HexOfFile(Algorithm::Sha256, dir.Path(), 100), std::runtime_error);
 }
 
 } // namespace

@@ -1,17 +1,24 @@
 #include "common/FileStorage.h"
+#include "common/UniqueFd.h"
+#include "tests/common/src/CommonTestHelpers.h"
 #include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include <filesystem>
+#include <utility>
 
 using ::testing::HasSubstr;
 using vantor::common::FileStorage;
 using vantor::common::FileStorageException;
+using vantor::common::UniqueFd;
 
 namespace
 {
@@ -23,19 +30,7 @@ protected:
     const std::string m_dir = m_tmp.Path();
 };
 
-template <typename F>
-std::string ErrorOf(F&& f)
-{
-    try
-    {
-        f();
-    }
-    catch (const FileStorageException& e)
-    {
-        return e.what();
-    }
-    return "no error";
-}
+const auto ErrorOf = vantor::test::ErrorOf<FileStorageException>;
 
 TEST_F(FileStorageTest, CreateReplacesWholeFileAndLeavesNoTemporary)
 {
@@ -100,16 +95,98 @@ TEST_F(FileStorageTest, ErrorsNameTheOperationAndThePath)
 
     // Size limit: refused before anything is loaded.
     FileStorage::Create(m_dir + "/big", std::string(100, 'x'));
-    try
-    {
-        FileStorage::Read(m_dir + "/big", data, 99);
-        FAIL() << "no error";
-    }
-    catch (const FileStorageException& e)
-    {
-        EXPECT_EQ(e.Error(), EFBIG);
-    }
+    EXPECT_THAT(
+        [&] { FileStorage::Read(m_dir + "/big", data, 99); },
+        testing::Throws<FileStorageException>(testing::Property(&FileStorageException::Error, EFBIG)));
     EXPECT_NO_THROW(FileStorage::Read(m_dir + "/big", data, 100));
+}
+
+bool IsOpen(int fd)
+{
+    return ::fcntl(fd, F_GETFD) != -1;
+}
+
+int OpenNull()
+{
+    const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    EXPECT_GE(fd, 0);
+    return fd;
+}
+
+TEST(UniqueFdTest, ClosesOnDestructionAndOwnsNothingWhenNegative)
+{
+    const int fd = OpenNull();
+    {
+        UniqueFd owner(fd);
+        EXPECT_TRUE(owner.Valid());
+        EXPECT_EQ(owner.Get(), fd);
+    }
+    EXPECT_FALSE(IsOpen(fd));
+
+    UniqueFd none(-5);
+    EXPECT_FALSE(none);
+    EXPECT_EQ(none.Get(), -1);
+    EXPECT_EQ(none.Close(), 0) << "closing nothing is no failure";
+}
+
+// A second close would hit whatever file reused the number in between.
+TEST(UniqueFdTest, MovedFromOwnerNeverClosesTheDescriptorAgain)
+{
+    const int fd = OpenNull();
+    int reused = -1;
+    {
+        UniqueFd first(fd);
+        {
+            UniqueFd second(std::move(first));
+            EXPECT_FALSE(first.Valid());
+            EXPECT_EQ(second.Get(), fd);
+        }
+        EXPECT_FALSE(IsOpen(fd));
+        reused = OpenNull();
+        ASSERT_EQ(reused, fd) << "the lowest free number is handed out again";
+    }
+    EXPECT_TRUE(IsOpen(reused)) << "the moved-from owner closed a descriptor it no longer owns";
+    ::close(reused);
+}
+
+TEST(UniqueFdTest, MoveAssignmentClosesThePreviousDescriptorOnly)
+{
+    const int a = OpenNull();
+    const int b = OpenNull();
+    UniqueFd target(a);
+    UniqueFd source(b);
+    target = std::move(source);
+    EXPECT_FALSE(IsOpen(a));
+    EXPECT_TRUE(IsOpen(b));
+    EXPECT_EQ(target.Get(), b);
+
+    UniqueFd& alias = target;
+    target = std::move(alias);
+    EXPECT_TRUE(IsOpen(b)) << "self-assignment keeps the descriptor";
+}
+
+TEST(UniqueFdTest, ReleaseResetAndCloseReportTheirOutcome)
+{
+    const int fd = OpenNull();
+    UniqueFd owner(fd);
+    const int released = owner.Release();
+    EXPECT_EQ(released, fd);
+    EXPECT_FALSE(owner.Valid());
+    EXPECT_TRUE(IsOpen(fd)) << "a released descriptor stays open";
+
+    owner.Reset(released);
+    owner.Reset(released);
+    EXPECT_TRUE(IsOpen(fd)) << "resetting to the owned descriptor keeps it";
+    const int other = OpenNull();
+    owner.Reset(other);
+    EXPECT_FALSE(IsOpen(fd));
+    EXPECT_EQ(owner.Close(), 0);
+    EXPECT_FALSE(IsOpen(other));
+    EXPECT_FALSE(owner.Valid());
+
+    UniqueFd stale(other); // already closed above
+    EXPECT_EQ(stale.Close(), EBADF);
+    EXPECT_FALSE(stale.Valid());
 }
 
 } // namespace

@@ -6,12 +6,12 @@
 #include "common/LzmaHttpInterceptor.h"
 #include "common/OnDiskHttpResponse.h"
 #include "common/SigValidationHttpInterceptor.h"
+#include "tests/common/src/CommonTestHelpers.h"
 #include "tests/support/TempDir.h"
 #include "tools/TestReceiver.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <rapidjson/document.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -22,24 +22,18 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <random>
 #include <thread>
 
 using namespace vantor::common;
 using vantor::tools::TestReceiver;
 using namespace std::chrono_literals;
+using vantor::test::ReadWhole;
 
 namespace
 {
 
 const char* kKey = "0123456789abcdef-test-key";
-
-std::string ReadAll(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 uint16_t FreePort()
 {
@@ -170,7 +164,7 @@ TEST_F(HttpServiceTest, UploadCarriesFixedHeadersAndValidHmacAndArrivesByteExact
     EXPECT_EQ(r.headers.Get("Content-Encoding"), "LZMA");
     EXPECT_EQ(r.headers.Get("Content-Type"), "application/json");
     EXPECT_TRUE(r.headers.Get("X-CRVD-Authorization")->starts_with("CRVD-HMAC-SHA256 Credential=agent-1, "));
-    EXPECT_TRUE(ReadAll(m_dir + "/out/1.payload") == payload);
+    EXPECT_TRUE(ReadWhole(m_dir + "/out/1.payload") == payload);
 }
 
 TEST_F(HttpServiceTest, LzmaAnswerIsDecompressedAndItsSignatureChecked)
@@ -228,7 +222,7 @@ TEST_F(HttpServiceTest, ReceiverRefusesWhatTheBackEndRefuses)
     EXPECT_EQ(requests[1].rejection, "bad or missing header C-PRODUCT");
     EXPECT_EQ(requests[2].rejection, "");
     EXPECT_EQ(m_receiver->StoredCount(), 1u);
-    EXPECT_EQ(ReadAll(m_dir + "/requests.log"),
+    EXPECT_EQ(ReadWhole(m_dir + "/requests.log"),
               "POST /upload/fim 400 Content-Encoding=- Accept-Encoding=- refused: payload is not "
               "LZMA-compressed\n"
               "POST /upload/fim 400 Content-Encoding=LZMA Accept-Encoding=LZMA refused: bad or missing "
@@ -262,7 +256,7 @@ TEST_F(HttpServiceTest, PutAbove16KbIsRefusedAndPostOf1MbAccepted)
     HttpUploader uploader(service, 1);
     const std::string big(1024 * 1024, 'b');
     ASSERT_TRUE(Upload(uploader, m_receiver->Url(), big));
-    EXPECT_TRUE(ReadAll(m_dir + "/out/2.payload") == big);
+    EXPECT_TRUE(ReadWhole(m_dir + "/out/2.payload") == big);
     EXPECT_EQ(m_receiver->Requests()[0].method, "PUT");
 }
 
@@ -390,7 +384,7 @@ TEST_F(HttpServiceTest, RangedDownloadAssemblesChunksOnDisk)
     HttpDownloadManager downloader(service, 1000);
     const std::string target = m_dir + "/download.bin";
     ASSERT_TRUE(downloader.Download(m_receiver->Url("/download/2500"), target));
-    EXPECT_EQ(ReadAll(target), TestReceiver::DownloadContent(2500));
+    EXPECT_EQ(ReadWhole(target), TestReceiver::DownloadContent(2500));
     EXPECT_EQ(m_receiver->RequestCount(), 3u);
     EXPECT_FALSE(downloader.Download(m_receiver->Url("/upload"), target)); // a 400, not a range
 

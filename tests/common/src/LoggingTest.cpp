@@ -70,23 +70,7 @@ TEST_F(LoggingTest, RefreshStopsAtFirstGapAndSkipsUnknownLoggers)
     EXPECT_FALSE(Poco::Logger::has("never.created.logger"));
 }
 
-TEST_F(LoggingTest, InitializesOnceFromPropertyFile)
-{
-    const auto log = dir.File("not/yet/there/edr.log");
-    const auto file = dir.Write("logging.properties", "logging.loggers.l1.name = edr\n"
-                                                      "logging.loggers.l1.level = debug\n"
-                                                      "logging.loggers.l1.channel = file\n"
-                                                      "logging.channels.file.class = FileChannel\n"
-                                                      "logging.channels.file.path = " +
-                                                          log + "\n");
-    Logging::Initialize(file);
-    EXPECT_TRUE(Logging::IsInitialized());
-    EXPECT_EQ(Logging::Edr().getLevel(), Poco::Message::PRIO_DEBUG);
-    EXPECT_EQ(::access(log.c_str(), F_OK), 0) << "missing directories are created and the file opened";
-    EXPECT_THROW(Logging::Initialize(file), std::logic_error);
-}
-
-TEST_F(LoggingTest, InvalidFileRaisesPocoException)
+TEST_F(LoggingTest, InitializesOnceFromAValidPropertyFileOnly)
 {
     EXPECT_THROW(Logging::Initialize(dir.File("missing.properties")), Poco::Exception);
     const auto bad = dir.Write("bad.properties", "logging.loggers.l1.name = edr\n"
@@ -100,6 +84,20 @@ TEST_F(LoggingTest, InvalidFileRaisesPocoException)
                                                                blocked + "/edr.log\n");
     EXPECT_THROW(Logging::Initialize(unusable), Poco::Exception);
     EXPECT_FALSE(Logging::IsInitialized());
+
+    // Failed attempts leave the way open for a valid file, once.
+    const auto log = dir.File("not/yet/there/edr.log");
+    const auto file = dir.Write("logging.properties", "logging.loggers.l1.name = edr\n"
+                                                      "logging.loggers.l1.level = debug\n"
+                                                      "logging.loggers.l1.channel = file\n"
+                                                      "logging.channels.file.class = FileChannel\n"
+                                                      "logging.channels.file.path = " +
+                                                          log + "\n");
+    Logging::Initialize(file);
+    EXPECT_TRUE(Logging::IsInitialized());
+    EXPECT_EQ(Logging::Edr().getLevel(), Poco::Message::PRIO_DEBUG);
+    EXPECT_EQ(::access(log.c_str(), F_OK), 0) << "missing directories are created and the file opened";
+    EXPECT_THROW(Logging::Initialize(file), std::logic_error);
 }
 
 TEST_F(LoggingTest, DroppedLevelsAreNotFormatted)

@@ -4,18 +4,28 @@
 #include "common/Logging.h"
 #include "common/PeriodicSchedule.h"
 #include "common/SynchronizedQueue.h"
+#include "common/TaskQueue.h"
 #include "common/ThreadedClass.h"
+#include "common/WorkerThread.h"
+#include "tests/common/src/CommonTestHelpers.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
+#include <mutex>
+#include <stdexcept>
 #include <thread>
+#include <vector>
 
 using namespace vantor::common;
 using namespace std::chrono_literals;
+using vantor::test::ErrorOf;
 using vantor::test::Eventually;
+using vantor::test::LogCapture;
 
 namespace
 {
@@ -44,36 +54,21 @@ private:
     bool m_throws;
 };
 
-std::string MessageOf(const std::function<void()>& f)
-{
-    try
-    {
-        f();
-    }
-    catch (const std::exception& e)
-    {
-        return e.what();
-    }
-    return "";
-}
-
-} // namespace
-
 TEST(SchedulerTest, RegistrationErrors)
 {
     Scheduler scheduler;
     auto schedule = std::make_shared<CountingSchedule>();
-    EXPECT_EQ(MessageOf([&] { scheduler.RegisterSchedule(nullptr); }),
+    EXPECT_EQ(ErrorOf([&] { scheduler.RegisterSchedule(nullptr); }),
               "RegisterSchedule: 'schedule' cannot be null");
     scheduler.RegisterSchedule(schedule);
-    EXPECT_EQ(MessageOf([&] { scheduler.RegisterSchedule(schedule); }),
+    EXPECT_EQ(ErrorOf([&] { scheduler.RegisterSchedule(schedule); }),
               "RegisterSchedule: 'schedule' already exists");
     EXPECT_EQ(scheduler.EntryCount(), 1u);
     scheduler.UnregisterSchedule(schedule);
-    EXPECT_EQ(MessageOf([&] { scheduler.UnregisterSchedule(schedule); }),
+    EXPECT_EQ(ErrorOf([&] { scheduler.UnregisterSchedule(schedule); }),
               "UnregisterSchedule: 'schedule' is not registered");
     scheduler.Start();
-    EXPECT_EQ(MessageOf([&] { scheduler.Start(); }),
+    EXPECT_EQ(ErrorOf([&] { scheduler.Start(); }),
               "Start: Start cannot be called when the Scheduler is running");
     scheduler.Stop();
 }
@@ -107,8 +102,6 @@ TEST(SchedulerTest, IdleSchedulerWakesAtOnceOnRegistration)
     EXPECT_LT(std::chrono::steady_clock::now() - before, 1s);
 }
 
-namespace
-{
 class TickSchedule : public PeriodicSchedule
 {
 public:
@@ -125,7 +118,6 @@ protected:
         throw std::runtime_error("upload failed");
     }
 };
-} // namespace
 
 TEST(PeriodicScheduleTest, DueOnceAnIntervalAfterRegistrationAndAfterAFailedRun)
 {
@@ -142,8 +134,6 @@ TEST(PeriodicScheduleTest, DueOnceAnIntervalAfterRegistrationAndAfterAFailedRun)
     EXPECT_EQ(tick.NextDue(), now + 60s);
 }
 
-namespace
-{
 class BlockingTask : public AsyncTask
 {
 public:
@@ -171,7 +161,6 @@ protected:
         sawCancel = true;
     }
 };
-} // namespace
 
 TEST(AsyncTaskTest, OneExecutionAtATimeAndStopWaitsForIt)
 {
@@ -194,8 +183,6 @@ TEST(AsyncTaskTest, OneExecutionAtATimeAndStopWaitsForIt)
     EXPECT_EQ(task.runs, 3);
 }
 
-namespace
-{
 class Worker : public ThreadedClass
 {
 public:
@@ -226,7 +213,6 @@ protected:
         }
     }
 };
-} // namespace
 
 TEST(ThreadedClassTest, StartStopAndContainedException)
 {
@@ -239,7 +225,7 @@ TEST(ThreadedClassTest, StartStopAndContainedException)
 
     // A worker that fails at once and one that stops itself both end; only
     // the second's Stop, a join from its own thread, is refused and logged.
-    vantor::test::LogCapture capture(Logging::Edr());
+    LogCapture capture(Logging::Edr());
     for (bool Worker::*flag : {&Worker::throwAtStart, &Worker::stopItself})
     {
         Worker ending;
@@ -254,8 +240,8 @@ TEST(ThreadedClassTest, StartStopAndContainedException)
 TEST(SynchronizedQueueTest, PopErrorsAndPopAll)
 {
     SynchronizedQueue<int> q;
-    EXPECT_EQ(MessageOf([&] { q.Pop(); }), "Cannot pop from an empty SynchronizedQueue");
-    EXPECT_EQ(MessageOf([&] { q.PopAll(); }), "Cannot pop all from an empty SynchronizedQueue");
+    EXPECT_EQ(ErrorOf([&] { q.Pop(); }), "Cannot pop from an empty SynchronizedQueue");
+    EXPECT_EQ(ErrorOf([&] { q.PopAll(); }), "Cannot pop all from an empty SynchronizedQueue");
     for (int i = 0; i < 100; ++i)
     {
         q.Push(std::make_shared<int>(i));
@@ -287,12 +273,6 @@ TEST(SynchronizedQueueTest, AConsumerWaitingForMoreIsWokenByTheBatchNotByEachPus
     q.Push(std::make_shared<int>(3));
     consumer.join();
     EXPECT_LT(std::chrono::steady_clock::now() - third, 10s) << "the third element did not wake the consumer";
-    // Afterwards the first push to an empty queue wakes an idle consumer again.
-    q.PopAll();
-    std::thread idle([&] { EXPECT_TRUE(q.WaitForData(30s)); });
-    std::this_thread::sleep_for(20ms);
-    q.Push(std::make_shared<int>(4));
-    idle.join();
 }
 
 // Only the push that ends the emptiness signals: a consumer that drained the
@@ -350,8 +330,155 @@ TEST(CircularBufferTest, OverwritingAndRefusingBuffers)
     CircularBuffer<int> strict(2, false);
     strict.Insert(1);
     strict.Insert(2);
-    EXPECT_EQ(MessageOf([&] { strict.Insert(3); }), "Cannot insert into a full Circular buffer");
+    EXPECT_EQ(ErrorOf([&] { strict.Insert(3); }), "Cannot insert into a full Circular buffer");
     strict.Pop();
     strict.Pop();
-    EXPECT_EQ(MessageOf([&] { strict.Pop(); }), "Cannot pop from an empty Circular buffer");
+    EXPECT_EQ(ErrorOf([&] { strict.Pop(); }), "Cannot pop from an empty Circular buffer");
 }
+
+TEST(TaskQueueTest, RunsTasksInOrderOnItsThreadAndTimedOnesWhenDue)
+{
+    LogCapture capture(Logging::Edr());
+    TaskQueue queue("TestQueue");
+    std::mutex mutex;
+    std::vector<int> order;
+    const auto record = [&](int n)
+    {
+        std::lock_guard lock(mutex);
+        order.push_back(n);
+    };
+    std::promise<std::thread::id> ran;
+    queue.PostAt(TaskQueue::SteadyClock::now() + 60ms, [&] { record(3); });
+    queue.Post([&] { record(1); });
+    queue.Post([] { throw std::runtime_error("boom"); });
+    queue.Post([&] { ran.set_value(std::this_thread::get_id()); });
+    queue.Post([&] { record(2); });
+    EXPECT_NE(ran.get_future().get(), std::this_thread::get_id());
+    std::this_thread::sleep_for(150ms);
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_THAT(order, testing::ElementsAre(1, 2, 3));
+    }
+    EXPECT_TRUE(capture.Contains("TestQueue: Task failed: boom"))
+        << "a failing task is logged, the queue goes on";
+    EXPECT_THROW(queue.Post({}), std::invalid_argument);
+}
+
+TEST(TaskQueueTest, ShutdownRunsQueuedTasksDropsTimedOnesAndRefusesLaterOnes)
+{
+    TaskQueue queue("Draining");
+    std::atomic<int> ran{0};
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    queue.Post([released] { released.wait(); });
+    for (int i = 0; i < 5; ++i)
+    {
+        queue.Post([&] { ++ran; });
+    }
+    bool timedRan = false;
+    queue.PostAt(TaskQueue::SteadyClock::now() + 1h, [&] { timedRan = true; });
+    std::thread releaser(
+        [&]
+        {
+            std::this_thread::sleep_for(30ms);
+            release.set_value();
+        });
+    queue.Shutdown();
+    releaser.join();
+    EXPECT_EQ(ran, 5) << "queued work was lost at shutdown";
+    EXPECT_FALSE(timedRan);
+    EXPECT_FALSE(queue.Post([] {}));
+    EXPECT_FALSE(queue.PostAt(TaskQueue::SteadyClock::now(), [] {}));
+    queue.Shutdown(); // twice is harmless
+}
+
+TEST(WorkerThreadTest, RunsTheBodyOnItsOwnThreadAndJoinWaitsForIt)
+{
+    WorkerThread worker("TestWorker");
+    EXPECT_FALSE(worker.Joinable());
+    worker.Join(); // nothing owned: returns at once
+
+    std::atomic<bool> current{false};
+    std::atomic<bool> finished{false};
+    std::thread::id bodyThread;
+    worker.Start(
+        [&]
+        {
+            current = worker.IsCurrent();
+            bodyThread = std::this_thread::get_id();
+            std::this_thread::sleep_for(30ms);
+            finished = true;
+        });
+    EXPECT_TRUE(worker.Joinable());
+    EXPECT_FALSE(worker.IsCurrent());
+    worker.Join();
+    EXPECT_TRUE(finished) << "Join returned before the body ended";
+    EXPECT_TRUE(current);
+    EXPECT_NE(bodyThread, std::this_thread::get_id());
+    EXPECT_FALSE(worker.Joinable());
+
+    // Destruction joins a thread that is still running.
+    finished = false;
+    {
+        WorkerThread slow("Slow");
+        slow.Start(
+            [&]
+            {
+                std::this_thread::sleep_for(50ms);
+                finished = true;
+            });
+    }
+    EXPECT_TRUE(finished) << "the thread outlived its owner";
+}
+
+TEST(WorkerThreadTest, ExceptionsAreLoggedAndNeverReachTheOwner)
+{
+    LogCapture capture(Logging::Edr());
+    WorkerThread worker("Thrower");
+    worker.Start([] { throw std::runtime_error("boom"); });
+    EXPECT_NO_THROW(worker.Join());
+    EXPECT_TRUE(capture.Contains("Uncaught exception in Thrower. Exception:boom"));
+    worker.Start([] { throw 42; });
+    EXPECT_NO_THROW(worker.Join());
+    EXPECT_TRUE(capture.Contains("Uncaught exception in Thrower. Exception:unknown"));
+    EXPECT_FALSE(worker.Joinable());
+}
+
+TEST(WorkerThreadTest, RestartCollectsTheEndedThreadAndSelfJoinIsRefused)
+{
+    WorkerThread worker("Twice");
+    std::atomic<int> runs{0};
+    worker.Start([&] { ++runs; });
+    worker.Start([&] { ++runs; }); // the first one is collected first
+    worker.Join();
+    EXPECT_EQ(runs, 2);
+
+    std::atomic<bool> refused{false};
+    worker.Start(
+        [&]
+        {
+            try
+            {
+                worker.Join();
+            }
+            catch (const std::logic_error&)
+            {
+                refused = true;
+            }
+        });
+    worker.Join();
+    EXPECT_TRUE(refused) << "a thread joining itself would wait for ever";
+
+    // An owner destroyed by its own thread lets that thread finish.
+    std::atomic<bool> finished{false};
+    auto* owner = new WorkerThread("SelfDestroying");
+    owner->Start(
+        [&]
+        {
+            delete owner;
+            finished = true;
+        });
+    EXPECT_TRUE(Eventually([&] { return finished.load(); }, 3s));
+}
+
+} // namespace

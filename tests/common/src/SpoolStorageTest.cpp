@@ -1,6 +1,7 @@
 #include "common/SpoolStorage.h"
 #include "common/Scheduler.h"
 #include "common/SpoolRawDataFormatter.h"
+#include "tests/common/src/CommonTestHelpers.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/TempDir.h"
 
@@ -9,7 +10,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,16 +27,12 @@
 using namespace vantor::common;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using vantor::test::ErrorOf;
+using vantor::test::ReadWhole;
 namespace fs = std::filesystem;
 
 namespace
 {
-
-std::string ReadWhole(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // Refuses records that start with '!' and can be told to fail serialising.
 class TestFormatter : public SpoolDataFormatter
@@ -108,19 +104,6 @@ protected:
     const std::string m_dir = m_tmp.Path();
     Scheduler m_scheduler;
 };
-
-std::string ErrorOf(const std::function<void()>& f)
-{
-    try
-    {
-        f();
-    }
-    catch (const std::exception& e)
-    {
-        return e.what();
-    }
-    return "no error";
-}
 
 TEST_F(SpoolStorageTest, ConstructorValidatesInOrder)
 {

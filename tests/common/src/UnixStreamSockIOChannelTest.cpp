@@ -3,7 +3,7 @@
 #include "common/UnixClientStreamSockIOChannel.h"
 #include "common/UnixServerStreamSockIOChannel.h"
 #include "common/UnixSocket.h"
-#include "tests/support/DaemonHarness.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
