@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <optional>
 
 namespace vantor::audit
@@ -100,13 +102,8 @@ protected:
     std::vector<Seen> SeenOf(pid_t pid) const
     {
         std::vector<Seen> found;
-        for (const auto& seen : m_seen)
-        {
-            if (seen.pid == pid)
-            {
-                found.push_back(seen);
-            }
-        }
+        std::copy_if(m_seen.begin(), m_seen.end(), std::back_inserter(found),
+                     [pid](const Seen& seen) { return seen.pid == pid; });
         return found;
     }
 

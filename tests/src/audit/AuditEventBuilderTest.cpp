@@ -17,6 +17,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -27,10 +28,7 @@ namespace
 
 const std::string kData = test::kCaptureData;
 
-std::string Fixture(const std::string& name)
-{
-    return test::AuditFixture(name);
-}
+constexpr auto* Fixture = &test::AuditFixture;
 
 using test::Replace;
 using vantor::test::ExpectThrowText;
@@ -133,31 +131,25 @@ TEST(AuditEventBuilderTest, FileEventsCarryAbsolutePathsActorsAndActions)
                                          "File stat does not exist for Create event with ID ");
     EXPECT_FALSE(create->HasFileStat()) << "consumers skip the getters that would throw";
 
-    auto read = One(Fixture("open_read"), AuditEventClass::ReadWrite, 2);
-    ASSERT_TRUE(read);
-    EXPECT_EQ(read->GetType(), edr::EventType::Read);
-    EXPECT_EQ(read->GetFile(), kData + "/existing.txt");
-    auto write = One(Fixture("open_write"), AuditEventClass::ReadWrite, 2);
-    ASSERT_TRUE(write);
-    EXPECT_EQ(write->GetActionName(), "Write");
-    auto rdwr = One(Fixture("open_rdwr"), AuditEventClass::ReadWrite, 257);
-    ASSERT_TRUE(rdwr);
-    EXPECT_EQ(rdwr->GetType(), edr::EventType::Write);
-    auto absolute = One(Fixture("open_absolute"), AuditEventClass::ReadWrite, 2);
-    ASSERT_TRUE(absolute);
-    EXPECT_EQ(absolute->GetFile(), kData + "/existing.txt");
-
-    auto created = One(Fixture("openat_creat"), AuditEventClass::Create, 257);
-    ASSERT_TRUE(created);
-    EXPECT_EQ(created->GetFile(), kData + "/openat_new.txt");
-    auto dir = One(Fixture("mkdir"), AuditEventClass::Create, 83);
-    ASSERT_TRUE(dir);
-    EXPECT_EQ(dir->GetFile(), kData + "/new_dir");
-    auto link = One(Fixture("symlink"), AuditEventClass::Create, 88);
-    ASSERT_TRUE(link);
-    EXPECT_EQ(link->GetFile(), kData + "/new_symlink");
-    EXPECT_TRUE(link->IsSymlink());
-
+    const std::string existing = kData + "/existing.txt";
+    for (const auto& [name, eventClass, call, type, file] :
+         std::vector<std::tuple<const char*, AuditEventClass, int, edr::EventType, std::string>>{
+             {"open_read", AuditEventClass::ReadWrite, 2, edr::EventType::Read, existing},
+             {"open_write", AuditEventClass::ReadWrite, 2, edr::EventType::Write, ""},
+             {"open_rdwr", AuditEventClass::ReadWrite, 257, edr::EventType::Write, ""},
+             {"open_absolute", AuditEventClass::ReadWrite, 2, edr::EventType::Read, existing},
+             {"openat_creat", AuditEventClass::Create, 257, edr::EventType::Create,
+              kData + "/openat_new.txt"},
+             {"mkdir", AuditEventClass::Create, 83, edr::EventType::Create, kData + "/new_dir"},
+             {"symlink", AuditEventClass::Create, 88, edr::EventType::Create, kData + "/new_symlink"}})
+    {
+        auto event = One(Fixture(name), eventClass, call);
+        ASSERT_TRUE(event) << name;
+        EXPECT_EQ(event->GetType(), type) << name;
+        EXPECT_EQ(file.empty() ? "" : event->GetFile(), file) << name;
+    }
+    EXPECT_EQ(One(Fixture("open_write"), AuditEventClass::ReadWrite, 2)->GetActionName(), "Write");
+    EXPECT_TRUE(One(Fixture("symlink"), AuditEventClass::Create, 88)->IsSymlink());
     for (auto [name, call] : {std::pair{"chmod", 90}, {"fchmodat", 268}, {"chown", 92}, {"lchown", 94}})
     {
         auto attribute = One(Fixture(name), AuditEventClass::Attribute, call);

@@ -127,8 +127,6 @@ TEST(EventProcessingThreadTest, QueueSizeFollowsTheMemoryBudget)
 class EventProcessingThreadFlowTest : public testing::Test
 {
 protected:
-    void Register(std::function<void(edr::Event&)> handler) { m_processor.SetHandler(std::move(handler)); }
-
     TestProcessor m_processor;
     test::LogCapture m_log{common::Logging::Edr()};
 };
@@ -139,7 +137,7 @@ TEST_F(EventProcessingThreadFlowTest, AFullQueueBlocksTheProducerAndLosesNothing
     std::shared_future<void> released = release.get_future().share();
     std::promise<void> firstTaken;
     std::atomic<size_t> handled{0};
-    Register(
+    m_processor.SetHandler(
         [&](edr::Event& event)
         {
             if (event.GetEventId() == 1)
@@ -174,7 +172,7 @@ TEST_F(EventProcessingThreadFlowTest, AFullQueueBlocksTheProducerAndLosesNothing
 TEST_F(EventProcessingThreadFlowTest, StopLeavesTheRestOfABatchAndReleasesABlockedProducer)
 {
     std::atomic<size_t> handled{0};
-    Register(
+    m_processor.SetHandler(
         [&](edr::Event&)
         {
             ++handled;
@@ -234,7 +232,7 @@ TEST_F(EventProcessingThreadFlowTest, SpentEventsAreDestroyedByTheProducerOrAfte
     };
     std::atomic<size_t> handled{0};
     std::thread::id worker;
-    Register(
+    m_processor.SetHandler(
         [&](edr::Event&)
         {
             worker = std::this_thread::get_id();
@@ -273,7 +271,7 @@ TEST_F(EventProcessingThreadFlowTest, HighCpuUsePausesProcessing)
     std::atomic<int> samples{0};
     std::atomic<bool> busy{true};
     std::atomic<int> handled{0};
-    Register([&](edr::Event&) { ++handled; });
+    m_processor.SetHandler([&](edr::Event&) { ++handled; });
     EventProcessingThread thread(m_processor.Get(), 50,
                                  [&]
                                  {

@@ -18,11 +18,13 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 
 namespace vantor::audit
 {
@@ -30,17 +32,16 @@ namespace
 {
 
 using namespace std::chrono_literals;
-using Class = AuditEventClass;
 
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
 
 using test::PrivateAuditd;
 
+// The whole road from a private auditd's dispatcher socket through the
+// parser thread to the real event classes: what a consumer reads.
 class IntakeCaptureTest : public test::AuditCaptureFixture
 {
 protected:
-    using Events = ParserThread::Events;
-
     void SetUp() override
     {
         AuditCaptureFixture::SetUp();
@@ -52,10 +53,17 @@ protected:
         {
             GTEST_SKIP() << "audit configuration is locked";
         }
+        if (const std::string why = PrivateAuditd::WhyUnavailable(); !why.empty())
+        {
+            GTEST_SKIP() << why;
+        }
         m_scratch = m_dir.Path() + "/scratch";
         ASSERT_EQ(::mkdir(m_scratch.c_str(), 0700), 0);
         test::RunCommand("auditctl -w " + m_scratch + " -p wa -k " + m_key);
-        ASSERT_EQ(test::RulesContaining(m_key).size(), 1u);
+        // Process starts by the children of this process.
+        test::RunCommand("auditctl -a always,exit -F arch=b64 -S execve -F ppid=" +
+                         std::to_string(::getpid()) + " -k " + m_key);
+        ASSERT_EQ(test::RulesContaining(m_key).size(), 2u);
     }
 
     void TearDown() override
@@ -68,50 +76,19 @@ protected:
         AuditCaptureFixture::TearDown();
     }
 
-    // Process starts by the children of this process, under our key.
-    void AddExecveRule()
-    {
-        test::RunCommand("auditctl -a always,exit -F arch=b64 -S execve -F ppid=" +
-                         std::to_string(::getpid()) + " -k " + m_key);
-        ASSERT_EQ(test::RulesContaining(m_key).size(), 2u);
-    }
-
-    // Skips when the dispatcher cannot be tried here.
-    void RequireOwnAuditd()
-    {
-        if (const std::string why = test::PrivateAuditd::WhyUnavailable(); !why.empty())
-        {
-            GTEST_SKIP() << why;
-        }
-    }
-
-    ParserThread::EventSink Sink()
-    {
-        return [this](Events events)
-        {
-            std::lock_guard lock(m_mutex);
-            for (auto& event : events)
-            {
-                m_events.push_back(std::move(event));
-            }
-        };
-    }
-
-    static void WaitFor(const std::function<bool()>& done)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (!done() && std::chrono::steady_clock::now() < deadline)
-        {
-            std::this_thread::sleep_for(20ms);
-        }
-    }
-
     // Does the work while a private auditd hands the records to the
     // dispatcher channel, and parses them with the builder until done.
     void CaptureThroughDispatcher(EventBuilder& builder, const std::function<void()>& work,
                                   const std::function<bool()>& done)
     {
-        ParserThread parser(builder, Sink(), nullptr, 100);
+        ParserThread parser(
+            builder,
+            [this](ParserThread::Events events)
+            {
+                std::lock_guard lock(m_mutex);
+                std::move(events.begin(), events.end(), std::back_inserter(m_events));
+            },
+            nullptr, 100);
         parser.Start();
         PrivateAuditd auditd(m_dir.Path());
         const std::string problem = auditd.WaitReady();
@@ -142,37 +119,13 @@ protected:
         }
         ASSERT_TRUE(accepted) << "auditd does not send to the channel";
         work();
-        WaitFor(done);
+        for (const auto deadline = std::chrono::steady_clock::now() + 10s;
+             !done() && std::chrono::steady_clock::now() < deadline;)
+        {
+            std::this_thread::sleep_for(20ms);
+        }
         channel.Stop();
         parser.Stop();
-    }
-
-    test::TempDir m_dir;
-    std::string m_scratch;
-    const std::string m_key = "corvid_intake_test_" + std::to_string(::getpid());
-    std::mutex m_mutex;
-    std::string m_raw;
-    Events m_events;
-};
-
-// The whole road with the real event classes: what a consumer reads.
-class TypedEventsCaptureTest : public IntakeCaptureTest
-{
-protected:
-    struct Expected
-    {
-        edr::EventType type;
-        std::string file;
-        std::string newFile;
-    };
-
-    void SetUp() override
-    {
-        IntakeCaptureTest::SetUp();
-        if (!IsSkipped())
-        {
-            AddExecveRule();
-        }
     }
 
     // File work, partly by relative names from inside the watched directory,
@@ -212,27 +165,22 @@ protected:
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
 
-    static std::string FileOf(const edr::Event& event)
-    {
-        try
-        {
-            return event.GetFile();
-        }
-        catch (const std::exception&)
-        {
-            return {};
-        }
-    }
-
-    // Our file events in serial order, and our child's process start.
+    // Our file events in serial order. The kernel channel sees the whole
+    // host, so other events may refuse the getters.
     std::vector<const edr::Event*> FileEvents() const
     {
         std::vector<const edr::Event*> ours;
         for (const auto& event : m_events)
         {
-            if (FileOf(*event).rfind(m_scratch + "/", 0) == 0)
+            try
             {
-                ours.push_back(event.get());
+                if (event->GetFile().starts_with(m_scratch + "/"))
+                {
+                    ours.push_back(event.get());
+                }
+            }
+            catch (const std::exception&)
+            {
             }
         }
         std::sort(ours.begin(), ours.end(),
@@ -240,8 +188,7 @@ protected:
         return ours;
     }
 
-    // The kernel channel sees the whole host, so other events may refuse
-    // these getters.
+    // Our child's process start.
     const edr::Event* ChildStart() const
     {
         for (const auto& event : m_events)
@@ -261,17 +208,6 @@ protected:
         return nullptr;
     }
 
-    void Capture()
-    {
-        const auto work = [this] { DoWork(); };
-        const auto done = [this]
-        {
-            std::lock_guard lock(m_mutex);
-            return FileEvents().size() >= 6 && ChildStart() != nullptr;
-        };
-        CaptureThroughDispatcher(m_builder, work, done);
-    }
-
     static void ExpectActor(const edr::Event& event, pid_t pid, pid_t ppid)
     {
         EXPECT_EQ(event.GetActorProcessId(), pid);
@@ -283,65 +219,62 @@ protected:
         EXPECT_FALSE(event.IsThread());
     }
 
-    void ExpectTypedEvents()
-    {
-        std::lock_guard lock(m_mutex);
-        const std::string created = m_scratch + "/created";
-        const std::string renamed = m_scratch + "/renamed";
-        const std::vector<Expected> expected = {
-            {edr::EventType::Create, created, ""},    {edr::EventType::Write, created, ""},
-            {edr::EventType::Attribute, created, ""}, {edr::EventType::Rename, created, renamed},
-            {edr::EventType::Delete, renamed, ""},    {edr::EventType::Create, m_scratch + "/dir", ""}};
-        const auto ours = FileEvents();
-        ASSERT_EQ(ours.size(), expected.size()) << m_raw;
-        const std::string self = std::filesystem::read_symlink("/proc/self/exe");
-        for (size_t i = 0; i < ours.size(); ++i)
-        {
-            SCOPED_TRACE(i);
-            const edr::Event& event = *ours[i];
-            EXPECT_EQ(event.GetType(), expected[i].type);
-            EXPECT_EQ(event.GetFile(), expected[i].file);
-            EXPECT_EQ(event.GetCategory(), static_cast<uint32_t>(edr::EventCategory::File));
-            EXPECT_EQ(event.GetImage(), self);
-            ExpectActor(event, ::getpid(), ::getppid());
-            if (!expected[i].newFile.empty())
-            {
-                EXPECT_EQ(event.GetNewFile(), expected[i].newFile);
-            }
-        }
-        // The directory is still there, so its stat was taken and matched.
-        EXPECT_EQ(ours.back()->GetFileType(), static_cast<uint32_t>(S_IFDIR));
-
-        const edr::Event* start = ChildStart();
-        ASSERT_NE(start, nullptr) << m_raw;
-        EXPECT_EQ(start->GetActionName(), "Execve");
-        ExpectActor(*start, m_child, ::getpid());
-        EXPECT_EQ(start->GetImage(), std::filesystem::canonical("/bin/true").string());
-        EXPECT_EQ(start->GetSecondaryImage(), "/bin/true");
-        EXPECT_EQ(start->GetActorProcessArguments(),
-                  (std::vector<std::string>{"/bin/true", "first", "second arg"}));
-        EXPECT_EQ(start->GetCommandLine(), "/bin/true first second arg");
-        EXPECT_EQ(start->GetCwd(), m_cwd);
-    }
-
-    std::shared_ptr<const edr::LibMagicWrapper> m_magic =
-        std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc");
-    AuditEventBuilder m_builder{m_magic};
+    test::TempDir m_dir;
+    std::string m_scratch;
+    const std::string m_key = "corvid_intake_test_" + std::to_string(::getpid());
+    std::mutex m_mutex;
+    std::string m_raw;
+    ParserThread::Events m_events;
     pid_t m_child = -1;
     std::string m_cwd;
 };
 
-TEST_F(TypedEventsCaptureTest, FileWorkAndProcessStartArriveThroughTheAuditDispatcher)
+TEST_F(IntakeCaptureTest, FileWorkAndProcessStartArriveThroughTheAuditDispatcher)
 {
-    RequireOwnAuditd();
-    if (IsSkipped())
-    {
-        return;
-    }
-    Capture();
-    ExpectTypedEvents();
+    AuditEventBuilder builder(std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"));
+    CaptureThroughDispatcher(
+        builder, [this] { DoWork(); },
+        [this]
+        {
+            std::lock_guard lock(m_mutex);
+            return FileEvents().size() >= 6 && ChildStart() != nullptr;
+        });
+
     std::lock_guard lock(m_mutex);
     EXPECT_NE(m_raw.find("\x1d"), std::string::npos) << "the enriched form was parsed";
+    const std::string created = m_scratch + "/created";
+    const std::string renamed = m_scratch + "/renamed";
+    using T = edr::EventType;
+    const std::vector<std::tuple<T, std::string, std::string>> expected = {
+        {T::Create, created, ""},      {T::Write, created, ""},  {T::Attribute, created, ""},
+        {T::Rename, created, renamed}, {T::Delete, renamed, ""}, {T::Create, m_scratch + "/dir", ""}};
+    const auto ours = FileEvents();
+    ASSERT_EQ(ours.size(), expected.size()) << m_raw;
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    for (size_t i = 0; i < ours.size(); ++i)
+    {
+        SCOPED_TRACE(i);
+        const auto& [type, file, newFile] = expected[i];
+        EXPECT_EQ(ours[i]->GetType(), type);
+        EXPECT_EQ(ours[i]->GetFile(), file);
+        EXPECT_EQ(ours[i]->GetCategory(), static_cast<uint32_t>(edr::EventCategory::File));
+        EXPECT_EQ(ours[i]->GetImage(), self);
+        ExpectActor(*ours[i], ::getpid(), ::getppid());
+        EXPECT_EQ(newFile.empty() ? "" : ours[i]->GetNewFile(), newFile);
+    }
+    // The directory is still there, so its stat was taken and matched.
+    EXPECT_EQ(ours.back()->GetFileType(), static_cast<uint32_t>(S_IFDIR));
+
+    const edr::Event* start = ChildStart();
+    ASSERT_NE(start, nullptr) << m_raw;
+    EXPECT_EQ(start->GetActionName(), "Execve");
+    ExpectActor(*start, m_child, ::getpid());
+    EXPECT_EQ(start->GetImage(), std::filesystem::canonical("/bin/true").string());
+    EXPECT_EQ(start->GetSecondaryImage(), "/bin/true");
+    EXPECT_EQ(start->GetActorProcessArguments(),
+              (std::vector<std::string>{"/bin/true", "first", "second arg"}));
+    EXPECT_EQ(start->GetCommandLine(), "/bin/true first second arg");
+    EXPECT_EQ(start->GetCwd(), m_cwd);
 }
 
 } // namespace

@@ -1,20 +1,35 @@
-#include "tests/src/audit/DetachedCommand.h"
-#include "tests/src/audit/PipelineCaptureFixture.h"
+#include "tests/src/audit/AuditKernelState.h"
 #include "tests/src/audit/TestRule.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include "audit/AuditRuleBuilder.h"
+#include "audit/CapturePipeline.h"
+#include "audit/KernelIOChannel.h"
 #include "audit/ProcessInfo.h"
+#include "audit/ProcessTree.h"
+#include "audit/RuleEngine.h"
+#include "common/Logging.h"
+#include "edr/LibMagicWrapper.h"
 
 #include <gtest/gtest.h>
 #include <libaudit.h>
 
 #include <algorithm>
-
 #include <chrono>
+#include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <mutex>
 #include <optional>
+#include <stdexcept>
+#include <sys/types.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 // The capture path as the daemon assembles it, on the real kernel: kernel
 // channel -> parser thread -> processing thread -> rule engine -> handler;
@@ -31,23 +46,183 @@ using Rule = edr::EventRule;
 
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::AuditKernelStateEnvironment);
 
-using test::DetachedCommand;
-using test::RunDetached;
+// A process that waits on a pipe and then runs a command. It is detached
+// (double fork): the daemon drops the activity of its own descendants, and a
+// real host agent or workload is not the daemon's child either.
+class DetachedCommand
+{
+public:
+    explicit DetachedCommand(std::vector<std::string> argv)
+    {
+        int go[2];
+        int report[2];
+        if (::pipe(go) != 0 || ::pipe(report) != 0)
+        {
+            throw std::runtime_error("pipe failed");
+        }
+        const pid_t middle = ::fork();
+        if (middle == 0)
+        {
+            const pid_t worker = ::fork();
+            if (worker == 0)
+            {
+                ::close(go[1]);
+                // Wait until the middle process is gone and this one belongs to init.
+                while (::getppid() == middle)
+                {
+                    ::usleep(1000);
+                }
+                char byte = 0;
+                if (::read(go[0], &byte, 1) == 1)
+                {
+                    std::vector<char*> args;
+                    for (auto& a : argv)
+                    {
+                        args.push_back(a.data());
+                    }
+                    args.push_back(nullptr);
+                    ::execv(args[0], args.data());
+                }
+                ::_exit(127);
+            }
+            [[maybe_unused]] const auto n = ::write(report[1], &worker, sizeof worker);
+            ::_exit(0);
+        }
+        ::close(go[0]);
+        ::close(report[1]);
+        if (::read(report[0], &m_pid, sizeof m_pid) != sizeof m_pid)
+        {
+            m_pid = -1;
+        }
+        ::close(report[0]);
+        ::waitpid(middle, nullptr, 0);
+        m_go = go[1];
+    }
+    ~DetachedCommand()
+    {
+        if (m_go >= 0)
+        {
+            ::close(m_go); // a command never started ends here
+        }
+    }
+    pid_t Pid() const { return m_pid; }
+    // Starts the command and waits until the process is gone.
+    void Run()
+    {
+        const char byte = 1;
+        [[maybe_unused]] const auto n = ::write(m_go, &byte, 1);
+        ::close(m_go);
+        m_go = -1;
+        for (int i = 0; i < 500 && ::kill(m_pid, 0) == 0; ++i)
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+
+private:
+    pid_t m_pid = -1;
+    int m_go = -1;
+};
+
+inline pid_t RunDetached(const std::vector<std::string>& argv)
+{
+    DetachedCommand command(argv);
+    command.Run();
+    return command.Pid();
+}
 
 constexpr const char* kTag = "corvid_pipeline_test";
 
-using Seen = test::SeenEvent;
+// What a handler saw of one event.
+struct Seen
+{
+    edr::EventType type = edr::EventType::Accept;
+    pid_t pid = 0;
+    pid_t ppid = 0;
+    std::string image;
+    std::string file;
+    uint32_t uid = 0;
+    std::string userName;
+    bool hasProcess = false;
+    // Of a known acting process: its arguments and title.
+    std::vector<std::string> arguments;
+    std::string title;
+};
 
-class PipelineCaptureTest : public test::PipelineCaptureFixture
+class PipelineCaptureTest : public test::AuditCaptureFixture
 {
 protected:
+    void SetUp() override
+    {
+        AuditCaptureFixture::SetUp();
+        if (IsSkipped())
+        {
+            return;
+        }
+        m_watched = m_dir.Path() + "/watched";
+        std::filesystem::create_directories(m_watched);
+    }
+
+    void TearDown() override
+    {
+        m_capture.reset();
+        m_engine.reset();
+        if (HasFailure())
+        {
+            for (const auto& line : m_log.Lines())
+            {
+                std::cerr << line << "\n";
+            }
+            std::lock_guard lock(m_mutex);
+            for (const auto& seen : m_seen)
+            {
+                std::cerr << "seen type " << static_cast<int>(seen.type) << " pid " << seen.pid << " "
+                          << seen.file << "\n";
+            }
+        }
+        AuditCaptureFixture::TearDown();
+    }
+
+    // The rule engine (the agent at agentPid, image "/usr/sbin/outpost") with
+    // a directory rule on the watched directory and a process rule, fed from
+    // the kernel.
     void StartPipeline(pid_t agentPid)
     {
-        PipelineCaptureFixture::StartPipeline(
-            agentPid, kTag,
+        m_engine = std::make_unique<RuleEngine>(agentPid, "/usr/sbin/outpost",
+                                                std::make_shared<ProcessTree>(), 0, m_dir.Path());
+        m_engine->RegisterEventHandlers(
+            kTag, [this](edr::Event& event) { Record(event); }, [] {});
+        m_engine->AddRules(
             {test::MakeRule("pipeline-files", Rule::DirectoryPathRule, {m_watched}, {2, 3, 5, 7, 8}, {2, 3}),
-             test::MakeRule("pipeline-processes", Rule::ProcessRule, {}, {9, 10, 11})});
+             test::MakeRule("pipeline-processes", Rule::ProcessRule, {}, {9, 10, 11})},
+            kTag);
+
+        auto channel = std::make_unique<KernelIOChannel>();
+        channel->SetEnableAudit(true);
+        m_capture = std::make_unique<CapturePipeline>(
+            std::move(channel), std::make_shared<const edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"),
+            m_engine->GetEventProcessor(), CapturePipeline::Limits{});
+        m_capture->Start();
     }
+
+    std::vector<Seen> SeenBy(pid_t pid) const
+    {
+        std::lock_guard lock(m_mutex);
+        std::vector<Seen> out;
+        std::copy_if(m_seen.begin(), m_seen.end(), std::back_inserter(out),
+                     [pid](const Seen& seen) { return seen.pid == pid; });
+        return out;
+    }
+
+    std::optional<Seen> SeenFile(edr::EventType type, const std::string& file) const
+    {
+        std::lock_guard lock(m_mutex);
+        const auto it =
+            std::find_if(m_seen.begin(), m_seen.end(),
+                         [&](const Seen& seen) { return seen.type == type && seen.file == file; });
+        return it != m_seen.end() ? std::optional<Seen>(*it) : std::nullopt;
+    }
+
     // Whether the kernel holds an agent exclusion rule for the pid (other
     // engines on this host may hold rules under the same key).
     bool KernelExcludes(pid_t pid) const
@@ -65,6 +240,53 @@ protected:
             }
         }
         return false;
+    }
+
+    template <typename Pred>
+    static bool WaitFor(Pred pred, std::chrono::milliseconds limit = std::chrono::milliseconds(8000))
+    {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (!pred())
+        {
+            if (std::chrono::steady_clock::now() > end)
+            {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return true;
+    }
+
+    test::LogCapture m_log{common::Logging::Edr(), Poco::Message::PRIO_DEBUG};
+    test::TempDir m_dir;
+    std::string m_watched;
+    std::unique_ptr<RuleEngine> m_engine;
+    std::unique_ptr<CapturePipeline> m_capture;
+    mutable std::mutex m_mutex;
+    std::vector<Seen> m_seen;
+
+private:
+    void Record(edr::Event& event)
+    {
+        Seen seen;
+        seen.type = event.GetType();
+        seen.pid = event.GetActorProcessId();
+        seen.ppid = event.GetActorParentProcessId();
+        seen.image = event.GetImage();
+        seen.uid = event.GetActorUserId();
+        seen.userName = event.GetActorUserName();
+        seen.hasProcess = event.HasProcess();
+        if (seen.hasProcess)
+        {
+            seen.arguments = event.GetActorProcessArguments();
+            seen.title = event.GetCommandLine();
+        }
+        if (event.GetCategory() == static_cast<uint32_t>(edr::EventCategory::File))
+        {
+            seen.file = event.GetFile();
+        }
+        std::lock_guard lock(m_mutex);
+        m_seen.push_back(std::move(seen));
     }
 };
 
@@ -158,7 +380,7 @@ TEST_F(PipelineCaptureTest, FileEventsNameTheProcessTitleAndArgumentsOfTheirActo
     const std::string touched = m_watched + "/by-touch.txt";
     const std::vector<std::string> shell{"/bin/sh", "-c",
                                          "echo text > " + written + "; /usr/bin/touch " + touched};
-    test::RunDetached(shell);
+    RunDetached(shell);
     std::optional<Seen> byShell;
     std::optional<Seen> byTouch;
     ASSERT_TRUE(WaitFor(
