@@ -99,16 +99,11 @@ protected:
         return vantor::common::Serializer(m_store->Read(kTable, "count").rows.at(0)).GetInt64();
     }
 
-    // The records of the last stored upload.
     rapidjson::Document LastStatus()
     {
         rapidjson::Document payload;
         const auto requests = m_upload.Receiver().Requests();
-        EXPECT_FALSE(requests.empty());
-        if (!requests.empty())
-        {
-            EXPECT_TRUE(vantor::util::ParseJson(payload, requests.back().payload));
-        }
+        EXPECT_TRUE(!requests.empty() && vantor::util::ParseJson(payload, requests.back().payload));
         return payload;
     }
 

@@ -83,84 +83,76 @@ struct Case
     std::vector<std::pair<const char*, const char*>> errors;
 };
 
-void PrintTo(const Case& c, std::ostream* out)
+TEST(CheckConfigProcessTest, PrintsEveryErrorWithTheDaemonsText)
 {
-    *out << c.name;
+    const Case cases[] = {
+        {"SamplesLoad", {}, {}},
+        {"EveryBrokenFileIsNamed",
+         [](Files& f)
+         {
+             f.config["edr_config"]["cpu_limit"].SetDouble(50.5);
+             f.config["common_config"].RemoveMember("use_sudo");
+             test::SetString(f.fim, f.fim["data"]["fim"], "policyVersion", "2.0");
+             test::SetString(f.ioc, f.ioc, "policyVersion", "2.x");
+         },
+         {{"corvid-edr.json", "EDR::Config: Invalid json"},
+          {"corvid-edr.json", "CommonConfig: Invalid json"},
+          {"fim_manifest.json", "Unknown version [2.0] of FIM manifest. Skipping."},
+          {"ioc_manifest.json", "Exception in converting manifest policyVersion to integer, error: "}}},
+        {"LimitsAboveAHundredPercent",
+         [](Files& f) { f.config["edr_config"]["memory_limit"].SetUint(101); },
+         {{"corvid-edr.json", "Memory usage threshold percentage cannot be greater than 100%"}}},
+        {"ARuleTheDaemonWouldSkip",
+         [](Files& f)
+         {
+             auto& notify = f.fim["data"]["fim"]["rules"][0]["notify"];
+             notify.PushBack(rapidjson::Value("sometimes"), f.fim.GetAllocator());
+         },
+         {{"fim_manifest.json", "Rule parsing failed: Invalid Notify Flag"}}},
+        {"NoLoggingConfiguration",
+         [](Files& f) { f.writeLogging = false; },
+         {{"logging.properties", "Error:corvid-edr:log config is invalid."}}},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        const test::TempDir dir;
+        Files files;
+        auto& common = files.config["common_config"];
+        test::SetString(files.config, common, "log_config_file", dir.File("logging.properties"));
+        test::SetString(files.config, common, "agent_install_path", dir.Path());
+        test::SetString(files.config, files.config["fim_config"], "manifest_path",
+                        dir.File("fim_manifest.json"));
+        test::SetString(files.config, files.config["ioc_config"]["manifests"][0], "manifest_path",
+                        dir.File("ioc_manifest.json"));
+        const std::string shippedLog = "/var/log/corvid/edr.log";
+        files.logging.replace(files.logging.find(shippedLog), shippedLog.size(), dir.File("log/edr.log"));
+        if (c.change)
+        {
+            c.change(files);
+        }
+        dir.Write("corvid-edr.json", Text(files.config));
+        dir.Write("fim_manifest.json", Text(files.fim));
+        dir.Write("ioc_manifest.json", Text(files.ioc));
+        if (files.writeLogging)
+        {
+            dir.Write("logging.properties", files.logging);
+        }
+
+        const ToolRun run = CheckConfig(dir.File("corvid-edr.json"));
+        EXPECT_EQ(run.status, c.errors.empty() ? 0 : 1) << run.output;
+        for (const auto& [file, text] : c.errors)
+        {
+            EXPECT_NE(run.output.find("error: " + dir.File(file) + ": " + text), std::string::npos)
+                << "missing: " << text << "\n"
+                << run.output;
+        }
+        if (c.errors.empty())
+        {
+            EXPECT_EQ(run.output.find("error: "), std::string::npos) << run.output;
+        }
+    }
 }
-
-class CheckConfigProcessTest : public testing::TestWithParam<Case>
-{
-};
-
-TEST_P(CheckConfigProcessTest, PrintsEveryErrorWithTheDaemonsText)
-{
-    const Case& c = GetParam();
-    const test::TempDir dir;
-    Files files;
-    auto& common = files.config["common_config"];
-    test::SetString(files.config, common, "log_config_file", dir.File("logging.properties"));
-    test::SetString(files.config, common, "agent_install_path", dir.Path());
-    test::SetString(files.config, files.config["fim_config"], "manifest_path", dir.File("fim_manifest.json"));
-    test::SetString(files.config, files.config["ioc_config"]["manifests"][0], "manifest_path",
-                    dir.File("ioc_manifest.json"));
-    const std::string shippedLog = "/var/log/corvid/edr.log";
-    files.logging.replace(files.logging.find(shippedLog), shippedLog.size(), dir.File("log/edr.log"));
-    if (c.change)
-    {
-        c.change(files);
-    }
-    dir.Write("corvid-edr.json", Text(files.config));
-    dir.Write("fim_manifest.json", Text(files.fim));
-    dir.Write("ioc_manifest.json", Text(files.ioc));
-    if (files.writeLogging)
-    {
-        dir.Write("logging.properties", files.logging);
-    }
-
-    const ToolRun run = CheckConfig(dir.File("corvid-edr.json"));
-    EXPECT_EQ(run.status, c.errors.empty() ? 0 : 1) << run.output;
-    for (const auto& [file, text] : c.errors)
-    {
-        EXPECT_NE(run.output.find("error: " + dir.File(file) + ": " + text), std::string::npos)
-            << "missing: " << text << "\n"
-            << run.output;
-    }
-    if (c.errors.empty())
-    {
-        EXPECT_EQ(run.output.find("error: "), std::string::npos) << run.output;
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Files, CheckConfigProcessTest,
-    testing::Values(
-        Case{"SamplesLoad", {}, {}},
-        Case{"EveryBrokenFileIsNamed",
-             [](Files& f)
-             {
-                 f.config["edr_config"]["cpu_limit"].SetDouble(50.5);
-                 f.config["common_config"].RemoveMember("use_sudo");
-                 test::SetString(f.fim, f.fim["data"]["fim"], "policyVersion", "2.0");
-                 test::SetString(f.ioc, f.ioc, "policyVersion", "2.x");
-             },
-             {{"corvid-edr.json", "EDR::Config: Invalid json"},
-              {"corvid-edr.json", "CommonConfig: Invalid json"},
-              {"fim_manifest.json", "Unknown version [2.0] of FIM manifest. Skipping."},
-              {"ioc_manifest.json", "Exception in converting manifest policyVersion to integer, error: "}}},
-        Case{"LimitsAboveAHundredPercent",
-             [](Files& f) { f.config["edr_config"]["memory_limit"].SetUint(101); },
-             {{"corvid-edr.json", "Memory usage threshold percentage cannot be greater than 100%"}}},
-        Case{"ARuleTheDaemonWouldSkip",
-             [](Files& f)
-             {
-                 auto& notify = f.fim["data"]["fim"]["rules"][0]["notify"];
-                 notify.PushBack(rapidjson::Value("sometimes"), f.fim.GetAllocator());
-             },
-             {{"fim_manifest.json", "Rule parsing failed: Invalid Notify Flag"}}},
-        Case{"NoLoggingConfiguration",
-             [](Files& f) { f.writeLogging = false; },
-             {{"logging.properties", "Error:corvid-edr:log config is invalid."}}}),
-    [](const testing::TestParamInfo<Case>& info) { return info.param.name; });
 
 TEST(CheckConfigFileTest, AnUnreadableConfigurationIsTheOneError)
 {

@@ -29,6 +29,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <iomanip>
 #include <iostream>
 #include <random>
@@ -70,13 +71,6 @@ bool Dead(pid_t pid)
 class CrashSoakProcessTest : public test::IocEndToEndFixture
 {
 protected:
-    enum class Step
-    {
-        Kill,
-        OutageBegins,
-        OutageEnds
-    };
-
     void SetUp() override
     {
         IocEndToEndFixture::SetUp();
@@ -202,17 +196,19 @@ TEST_F(CrashSoakProcessTest, NothingTheDaemonSpooledIsLostOrDuplicatedAcrossKill
     m_earlier = m_harness.Dir() + "/received-before-outage";
 
     // One kill follows the receiver's return; the others fall anywhere.
+    int killed = 0;
+    const std::function<void()> kill = [&] { KillAndRestart(++killed, kills); };
     std::mt19937 random(seed);
-    std::vector<std::pair<Seconds, Step>> steps{{outageBegins, Step::OutageBegins},
-                                                {outageEnds, Step::OutageEnds}};
+    std::vector<std::pair<Seconds, std::function<void()>>> steps{{outageBegins, [&] { StopReceiver(); }},
+                                                                 {outageEnds, [&] { RestartReceiver(); }}};
     std::uniform_real_distribution<double> anywhere(2.0, duration.count() - 5.0);
     for (int i = 1; i < kills; ++i)
     {
-        steps.emplace_back(Seconds(anywhere(random)), Step::Kill);
+        steps.emplace_back(Seconds(anywhere(random)), kill);
     }
-    steps.emplace_back(outageEnds + Seconds(std::uniform_real_distribution<double>(0.5, 2.0)(random)),
-                       Step::Kill);
-    std::sort(steps.begin(), steps.end());
+    steps.emplace_back(outageEnds + Seconds(std::uniform_real_distribution<double>(0.5, 2.0)(random)), kill);
+    std::stable_sort(steps.begin(), steps.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
     std::cout << "soak: " << duration.count() << " s of workload, " << kills << " kills, receiver outage of "
               << outage.count() << " s from " << outageBegins.count() << " s, seed " << seed << std::endl;
 
@@ -221,22 +217,10 @@ TEST_F(CrashSoakProcessTest, NothingTheDaemonSpooledIsLostOrDuplicatedAcrossKill
     std::filesystem::create_directories(m_harness.Dir() + "/marks");
     test::SoakWorkload workload({m_watched, m_harness.Dir() + "/marks", journal});
     const auto begin = std::chrono::steady_clock::now();
-    int killed = 0;
     for (const auto& [at, step] : steps)
     {
         std::this_thread::sleep_until(begin + std::chrono::duration_cast<std::chrono::nanoseconds>(at));
-        switch (step)
-        {
-        case Step::Kill:
-            ASSERT_NO_FATAL_FAILURE(KillAndRestart(++killed, kills));
-            break;
-        case Step::OutageBegins:
-            ASSERT_NO_FATAL_FAILURE(StopReceiver());
-            break;
-        case Step::OutageEnds:
-            ASSERT_NO_FATAL_FAILURE(RestartReceiver());
-            break;
-        }
+        ASSERT_NO_FATAL_FAILURE(step());
     }
     std::this_thread::sleep_until(begin + std::chrono::duration_cast<std::chrono::nanoseconds>(duration));
     workload.Stop();

@@ -123,11 +123,9 @@ TEST(UserCriteriaTest, HostileNamesAndPatternsNeverThrow)
     EXPECT_FALSE(criteria.Match(ActorEvent("\xff\xfe\x80", 0)));
     EXPECT_FALSE(criteria.Match(ActorEvent(std::string("xo\0ot", 5) + "\xc3", 0)));
 
-    ExpectThrowText<FilterCriteriaException>(
-        [&] {
-            criteria.Set({"root", ""});
-        },
-        "Filter pattern cannot be empty");
+    const std::vector<std::string> withEmpty{"root", ""};
+    ExpectThrowText<FilterCriteriaException>([&] { criteria.Set(withEmpty); },
+                                             "Filter pattern cannot be empty");
     EXPECT_EQ(criteria.GetPatterns().size(), 2U);
 }
 

@@ -39,16 +39,8 @@ protected:
         {
             GTEST_SKIP() << skip;
         }
-        m_dir = m_harness.Dir();
         ASSERT_NO_FATAL_FAILURE(m_harness.MountPrivateDev());
-        WriteConfiguration();
-    }
-
-    void WriteConfiguration(const std::function<void(rapidjson::Document&)>& change = {})
-    {
-        m_harness.WriteConfiguration(change);
-        m_configFile = m_harness.ConfigFile();
-        m_logConfig = m_harness.LogConfig();
+        m_harness.WriteConfiguration();
     }
 
     // Starts a daemon with a valid configuration and waits for its main loop.
@@ -57,32 +49,33 @@ protected:
         m_agent.Listen();
         m_agent.StartDaemon();
         m_agent.AcceptDaemon();
-        m_agent.Send(AgentCommand("config", m_configFile));
+        m_agent.Send(AgentCommand("config", m_harness.ConfigFile()));
         ASSERT_TRUE(
             Eventually([&] { return m_harness.LogContains("Setting the proxy environment variables"); }, 5s))
             << m_harness.Log() << m_harness.Syslog();
     }
 
     // Starts a daemon that must fail its start on the first message with
-    // status, syslogText logged.
+    // status, syslogText logged; then the agent's end is closed again.
     void ExpectStartUpFailure(const std::string& first, int status, const char* syslogText)
     {
         m_agent.Listen();
         m_agent.StartDaemon();
         m_agent.AcceptDaemon();
         m_agent.Send(first);
-        EXPECT_EQ(m_agent.WaitForExit(5s), status);
+        ASSERT_EQ(m_agent.WaitForExit(5s), status) << syslogText;
         EXPECT_TRUE(m_harness.SyslogContains(syslogText)) << m_harness.Syslog();
+        m_agent.Close();
+        m_agent.StopListening();
     }
 
     DaemonHarness m_harness;
     vantor::test::AgentEndpoint m_agent;
-    std::string m_dir;
-    std::string m_configFile;
-    std::string m_logConfig;
 };
 
-TEST_F(DaemonProcessTest, RunsOnValidConfigurationAndStopsOnExitCommand)
+// Bad commands are logged and the daemon goes on; SIGTERM's clean end is
+// DaemonSignalProcessTest's.
+TEST_F(DaemonProcessTest, RunsOnValidConfigurationSurvivesBadCommandsAndStopsOnExitCommand)
 {
     SKIP_WITHOUT_CAPTURE();
     StartRunningDaemon();
@@ -91,19 +84,6 @@ TEST_F(DaemonProcessTest, RunsOnValidConfigurationAndStopsOnExitCommand)
     EXPECT_TRUE(m_harness.SyslogContains("Waiting for configuration from the Corvid Agent process."));
     EXPECT_TRUE(m_harness.LogContains("M_MMAP_THRESHOLD: 4MB"));
 
-    m_agent.Send(AgentCommand("fim_status"));
-    ASSERT_TRUE(
-        Eventually([&] { return m_harness.LogContains("Command 'fim_status' received from agent"); }, 3s));
-    m_agent.Send(AgentCommand("exit"));
-    EXPECT_EQ(m_agent.WaitForExit(3s), 0);
-    EXPECT_TRUE(m_harness.LogContains("Command 'exit' received from agent."));
-    EXPECT_TRUE(m_harness.LogContains("UnixClientStreamSockIOChannel: Stopped."));
-}
-
-TEST_F(DaemonProcessTest, BadCommandsAreLoggedAndTheDaemonKeepsRunning)
-{
-    SKIP_WITHOUT_CAPTURE();
-    StartRunningDaemon();
     m_agent.Send("{\"command\": \"exit\"");
     ASSERT_TRUE(
         Eventually([&] { return m_harness.LogContains("Invalid json received from the agent."); }, 3s));
@@ -111,14 +91,21 @@ TEST_F(DaemonProcessTest, BadCommandsAreLoggedAndTheDaemonKeepsRunning)
     ASSERT_TRUE(Eventually(
         [&] { return m_harness.LogContains("Invalid command found in json received from agent: reboot"); },
         3s));
-    m_agent.Send(AgentCommand("config", m_dir + "/missing.json"));
-    ASSERT_TRUE(Eventually(
-        [&] { return m_harness.LogContains("Failed to read config file: " + m_dir + "/missing.json"); }, 3s));
-    m_agent.Send(AgentCommand("config", m_configFile));
+    const std::string missing = m_harness.Dir() + "/missing.json";
+    m_agent.Send(AgentCommand("config", missing));
+    ASSERT_TRUE(
+        Eventually([&] { return m_harness.LogContains("Failed to read config file: " + missing); }, 3s));
+    m_agent.Send(AgentCommand("config", m_harness.ConfigFile()));
     ASSERT_TRUE(Eventually([&] { return m_harness.LogContains("Updating log level to debug"); }, 3s));
     EXPECT_TRUE(m_agent.IsRunning());
-    ::kill(m_agent.DaemonPid(), SIGTERM);
+
+    m_agent.Send(AgentCommand("fim_status"));
+    ASSERT_TRUE(
+        Eventually([&] { return m_harness.LogContains("Command 'fim_status' received from agent"); }, 3s));
+    m_agent.Send(AgentCommand("exit"));
     EXPECT_EQ(m_agent.WaitForExit(3s), 0);
+    EXPECT_TRUE(m_harness.LogContains("Command 'exit' received from agent."));
+    EXPECT_TRUE(m_harness.LogContains("UnixClientStreamSockIOChannel: Stopped."));
 }
 
 class DaemonSignalProcessTest : public DaemonProcessTest, public testing::WithParamInterface<int>
@@ -140,30 +127,22 @@ TEST_P(DaemonSignalProcessTest, TerminationSignalEndsTheMainLoopButHangupDoesNot
 
 INSTANTIATE_TEST_SUITE_P(Signals, DaemonSignalProcessTest, testing::Values(SIGTERM, SIGINT));
 
-TEST_F(DaemonProcessTest, MissingAgentSocketFailsStartUp)
+TEST_F(DaemonProcessTest, StartUpFailsWithoutAnAgentOrWhenTheFirstMessageIsNoValidConfiguration)
 {
     m_agent.StartDaemon();
-    EXPECT_EQ(m_agent.WaitForExit(5s), 4);
+    ASSERT_EQ(m_agent.WaitForExit(5s), 4);
     EXPECT_TRUE(m_harness.SyslogContains("IOChannel: Invalid data")) << m_harness.Syslog();
     EXPECT_TRUE(m_harness.SyslogContains("Error: The corvid-edr binary could not Initialize."));
-}
 
-TEST_F(DaemonProcessTest, FirstMessageMustBeConfig)
-{
-    ExpectStartUpFailure(AgentCommand("exit"), 4, "Invalid json received from the agent.");
-}
-
-TEST_F(DaemonProcessTest, InvalidEdrConfigFailsStartUp)
-{
-    WriteConfiguration([](rapidjson::Document& config)
-                       { config["edr_config"]["cpu_limit"].SetDouble(50.5); });
-    ExpectStartUpFailure(AgentCommand("config", m_configFile), 4, "EDR::Config: Invalid json");
-}
-
-TEST_F(DaemonProcessTest, InvalidLoggingConfigFailsStartUp)
-{
-    std::ofstream(m_logConfig, std::ios::app) << "logging.channels.c2.class = NoSuchChannel\n";
-    ExpectStartUpFailure(AgentCommand("config", m_configFile), 5, "Error:corvid-edr:log config is invalid.");
+    ASSERT_NO_FATAL_FAILURE(
+        ExpectStartUpFailure(AgentCommand("exit"), 4, "Invalid json received from the agent."));
+    const std::string config = AgentCommand("config", m_harness.ConfigFile());
+    m_harness.WriteConfiguration([](rapidjson::Document& config)
+                                 { config["edr_config"]["cpu_limit"].SetDouble(50.5); });
+    ASSERT_NO_FATAL_FAILURE(ExpectStartUpFailure(config, 4, "EDR::Config: Invalid json"));
+    m_harness.WriteConfiguration();
+    std::ofstream(m_harness.LogConfig(), std::ios::app) << "logging.channels.c2.class = NoSuchChannel\n";
+    ExpectStartUpFailure(config, 5, "Error:corvid-edr:log config is invalid.");
 }
 
 TEST_F(DaemonProcessTest, AgentGoingAwayEndsTheDaemonAfterReconnectTimeout)

@@ -49,8 +49,9 @@ const auto kNoInvalidate = [] {};
 
 } // namespace
 
-TEST(EventRuleEngineTest, RegistrationArgumentsAreChecked)
+TEST(EventRuleEngineTest, RegistrationArgumentsAreCheckedAndChangesAreLogged)
 {
+    vantor::test::LogCapture log(vantor::common::Logging::Edr());
     TestEngine engine;
     const auto onEvent = [](Event&) {};
     ExpectThrowText<std::exception>([&] { engine.RegisterEventHandlers("", onEvent, kNoInvalidate); },
@@ -64,12 +65,7 @@ TEST(EventRuleEngineTest, RegistrationArgumentsAreChecked)
     ExpectThrowText<std::exception>([&] { engine.UnregisterEventHandlers(""); },
                                     "EventRuleEngine::UnregisterEventHandlers: 'tag' is empty");
     EXPECT_FALSE(engine.HasEventHandlers("fim"));
-}
 
-TEST(EventRuleEngineTest, ReplacingAndUnregisteringAreLogged)
-{
-    vantor::test::LogCapture log(vantor::common::Logging::Edr());
-    TestEngine engine;
     int first = 0;
     int second = 0;
     engine.RegisterEventHandlers(
@@ -92,19 +88,21 @@ TEST(EventRuleEngineTest, ReplacingAndUnregisteringAreLogged)
     EXPECT_EQ(second, 1);
 }
 
-TEST(EventRuleEngineTest, DispatchReachesOnlyTheGivenTagsAndSurvivesAThrowingHandler)
+TEST(EventRuleEngineTest, DispatchAndInvalidationReachTheirTagsAndSurviveAThrowingHandler)
 {
     vantor::test::LogCapture log(vantor::common::Logging::Edr());
     TestEngine engine;
     std::vector<std::string> seen;
+    int invalidated = 0;
     engine.RegisterEventHandlers(
         "bad", [](Event& e) { throw std::runtime_error("broken " + e.GetFile()); }, kNoInvalidate);
     engine.RegisterEventHandlers(
-        "fim", [&](Event& e) { seen.push_back("fim:" + e.GetFile()); }, kNoInvalidate);
+        "fim", [&](Event& e) { seen.push_back("fim:" + e.GetFile()); }, [&] { ++invalidated; });
     engine.RegisterEventHandlers(
-        "ioc", [&](Event& e) { seen.push_back("ioc:" + e.GetFile()); }, kNoInvalidate);
+        "ioc", [&](Event& e) { seen.push_back("ioc:" + e.GetFile()); },
+        [] { throw std::runtime_error("no"); });
     engine.RegisterEventHandlers(
-        "other", [&](Event&) { seen.push_back("other"); }, kNoInvalidate);
+        "other", [&](Event&) { seen.push_back("other"); }, [&] { ++invalidated; });
 
     FileEvent event("/tmp/x");
     // The event class does not carry a type: a handler that asks for it throws
@@ -117,18 +115,8 @@ TEST(EventRuleEngineTest, DispatchReachesOnlyTheGivenTagsAndSurvivesAThrowingHan
     EXPECT_EQ(seen, (std::vector<std::string>{"fim:/tmp/x", "ioc:/tmp/x"}));
     EXPECT_TRUE(log.Contains("Exception: broken /tmp/x"));
     EXPECT_EQ(log.Count("Exception: "), 2U);
-}
 
-TEST(EventRuleEngineTest, InvalidationReachesEveryTag)
-{
-    TestEngine engine;
-    int invalidated = 0;
-    engine.RegisterEventHandlers(
-        "a", [](Event&) {}, [&] { ++invalidated; });
-    engine.RegisterEventHandlers(
-        "b", [](Event&) {}, [] { throw std::runtime_error("no"); });
-    engine.RegisterEventHandlers(
-        "c", [](Event&) {}, [&] { ++invalidated; });
+    // Invalidation reaches every tag, past one that throws.
     engine.InvalidateEventHandlers();
     EXPECT_EQ(invalidated, 2);
 }
@@ -165,7 +153,7 @@ TEST(EventRuleEngineTest, ConcurrentDispatchAndRegistration)
     std::atomic<bool> stop{false};
     std::atomic<long> calls{0};
 
-    std::vector<std::thread> dispatchers;
+    std::vector<std::jthread> dispatchers;
     for (int t = 0; t < 3; ++t)
     {
         dispatchers.emplace_back(
@@ -180,11 +168,10 @@ TEST(EventRuleEngineTest, ConcurrentDispatchAndRegistration)
             });
     }
 
-    std::vector<std::thread> registrars;
-    for (int t = 0; t < 2; ++t)
+    for (std::vector<std::jthread> registrars; registrars.size() < 2;) // joined as the loop ends
     {
         registrars.emplace_back(
-            [&, t]
+            [&, t = static_cast<int>(registrars.size())]
             {
                 for (int i = 0; i < 300; ++i)
                 {
@@ -208,15 +195,8 @@ TEST(EventRuleEngineTest, ConcurrentDispatchAndRegistration)
                 }
             });
     }
-    for (auto& r : registrars)
-    {
-        r.join();
-    }
     stop = true;
-    for (auto& d : dispatchers)
-    {
-        d.join();
-    }
+    dispatchers.clear(); // joins them
     for (int i = 0; i < 4; ++i)
     {
         EXPECT_FALSE(engine.HasEventHandlers("t" + std::to_string(i)));

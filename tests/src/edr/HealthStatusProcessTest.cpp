@@ -28,7 +28,6 @@ const auto* const g_environment = testing::AddGlobalTestEnvironment(new test::Au
 class HealthStatusProcessTest : public test::FimEndToEndFixture
 {
 protected:
-    // Every status record the receiver took so far.
     std::vector<test::StatusRecord> StatusRecords() const
     {
         return test::ReadStatusRecords(m_receiver->Output());
@@ -41,30 +40,17 @@ protected:
                            { return r.contextId == contextId && r.statusCode == statusCode; });
     }
 
-    // Bytes the parser queue dropped, by the records received.
-    static uint64_t DroppedBytes(const std::vector<test::StatusRecord>& records)
-    {
-        return test::Total(records, AHSContext::kParserQueue, AHSStatusCode::kParserQueueDropped, "bytes");
-    }
-
-    // Opens a watched file for writing until stopped or the time is up.
+    // Opens a watched file for writing until killed or the time is up.
     pid_t Flood(std::chrono::seconds duration)
     {
         const std::string path = m_watched + "/flood";
         const pid_t pid = ::fork();
         if (pid == 0)
         {
-            const auto end = std::chrono::steady_clock::now() + duration;
-            while (std::chrono::steady_clock::now() < end)
+            for (const auto end = std::chrono::steady_clock::now() + duration;
+                 std::chrono::steady_clock::now() < end;)
             {
-                for (int i = 0; i < 1000; ++i)
-                {
-                    const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-                    if (fd >= 0)
-                    {
-                        ::close(fd);
-                    }
-                }
+                ::close(::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
             }
             ::_exit(0);
         }
@@ -83,7 +69,13 @@ TEST_F(HealthStatusProcessTest, ParserQueueOverflowArrivesAsAStatusRecord)
                                             edr.AddMember("status_upload_interval", 2, config.GetAllocator());
                                         }));
     const pid_t flood = Flood(60s);
-    const bool dropped = test::Eventually([&] { return DroppedBytes(StatusRecords()) > 0; }, 120s);
+    const bool dropped = test::Eventually(
+        [&]
+        {
+            return test::Total(StatusRecords(), AHSContext::kParserQueue, AHSStatusCode::kParserQueueDropped,
+                               "bytes") > 0;
+        },
+        120s);
     ::kill(flood, SIGKILL);
     test::WaitForChild(flood, 10s);
     ASSERT_TRUE(dropped) << m_harness.Log().substr(0, 4000);
@@ -139,16 +131,14 @@ TEST_F(HealthStatusProcessTest, KernelRulesRemovedBySomebodyElseComeBackAndAreRe
     EXPECT_TRUE(test::Eventually(
         [&]
         {
-            for (const auto& record : StatusRecords())
-            {
-                if (record.contextId == AHSContext::kKernelRules && record.fields.IsObject() &&
-                    record.fields["missing"].GetUint64() == installed.size() &&
-                    record.fields["reinstalled"].GetUint64() == installed.size())
-                {
-                    return true;
-                }
-            }
-            return false;
+            const auto records = StatusRecords();
+            return std::any_of(records.begin(), records.end(),
+                               [&](const test::StatusRecord& r)
+                               {
+                                   return r.contextId == AHSContext::kKernelRules && r.fields.IsObject() &&
+                                          r.fields["missing"].GetUint64() == installed.size() &&
+                                          r.fields["reinstalled"].GetUint64() == installed.size();
+                               });
         },
         30s))
         << m_harness.Log().substr(0, 4000);

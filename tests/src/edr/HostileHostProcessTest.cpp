@@ -75,42 +75,28 @@ std::string Manifest(const std::string& watched = {})
 class HostileHostProcessTest : public test::IocEndToEndFixture
 {
 protected:
-    void SetUp() override
-    {
-        IocEndToEndFixture::SetUp();
-        if (IsSkipped() || HasFatalFailure())
-        {
-            return;
-        }
-        // The unprivileged workload must reach the watched tree.
-        std::filesystem::permissions(m_harness.Dir(), std::filesystem::perms(0711));
-    }
-
     std::vector<test::StatusRecord> StatusRecords() const
     {
         return test::ReadStatusRecords(m_receiver->Output());
     }
 
-    // Each documented loss summed over the records received, "context/field
-    // = n" for the nonzero ones; answers the sum.
-    uint64_t Losses(std::string& described) const
+    // Each documented loss summed over the records received, with "context/
+    // field = n" for the nonzero ones.
+    std::pair<uint64_t, std::string> Losses() const
     {
         const auto records = StatusRecords();
-        uint64_t sum = 0;
+        std::pair<uint64_t, std::string> losses;
         for (const auto& counter : kLossCounters)
         {
             const uint64_t total = test::Total(records, counter.context, counter.code, counter.field);
-            sum += total;
-            if (total > 0)
-            {
-                described +=
-                    std::string(counter.context) + "/" + counter.field + " = " + std::to_string(total) + "\n";
-            }
+            losses.first += total;
+            losses.second += total == 0 ? ""
+                                        : std::string(counter.context) + "/" + counter.field + " = " +
+                                              std::to_string(total) + "\n";
         }
-        return sum;
+        return losses;
     }
 
-    // The documents of paths under prefix.
     std::vector<FimDocument> Under(const std::string& prefix)
     {
         auto documents = Received();
@@ -135,7 +121,6 @@ struct FloodReport
     uint64_t lifecycles; // of watched files
 };
 
-// Creates a file with content, renames and deletes it.
 bool Lifecycle(const std::string& path, const char* suffix)
 {
     const std::string from = path + suffix;
@@ -197,6 +182,8 @@ int Flood(const std::string& dir, int pipe)
 
 TEST_F(HostileHostProcessTest, UnprivilegedFloodStaysInBudgetIsCountedAndLeavesCaptureCorrect)
 {
+    // The unprivileged workload must reach the watched tree.
+    std::filesystem::permissions(m_harness.Dir(), std::filesystem::perms(0711));
     const auto lostBefore = test::StatusValue("lost");
     ASSERT_TRUE(lostBefore);
     // Deeper than a rule reaches below its path: a rule of its own.
@@ -248,12 +235,7 @@ TEST_F(HostileHostProcessTest, UnprivilegedFloodStaysInBudgetIsCountedAndLeavesC
                 1s);
         },
         30s);
-    ASSERT_TRUE(captured) << [&]
-    {
-        std::string losses;
-        Losses(losses);
-        return losses;
-    }();
+    ASSERT_TRUE(captured) << Losses().second;
     const FimDocument& marker = arrived.front();
     EXPECT_EQ(marker.action, "create");
     EXPECT_EQ(marker.actor, markers[marker.path]) << test::Describe(arrived);
@@ -262,11 +244,7 @@ TEST_F(HostileHostProcessTest, UnprivilegedFloodStaysInBudgetIsCountedAndLeavesC
 
     // What arrives and what is counted settles once the drained capture and
     // the next status samples are through.
-    const auto settled = [&]
-    {
-        std::string ignored;
-        return std::make_pair(Under(FloodStem(floodDir)).size(), Losses(ignored));
-    };
+    const auto settled = [&] { return std::make_pair(Under(FloodStem(floodDir)).size(), Losses().first); };
     const auto giveUp = std::chrono::steady_clock::now() + 15s;
     for (auto last = settled(), now = last; std::this_thread::sleep_for(3s),
               (now = settled()) != last && std::chrono::steady_clock::now() < giveUp;)
@@ -326,8 +304,7 @@ TEST_F(HostileHostProcessTest, UnprivilegedFloodStaysInBudgetIsCountedAndLeavesC
         }
     }
 
-    std::string losses;
-    const uint64_t lost = Losses(losses);
+    const auto [lost, losses] = Losses();
     const size_t expected = 3 * lifecycles;
     std::cerr << "flood: " << lifecycles << " watched lifecycles, " << documents.size() << " of " << expected
               << " documents, " << starts << " program starts, peak " << peakKb << " KB of " << limits.softKb

@@ -83,18 +83,6 @@ bool HasLineWith(const std::string& text, const std::string& first, const std::s
 class HostileUploadProcessTest : public test::IocEndToEndFixture
 {
 protected:
-    void StartHostileDaemon()
-    {
-        ASSERT_NO_FATAL_FAILURE(StartIocDaemon(
-            R"({"policyVersion": "2.0.0", "policyId": "hostile", "productId": "corvid-edr",
-            "heuristicsEnabled": true, "globalSettings": {"maxFileSizeToProcess": 52428800,
-            "knownProcessPaths": [")" +
-                std::string(kTrue) + R"("], "tags": {"thresholdScore": 0}}, "rules": [
-            {"ruleId": "hostile-starts", "ruleType": "Process", "notify": ["start"]}]})",
-            [](rapidjson::Document& config)
-            { config["common_config"]["request_timeout"].SetUint(kRequestTimeoutSec); }));
-    }
-
     // The daemon's log from a mark on (all of it, should it have rotated).
     std::string LogSince(size_t mark) const
     {
@@ -141,7 +129,14 @@ protected:
 
 TEST_F(HostileUploadProcessTest, EveryAttemptFailsBoundedAndNothingIsLostOrDoubled)
 {
-    ASSERT_NO_FATAL_FAILURE(StartHostileDaemon());
+    ASSERT_NO_FATAL_FAILURE(StartIocDaemon(
+        R"({"policyVersion": "2.0.0", "policyId": "hostile", "productId": "corvid-edr",
+        "heuristicsEnabled": true, "globalSettings": {"maxFileSizeToProcess": 52428800,
+        "knownProcessPaths": [")" +
+            std::string(kTrue) + R"("], "tags": {"thresholdScore": 0}}, "rules": [
+        {"ruleId": "hostile-starts", "ruleType": "Process", "notify": ["start"]}]})",
+        [](rapidjson::Document& config)
+        { config["common_config"]["request_timeout"].SetUint(kRequestTimeoutSec); }));
     std::vector<std::string> files;
     std::vector<long long> starts;
     for (const auto& c : kCases)

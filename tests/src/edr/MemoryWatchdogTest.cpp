@@ -40,18 +40,8 @@ struct Harness
     float percent = 0;
     int trims = 0;
     int usageReads = 0;
-    MemoryWatchdog watchdog{10'000'000, 10,
-                            [this]
-                            {
-                                ++usageReads;
-                                return percent;
-                            },
-                            [this] { return now; },
-                            [this]
-                            {
-                                ++trims;
-                                return 0;
-                            }};
+    MemoryWatchdog watchdog{10'000'000, 10, [this] { return ++usageReads, percent; }, [this] { return now; },
+                            [this] { return ++trims, 0; }};
 
     // Sets usage in KB and lets a check run after the interval.
     bool CheckAt(uint64_t usageKb)
@@ -130,11 +120,7 @@ struct FakeProc
         {
             ++reads[path];
             const auto it = files.find(path);
-            if (it == files.end())
-            {
-                return std::nullopt;
-            }
-            return it->second;
+            return it == files.end() ? std::nullopt : std::optional<std::string>(it->second);
         };
         s.procDir = "/p/self/";
         s.meminfo = "/p/meminfo";

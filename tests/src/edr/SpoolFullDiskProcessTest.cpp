@@ -77,13 +77,11 @@ protected:
         m_tmpfs.reset();
     }
 
-    std::string Name(int i) const { return m_deep + "/f" + std::to_string(i); }
-
     void Create(int from, int to)
     {
         for (int i = from; i < to; ++i)
         {
-            std::ofstream(Name(i)) << i;
+            std::ofstream(m_deep + "/f" + std::to_string(i)) << i;
         }
     }
 

@@ -93,7 +93,7 @@ TEST(TrieTest, InvalidArgumentsAreRejected)
     EXPECT_EQ(trie.GetNodeCount(), 0U);
 }
 
-TEST(TrieTest, DeletePrunesEmptiedNodesAndLogs)
+TEST(TrieTest, DeletePrunesEmptiedNodesAndLogsAFailedDeleteChangesNothing)
 {
     vantor::test::LogCapture log(vantor::common::Logging::Edr());
     Trie trie;
@@ -113,12 +113,8 @@ TEST(TrieTest, DeletePrunesEmptiedNodesAndLogs)
     EXPECT_TRUE(trie.Delete("/var", "var"));
     EXPECT_EQ(trie.GetNodeCount(), 0U);
     EXPECT_TRUE(trie.GetValues("/var").empty());
-}
 
-TEST(TrieTest, DeleteOfMissingEntriesOnlyLogs)
-{
-    vantor::test::LogCapture log(vantor::common::Logging::Edr());
-    Trie trie;
+    // Deleting what is not there only logs, and prunes nothing.
     trie.Insert("/var/log", "logs");
 
     EXPECT_FALSE(trie.Delete("/var/tmp", "logs"));
