@@ -43,11 +43,11 @@ protected:
                m_dir.File(manifest) + R"(","manifest_type":"fim"})";
     }
 
-    std::unique_ptr<fim::Component> Make(const std::string& manifest)
+    std::unique_ptr<fim::Component> Make(const std::string& manifest,
+                                         std::shared_ptr<const edr::BlackoutManager> blackout = nullptr)
     {
-        auto config = std::make_unique<fim::Config>(Json(ConfigText(manifest)));
-        return std::make_unique<fim::Component>(std::move(config), m_uploader, m_scheduler, m_engine,
-                                                m_dir.Path());
+        return std::make_unique<fim::Component>(std::make_unique<fim::Config>(Json(ConfigText(manifest))),
+                                                m_uploader, m_scheduler, m_engine, m_dir.Path(), blackout);
     }
 
     void WriteManifest(const std::string& name)
@@ -173,9 +173,7 @@ TEST_F(FimComponentTest, UploadsWaitOutTheBlackoutPeriodsItIsHanded)
     auto blackout = std::make_shared<const edr::BlackoutManager>(
         edr::BlackoutManager::kKind,
         "[{\"start\": " + std::to_string(now - 60) + ", \"end\": " + std::to_string(now + 3600) + "}]");
-    auto component =
-        std::make_unique<fim::Component>(std::make_unique<fim::Config>(Json(ConfigText("good.json"))),
-                                         m_uploader, m_scheduler, m_engine, m_dir.Path(), blackout);
+    auto component = Make("good.json", blackout);
     EXPECT_EQ(component->GetBlackout(), blackout);
     // The first run is due at once; in the blackout it sends nothing.
     m_scheduler.Start();
@@ -221,14 +219,12 @@ TEST_F(FimComponentTest, BaselineRunsForTheRulesEachManifestAddsAndLeavesOurOwnF
         sqlite3_close(db);
         return found;
     };
-    const auto eventually = [](const std::function<bool()>& condition)
-    { return test::Eventually(condition, 5s); };
 
     manifest(rule("w", m_dir.File("w")));
     auto component = Make("m.json");
     ASSERT_TRUE(component->IsEnabled());
-    EXPECT_TRUE(eventually([&] { return stored("w/a") && stored("w/b"); }));
-    EXPECT_TRUE(eventually([&] { return component->GetSpool().CacheSize() > 0; }));
+    EXPECT_TRUE(test::Eventually([&] { return stored("w/a") && stored("w/b"); }, 5s));
+    EXPECT_TRUE(test::Eventually([&] { return component->GetSpool().CacheSize() > 0; }, 5s));
     EXPECT_EQ(log.Count("FimComponent: Baseline pass over 1 watched paths"), 1u);
 
     // The same manifest again adds nothing; a new rule gets its pass.
@@ -237,13 +233,13 @@ TEST_F(FimComponentTest, BaselineRunsForTheRulesEachManifestAddsAndLeavesOurOwnF
     manifest(rule("w", m_dir.File("w")) + "," + rule("v", m_dir.File("v")));
     component->UpdateConfig(Json(ConfigText("m.json")));
     EXPECT_EQ(log.Count("FimComponent: Baseline pass over 1 watched paths"), 2u);
-    EXPECT_TRUE(eventually([&] { return stored("v/c"); }));
+    EXPECT_TRUE(test::Eventually([&] { return stored("v/c"); }, 5s));
 
     // Watching the directory that holds the spool and the store: those are
     // the daemon's own files.
     manifest(rule("all", m_dir.Path()));
     component->UpdateConfig(Json(ConfigText("m.json")));
-    EXPECT_TRUE(eventually([&] { return stored("top.txt"); }));
+    EXPECT_TRUE(test::Eventually([&] { return stored("top.txt"); }, 5s));
     component->FlushDocuments();
     component.reset();
     EXPECT_FALSE(stored("BaselineEvents.db"));

@@ -1,4 +1,5 @@
 #include "fim/AccountNames.h"
+#include "fim/ContentReader.h"
 #include "fim/DocumentEvent.h"
 #include "fim/DocumentWriter.h"
 #include "fim/EventDocument.h"
@@ -6,10 +7,14 @@
 #include "tests/support/TempDir.h"
 
 #include "common/util/Json.h"
+#include "common/util/Sha256.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <filesystem>
 #include <stdexcept>
 
 using namespace vantor::fim::internal;
@@ -233,6 +238,63 @@ TEST(FimEventDocumentTest, ARenameShowsItsTwoPathsWithoutSizes)
     EXPECT_STREQ(doc["operation"]["new"]["path"].GetString(), "/w/f");
     EXPECT_FALSE(doc["operation"]["old"].HasMember("size"));
     EXPECT_FALSE(doc.HasMember("securitySettings"));
+}
+
+using Status = ContentReader::ContentStatus;
+
+constexpr const char* kSha256Empty = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+constexpr const char* kSha256Abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+
+// The content limit is inclusive; the data and the hash are read only when
+// asked for.
+TEST(FimContentReaderTest, ReadsOnlyWhatIsAskedForUpToAnInclusiveLimit)
+{
+    vantor::test::TempDir dir;
+    const std::string exact(51200, 'a');
+    const std::string over(51201, 'a');
+    struct Case
+    {
+        std::string content;
+        bool data, hash;
+        Status status;
+        std::string expectedData, sha256;
+    };
+    for (const auto& c :
+         {Case{exact, true, true, Status::ReadSuccessful, exact, vantor::util::Sha256Hex(exact)},
+          Case{over, true, true, Status::MaxSizeLimitReached, "", vantor::util::Sha256Hex(over)},
+          Case{"abc", false, true, Status::ReadSuccessful, "", kSha256Abc},
+          Case{"abc", true, false, Status::ReadSuccessful, "abc", ""},
+          Case{"", true, true, Status::ReadSuccessful, "", kSha256Empty}})
+    {
+        SCOPED_TRACE(c.content.substr(0, 8) + " size " + std::to_string(c.content.size()) + " data " +
+                     std::to_string(c.data) + " hash " + std::to_string(c.hash));
+        const auto content = ContentReader::Read(dir.Write("f", c.content), c.data, c.hash);
+        EXPECT_EQ(content.status, c.status);
+        EXPECT_EQ(content.size, c.content.size());
+        EXPECT_EQ(content.data, c.expectedData);
+        EXPECT_EQ(content.sha256, c.sha256);
+    }
+
+    // Without a hash the read stops past the limit; the status still tells.
+    const auto content = ContentReader::Read(dir.Write("big", std::string(300000, 'b')), true, false);
+    EXPECT_EQ(content.status, Status::MaxSizeLimitReached);
+    EXPECT_GT(content.size, ContentReader::kMaxContentSize);
+    EXPECT_TRUE(content.data.empty());
+}
+
+TEST(FimContentReaderTest, AnythingButARegularFileIsAReadFailure)
+{
+    vantor::test::TempDir dir;
+    const std::string file = dir.Write("file", "x");
+    std::filesystem::create_symlink(file, dir.File("link"));
+    ASSERT_EQ(::mkfifo(dir.File("fifo").c_str(), 0600), 0);
+    // Neither the FIFO (no writer) nor the link may be waited on or followed.
+    for (const auto& path : {dir.File("missing"), dir.File("link"), dir.File("fifo"), dir.Path()})
+    {
+        const auto content = ContentReader::Read(path, true, true);
+        EXPECT_EQ(content.status, Status::ReadFailure) << path;
+        EXPECT_TRUE(content.sha256.empty()) << path;
+    }
 }
 
 } // namespace

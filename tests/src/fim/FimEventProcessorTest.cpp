@@ -1,4 +1,7 @@
+#include "audit/AuditEventBuilder.h"
+#include "audit/AuparseFeed.h"
 #include "edr/PathEscape.h"
+#include "fim/AccountNames.h"
 #include "fim/PostProcessor.h"
 #include "tests/src/fim/ProcessorFixture.h"
 
@@ -7,7 +10,16 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
 
 using namespace vantor::fim::internal;
 using vantor::edr::EventType;
@@ -28,6 +40,13 @@ std::vector<std::string> MemberNames(const rapidjson::Value& object)
 }
 
 using FimEventProcessorTest = vantor::fim::test::ProcessorFixture;
+using FimChangeDocumentsTest = vantor::fim::test::ProcessorFixture;
+
+void SetTimes(const std::string& path, time_t seconds)
+{
+    const struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
 
 } // namespace
 
@@ -42,8 +61,7 @@ TEST(FimPostProcessorTest, DepthCountsDirectoriesBelowTheRule)
 
 TEST_F(FimEventProcessorTest, DocumentMembersInOrderWithContentAndHash)
 {
-    Load(R"({"ruleId":"r1","ruleType":"directory","imagePath":")" + Watched() +
-             R"(","recursiveDepth":"all","trackContentChange":true,"notify":["modifyContent"]})",
+    Load(WatchedRule("r1", R"("modifyContent")", R"("recursiveDepth":"all","trackContentChange":true)"),
          true);
     m_dir.Write("watched/a.txt", "hello\n");
     TestEvent event(EventType::Write, Watched("/a.txt"));
@@ -73,18 +91,15 @@ TEST_F(FimEventProcessorTest, DocumentMembersInOrderWithContentAndHash)
 
 TEST_F(FimEventProcessorTest, PostProcessingPerRule)
 {
-    Load(R"({"ruleId":"all","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","recursiveDepth":"all","notify":["create","rename"]},)"
-         R"({"ruleId":"logs","ruleType":"directory","imagePath":")" +
-         Watched() +
-         R"(","recursiveDepth":"all","notify":["create"],)"
-         R"("inclusionFilters":[{"objectType":"file","patterns":["*.log"]}],)"
-         R"("exclusionFilters":[{"objectType":"file","patterns":["*/secret.log"]}]},)"
-         R"({"ruleId":"night","ruleType":"directory","imagePath":")" +
-         Watched() +
-         R"(","notify":["create"],)"
-         R"("inclusionFilters":[{"objectType":"file","patterns":["*"],)"
-         R"("timespanStart":"00:00:00","timespanEnd":"06:00:00"}]})");
+    Load(WatchedRule("all", R"("create","rename")", R"("recursiveDepth":"all")") + "," +
+         WatchedRule(
+             "logs", R"("create")",
+             R"("recursiveDepth":"all","inclusionFilters":[{"objectType":"file","patterns":["*.log"]}],)"
+             R"("exclusionFilters":[{"objectType":"file","patterns":["*/secret.log"]}])") +
+         "," +
+         WatchedRule("night", R"("create")",
+                     R"("inclusionFilters":[{"objectType":"file","patterns":["*"],)"
+                     R"("timespanStart":"00:00:00","timespanEnd":"06:00:00"}])"));
     std::string deep = Watched();
     for (int i = 1; i <= 11; ++i)
     {
@@ -105,16 +120,7 @@ TEST_F(FimEventProcessorTest, PostProcessingPerRule)
         m_processor->HandleEvent(*event);
     }
     const auto document = Documents(5);
-    auto rules = [&](size_t i)
-    {
-        std::vector<std::string> ids;
-        for (const auto& id :
-             document["events"][static_cast<rapidjson::SizeType>(i)]["associatedRules"].GetArray())
-        {
-            ids.emplace_back(id.GetString());
-        }
-        return ids;
-    };
+    const auto rules = [&](rapidjson::SizeType i) { return RuleIds(document["events"][i]); };
     EXPECT_EQ(rules(0), std::vector<std::string>{"all"});
     EXPECT_EQ(rules(1), (std::vector<std::string>{"all", "logs"}));
     EXPECT_EQ(rules(2), std::vector<std::string>{"all"});
@@ -125,8 +131,7 @@ TEST_F(FimEventProcessorTest, PostProcessingPerRule)
 
 TEST_F(FimEventProcessorTest, HostileNamesKeepEveryDocumentValid)
 {
-    Load(R"({"ruleId":"r\"1","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","notify":["rename","modifySecuritySettings"]})");
+    Load(WatchedRule(R"(r\"1)", R"("rename","modifySecuritySettings")"));
     const std::string hostile = Watched("/bad\xff\xfe\"quote\\\x01\xed\xa0\x80\xc3.txt");
     TestEvent before(EventType::Attribute, Watched("/plain"));
     TestEvent rename(EventType::Rename, hostile);
@@ -161,8 +166,7 @@ TEST_F(FimEventProcessorTest, HostileNamesKeepEveryDocumentValid)
 
 TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
 {
-    Load(R"({"ruleId":"b","ruleType":"directory","imagePath":")" + Watched() +
-         R"(","recursiveDepth":"1","trackContentChange":true,"notify":["create"]})");
+    Load(WatchedRule("b", R"("create")", R"("recursiveDepth":"1","trackContentChange":true)"));
     m_dir.Write("watched/small", "abc");
     m_dir.Write("watched/big", std::string(60000, 'b'));
     std::filesystem::create_directories(Watched("/a/b"));
@@ -195,6 +199,149 @@ TEST_F(FimEventProcessorTest, BaselineRecordsContentStatusAndSpoolsDocuments)
     EXPECT_EQ(StoredState(Watched("/big"))->size, 60000u);
 }
 
+// Change documents against the last known state of their object: what was
+// there before, what a change of timestamps alone is, and where a rename's
+// content comes from.
+TEST_F(FimChangeDocumentsTest, TouchOfAnUnchangedFileIsAMetadataChange)
+{
+    Load(WatchedRule("meta", R"("modifyMetadata")") + "," + WatchedRule("content", R"("modifyContent")"));
+    const std::string file = m_dir.Write("watched/f", "abc");
+    ::chmod(file.c_str(), 0644);
+    ASSERT_NO_FATAL_FAILURE(Baseline({Watched()}));
+    EXPECT_EQ(RuleIds(Documents(1)["events"][0]), (std::vector<std::string>{"meta", "content"}));
+
+    // touch: opened for writing, times set, content as it was.
+    SetTimes(file, 1000000000);
+    auto doc = One(TestEvent(EventType::Write, file));
+    EXPECT_STREQ(doc["eventAction"].GetString(), "modifyMetadata");
+    EXPECT_EQ(RuleIds(doc), std::vector<std::string>{"meta"});
+    EXPECT_STREQ(doc["securitySettings"]["old"]["permission"].GetString(), "0644");
+    EXPECT_STREQ(doc["securitySettings"]["new"]["permission"].GetString(), "0644");
+    EXPECT_EQ(doc["operation"]["old"]["size"].GetUint(), 3u);
+
+    // A real write is a content change, with the size before and after.
+    std::ofstream(file) << "abcd";
+    doc = One(TestEvent(EventType::Write, file));
+    EXPECT_STREQ(doc["eventAction"].GetString(), "modifyContent");
+    EXPECT_EQ(RuleIds(doc), std::vector<std::string>{"content"});
+    EXPECT_EQ(doc["operation"]["old"]["size"].GetUint(), 3u);
+    EXPECT_EQ(doc["operation"]["new"]["size"].GetUint(), 4u);
+    EXPECT_FALSE(doc.HasMember("securitySettings"));
+
+    // Writing the same bytes again changes the times alone.
+    std::ofstream(file) << "abcd";
+    doc = One(TestEvent(EventType::Write, file));
+    EXPECT_STREQ(doc["eventAction"].GetString(), "modifyMetadata");
+}
+
+TEST_F(FimChangeDocumentsTest, AWriteIsAContentChangeWhenNothingIsKnownBefore)
+{
+    Load(WatchedRule("both", R"("create","modifyContent","modifyMetadata")"));
+    const std::string file = Watched("/new.txt");
+    // Created empty and written within one settle time: the write's before
+    // is the file as the create left it, not the settled content.
+    std::ofstream(file) << "";
+    TestEvent create(EventType::Create, file);
+    m_processor->HandleEvent(create);
+    std::ofstream(file) << "content\n";
+    TestEvent write(EventType::Write, file);
+    m_processor->HandleEvent(write);
+    const auto documents = Documents(2);
+    EXPECT_STREQ(documents["events"][0]["eventAction"].GetString(), "create");
+    EXPECT_STREQ(documents["events"][0]["operation"]["old"]["size"].GetString(), "Unknown");
+    EXPECT_STREQ(documents["events"][1]["eventAction"].GetString(), "modifyContent");
+    EXPECT_EQ(documents["events"][1]["operation"]["new"]["size"].GetUint(), 8u);
+}
+
+TEST_F(FimChangeDocumentsTest, AttributeChangesShowTheSettingsBeforeAndAfter)
+{
+    Load(WatchedRule("attr", R"("modifySecuritySettings","modifyMetadata","delete")"));
+    const std::string file = m_dir.Write("watched/f", "abc");
+    ::chmod(file.c_str(), 0644);
+    ASSERT_EQ(::chown(file.c_str(), 0, 0), 0);
+    ASSERT_NO_FATAL_FAILURE(Baseline({Watched()}));
+    Documents(1);
+
+    ::chmod(file.c_str(), 0600);
+    auto doc = One(TestEvent(EventType::Attribute, file));
+    EXPECT_STREQ(doc["eventAction"].GetString(), "modifySecuritySettings");
+    EXPECT_STREQ(doc["securitySettings"]["old"]["permission"].GetString(), "0644");
+    EXPECT_STREQ(doc["securitySettings"]["new"]["permission"].GetString(), "0600");
+
+    ASSERT_EQ(::chown(file.c_str(), 1, 1), 0);
+    doc = One(TestEvent(EventType::Attribute, file));
+    EXPECT_STREQ(doc["securitySettings"]["old"]["owner"].GetString(), "root");
+    EXPECT_EQ(doc["securitySettings"]["new"]["owner"].GetString(), AccountNames::UserName(1));
+    EXPECT_EQ(doc["securitySettings"]["new"]["group"].GetString(), AccountNames::GroupName(1));
+    EXPECT_STREQ(doc["securitySettings"]["old"]["permission"].GetString(), "0600");
+
+    // utimensat: only the times moved.
+    SetTimes(file, 1000000000);
+    doc = One(TestEvent(EventType::Attribute, file));
+    EXPECT_STREQ(doc["eventAction"].GetString(), "modifyMetadata");
+
+    std::remove(file.c_str());
+    doc = One(TestEvent(EventType::Delete, file));
+    EXPECT_STREQ(doc["eventAction"].GetString(), "delete");
+    EXPECT_EQ(doc["operation"]["old"]["size"].GetUint(), 3u);
+    EXPECT_FALSE(StoredState(file));
+}
+
+TEST_F(FimChangeDocumentsTest, RenameReadsTheDestinationAndMovesTheKnownState)
+{
+    const std::string inside = Watched("/in");
+    std::filesystem::create_directories(inside);
+    Load(R"({"ruleId":"in","ruleType":"directory","imagePath":")" + inside +
+             R"(","trackContentChange":true,"notify":["rename"]})",
+         true);
+    const std::string source = m_dir.Write("watched/in/a.txt", "data\n");
+    ASSERT_NO_FATAL_FAILURE(Baseline({inside}));
+    Documents(1);
+
+    // Within the tree: reported under the source, content from the destination.
+    ASSERT_EQ(std::rename(source.c_str(), (inside + "/b.txt").c_str()), 0);
+    TestEvent within(EventType::Rename, source);
+    within.newFile = inside + "/b.txt";
+    auto doc = One(within);
+    EXPECT_EQ(std::string(doc["imagePath"].GetString()), source);
+    EXPECT_STREQ(doc["contentStatus"].GetString(), "READ_SUCCESSFUL");
+    EXPECT_STREQ(doc["fileContent"].GetString(), "data\n");
+    EXPECT_EQ(doc["fileContentHash"].GetString(), vantor::util::Sha256Hex("data\n"));
+    EXPECT_EQ(std::string(doc["operation"]["old"]["path"].GetString()), source);
+    EXPECT_EQ(std::string(doc["operation"]["new"]["path"].GetString()), inside + "/b.txt");
+    EXPECT_FALSE(StoredState(source));
+    EXPECT_TRUE(StoredState(inside + "/b.txt"));
+
+    // Gone by the time it settled.
+    TestEvent lost(EventType::Rename, inside + "/b.txt");
+    lost.newFile = inside + "/never.txt";
+    doc = One(lost);
+    EXPECT_STREQ(doc["contentStatus"].GetString(), "READ_FAILURE");
+    // Only the content that could not be read is counted as such.
+    EXPECT_EQ(m_processor->GetUnreadableCount(), 1u);
+    EXPECT_EQ(m_processor->GetFailedCount(), 0u);
+}
+
+TEST_F(FimChangeDocumentsTest, ARuleWithoutTheActionGetsNoDocument)
+{
+    Load(WatchedRule("content", R"("modifyContent")") + "," +
+         WatchedRule("sec", R"("modifySecuritySettings")"));
+    const std::string file = m_dir.Write("watched/f", "abc");
+    // Without a metadata rule nothing is hashed: every write counts as a
+    // content change, as before.
+    ASSERT_NO_FATAL_FAILURE(Baseline({Watched()}));
+    Documents(1);
+    SetTimes(file, 1000000000);
+    auto doc = One(TestEvent(EventType::Write, file));
+    EXPECT_STREQ(doc["eventAction"].GetString(), "modifyContent");
+    EXPECT_EQ(RuleIds(doc), std::vector<std::string>{"content"});
+    // A change of times alone is not a security-setting change.
+    SetTimes(file, 1100000000);
+    TestEvent attribute(EventType::Attribute, file);
+    m_processor->HandleEvent(attribute);
+    Documents(0);
+}
+
 TEST(FimJsonDataFormatterTest, CollectsObjectsIntoOneEventsArray)
 {
     JsonDataFormatter formatter;
@@ -217,3 +364,151 @@ TEST(FimJsonDataFormatterTest, CollectsObjectsIntoOneEventsArray)
     formatter.Serialize(out);
     EXPECT_EQ(out, R"({"events":[]})");
 }
+
+namespace
+{
+
+// FIM documents of events built from captured kernel audit records (the
+// fixtures of the audit tests), moved into the test's directory: the road
+// from raw records to documents, for gone objects, hostile names
+// and renames.
+
+const std::string kCaptureData = "/tmp/corvid-audit-capture/data";
+
+std::string Fixture(const std::string& name)
+{
+    std::ifstream in(std::string(CORVID_SOURCE_DIR) + "/tests/fixtures/audit/" + name + ".log",
+                     std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    EXPECT_FALSE(text.str().empty()) << name;
+    return text.str();
+}
+
+void ReplaceAll(std::string& text, const std::string& from, const std::string& to)
+{
+    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+    {
+        text.replace(at, from.size(), to);
+    }
+}
+
+class FimCapturedRecordsTest : public vantor::fim::test::ProcessorFixture
+{
+protected:
+    // The file events of a fixture whose data directory is now Watched();
+    // objects named in identities are the real files of the test (their
+    // captured inode and device replaced by the real ones).
+    std::vector<std::unique_ptr<vantor::edr::Event>>
+    Events(const std::string& name, const std::map<std::string, std::string>& identities = {})
+    {
+        std::string text = Fixture(name);
+        for (const auto& [capturedInode, path] : identities)
+        {
+            struct stat info
+            {
+            };
+            EXPECT_EQ(::stat(path.c_str(), &info), 0) << path;
+            char device[32];
+            std::snprintf(device, sizeof device, "%02x:%02x", major(info.st_dev), minor(info.st_dev));
+            ReplaceAll(text, "inode=" + capturedInode + " dev=fe:00",
+                       "inode=" + std::to_string(info.st_ino) + " dev=" + device);
+        }
+        ReplaceAll(text, kCaptureData, Watched());
+        vantor::audit::AuditEventBuilder builder(
+            std::make_shared<const vantor::edr::LibMagicWrapper>("/usr/share/misc/magic.mgc"));
+        vantor::audit::AuparseFeed feed(builder);
+        auto events = feed.Feed(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+        for (auto& event : feed.Flush())
+        {
+            events.push_back(std::move(event));
+        }
+        std::vector<std::unique_ptr<vantor::edr::Event>> files;
+        for (auto& event : events)
+        {
+            if (event->GetCategory() == static_cast<uint32_t>(vantor::edr::EventCategory::File))
+            {
+                files.push_back(std::move(event));
+            }
+        }
+        return files;
+    }
+
+    rapidjson::Document Handle(const std::vector<std::unique_ptr<vantor::edr::Event>>& events,
+                               size_t expected)
+    {
+        for (const auto& event : events)
+        {
+            m_processor->HandleEvent(*event);
+        }
+        return Documents(expected);
+    }
+};
+
+TEST_F(FimCapturedRecordsTest, GoneObjectsKeepTheTypeTheKernelRecorded)
+{
+    Load(WatchedRule("w", R"("create","delete")"));
+    auto removed = Events("rmdir");
+    ASSERT_EQ(removed.size(), 1u);
+    EXPECT_EQ(removed[0]->GetFileType(), static_cast<uint32_t>(S_IFDIR));
+    auto created = Events("mkdir");
+    ASSERT_EQ(created.size(), 1u);
+    auto unlinked = Events("unlink");
+    ASSERT_EQ(unlinked.size(), 1u);
+    for (auto* events : {&created, &unlinked})
+    {
+        removed.push_back(std::move(events->front()));
+    }
+
+    const auto documents = Handle(removed, 3);
+    const auto& events = documents["events"];
+    EXPECT_EQ(std::string(events[0]["imagePath"].GetString()), Watched("/dir_to_remove"));
+    EXPECT_STREQ(events[0]["eventAction"].GetString(), "delete");
+    EXPECT_STREQ(events[0]["eventType"].GetString(), "Directory");
+    EXPECT_EQ(std::string(events[1]["imagePath"].GetString()), Watched("/new_dir"));
+    EXPECT_STREQ(events[1]["eventType"].GetString(), "Directory");
+    EXPECT_EQ(std::string(events[2]["imagePath"].GetString()), Watched("/to_unlink.txt"));
+    EXPECT_STREQ(events[2]["eventType"].GetString(), "File");
+}
+
+TEST_F(FimCapturedRecordsTest, ARenameIsReadAtItsDestinationAndReportedWhereItIsWatched)
+{
+    const std::string source = Watched("/rename_src.txt");
+    const std::string destination = m_dir.Write("watched/rename_dst.txt", "renamed\n");
+    const auto identities = std::map<std::string, std::string>{{"10953700", destination}};
+    for (const auto& [rule, reportedAt] : std::vector<std::pair<std::string, std::string>>{
+             {R"("ruleType":"directory","imagePath":")" + Watched() + "\"", source},
+             {R"("ruleType":"file","imagePath":")" + destination + "\"", destination}, // into the tree
+             {R"("ruleType":"file","imagePath":")" + source + "\"", source}})          // out of the tree
+    {
+        SCOPED_TRACE(rule);
+        Load(R"({"ruleId":"r",)" + rule + R"(,"trackContentChange":true,"notify":["rename"]})", true);
+        const auto documents = Handle(Events("rename", identities), 1);
+        const auto& doc = documents["events"][0];
+        EXPECT_STREQ(doc["eventAction"].GetString(), "rename");
+        EXPECT_EQ(std::string(doc["imagePath"].GetString()), reportedAt);
+        EXPECT_STREQ(doc["contentStatus"].GetString(), "READ_SUCCESSFUL");
+        EXPECT_STREQ(doc["fileContent"].GetString(), "renamed\n");
+        EXPECT_STRNE(doc["fileContentHash"].GetString(), "Unknown");
+        EXPECT_EQ(std::string(doc["operation"]["old"]["path"].GetString()), source);
+        EXPECT_EQ(std::string(doc["operation"]["new"]["path"].GetString()), destination);
+    }
+}
+
+TEST_F(FimCapturedRecordsTest, HostileNamesComeBackByteForByte)
+{
+    Load(WatchedRule("w", R"("create")"));
+    const auto documents = Handle(Events("hostile"), 4);
+    std::vector<std::string> names;
+    for (const auto& doc : documents["events"].GetArray())
+    {
+        const auto path = PathEscape::Unescape(doc["imagePath"].GetString());
+        ASSERT_TRUE(path) << doc["imagePath"].GetString();
+        names.push_back(path->substr(Watched().size()));
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"/quote\"name.txt", "/name with spaces.txt",
+                                               "/bad\xff\xfe.txt", "/new\nline.txt"}));
+    EXPECT_EQ(std::string(documents["events"][2]["imagePath"].GetString()), Watched("/bad\\xFF\\xFE.txt"));
+}
+
+} // namespace

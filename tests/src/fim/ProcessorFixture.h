@@ -59,11 +59,12 @@ protected:
     std::string Watched(const std::string& name = "") const { return m_dir.File("watched") + name; }
 
     // A directory rule over Watched() with the notify words (quoted, comma
-    // separated).
-    std::string WatchedRule(const std::string& id, const std::string& notify) const
+    // separated) and extra members.
+    std::string WatchedRule(const std::string& id, const std::string& notify,
+                            const std::string& extra = "") const
     {
         return R"({"ruleId":")" + id + R"(","ruleType":"directory","imagePath":")" + Watched() +
-               R"(","notify":[)" + notify + "]}";
+               R"(","notify":[)" + notify + "]" + (extra.empty() ? "" : "," + extra) + "}";
     }
 
     // Runs the baseline pass over the paths to its end.
@@ -111,6 +112,29 @@ protected:
         collect();
         EXPECT_EQ(events.Size(), expected);
         return all;
+    }
+
+    // The one document of the event, built now.
+    rapidjson::Document One(TestEvent event)
+    {
+        m_processor->HandleEvent(event);
+        auto documents = Documents(1);
+        rapidjson::Document document;
+        if (documents["events"].Size() == 1)
+        {
+            document.CopyFrom(documents["events"][0], document.GetAllocator());
+        }
+        return document;
+    }
+
+    static std::vector<std::string> RuleIds(const rapidjson::Value& document)
+    {
+        std::vector<std::string> ids;
+        for (const auto& id : document["associatedRules"].GetArray())
+        {
+            ids.emplace_back(id.GetString());
+        }
+        return ids;
     }
 
     std::optional<FileState> StoredState(const std::string& path)
