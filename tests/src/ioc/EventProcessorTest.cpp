@@ -1,30 +1,67 @@
-// The event processor: which events reach the engines, when an event is
-// reported, cached or dropped, the order of cached events, heuristics
-// dropping repeated runs, and failures that end only their own event.
-
 #include "ioc/EventProcessor.h"
+#include "ioc/FilteringEngine.h"
+#include "ioc/HashMatchingEngine.h"
 #include "ioc/HeuristicsEngine.h"
+#include "ioc/NetworkRule.h"
+#include "ioc/ProcessingThread.h"
 #include "ioc/TtlProcessTree.h"
 #include "tests/src/ioc/FakeProc.h"
 #include "tests/src/ioc/IocTestEvent.h"
-#include "tests/src/ioc/ScriptedEngine.h"
+#include "tests/src/ioc/IocTestJson.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include "common/Logging.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <thread>
+
 using namespace vantor;
 using namespace std::chrono_literals;
 using ioc::TtlProcessTree;
 using ioc::Verdict;
+using ioc::internal::EventProcessor;
+using ioc::internal::FilteringEngine;
+using ioc::internal::HashMatchingEngine;
+using ioc::internal::HeuristicsEngine;
+using ioc::internal::NetworkRule;
+using ioc::internal::ProcessingThread;
 using ioc::test::IocTestEvent;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace
 {
+
+// An engine that answers what the test scripts and records the ids of the
+// events it was asked about.
+class ScriptedEngine : public ioc::internal::Engine
+{
+public:
+    Verdict verdict = Verdict::Unknown;
+    std::function<void()> before;
+
+    Verdict GetVerdict(const EventPtr& event) override
+    {
+        std::lock_guard lock(m_mutex);
+        seen.push_back(event->GetEventId());
+        if (before)
+        {
+            before();
+        }
+        return verdict;
+    }
+
+    std::vector<uint32_t> seen;
+};
 
 using EventPtr = std::shared_ptr<const edr::Event>;
 
@@ -71,10 +108,7 @@ protected:
     ioc::test::FakeProc m_proc;
     std::chrono::steady_clock::time_point m_now{1h};
     TtlProcessTree m_tree{m_proc.Root(), 300s, [this] { return m_now; }};
-    ioc::test::ScriptedEngine m_filtering;
-    ioc::test::ScriptedEngine m_hash;
-    ioc::test::ScriptedEngine m_heuristics;
-    ioc::test::ScriptedEngine m_tagging;
+    ScriptedEngine m_filtering, m_hash, m_heuristics, m_tagging;
     std::unique_ptr<ioc::internal::EventProcessor> m_processor;
     std::vector<uint32_t> m_reported;
     bool m_sinkFails = false;
@@ -233,6 +267,213 @@ TEST_F(EventProcessorTest, AnExitEndsItsProcessWhichASweepRemovesAfterItsTimeToL
     EXPECT_EQ(m_sweeps, sweeps + 1);
     Process(Event(edr::EventType::Write, 20, 4));
     EXPECT_EQ(m_sweeps, sweeps + 1) << "at most one sweep a second";
+}
+
+class ProcessingThreadTest : public testing::Test
+{
+protected:
+    std::shared_ptr<const edr::Event> Event(uint32_t id)
+    {
+        auto event = ioc::test::By(4242, ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.1", 80));
+        event.id = id;
+        return std::make_shared<ioc::test::IocTestEvent>(event);
+    }
+
+    // Closes the sink's gate, starts the thread and gives it event 1, which
+    // it then holds in the sink: the queue fills behind it. Setting the
+    // answered promise opens the gate.
+    std::promise<void> HoldTheWorkerOnEvent1(ProcessingThread& thread)
+    {
+        std::promise<void> open;
+        m_gate = open.get_future().share();
+        thread.Start();
+        EXPECT_TRUE(thread.Enqueue(Event(1)));
+        EXPECT_TRUE(test::Eventually([&] { return thread.QueuedCount() == 0; }, 5s));
+        return open;
+    }
+
+    std::vector<uint32_t> Reported()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_reported;
+    }
+
+    ioc::test::FakeProc m_proc;
+    ioc::TtlProcessTree m_tree{m_proc.Root()};
+    ScriptedEngine m_filtering, m_hash, m_heuristics, m_tagging;
+    std::mutex m_mutex;
+    std::vector<uint32_t> m_reported;
+    std::vector<std::string> m_threadNames;
+    std::shared_future<void> m_gate = []
+    {
+        std::promise<void> open;
+        open.set_value();
+        return open.get_future().share();
+    }();
+    ioc::internal::EventProcessor m_processor{m_tree,
+                                              m_filtering,
+                                              m_hash,
+                                              m_heuristics,
+                                              m_tagging,
+                                              [this](const auto& event)
+                                              {
+                                                  m_gate.wait();
+                                                  char name[16] = {};
+                                                  pthread_getname_np(pthread_self(), name, sizeof name);
+                                                  std::lock_guard lock(m_mutex);
+                                                  m_reported.push_back(event->GetEventId());
+                                                  m_threadNames.emplace_back(name);
+                                              }};
+};
+
+TEST_F(ProcessingThreadTest, EventsRunInQueueOrderOnTheProcessingThread)
+{
+    ProcessingThread thread(m_processor, {});
+    thread.Start();
+    for (uint32_t id = 1; id <= 3; ++id)
+    {
+        ASSERT_TRUE(thread.Enqueue(Event(id)));
+    }
+    ASSERT_TRUE(test::Eventually([&] { return Reported().size() == 3; }, 5s));
+    EXPECT_THAT(Reported(), ElementsAre(1u, 2u, 3u));
+    std::lock_guard lock(m_mutex);
+    EXPECT_THAT(m_threadNames, testing::Each(std::string("EdrProcessingTh")));
+}
+
+TEST_F(ProcessingThreadTest, AFullQueueHoldsTheProducerBackUntilTheWorkerTakesIt)
+{
+    ProcessingThread thread(m_processor, {}, 2, 1, 30s);
+    auto open = HoldTheWorkerOnEvent1(thread);
+    ASSERT_TRUE(thread.Enqueue(Event(2)));
+    ASSERT_TRUE(thread.Enqueue(Event(3)));
+    auto held = std::async(std::launch::async, [&] { return thread.Enqueue(Event(4)); });
+    EXPECT_EQ(held.wait_for(200ms), std::future_status::timeout) << "the producer went on past a full queue";
+    open.set_value();
+    ASSERT_EQ(held.wait_for(5s), std::future_status::ready);
+    EXPECT_TRUE(held.get());
+    ASSERT_TRUE(test::Eventually([&] { return Reported().size() == 4; }, 5s));
+    EXPECT_THAT(Reported(), ElementsAre(1u, 2u, 3u, 4u));
+    EXPECT_EQ(thread.DroppedCount(), 0u);
+}
+
+TEST_F(ProcessingThreadTest, AQueueThatStaysFullDropsAndCountsAndLogsOncePerEpisode)
+{
+    test::LogCapture log(common::Logging::Edr());
+    ProcessingThread thread(m_processor, {}, 4, 2, 20ms);
+    auto open = HoldTheWorkerOnEvent1(thread);
+    for (uint32_t id = 2; id <= 9; ++id)
+    {
+        EXPECT_EQ(thread.Enqueue(Event(id)), id <= 5) << id;
+    }
+    EXPECT_EQ(thread.DroppedCount(), 4u);
+    EXPECT_EQ(log.Count("IOC processing queue is full"), 1u);
+
+    open.set_value();
+    ASSERT_TRUE(test::Eventually([&] { return Reported().size() == 5; }, 5s));
+    EXPECT_THAT(Reported(), ElementsAre(1u, 2u, 3u, 4u, 5u));
+    EXPECT_TRUE(test::Eventually([&] { return log.Contains("4 dropped while it was full"); }, 5s));
+    EXPECT_TRUE(thread.Enqueue(Event(10)));
+}
+
+TEST_F(ProcessingThreadTest, StopProcessesWhatIsQueuedBeforeTheLastPass)
+{
+    std::vector<std::string> passes;
+    ProcessingThread thread(
+        m_processor,
+        [&](bool stopping)
+        {
+            std::lock_guard lock(m_mutex);
+            passes.push_back(stopping ? "last pass after " + std::to_string(m_reported.size()) : "pass");
+        });
+    auto open = HoldTheWorkerOnEvent1(thread);
+    ASSERT_TRUE(thread.Enqueue(Event(2)));
+    ASSERT_TRUE(thread.Enqueue(Event(3)));
+    auto stopped = std::async(std::launch::async, [&] { thread.Stop(); });
+    open.set_value();
+    stopped.get();
+    EXPECT_THAT(Reported(), ElementsAre(1u, 2u, 3u));
+    std::lock_guard lock(m_mutex);
+    ASSERT_FALSE(passes.empty());
+    EXPECT_EQ(passes.back(), "last pass after 3");
+}
+
+// Meant for the sanitizer builds, which see the races a plain build hides.
+TEST(VerdictChainConcurrencyTest, EnginesAreReconfiguredWhileEventsAreProcessed)
+{
+    test::TempDir dir;
+    const std::string tool = dir.Write("tool", "#!/bin/sh\n");
+    ioc::test::FakeProc proc;
+    ioc::TtlProcessTree tree(proc.Root());
+    FilteringEngine filtering(tree);
+    HashMatchingEngine hashMatching(tree);
+    HeuristicsEngine heuristics(tree, true);
+    ScriptedEngine tagging;
+    std::atomic<uint64_t> reported{0};
+    EventProcessor processor(tree, filtering, hashMatching, heuristics, tagging,
+                             [&](const auto&) { ++reported; });
+
+    const auto connects =
+        std::make_shared<const FilteringEngine::Rules>(FilteringEngine::Rules{std::make_shared<NetworkRule>(
+            ioc::test::Json(R"({"ruleId": "c", "ruleType": "Network", "notify": ["establish"]})"))});
+    const auto none = std::make_shared<const FilteringEngine::Rules>();
+    std::atomic<bool> done{false};
+    std::atomic<int> updates{0};
+    std::thread updater(
+        [&]
+        {
+            for (int i = 0; !done; ++i, ++updates)
+            {
+                filtering.SetRules(i % 2 == 0 ? connects : none);
+                hashMatching.Reset(i % 2 == 0 ? std::vector<std::string>{tool} : std::vector<std::string>{},
+                                   1024);
+                heuristics.Reconfigure(i % 3 != 0);
+            }
+        });
+
+    while (updates.load() == 0)
+    {
+        std::this_thread::yield();
+    }
+    constexpr pid_t kProcesses = 50;
+    for (uint32_t id = 1; id <= 3000 || updates.load() < 100; ++id)
+    {
+        const pid_t pid = 100 + static_cast<pid_t>(id % kProcesses);
+        IocTestEvent event;
+        if (id <= kProcesses)
+        {
+            event = ioc::test::ProcessEvent(edr::EventType::Running, tool);
+            event.ppid = 100;
+        }
+        else if (id % 2 == 0)
+        {
+            event =
+                ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.1", static_cast<uint16_t>(id % 7));
+        }
+        else
+        {
+            event = ioc::test::FileEvent(edr::EventType::Write, tool);
+        }
+        event.pid = pid;
+        event.id = id;
+        processor.Process(std::make_shared<IocTestEvent>(event));
+    }
+    done = true;
+    updater.join();
+    EXPECT_EQ(tree.Size(), static_cast<size_t>(kProcesses));
+
+    // The last configuration holds for the next events: a connection of a
+    // process the chain has not seen is reported.
+    filtering.SetRules(connects);
+    hashMatching.Reset({}, 1024);
+    heuristics.Reconfigure(false);
+    const uint64_t before = reported.load();
+    auto start = ioc::test::RunningEvent(999, 1, tool);
+    start.id = 1;
+    processor.Process(std::make_shared<IocTestEvent>(start));
+    auto connect = ioc::test::By(999, ioc::test::NetworkEvent(edr::EventType::Connect, "10.0.0.1", 1));
+    connect.id = 2;
+    processor.Process(std::make_shared<IocTestEvent>(connect));
+    EXPECT_EQ(reported.load() - before, 1u);
 }
 
 } // namespace
