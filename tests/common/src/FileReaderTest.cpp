@@ -208,13 +208,19 @@ TEST(DigestTest, FileDigestSpansReadBuffersOrFailsWithTheReason)
     EXPECT_EQ(Digest::HexOfFile(Algorithm::Sha256, dir.Write("empty", ""), 0), kSha256Empty);
 
     // A file that cannot be hashed fails with the reason and its name.
-    for (const auto& [file, limit, stage] :
-         {std::tuple{dir.File("missing"), std::size_t{100}, Stage::Open},
-          std::tuple{dir.Write("f", "abc"), std::size_t{2}, Stage::TooLarge}})
+    struct Case
     {
-        const auto failure = Failure([&] { Digest::HexOfFile(Algorithm::Sha256, file, limit); });
-        EXPECT_EQ(failure.GetStage(), stage) << file;
-        EXPECT_NE(std::string(failure.what()).find(file), std::string::npos) << failure.what();
+        std::string file;
+        std::size_t limit;
+        Stage stage;
+    };
+    for (const Case& unhashable :
+         {Case{dir.File("missing"), 100, Stage::Open}, Case{dir.Write("f", "abc"), 2, Stage::TooLarge}})
+    {
+        const auto failure =
+            Failure([&] { Digest::HexOfFile(Algorithm::Sha256, unhashable.file, unhashable.limit); });
+        EXPECT_EQ(failure.GetStage(), unhashable.stage) << unhashable.file;
+        EXPECT_NE(std::string(failure.what()).find(unhashable.file), std::string::npos) << failure.what();
     }
     EXPECT_THROW(Digest::HexOfFile(Algorithm::Sha256, dir.Path(), 100), std::runtime_error);
 }
