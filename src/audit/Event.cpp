@@ -61,6 +61,11 @@ std::string Event::GetCommandLine() const
     return m_actor ? m_actor->GetCommandLine() : edr::Event::GetCommandLine();
 }
 
+std::optional<edr::ProcessStat> Event::GetActorProcessStat() const
+{
+    return m_hasActorStat ? m_actorStat : edr::Event::GetActorProcessStat();
+}
+
 bool Event::IsElevated() const
 {
     throw edr::EventException("IsElevated is not implemented");

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,16 @@ public:
     void SetActorProcess(ProcessPtr process) { m_actor = std::move(process); }
     const ProcessPtr& GetActorProcess() const { return m_actor; }
 
+    // The acting process's /proc stat as the process tree read it when it
+    // recorded this event's process start (nothing: the process had gone).
+    void SetActorProcessStat(std::optional<edr::ProcessStat> stat)
+    {
+        m_actorStat = stat;
+        m_hasActorStat = true;
+    }
+    bool HasActorProcessStat() const override { return m_hasActorStat; }
+    std::optional<edr::ProcessStat> GetActorProcessStat() const override;
+
     // Whether the acting process ran with more rights than its user.
     virtual bool IsElevated() const;
 
@@ -62,6 +73,8 @@ private:
     mutable std::string m_userName;
     mutable std::string m_loginName;
     ProcessPtr m_actor;
+    bool m_hasActorStat = false;
+    std::optional<edr::ProcessStat> m_actorStat;
 };
 
 } // namespace vantor::audit::internal

@@ -95,39 +95,7 @@ std::optional<ProcFs::Stat> ProcFs::ReadStat(pid_t pid) const
     {
         return std::nullopt;
     }
-    // The command name may hold blanks and parentheses: fields start after
-    // the last ')'.
-    const size_t close = text.rfind(')');
-    if (close == std::string::npos)
-    {
-        return std::nullopt;
-    }
-    std::string_view rest = std::string_view(text).substr(close + 1);
-    Stat stat;
-    // Fields after the name: 3 state, 4 ppid, ... 22 starttime.
-    for (int field = 3; field <= 22; ++field)
-    {
-        while (!rest.empty() && rest.front() == ' ')
-        {
-            rest.remove_prefix(1);
-        }
-        if (rest.empty())
-        {
-            return std::nullopt;
-        }
-        const size_t end = std::min(rest.find(' '), rest.size());
-        const std::string_view token = rest.substr(0, end);
-        if (field == 4 && !ParseNumber(token, stat.parentPid))
-        {
-            return std::nullopt;
-        }
-        if (field == 22 && !ParseNumber(token, stat.startTicks))
-        {
-            return std::nullopt;
-        }
-        rest.remove_prefix(end);
-    }
-    return stat;
+    return edr::ProcessStat::Parse(text);
 }
 
 std::optional<ProcFs::Status> ProcFs::ReadStatus(pid_t pid) const

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "edr/ProcessStat.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -26,11 +28,7 @@ public:
         uint32_t euid = 0;
     };
 
-    struct Stat
-    {
-        pid_t parentPid = 0;
-        uint64_t startTicks = 0; // clock ticks after boot
-    };
+    using Stat = edr::ProcessStat;
 
     // Reads the boot time ("btime" of <root>/stat); throws std::runtime_error
     // when it cannot.

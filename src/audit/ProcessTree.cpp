@@ -279,9 +279,15 @@ ProcessTree::Entry* ProcessTree::CreateFromCloneCache(pid_t pid)
 
 ProcessInfo::TimePoint ProcessTree::CreationTimeOf(pid_t pid, const edr::Event& event) const
 {
+    return CreationTimeOf(m_procFs.ReadStat(pid), event);
+}
+
+ProcessInfo::TimePoint ProcessTree::CreationTimeOf(const std::optional<ProcFs::Stat>& stat,
+                                                   const edr::Event& event) const
+{
     // The fork time that /proc reports is what later checks compare with; a
     // process already gone keeps the event's time.
-    if (const auto stat = m_procFs.ReadStat(pid))
+    if (stat)
     {
         return m_procFs.CreationTime(stat->startTicks);
     }
@@ -312,7 +318,7 @@ ProcessTree::Entry* ProcessTree::FindLive(pid_t pid)
     return it != m_processes.end() && !it->second.terminated ? &it->second : nullptr;
 }
 
-void ProcessTree::AddRunning(const edr::Event& event)
+void ProcessTree::AddRunning(edr::Event& event)
 {
     const pid_t pid = event.GetActorProcessId();
     if (pid <= 0)
@@ -324,7 +330,13 @@ void ProcessTree::AddRunning(const edr::Event& event)
         const Entry* existing = FindLive(pid);
         // execve keeps the process: an entry of the same process keeps its
         // creation time; one of a reused pid does not.
-        auto creation = CreationTimeOf(pid, event);
+        const auto stat = m_procFs.ReadStat(pid);
+        if (auto* auditEvent = dynamic_cast<internal::Event*>(&event))
+        {
+            // IOC needs the same reading; it is not read twice.
+            auditEvent->SetActorProcessStat(stat);
+        }
+        auto creation = CreationTimeOf(stat, event);
         const bool announced =
             existing != nullptr && existing->announced && existing->info->GetCreationTime() == creation;
         Entry* entry = Insert(std::make_shared<const ProcessInfo>(event, creation));

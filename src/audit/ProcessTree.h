@@ -133,10 +133,12 @@ private:
     const ProcessInfo* ParentInLineage(const ProcessInfo& child);
     bool WalkLineage(const ProcessInfo& process, const Match& match);
     std::optional<bool> ActorLineageMatches(const edr::Event& event, const Match& match);
-    void AddRunning(const edr::Event& event);
+    void AddRunning(edr::Event& event);
     void CacheClone(std::unique_ptr<edr::Event> clone, pid_t child);
     void AnnounceContainer(Entry& entry, Events& pseudoEvents);
     ProcessInfo::TimePoint CreationTimeOf(pid_t pid, const edr::Event& event) const;
+    ProcessInfo::TimePoint CreationTimeOf(const std::optional<ProcFs::Stat>& stat,
+                                          const edr::Event& event) const;
 
     ProcFs m_procFs;
     PseudoEventFactory m_makeRunningEvent;

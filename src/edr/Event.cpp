@@ -198,4 +198,9 @@ void Event::UpdateActorProcessId(pid_t)
     throw EventException("UpdateActorProcessId is not implemented");
 }
 
+std::optional<ProcessStat> Event::GetActorProcessStat() const
+{
+    throw EventException("GetActorProcessStat is not implemented");
+}
+
 } // namespace vantor::edr

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "edr/EventException.h"
+#include "edr/ProcessStat.h"
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -133,6 +135,13 @@ public:
     // would throw; hot paths skip them without an exception. True means only
     // "ask the getters".
     virtual bool HasFileStat() const { return true; }
+    // Whether capture read the acting process's /proc stat for this event
+    // (it does when it records a process start); false by default.
+    virtual bool HasActorProcessStat() const { return false; }
+    // That reading: nothing when the process had already gone. Throws
+    // "GetActorProcessStat is not implemented" where HasActorProcessStat is
+    // false.
+    virtual std::optional<ProcessStat> GetActorProcessStat() const;
 };
 
 } // namespace vantor::edr

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <climits>
 #include <set>
@@ -100,32 +99,11 @@ std::optional<ProcReader::Stat> ProcReader::ReadStat(pid_t pid) const
     {
         return std::nullopt;
     }
-    // The command name may hold spaces and parentheses: the fields start
-    // after the last ')'. Only the first 20 of them are needed.
-    const auto close = text.rfind(')');
-    std::array<std::string_view, 20> fields;
-    size_t count = 0;
-    if (close != std::string::npos)
-    {
-        const std::string_view rest = std::string_view(text).substr(close + 1);
-        for (size_t at = rest.find_first_not_of(" \n"); at != std::string_view::npos && count < fields.size();
-             at = rest.find_first_not_of(" \n", at))
-        {
-            const size_t end = std::min(rest.find_first_of(" \n", at), rest.size());
-            fields[count++] = rest.substr(at, end - at);
-            at = end;
-        }
-    }
-    Stat stat;
-    // fields[0] is the third field of the file (state); the start time is
-    // the 22nd.
-    if (count < fields.size() || fields[0].size() != 1 || !ParseNumber(fields[1], stat.parentPid) ||
-        !ParseNumber(fields[15], stat.priority) || !ParseNumber(fields[19], stat.startTicks))
+    auto stat = Stat::Parse(text);
+    if (!stat)
     {
         EDR_LOG_ERROR("Failed to parse startTime: malformed " << PidPath(pid, "stat"));
-        return std::nullopt;
     }
-    stat.state = fields[0][0];
     return stat;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "edr/ProcessStat.h"
+
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -21,13 +23,7 @@ namespace vantor::ioc::internal
 class ProcReader
 {
 public:
-    struct Stat
-    {
-        char state = '?';
-        pid_t parentPid = 0;
-        int64_t priority = 0;
-        uint64_t startTicks = 0; // clock ticks after boot
-    };
+    using Stat = edr::ProcessStat;
     struct Ids
     {
         int64_t uid = 0;

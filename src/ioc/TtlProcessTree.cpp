@@ -69,8 +69,9 @@ void TtlProcessTree::AddOrUpdate(const edr::Event& event)
     {
         throw TtlProcessTreeException(std::to_string(pid) + " cannot be added as actor process information");
     }
-    // One read of the process's stat gives the start time and the rest.
-    const auto stat = m_proc.ReadStat(pid);
+    // One read of the process's stat gives the start time and the rest;
+    // capture's reading for this event stands when it made one.
+    const auto stat = event.HasActorProcessStat() ? event.GetActorProcessStat() : m_proc.ReadStat(pid);
     const auto startTime = stat ? m_proc.StartTimeOf(*stat) : std::nullopt;
     auto process =
         ProcessInfo::FromEvent(event, startTime ? *startTime : static_cast<int64_t>(event.GetTimestamp()));

@@ -1,6 +1,7 @@
 #include "tests/src/audit/AuditFixture.h"
 #include "tests/src/audit/FakeProc.h"
 #include "tests/src/audit/TestEvent.h"
+#include "tests/support/ExpectThrowText.h"
 #include "tests/support/LogCapture.h"
 
 #include "audit/ProcessTree.h"
@@ -240,6 +241,36 @@ TEST_F(ProcessTreeTest, ExecveReplacesTheEntryAndProcessStartLooksUpTheParent)
     const auto lineage = m_tree.GetAncestors(701);
     ASSERT_EQ(lineage.size(), 2U);
     EXPECT_EQ(lineage[1]->GetPid(), 700);
+}
+
+TEST_F(ProcessTreeTest, AProcessStartCarriesTheProcStatTheTreeReadForIt)
+{
+    // execve.log: 5250 forks 5251, which runs a script.
+    auto events = test::BuildEvents(test::AuditFixture("execve"));
+    ASSERT_EQ(events.size(), 4U);
+    ASSERT_EQ(events[1]->GetType(), EventType::Running);
+    auto again = events[1]->Clone();
+    m_proc.AddProcess(5251, 5250, "/usr/bin/dash", 20);
+
+    Apply(m_tree, events[1]);
+    ASSERT_TRUE(events[1]->HasActorProcessStat());
+    const auto stat = events[1]->GetActorProcessStat();
+    ASSERT_TRUE(stat);
+    EXPECT_EQ(stat->startTicks, 20U);
+    EXPECT_EQ(stat->parentPid, 5250);
+    EXPECT_EQ(stat->state, 'S');
+    EXPECT_EQ(events[1]->Clone()->GetActorProcessStat(), stat) << "a copy keeps the reading";
+
+    Apply(m_tree, events[3]);
+    EXPECT_FALSE(events[3]->HasActorProcessStat()) << "only a process start is read for";
+    test::ExpectThrowText<edr::EventException>([&] { events[3]->GetActorProcessStat(); },
+                                               "GetActorProcessStat is not implemented");
+
+    // Gone before the tree read it: read, and nothing found.
+    m_proc.RemoveProcess(5251);
+    Apply(m_tree, again);
+    EXPECT_TRUE(again->HasActorProcessStat());
+    EXPECT_FALSE(again->GetActorProcessStat());
 }
 
 TEST_F(ProcessTreeTest, TheUpdateAnswersTheActorsLineageUnderItsOwnLock)

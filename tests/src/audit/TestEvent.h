@@ -3,6 +3,7 @@
 #include "edr/Event.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,8 @@ public:
     std::string file = "/watched/file";
     std::string newFile;
     int refreshed = 0;
+    // Set: the capture's reading of the actor's /proc stat (nothing: gone).
+    std::optional<std::optional<edr::ProcessStat>> actorStat;
 
     std::unique_ptr<Event> Clone() const override { return std::make_unique<TestEvent>(*this); }
     edr::EventType GetType() const override { return type; }
@@ -44,6 +47,11 @@ public:
     bool IsSuccessful() const override { return successful; }
     void Refresh() override { ++refreshed; }
     void UpdateActorProcessId(pid_t newPid) override { pid = newPid; }
+    bool HasActorProcessStat() const override { return actorStat.has_value(); }
+    std::optional<edr::ProcessStat> GetActorProcessStat() const override
+    {
+        return actorStat ? *actorStat : Event::GetActorProcessStat();
+    }
 };
 
 inline std::unique_ptr<TestEvent> MakeEvent(edr::EventType type, pid_t pid, uint32_t id = 1)

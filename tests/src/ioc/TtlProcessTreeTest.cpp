@@ -96,6 +96,27 @@ TEST_F(TtlProcessTreeTest, ARunningEventAddsTheProcessWithItsParentLinkEvenBefor
     EXPECT_EQ(m_tree.Size(), 3u);
 }
 
+TEST_F(TtlProcessTreeTest, TheCapturesReadingOfTheStatStandsWithoutASecondRead)
+{
+    // /proc says otherwise: what capture read for the event wins.
+    m_proc.Run(20, 1, 500);
+    m_proc.Run(30, 1, 600);
+    auto read = Running(20, 1, "/usr/bin/tool");
+    read->actorStat = edr::ProcessStat{'R', 1, 5, 700};
+    m_tree.AddOrUpdate(*read);
+    const auto running = m_tree.GetProcessInfo(20);
+    EXPECT_EQ(running.creationTime, m_proc.StartTime(700));
+    EXPECT_EQ(running.priority, 5);
+    EXPECT_EQ(running.state, ProcessInfo::State::Running);
+
+    // Gone when capture looked: the event's time, not a later /proc answer.
+    auto gone = Running(30, 1, "/usr/bin/tool");
+    gone->actorStat = std::optional<edr::ProcessStat>{};
+    gone->timestamp = 123456;
+    m_tree.AddOrUpdate(*gone);
+    EXPECT_EQ(m_tree.GetProcessInfo(30).creationTime, 123456);
+}
+
 TEST_F(TtlProcessTreeTest, AnExecKeepsTagsAndAChangedParentMovesTheChild)
 {
     Start(10, 1, 400);
