@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -114,7 +113,22 @@ public:
         return true;
     }
 
-    static bool Is(const char* name, const char* wanted) { return std::strcmp(name, wanted) == 0; }
+    // Inline, char by char up to the literal's NUL: every field of every
+    // record is matched against a few names, and a call to strcmp costs more
+    // than the comparison. A shorter name differs at its own NUL, so nothing
+    // past it is read.
+    template <size_t N>
+    static bool Is(const char* name, const char (&wanted)[N])
+    {
+        for (size_t i = 0; i < N; ++i)
+        {
+            if (name[i] != wanted[i])
+            {
+                return false;
+            }
+        }
+        return true;
+    }
 
     // The value of one hex digit; -1 for any other character.
     static int HexDigit(char c)
