@@ -1,5 +1,6 @@
 #include "edr/ProcessStat.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 
