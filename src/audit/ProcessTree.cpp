@@ -2,6 +2,7 @@
 
 #include "audit/AuditTables.h"
 #include "audit/CloneEvent.h"
+#include "audit/Event.h"
 #include "common/Logging.h"
 
 #include <unordered_set>
@@ -45,6 +46,9 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
                                   Events* released)
 {
     const edr::EventType type = event->GetType();
+    // Cast once: every step below reads or sets what only capture's events
+    // carry (null for any other event).
+    internal::Event* const auditEvent = dynamic_cast<internal::Event*>(event.get());
     std::lock_guard lock(m_mutex);
     // Other callers (lineage walks of other threads) must not see it.
     struct Unset
@@ -57,7 +61,7 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
     {
         if (lineageMatch != nullptr && lineageMatched != nullptr)
         {
-            *lineageMatched = ActorLineageMatches(*event, *lineageMatch);
+            *lineageMatched = ActorLineageMatches(*event, auditEvent, *lineageMatch);
         }
         return true;
     };
@@ -73,20 +77,20 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
         if (child > 0)
         {
             // The caller's entry gives the child its arguments.
-            AttachActor(*event, event->GetActorProcessId());
+            AttachActor(auditEvent, event->GetActorProcessId());
             CacheClone(std::move(event), child);
         }
         return false;
     }
     if (type == edr::EventType::AbnormalEnd)
     {
-        AttachActor(*event, event->GetActorProcessId());
+        AttachActor(auditEvent, event->GetActorProcessId());
         return answerLineage();
     }
     if (type == edr::EventType::Exit)
     {
         const pid_t pid = event->GetActorProcessId();
-        AttachActor(*event, pid);
+        AttachActor(auditEvent, pid);
         if (const auto it = m_processes.find(pid); it != m_processes.end())
         {
             it->second.terminated = true;
@@ -106,20 +110,20 @@ bool ProcessTree::UpdateFromEvent(std::unique_ptr<edr::Event>& event, Events& ps
     }
     if (type == edr::EventType::Running)
     {
-        AddRunning(*event);
+        AddRunning(*event, auditEvent);
     }
     // A process start's own process is the one it made; any other event's
     // is the actor found above (its pid may have been rewritten from a
     // thread id).
-    AttachActor(*event, event->GetActorProcessId());
+    AttachActor(auditEvent, event->GetActorProcessId());
     return answerLineage();
 }
 
-std::optional<bool> ProcessTree::ActorLineageMatches(const edr::Event& event, const Match& match)
+std::optional<bool> ProcessTree::ActorLineageMatches(const edr::Event& event,
+                                                     const internal::Event* auditEvent, const Match& match)
 {
     // The actor the tree named for this event; for an exit it is already
     // marked terminated in the tree.
-    const auto* auditEvent = dynamic_cast<const internal::Event*>(&event);
     if (const internal::Event::ProcessPtr actor =
             auditEvent != nullptr ? auditEvent->GetActorProcess() : nullptr)
     {
@@ -138,9 +142,8 @@ std::optional<bool> ProcessTree::ActorLineageMatches(const edr::Event& event, co
     return entry != nullptr && WalkLineage(*entry->info, match);
 }
 
-void ProcessTree::AttachActor(edr::Event& event, pid_t pid)
+void ProcessTree::AttachActor(internal::Event* auditEvent, pid_t pid)
 {
-    auto* auditEvent = dynamic_cast<internal::Event*>(&event);
     if (auditEvent == nullptr || pid <= 0)
     {
         return;
@@ -318,7 +321,7 @@ ProcessTree::Entry* ProcessTree::FindLive(pid_t pid)
     return it != m_processes.end() && !it->second.terminated ? &it->second : nullptr;
 }
 
-void ProcessTree::AddRunning(edr::Event& event)
+void ProcessTree::AddRunning(const edr::Event& event, internal::Event* auditEvent)
 {
     const pid_t pid = event.GetActorProcessId();
     if (pid <= 0)
@@ -331,7 +334,7 @@ void ProcessTree::AddRunning(edr::Event& event)
         // execve keeps the process: an entry of the same process keeps its
         // creation time; one of a reused pid does not.
         const auto stat = m_procFs.ReadStat(pid);
-        if (auto* auditEvent = dynamic_cast<internal::Event*>(&event))
+        if (auditEvent != nullptr)
         {
             // IOC needs the same reading; it is not read twice.
             auditEvent->SetActorProcessStat(stat);

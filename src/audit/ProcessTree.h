@@ -15,6 +15,11 @@
 #include <unordered_set>
 #include <vector>
 
+namespace vantor::audit::internal
+{
+class Event;
+}
+
 namespace vantor::audit
 {
 
@@ -129,11 +134,13 @@ private:
     Entry* CreateFromCloneCache(pid_t pid);
     Entry* Insert(ProcessPtr info);
     Entry* FindLive(pid_t pid);
-    void AttachActor(edr::Event& event, pid_t pid);
+    // auditEvent: the event as capture's class, null for any other event.
+    void AttachActor(internal::Event* auditEvent, pid_t pid);
     const ProcessInfo* ParentInLineage(const ProcessInfo& child);
     bool WalkLineage(const ProcessInfo& process, const Match& match);
-    std::optional<bool> ActorLineageMatches(const edr::Event& event, const Match& match);
-    void AddRunning(edr::Event& event);
+    std::optional<bool> ActorLineageMatches(const edr::Event& event, const internal::Event* auditEvent,
+                                            const Match& match);
+    void AddRunning(const edr::Event& event, internal::Event* auditEvent);
     void CacheClone(std::unique_ptr<edr::Event> clone, pid_t child);
     void AnnounceContainer(Entry& entry, Events& pseudoEvents);
     ProcessInfo::TimePoint CreationTimeOf(pid_t pid, const edr::Event& event) const;
