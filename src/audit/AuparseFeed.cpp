@@ -278,6 +278,17 @@ void AuparseFeed::OnEventReady(auparse_state_t* state, auparse_cb_event_t type, 
     }
 }
 
+bool AuparseFeed::IsFailedCall(auparse_state_t* state)
+{
+    if (::auparse_first_record(state) <= 0 || ::auparse_get_type(state) != AUDIT_SYSCALL ||
+        ::auparse_find_field(state, "success") == nullptr)
+    {
+        return false;
+    }
+    const char* success = ::auparse_get_field_str(state);
+    return success != nullptr && std::strcmp(success, "no") == 0;
+}
+
 void AuparseFeed::OnEvent(auparse_state_t* state)
 {
     if (::auparse_first_record(state) <= 0)
@@ -333,7 +344,10 @@ void AuparseFeed::OnEvent(auparse_state_t* state)
     catch (const std::exception& e)
     {
         EDR_LOG_DEBUG("Dropping audit event with ID: " << serial << ": " << e.what());
-        m_tally.malformedEvents.fetch_add(1, std::memory_order_relaxed);
+        // A call that failed often lacks what its class needs (a failed
+        // execve names no file): that is the host at work, not bad input.
+        (IsFailedCall(state) ? m_tally.failedCalls : m_tally.malformedEvents)
+            .fetch_add(1, std::memory_order_relaxed);
         m_scratch.clear();
         return;
     }

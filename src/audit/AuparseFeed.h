@@ -47,6 +47,7 @@ public:
         std::atomic<uint64_t> unsupportedSyscalls{0};
         std::atomic<uint64_t> otherRecords{0};
         std::atomic<uint64_t> malformedEvents{0};
+        std::atomic<uint64_t> failedCalls{0};
         std::atomic<uint64_t> overlongLines{0};
     };
 
@@ -91,6 +92,8 @@ public:
 private:
     static void OnEventReady(auparse_state_t* state, auparse_cb_event_t type, void* self);
     void OnEvent(auparse_state_t* state);
+    // Whether the state's current event is a system call that failed.
+    static bool IsFailedCall(auparse_state_t* state);
     void FeedRaw(const char* data, size_t size);
     // Feeds complete lines (end must follow a line end).
     void FeedLines(const char* begin, const char* end);

@@ -17,10 +17,12 @@ struct CaptureCounters
     uint64_t queueDroppedBytes = 0;
     uint64_t discardedBytesAtStop = 0;
     // Intake: events of system calls without an event class, events of
-    // other record types, events their class refused, over-long lines cut
-    // out of the text, buffers that libauparse failed on.
+    // other record types, events their class refused (of failed calls,
+    // and of the others), over-long lines cut out of the text, buffers that
+    // libauparse failed on.
     uint64_t unsupportedSyscalls = 0;
     uint64_t otherRecords = 0;
+    uint64_t failedCalls = 0;
     uint64_t malformedEvents = 0;
     uint64_t overlongLines = 0;
     uint64_t feedErrors = 0;

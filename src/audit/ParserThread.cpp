@@ -180,6 +180,7 @@ void ParserThread::AddCounters(CaptureCounters& counters) const
     counters.unsupportedSyscalls += read(m_feedTally.unsupportedSyscalls);
     counters.otherRecords += read(m_feedTally.otherRecords);
     counters.malformedEvents += read(m_feedTally.malformedEvents);
+    counters.failedCalls += read(m_feedTally.failedCalls);
     counters.overlongLines += read(m_feedTally.overlongLines);
     counters.parserCpuPauses += read(m_cpuPauses);
     counters.parserPausedMs += read(m_pausedMs);

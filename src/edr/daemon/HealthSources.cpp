@@ -95,13 +95,16 @@ HealthSources::Sources HealthSources::Capture(const audit::CapturePipeline& capt
                                               {},
                                               {}};
                            }));
-    sources.push_back(
-        Make(AHSContext::kIntake, AHSStatusCode::kIntakeUnsupported, AHSState::Ok,
-             [pipeline]() -> std::optional<Reading>
-             {
-                 const auto c = pipeline->GetCounters();
-                 return Reading{{{"syscalls", c.unsupportedSyscalls}, {"records", c.otherRecords}}, {}, {}};
-             }));
+    sources.push_back(Make(AHSContext::kIntake, AHSStatusCode::kIntakeUnsupported, AHSState::Ok,
+                           [pipeline]() -> std::optional<Reading>
+                           {
+                               const auto c = pipeline->GetCounters();
+                               return Reading{{{"syscalls", c.unsupportedSyscalls},
+                                               {"records", c.otherRecords},
+                                               {"failedCalls", c.failedCalls}},
+                                              {},
+                                              {}};
+                           }));
     sources.push_back(Make(AHSContext::kIntake, AHSStatusCode::kIntakeMalformed, AHSState::Degraded,
                            [pipeline]() -> std::optional<Reading>
                            {

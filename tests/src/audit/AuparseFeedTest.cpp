@@ -134,13 +134,16 @@ TEST_F(AuparseFeedTest, AbendEofOnlyOtherTypesAndRejectedEvents)
     const std::string notANumber = SyscallEvent(11, 0);
 
     builder.RejectSerial(12);
+    builder.RejectSerial(14);
+    std::string failedCall = SyscallEvent(14, 59);
+    failedCall.replace(failedCall.find("success=yes exit=0"), 18, "success=no exit=-2");
     test::LogCapture log(common::Logging::Edr());
     test::LogCapture events(common::Logging::Events());
     std::string garbledSyscall = notANumber;
     garbledSyscall.replace(garbledSyscall.find("syscall=0"), 9, "syscall=0x");
     AuparseFeed::Tally tally;
     const auto built = FeedAll(abend + eoeOnly + user + negative + garbledSyscall + SyscallEvent(12, 87) +
-                                   SyscallEvent(13, 87),
+                                   SyscallEvent(13, 87) + failedCall,
                                builder, &tally);
 
     ASSERT_EQ(built.size(), 2u);
@@ -159,6 +162,10 @@ TEST_F(AuparseFeedTest, AbendEofOnlyOtherTypesAndRejectedEvents)
     EXPECT_EQ(tally.otherRecords.load(), 1u);
     EXPECT_EQ(tally.unsupportedSyscalls.load(), 2u);
     EXPECT_EQ(tally.malformedEvents.load(), 1u);
+    // A refused event of a failed call (an execve of a file that is not
+    // there names none) is no sign of bad input.
+    EXPECT_TRUE(log.Contains("Dropping audit event with ID: 14: Rejected by the test builder"));
+    EXPECT_EQ(tally.failedCalls.load(), 1u);
 }
 
 TEST_F(AuparseFeedTest, RecordsSplitAnywhereStillAssemble)
