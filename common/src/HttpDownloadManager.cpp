@@ -4,8 +4,8 @@
 #include "common/MutableHttpRequest.h"
 #include "common/OnDiskHttpResponse.h"
 #include "common/util/HttpClient.h"
+#include "common/util/WholeNumber.h"
 
-#include <charconv>
 #include <filesystem>
 #include <stdexcept>
 
@@ -13,12 +13,6 @@ namespace vantor::common
 {
 namespace
 {
-
-bool ParseNumber(std::string_view text, uint64_t& value)
-{
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return !text.empty() && ec == std::errc() && end == text.data() + text.size();
-}
 
 } // namespace
 
@@ -48,9 +42,9 @@ HttpDownloadManager::ParseContentRange(std::string_view value)
         return std::nullopt;
     }
     ContentRange range;
-    if (!ParseNumber(value.substr(0, dash), range.first) ||
-        !ParseNumber(value.substr(dash + 1, slash - dash - 1), range.last) ||
-        !ParseNumber(value.substr(slash + 1), range.total) || range.first > range.last ||
+    if (!util::ParseWholeNumber(value.substr(0, dash), range.first) ||
+        !util::ParseWholeNumber(value.substr(dash + 1, slash - dash - 1), range.last) ||
+        !util::ParseWholeNumber(value.substr(slash + 1), range.total) || range.first > range.last ||
         range.last >= range.total)
     {
         return std::nullopt;

@@ -1,9 +1,10 @@
 #pragma once
 
+#include "common/util/WholeNumber.h"
+
 #include <auparse.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -31,12 +32,7 @@ public:
     static std::optional<T> Number(std::string_view text, int base = 10)
     {
         T value{};
-        const auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-        if (ec != std::errc() || ptr != text.data() + text.size())
-        {
-            return std::nullopt;
-        }
-        return value;
+        return util::ParseWholeNumber(text, value, base) ? std::optional<T>(value) : std::nullopt;
     }
 
     static std::string_view Raw(auparse_state_t* au)

@@ -2,8 +2,8 @@
 
 #include "common/Logging.h"
 #include "common/util/Json.h"
+#include "common/util/WholeNumber.h"
 
-#include <charconv>
 #include <ctime>
 #include <optional>
 #include <string_view>
@@ -27,12 +27,7 @@ int64_t FloorDiv(int64_t value, int64_t divisor)
 std::optional<int> TwoDigits(std::string_view text)
 {
     int value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.size() != 2 || ec != std::errc() || end != text.data() + text.size())
-    {
-        return std::nullopt;
-    }
-    return value;
+    return text.size() == 2 && util::ParseWholeNumber(text, value) ? std::optional<int>(value) : std::nullopt;
 }
 
 // "HH:MM" as minutes after midnight.

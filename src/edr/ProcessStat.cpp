@@ -1,23 +1,12 @@
 #include "edr/ProcessStat.h"
 
+#include "common/util/WholeNumber.h"
+
 #include <algorithm>
 #include <array>
-#include <charconv>
 
 namespace vantor::edr
 {
-
-namespace
-{
-
-template <typename T>
-bool ParseNumber(std::string_view text, T& value)
-{
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return ec == std::errc() && end == text.data() + text.size();
-}
-
-} // namespace
 
 std::optional<ProcessStat> ProcessStat::Parse(std::string_view text)
 {
@@ -39,8 +28,10 @@ std::optional<ProcessStat> ProcessStat::Parse(std::string_view text)
         at = end;
     }
     ProcessStat stat;
-    if (count < fields.size() || fields[0].size() != 1 || !ParseNumber(fields[1], stat.parentPid) ||
-        !ParseNumber(fields[15], stat.priority) || !ParseNumber(fields[19], stat.startTicks))
+    if (count < fields.size() || fields[0].size() != 1 ||
+        !util::ParseWholeNumber(fields[1], stat.parentPid) ||
+        !util::ParseWholeNumber(fields[15], stat.priority) ||
+        !util::ParseWholeNumber(fields[19], stat.startTicks))
     {
         return std::nullopt;
     }

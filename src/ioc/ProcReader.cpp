@@ -2,11 +2,11 @@
 
 #include "common/Logging.h"
 #include "common/util/SmallFile.h"
+#include "common/util/WholeNumber.h"
 
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <set>
 #include <sstream>
@@ -19,13 +19,6 @@ namespace
 
 // The whole of a proc file: a memory map may run to megabytes.
 constexpr std::size_t kNoBound = std::string::npos;
-
-template <typename T>
-bool ParseNumber(std::string_view text, T& value)
-{
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return ec == std::errc() && end == text.data() + text.size();
-}
 
 // The value after a "Name:" line's label, e.g. the four ids of "Uid:".
 std::optional<std::vector<std::string>> LineFields(const std::string& text, const std::string& label)
@@ -84,7 +77,7 @@ std::optional<int64_t> ProcReader::BootTime() const
         return std::nullopt;
     }
     int64_t bootTime = 0;
-    if (fields->size() != 1 || !ParseNumber(fields->front(), bootTime))
+    if (fields->size() != 1 || !util::ParseWholeNumber(fields->front(), bootTime))
     {
         EDR_LOG_ERROR("Failed to parse bootTime: " << (fields->empty() ? std::string() : fields->front()));
         return std::nullopt;
@@ -202,13 +195,14 @@ std::optional<ProcReader::Ids> ProcReader::ReadIds(pid_t pid) const
     }
     const auto uids = LineFields(text, "Uid:");
     Ids ids;
-    if (!uids || uids->size() < 2 || !ParseNumber((*uids)[0], ids.uid) || !ParseNumber((*uids)[1], ids.euid))
+    if (!uids || uids->size() < 2 || !util::ParseWholeNumber((*uids)[0], ids.uid) ||
+        !util::ParseWholeNumber((*uids)[1], ids.euid))
     {
         EDR_LOG_ERROR("Failed to parse Uid of process: " << path);
         return std::nullopt;
     }
     const auto gids = LineFields(text, "Gid:");
-    if (!gids || gids->empty() || !ParseNumber(gids->front(), ids.gid))
+    if (!gids || gids->empty() || !util::ParseWholeNumber(gids->front(), ids.gid))
     {
         EDR_LOG_ERROR("Failed to parse Gid of process: " << path);
         return std::nullopt;
@@ -221,7 +215,7 @@ std::optional<int64_t> ProcReader::ReadLoginUid(pid_t pid) const
 {
     std::string text;
     int64_t auid = 0;
-    if (!util::ReadSmallFile(PidPath(pid, "loginuid"), text, kNoBound) || !ParseNumber(text, auid))
+    if (!util::ReadSmallFile(PidPath(pid, "loginuid"), text, kNoBound) || !util::ParseWholeNumber(text, auid))
     {
         return std::nullopt;
     }
