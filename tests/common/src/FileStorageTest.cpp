@@ -113,24 +113,8 @@ int OpenNull()
     return fd;
 }
 
-TEST(UniqueFdTest, ClosesOnDestructionAndOwnsNothingWhenNegative)
-{
-    const int fd = OpenNull();
-    {
-        UniqueFd owner(fd);
-        EXPECT_TRUE(owner.Valid());
-        EXPECT_EQ(owner.Get(), fd);
-    }
-    EXPECT_FALSE(IsOpen(fd));
-
-    UniqueFd none(-5);
-    EXPECT_FALSE(none);
-    EXPECT_EQ(none.Get(), -1);
-    EXPECT_EQ(none.Close(), 0) << "closing nothing is no failure";
-}
-
 // A second close would hit whatever file reused the number in between.
-TEST(UniqueFdTest, MovedFromOwnerNeverClosesTheDescriptorAgain)
+TEST(UniqueFdTest, ClosesOnlyWhatItOwnsAndNeverTwice)
 {
     const int fd = OpenNull();
     int reused = -1;
@@ -146,23 +130,21 @@ TEST(UniqueFdTest, MovedFromOwnerNeverClosesTheDescriptorAgain)
         ASSERT_EQ(reused, fd) << "the lowest free number is handed out again";
     }
     EXPECT_TRUE(IsOpen(reused)) << "the moved-from owner closed a descriptor it no longer owns";
-    ::close(reused);
-}
 
-TEST(UniqueFdTest, MoveAssignmentClosesThePreviousDescriptorOnly)
-{
-    const int a = OpenNull();
-    const int b = OpenNull();
-    UniqueFd target(a);
-    UniqueFd source(b);
+    UniqueFd target(reused);
+    UniqueFd source(OpenNull());
+    const int b = source.Get();
     target = std::move(source);
-    EXPECT_FALSE(IsOpen(a));
-    EXPECT_TRUE(IsOpen(b));
+    EXPECT_FALSE(IsOpen(reused)) << "move assignment closes the previous descriptor";
     EXPECT_EQ(target.Get(), b);
-
     UniqueFd& alias = target;
     target = std::move(alias);
     EXPECT_TRUE(IsOpen(b)) << "self-assignment keeps the descriptor";
+
+    UniqueFd none(-5);
+    EXPECT_FALSE(none);
+    EXPECT_EQ(none.Get(), -1);
+    EXPECT_EQ(none.Close(), 0) << "closing nothing is no failure";
 }
 
 TEST(UniqueFdTest, ReleaseResetAndCloseReportTheirOutcome)

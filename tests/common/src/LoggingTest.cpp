@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <thread>
 #include <unistd.h>
 

@@ -73,9 +73,12 @@ TEST(SchedulerTest, RegistrationErrors)
     scheduler.Stop();
 }
 
-TEST(SchedulerTest, ThrowingScheduleDoesNotStopOthersAndDestroyedOneIsDropped)
+// Idle, the scheduler sleeps for a day: only the registration wakes it.
+TEST(SchedulerTest, WakesOnRegistrationAndAThrowingOrDestroyedScheduleStopsNoOther)
 {
     Scheduler scheduler;
+    scheduler.Start();
+    std::this_thread::sleep_for(20ms);
     auto failing = std::make_shared<CountingSchedule>(true);
     auto healthy = std::make_shared<CountingSchedule>();
     auto released = std::make_shared<CountingSchedule>();
@@ -83,20 +86,8 @@ TEST(SchedulerTest, ThrowingScheduleDoesNotStopOthersAndDestroyedOneIsDropped)
     scheduler.RegisterSchedule(released);
     scheduler.RegisterSchedule(healthy);
     released.reset(); // its owner lets go without unregistering
-    scheduler.Start();
     EXPECT_TRUE(Eventually([&] { return failing->runs >= 3 && healthy->runs >= 3; }, 3s));
     EXPECT_TRUE(Eventually([&] { return scheduler.EntryCount() == 2; }, 3s));
-    scheduler.Stop();
-}
-
-TEST(SchedulerTest, IdleSchedulerWakesAtOnceOnRegistration)
-{
-    Scheduler scheduler;
-    scheduler.Start(); // nothing registered: sleeps for a day
-    std::this_thread::sleep_for(20ms);
-    auto schedule = std::make_shared<CountingSchedule>();
-    scheduler.RegisterSchedule(schedule);
-    EXPECT_TRUE(Eventually([&] { return schedule->runs >= 1; }, 1s));
     const auto before = std::chrono::steady_clock::now();
     scheduler.Stop();
     EXPECT_LT(std::chrono::steady_clock::now() - before, 1s);
@@ -431,7 +422,7 @@ TEST(WorkerThreadTest, RunsTheBodyOnItsOwnThreadAndJoinWaitsForIt)
     EXPECT_TRUE(finished) << "the thread outlived its owner";
 }
 
-TEST(WorkerThreadTest, ExceptionsAreLoggedAndNeverReachTheOwner)
+TEST(WorkerThreadTest, ExceptionsAreLoggedRestartCollectsTheEndedThreadAndSelfJoinIsRefused)
 {
     LogCapture capture(Logging::Edr());
     WorkerThread worker("Thrower");
@@ -442,11 +433,7 @@ TEST(WorkerThreadTest, ExceptionsAreLoggedAndNeverReachTheOwner)
     EXPECT_NO_THROW(worker.Join());
     EXPECT_TRUE(capture.Contains("Uncaught exception in Thrower. Exception:unknown"));
     EXPECT_FALSE(worker.Joinable());
-}
 
-TEST(WorkerThreadTest, RestartCollectsTheEndedThreadAndSelfJoinIsRefused)
-{
-    WorkerThread worker("Twice");
     std::atomic<int> runs{0};
     worker.Start([&] { ++runs; });
     worker.Start([&] { ++runs; }); // the first one is collected first

@@ -1,6 +1,7 @@
 #include "common/Serializer.h"
 #include "common/SqlRowIterator.h"
 #include "common/StorageException.h"
+#include "tests/common/src/CommonTestHelpers.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,39 +35,31 @@ TEST(SerializerTest, ByteFormIsLittleEndianWithLengthPrefixedStrings)
 
 TEST(SerializerTest, ShortInputIsAnOutOfRangeError)
 {
-    const auto expectError = [](std::string data, bool asString, const std::string& text)
-    {
-        Serializer reader(data);
-        try
-        {
-            if (asString)
-            {
-                reader.GetString();
-            }
-            else
-            {
-                reader.GetInt64();
-            }
-            ADD_FAILURE() << "no exception, expected: " << text;
-        }
-        catch (const std::out_of_range& e)
-        {
-            EXPECT_EQ(e.what(), text);
-        }
-    };
-    expectError("1234567", false, "Serializer: Insufficient bytes to get data");
-    expectError("1234", true, "Serializer: Insufficient bytes to get data");
-
     std::string shortBody;
     Serializer::AppendInt64(shortBody, 5);
-    shortBody += "abcd";
-    expectError(shortBody, true, "Serializer: Insufficient bytes to get string");
-
     // A hostile length near the top of the range must not wrap around.
     std::string huge;
     Serializer::AppendInt64(huge, -1);
-    huge += "abc";
-    expectError(huge, true, "Serializer: Insufficient bytes to get string");
+    const struct
+    {
+        std::string data;
+        bool asString;
+        const char* what;
+    } cases[] = {{"1234567", false, "data"},
+                 {"1234", true, "data"},
+                 {shortBody + "abcd", true, "string"},
+                 {huge + "abc", true, "string"}};
+    for (const auto& c : cases)
+    {
+        EXPECT_EQ(vantor::test::ErrorOf<std::out_of_range>(
+                      [&]
+                      {
+                          Serializer reader(c.data);
+                          c.asString ? (void)reader.GetString() : (void)reader.GetInt64();
+                      }),
+                  std::string("Serializer: Insufficient bytes to get ") + c.what)
+            << c.data.size();
+    }
 }
 
 TEST(SqlRowIteratorTest, ReadsTypedRowsAndRejectsBadOnes)

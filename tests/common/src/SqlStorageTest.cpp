@@ -13,10 +13,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -183,13 +181,12 @@ TEST(SqlStorageTest, ConstructorAndAsyncArgumentsAreChecked)
 
     // The asynchronous operations need a worker, and each its callback.
     auto sync = OpenBaseline(dir);
-    for (const std::function<void()>& call :
-         {std::function<void()>([&] { sync->WriteAsync(kBaseline, {}, [](const StorageResult&) {}); }),
-          std::function<void()>([&] { sync->DeleteAsync(kBaseline, "/a", [] {}); }),
-          std::function<void()>([&] { sync->ReadAsync(kBaseline, "/a", [](const StorageResult&) {}); })})
-    {
-        ExpectThrowText<StorageException>(call, "SqlStorage is not configured for Async operations");
-    }
+    const std::string notAsync = "SqlStorage is not configured for Async operations";
+    ExpectThrowText<StorageException>([&] { sync->WriteAsync(kBaseline, {}, [](const StorageResult&) {}); },
+                                      notAsync);
+    ExpectThrowText<StorageException>([&] { sync->DeleteAsync(kBaseline, "/a", [] {}); }, notAsync);
+    ExpectThrowText<StorageException>([&] { sync->ReadAsync(kBaseline, "/a", [](const StorageResult&) {}); },
+                                      notAsync);
     sync.reset();
 
     auto async = OpenBaseline(dir, true);

@@ -144,7 +144,7 @@ TEST_F(UnixStreamSockIOChannelTest, BadPathsAndConnectFailuresMapToDistinctError
     EXPECT_THROW(never.Write(Bytes("x")), IOChannelException);
 }
 
-TEST_F(UnixStreamSockIOChannelTest, DataTravelsBothWays)
+TEST_F(UnixStreamSockIOChannelTest, DataTravelsBothWaysAndASecondClientWaitsForTheFirstToLeave)
 {
     // The server creates its missing directory and replaces a stale file.
     const std::string path = m_dir + "/a/b/agent.sock";
@@ -168,38 +168,25 @@ TEST_F(UnixStreamSockIOChannelTest, DataTravelsBothWays)
     server.Write(Bytes(big));
     EXPECT_TRUE(atClient.WaitForBytes(big));
 
+    // A second client waits in the backlog until the first leaves.
+    const int second = RawSocket(path, false);
+    ASSERT_GE(second, 0);
+    ASSERT_EQ(::send(second, "second;", 7, MSG_NOSIGNAL), 7);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(atServer.Text(), "{\"command\":\"exit\"}")
+        << "the second client was served alongside the first";
     client.Stop();
+    EXPECT_TRUE(atServer.WaitForBytes("{\"command\":\"exit\"}second;"));
+    EXPECT_EQ(m_log.Count("UnixServerStreamSockIOChannel: EOF received. Waiting for incoming connections..."),
+              1u);
+    ::close(second);
+
     server.Stop();
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_TRUE(atServer.Errors().empty());
     EXPECT_TRUE(atClient.Errors().empty());
-    EXPECT_EQ(m_log.Count("UnixServerStreamSockIOChannel: New incoming connection accepted."), 1u);
+    EXPECT_EQ(m_log.Count("UnixServerStreamSockIOChannel: New incoming connection accepted."), 2u);
     EXPECT_EQ(m_log.Count("UnixServerStreamSockIOChannel: Stopped."), 1u);
-}
-
-TEST_F(UnixStreamSockIOChannelTest, SecondClientWaitsInBacklogUntilFirstLeaves)
-{
-    UnixServerStreamSockIOChannel server(m_path);
-    Received atServer;
-    atServer.Attach(server);
-    server.Start();
-
-    UnixClientStreamSockIOChannel first(m_path, -1);
-    first.Start();
-    first.Write(Bytes("first;"));
-    ASSERT_TRUE(atServer.WaitForBytes("first;"));
-
-    const int second = RawSocket(m_path, false);
-    ASSERT_GE(second, 0);
-    ASSERT_EQ(::send(second, "second;", 7, MSG_NOSIGNAL), 7);
-    std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(atServer.Text(), "first;") << "the second client was served alongside the first";
-
-    first.Stop();
-    EXPECT_TRUE(atServer.WaitForBytes("first;second;"));
-    EXPECT_EQ(m_log.Count("UnixServerStreamSockIOChannel: EOF received. Waiting for incoming connections..."),
-              1u);
-    ::close(second);
 }
 
 TEST_F(UnixStreamSockIOChannelTest, ClosedPeerLeadsToRetriesThenTimeout)

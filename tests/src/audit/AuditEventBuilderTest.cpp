@@ -440,20 +440,20 @@ TEST(AuditEventBuilderTest, OnlyTheArgumentsACallReadsAreParsed)
 
 TEST(AuditEventBuilderTest, RejectsEventsThatDoNotFitTheirClass)
 {
-    EXPECT_EQ(Rejection(Fixture("thread"), AuditEventClass::Clone, 56), "Thread events are not tracked");
-    EXPECT_EQ(Rejection(Fixture("truncate"), AuditEventClass::ReadWrite, 76),
-              "Invalid syscall for Write event: 76");
-    EXPECT_EQ(Rejection(Fixture("ftruncate"), AuditEventClass::ReadWrite, 77),
-              "Invalid syscall for Write event: 77");
-    EXPECT_EQ(Rejection(Fixture("open_read"), AuditEventClass::Create, 2),
-              "open() must specify O_CREAT for Create event");
-    EXPECT_EQ(Rejection(Fixture("open_rdwr"), AuditEventClass::Create, 257),
-              "openat()/open_by_handle_at() must specify O_CREAT for Create event");
-    EXPECT_EQ(Rejection(Fixture("chmod"), AuditEventClass::Exit, 90), "Invalid syscall for Exit event: 90");
-    EXPECT_EQ(Rejection(Fixture("network4"), AuditEventClass::Network, 43),
-              "Invalid SOCKADDR record in Network event");
-    EXPECT_EQ(Rejection(Fixture("execveat"), AuditEventClass::Running, 322),
-              "Invalid syscall for Running event: 322");
+    for (const auto& [name, eventClass, call, message] :
+         std::vector<std::tuple<const char*, AuditEventClass, int, std::string>>{
+             {"thread", AuditEventClass::Clone, 56, "Thread events are not tracked"},
+             {"truncate", AuditEventClass::ReadWrite, 76, "Invalid syscall for Write event: 76"},
+             {"ftruncate", AuditEventClass::ReadWrite, 77, "Invalid syscall for Write event: 77"},
+             {"open_read", AuditEventClass::Create, 2, "open() must specify O_CREAT for Create event"},
+             {"open_rdwr", AuditEventClass::Create, 257,
+              "openat()/open_by_handle_at() must specify O_CREAT for Create event"},
+             {"chmod", AuditEventClass::Exit, 90, "Invalid syscall for Exit event: 90"},
+             {"network4", AuditEventClass::Network, 43, "Invalid SOCKADDR record in Network event"},
+             {"execveat", AuditEventClass::Running, 322, "Invalid syscall for Running event: 322"}})
+    {
+        EXPECT_EQ(Rejection(Fixture(name), eventClass, call), message) << name;
+    }
 
     // Handcrafted from real records.
     const std::string chmod = Fixture("chmod");

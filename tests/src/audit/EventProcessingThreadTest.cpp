@@ -1,4 +1,5 @@
 #include "tests/src/audit/TestEvent.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 
 #include "audit/EventProcessingThread.h"
@@ -64,14 +65,9 @@ Events Batch(uint64_t timestamp, uint32_t first, uint32_t count = 1)
     return events;
 }
 
-// Polls every 5 ms for up to five seconds.
 bool WaitFor(const std::function<bool()>& done)
 {
-    for (int i = 0; i < 1000 && !done(); ++i)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return done();
+    return test::Eventually(done, std::chrono::seconds(5));
 }
 
 TEST(EventProcessingThreadSortTest, BatchIsOrderedByTimestampThenSerialAcrossTheWrap)

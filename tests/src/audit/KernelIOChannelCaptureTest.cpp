@@ -11,8 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -57,39 +57,18 @@ TEST_F(KernelIOChannelCaptureTest, SendsRuleRecordsAndRefusesOtherBytes)
     channel.Stop();
 }
 
-// Counts the marker messages a channel delivers.
-class MarkerCounter
+// A callback that counts the marker messages a channel delivers.
+common::IOChannel::DataCallback CountMarkers(const std::string& marker, std::atomic<size_t>& count)
 {
-public:
-    explicit MarkerCounter(std::string marker)
-        : m_marker(std::move(marker))
+    return [&marker, &count](std::vector<uint8_t> data)
     {
-    }
-
-    common::IOChannel::DataCallback Callback()
-    {
-        return [this](std::vector<uint8_t> data)
+        const std::string text(data.begin(), data.end());
+        for (size_t at = text.find(marker); at != std::string::npos; at = text.find(marker, at + 1))
         {
-            const std::string text(data.begin(), data.end());
-            std::lock_guard lock(m_mutex);
-            for (size_t at = text.find(m_marker); at != std::string::npos; at = text.find(m_marker, at + 1))
-            {
-                ++m_count;
-            }
-        };
-    }
-
-    size_t Count()
-    {
-        std::lock_guard lock(m_mutex);
-        return m_count;
-    }
-
-private:
-    std::string m_marker;
-    std::mutex m_mutex;
-    size_t m_count = 0;
-};
+            ++count;
+        }
+    };
+}
 
 TEST_F(KernelIOChannelCaptureTest, ABurstFitsTheReceiveBufferAndOverflowsAreCounted)
 {
@@ -98,13 +77,13 @@ TEST_F(KernelIOChannelCaptureTest, ABurstFitsTheReceiveBufferAndOverflowsAreCoun
         GTEST_SKIP() << "audit configuration is locked";
     }
     const std::string marker = "corvid-burst-" + std::to_string(::getpid()) + "-";
-    MarkerCounter large(marker);
-    MarkerCounter tiny(marker);
+    std::atomic<size_t> large{0};
+    std::atomic<size_t> tiny{0};
     KernelIOChannel channel;
     // The kernel raises a size this small to its minimum of a few records.
     KernelIOChannel small(KernelIOChannel::kDefaultReadBufSize, 1);
-    channel.SetDataCallback(large.Callback());
-    small.SetDataCallback(tiny.Callback());
+    channel.SetDataCallback(CountMarkers(marker, large));
+    small.SetDataCallback(CountMarkers(marker, tiny));
     test::LogCapture log(common::Logging::Edr());
     channel.Start();
     small.Start();
@@ -128,7 +107,7 @@ TEST_F(KernelIOChannelCaptureTest, ABurstFitsTheReceiveBufferAndOverflowsAreCoun
     }
     ::audit_close(fd);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (large.Count() < kMessages && std::chrono::steady_clock::now() < deadline)
+    while (large.load() < kMessages && std::chrono::steady_clock::now() < deadline)
     {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -136,11 +115,11 @@ TEST_F(KernelIOChannelCaptureTest, ABurstFitsTheReceiveBufferAndOverflowsAreCoun
     channel.Stop();
     small.Stop();
 
-    EXPECT_EQ(large.Count(), kMessages);
+    EXPECT_EQ(large.load(), kMessages);
     EXPECT_EQ(channel.GetOverflowCount(), 0u);
     // The small buffer could not hold the burst: what it lost is counted
     // and reported, not dropped silently.
-    EXPECT_LT(tiny.Count(), kMessages);
+    EXPECT_LT(tiny.load(), kMessages);
     EXPECT_GT(small.GetOverflowCount(), 0u);
     EXPECT_TRUE(log.Contains("KernelIOChannel::Read: Audit records were lost."));
 }

@@ -1,5 +1,6 @@
 #include "common/Logging.h"
 #include "tests/src/audit/RecordingEventBuilder.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 
 #include "audit/ParserThread.h"
@@ -101,14 +102,9 @@ private:
     int m_permits = 0;
 };
 
-template <typename Predicate>
-bool Eventually(Predicate predicate)
+bool Eventually(const std::function<bool()>& condition)
 {
-    for (const auto deadline = Clock::now() + 5000ms; !predicate() && Clock::now() < deadline;)
-    {
-        std::this_thread::sleep_for(1ms);
-    }
-    return predicate();
+    return test::Eventually(condition, 5000ms);
 }
 
 // A parser thread whose CPU usage the test sets, or that measures none.

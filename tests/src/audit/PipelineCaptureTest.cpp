@@ -302,7 +302,16 @@ bool Has(const std::vector<Seen>& seen, edr::EventType type, const std::string& 
     return false;
 }
 
-TEST_F(PipelineCaptureTest, ProcessAndFileEventsReachTheHandlerWithTheirActor)
+// The kernel keeps the first 128 bytes of a process title.
+void ExpectTitleOf(const Seen& seen, const std::vector<std::string>& arguments)
+{
+    const std::string full = ProcessInfo::JoinArguments(arguments);
+    EXPECT_EQ(seen.arguments, arguments);
+    EXPECT_TRUE(full.starts_with(seen.title)) << seen.title;
+    EXPECT_GE(seen.title.size(), std::min<size_t>(full.size(), 100)) << seen.title;
+}
+
+TEST_F(PipelineCaptureTest, ProcessAndFileEventsReachTheHandlerWithTheirActorAndItsTitle)
 {
     DetachedCommand agent({"/usr/bin/touch", m_watched + "/by-agent.txt"});
     StartPipeline(agent.Pid());
@@ -335,45 +344,6 @@ TEST_F(PipelineCaptureTest, ProcessAndFileEventsReachTheHandlerWithTheirActor)
     const pid_t remover = RunDetached({"/usr/bin/rm", changed});
     EXPECT_TRUE(WaitFor([&] { return Has(SeenBy(chmodder), edr::EventType::Attribute, changed); }));
     EXPECT_TRUE(WaitFor([&] { return Has(SeenBy(remover), edr::EventType::Delete, changed); }));
-}
-
-TEST_F(PipelineCaptureTest, OwnAndAgentActivityNeverArrives)
-{
-    DetachedCommand agent({"/usr/bin/touch", m_watched + "/by-agent.txt"});
-    const pid_t agentPid = agent.Pid();
-    StartPipeline(agentPid);
-
-    // This process plays the daemon: its own work is excluded in the kernel.
-    std::ofstream(m_watched + "/by-self.txt") << "self";
-    agent.Run();
-    // A marker afterwards: once its event is in, the earlier ones would be too.
-    const std::string marker = m_watched + "/marker.txt";
-    const pid_t markerPid = RunDetached({"/usr/bin/touch", marker});
-    ASSERT_TRUE(WaitFor([&] { return Has(SeenBy(markerPid), edr::EventType::Create, marker); }));
-    std::this_thread::sleep_for(300ms);
-
-    EXPECT_TRUE(SeenBy(::getpid()).empty()) << "the daemon's own activity was reported";
-    // Only the agent's exit passes its exclusion, deliberately: the process
-    // tree must learn that the agent ended.
-    for (const auto& s : SeenBy(agentPid))
-    {
-        EXPECT_EQ(s.type, edr::EventType::Exit) << "the agent's activity was reported: " << s.file;
-    }
-}
-
-// The kernel keeps the first 128 bytes of a process title.
-void ExpectTitleOf(const Seen& seen, const std::vector<std::string>& arguments)
-{
-    const std::string full = ProcessInfo::JoinArguments(arguments);
-    EXPECT_EQ(seen.arguments, arguments);
-    EXPECT_TRUE(full.starts_with(seen.title)) << seen.title;
-    EXPECT_GE(seen.title.size(), std::min<size_t>(full.size(), 100)) << seen.title;
-}
-
-TEST_F(PipelineCaptureTest, FileEventsNameTheProcessTitleAndArgumentsOfTheirActor)
-{
-    DetachedCommand agent({"/usr/bin/true"});
-    StartPipeline(agent.Pid());
 
     // The shell writes one file itself and runs touch for the other.
     const std::string written = m_watched + "/by-shell.txt";
@@ -396,16 +366,32 @@ TEST_F(PipelineCaptureTest, FileEventsNameTheProcessTitleAndArgumentsOfTheirActo
     ExpectTitleOf(*byTouch, {"/usr/bin/touch", touched});
 }
 
-TEST_F(PipelineCaptureTest, TheAgentsExitTakesItsExclusionRulesOffItsPid)
+TEST_F(PipelineCaptureTest, OwnAndAgentActivityNeverArrivesAndTheAgentsExitLiftsItsExclusion)
 {
-    DetachedCommand agent({"/usr/bin/true"});
-    StartPipeline(agent.Pid());
-    ASSERT_TRUE(KernelExcludes(agent.Pid()));
+    DetachedCommand agent({"/usr/bin/touch", m_watched + "/by-agent.txt"});
+    const pid_t agentPid = agent.Pid();
+    StartPipeline(agentPid);
+    ASSERT_TRUE(KernelExcludes(agentPid));
 
+    // This process plays the daemon: its own work is excluded in the kernel.
+    std::ofstream(m_watched + "/by-self.txt") << "self";
     agent.Run();
+    // A marker afterwards: once its event is in, the earlier ones would be too.
+    const std::string marker = m_watched + "/marker.txt";
+    const pid_t markerPid = RunDetached({"/usr/bin/touch", marker});
+    ASSERT_TRUE(WaitFor([&] { return Has(SeenBy(markerPid), edr::EventType::Create, marker); }));
+    std::this_thread::sleep_for(300ms);
+
+    EXPECT_TRUE(SeenBy(::getpid()).empty()) << "the daemon's own activity was reported";
+    // Only the agent's exit passes its exclusion, deliberately: the process
+    // tree must learn that the agent ended.
+    for (const auto& s : SeenBy(agentPid))
+    {
+        EXPECT_EQ(s.type, edr::EventType::Exit) << "the agent's activity was reported: " << s.file;
+    }
     EXPECT_TRUE(WaitFor([&] { return m_engine->GetOutpostPid() == 0; }));
-    EXPECT_FALSE(KernelExcludes(agent.Pid())) << "a later process with the agent's pid would go unaudited";
-    EXPECT_TRUE(m_log.Contains("Host agent process " + std::to_string(agent.Pid()) +
+    EXPECT_FALSE(KernelExcludes(agentPid)) << "a later process with the agent's pid would go unaudited";
+    EXPECT_TRUE(m_log.Contains("Host agent process " + std::to_string(agentPid) +
                                " exited; removing its exclusion rules"));
 }
 

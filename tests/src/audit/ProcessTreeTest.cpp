@@ -300,26 +300,7 @@ TEST_F(ProcessTreeTest, TheUpdateAnswersTheActorsLineageUnderItsOwnLock)
     }
 }
 
-TEST_F(ProcessTreeTest, ExitRemovesTheEntryAtCleaningButKeepsParentsOfLiveChildren)
-{
-    m_proc.AddProcess(800, 1, "/usr/bin/parent", 10);
-    m_proc.AddProcess(801, 800, "/usr/bin/child", 20);
-    Apply(m_tree, MakeEvent(EventType::Write, 801));
-    ASSERT_EQ(m_tree.GetAncestors(801).size(), 2U);
-
-    Apply(m_tree, MakeEvent(EventType::Exit, 800));
-    m_proc.RemoveProcess(800);
-    EXPECT_FALSE(m_tree.GetProcess(800));
-    EXPECT_TRUE(m_tree.Clean().empty()); // exited with an exit event: no pseudo event
-    EXPECT_EQ(m_tree.GetAncestors(801).size(), 2U) << "the orphan's lineage is kept";
-
-    Apply(m_tree, MakeEvent(EventType::Exit, 801));
-    m_tree.Clean();
-    EXPECT_EQ(m_tree.Size(), 0U);
-    EXPECT_TRUE(m_log.Contains("Cleaning process tree for terminated processes"));
-}
-
-TEST_F(ProcessTreeTest, SweepsRemoveAnExitedEntryAtTheSecondSweepAndKeepParentsOfLiveChildren)
+TEST_F(ProcessTreeTest, ExitedEntriesGoAtCleaningOrTheSecondSweepButParentsOfLiveChildrenStay)
 {
     m_proc.AddProcess(900, 1, "/usr/bin/parent", 10);
     m_proc.AddProcess(901, 900, "/usr/bin/child", 20);
@@ -329,6 +310,7 @@ TEST_F(ProcessTreeTest, SweepsRemoveAnExitedEntryAtTheSecondSweepAndKeepParentsO
     ASSERT_EQ(m_tree.GetAncestors(901).size(), 2U);
     Apply(m_tree, MakeEvent(EventType::Exit, 900));
     Apply(m_tree, MakeEvent(EventType::Exit, 902));
+    EXPECT_FALSE(m_tree.GetProcess(900));
     ASSERT_EQ(m_tree.Size(), 3U);
 
     // The first sweep only notes the ended entries: one that ended just
@@ -338,6 +320,14 @@ TEST_F(ProcessTreeTest, SweepsRemoveAnExitedEntryAtTheSecondSweepAndKeepParentsO
     EXPECT_EQ(m_tree.RemoveTerminated(), 1U);
     EXPECT_EQ(m_tree.Size(), 2U);
     EXPECT_EQ(m_tree.GetAncestors(901).size(), 2U) << "the parent of a live child stays";
+
+    m_proc.RemoveProcess(900);
+    EXPECT_TRUE(m_tree.Clean().empty()) << "exited with an exit event: no pseudo event";
+    EXPECT_EQ(m_tree.GetAncestors(901).size(), 2U) << "the orphan's lineage is kept";
+    Apply(m_tree, MakeEvent(EventType::Exit, 901));
+    m_tree.Clean();
+    EXPECT_EQ(m_tree.Size(), 0U);
+    EXPECT_TRUE(m_log.Contains("Cleaning process tree for terminated processes"));
 }
 
 TEST_F(ProcessTreeTest, ProcessInfoComesOnlyFromExecOrClone)

@@ -273,14 +273,28 @@ TEST_F(RuleEngineCaptureTest, LeftoverRulesAreRemovedByKeyWithoutAnEngine)
     test::Auditctl("-W", m_directory + " -p wa -k " + foreignKey);
 }
 
-TEST_F(RuleEngineCaptureTest, RemovingTheKernelRulesLeavesOnlyForeignOnesAndInstallsNoMore)
+TEST_F(RuleEngineCaptureTest, InvalidateAndRemovingTheKernelRulesTakeOffWhatTheyShould)
 {
     const std::string foreignKey = "foreign_engine_test_" + std::to_string(::getpid());
     test::Auditctl("-w", m_directory + " -p wa -k " + foreignKey);
     const auto before = test::ListRules();
     auto engine = MakeEngine();
+    int invalidated = 0;
     engine->RegisterEventHandlers(
-        kTag, [](edr::Event&) {}, [] {});
+        kTag, [](edr::Event&) {}, [&] { ++invalidated; });
+
+    // Invalidate removes the detection rules and asks for them again; the
+    // fixed rules stay.
+    engine->AddRules({MakeRule("f1", Rule::FilePathRule, {m_file}, {5})}, kTag);
+    ASSERT_EQ(RulesContaining(kTag).size(), 1u);
+    engine->Invalidate();
+    EXPECT_TRUE(RulesContaining(kTag).empty());
+    EXPECT_FALSE(engine->IsRuleInstalled("f1"));
+    EXPECT_TRUE(engine->GetPathTags(m_file).empty());
+    EXPECT_EQ(invalidated, 1);
+    EXPECT_EQ(RulesContaining("key=corvid_ignore_rule_self").size(), 1u);
+
+    // Removing the kernel rules leaves only foreign ones and installs no more.
     engine->AddRules(
         {MakeRule("f1", Rule::FilePathRule, {m_file}, {5}), MakeRule("p1", Rule::ProcessRule, {}, {9})},
         kTag);
@@ -341,23 +355,6 @@ TEST_F(RuleEngineCaptureTest, AgentRestartReplacesItsExclusionRules)
     EXPECT_EQ(engine->GetOutpostPath(), "/usr/sbin/outpost-new");
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
-}
-
-TEST_F(RuleEngineCaptureTest, InvalidateRemovesDetectionRulesAndAsksForThemAgain)
-{
-    auto engine = MakeEngine();
-    int invalidated = 0;
-    engine->RegisterEventHandlers(
-        kTag, [](edr::Event&) {}, [&] { ++invalidated; });
-    engine->AddRules({MakeRule("f1", Rule::FilePathRule, {m_file}, {5})}, kTag);
-    ASSERT_EQ(RulesContaining(kTag).size(), 1u);
-    engine->Invalidate();
-    EXPECT_TRUE(RulesContaining(kTag).empty());
-    EXPECT_FALSE(engine->IsRuleInstalled("f1"));
-    EXPECT_TRUE(engine->GetPathTags(m_file).empty());
-    EXPECT_EQ(invalidated, 1);
-    // The fixed rules stay.
-    EXPECT_EQ(RulesContaining("key=corvid_ignore_rule_self").size(), 1u);
 }
 
 } // namespace

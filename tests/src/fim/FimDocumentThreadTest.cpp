@@ -22,26 +22,19 @@ namespace
 
 using Clock = PendingDocuments::Clock;
 
-std::shared_ptr<const EventRuleManager::RuleSet> Rules(const std::string& notify, bool trackContent)
+// A document of the event, under a rule that reads content.
+PendingDocument Pending(EventType type, const std::string& path, uint32_t id = 1)
 {
     rapidjson::Document json;
-    json.Parse((R"({"ruleId":"r","ruleType":"directory","imagePath":"/","recursiveDepth":"all","notify":[)" +
-                notify + R"(],"trackContentChange":)" + (trackContent ? "true" : "false") + "}")
-                   .c_str());
+    json.Parse(R"({"ruleId":"r","ruleType":"directory","imagePath":"/","recursiveDepth":"all",)"
+               R"("notify":["create","delete"],"trackContentChange":true})");
     auto set = std::make_shared<EventRuleManager::RuleSet>();
     set->rules.push_back(std::make_shared<EventRule>(json));
-    return set;
-}
-
-PendingDocument Pending(EventType type, const std::string& path, uint32_t id = 1,
-                        std::shared_ptr<const EventRuleManager::RuleSet> rules = Rules(R"("create","delete")",
-                                                                                       true))
-{
     auto event = std::make_unique<TestEvent>(type, path);
     event->id = id;
     PendingDocument document;
     document.event = std::move(event);
-    document.ruleSet = std::move(rules);
+    document.ruleSet = std::move(set);
     document.rules = {document.ruleSet->rules.front().get()};
     document.type = type;
     document.objectPath = path;

@@ -73,24 +73,6 @@ protected:
         ASSERT_NO_FATAL_FAILURE(AwaitDispatcherDelivery());
     }
 
-    void StartDaemonWithContent()
-    {
-        std::ofstream(m_manifest)
-            << R"({"data": {"fim": {"policyVersion": "1.0", "collectHashes": true, "rules": [{
-                "ruleId": "docs", "ruleType": "directory", "imagePath": ")"
-            << m_watched << R"(", "trackContentChange": true, "recursiveDepth": "all",
-                "notify": ["create", "modifyContent", "modifyMetadata", "modifySecuritySettings",
-                           "rename", "delete"]}]}}})";
-        // Nothing listens there: documents stay in the spool.
-        StartDaemon({},
-                    [&](rapidjson::Document& config)
-                    {
-                        test::SetString(config, config["fim_config"], "service_url",
-                                        "https://127.0.0.1:9/fim");
-                        config["fim_config"]["upload_interval"].SetUint(3600);
-                    });
-    }
-
     // The document of that action and path, once it is in the spool.
     std::optional<rapidjson::Document> Await(const std::string& action, const std::string& path)
     {
@@ -190,15 +172,8 @@ protected:
     std::unique_ptr<test::PrivateAuditd> m_auditd;
 };
 
-TEST_F(FimEndToEndProcessTest, EveryStepOfAWorkloadIsUploadedOnceWithItsActorAndRule)
-{
-    ASSERT_NO_FATAL_FAILURE(StartDaemon());
-    const auto expected = Workload("report");
-    ExpectExactly(expected);
-    EXPECT_TRUE(m_harness.LogContains("UploadSchedule: Events successfully uploaded."));
-    ASSERT_NO_FATAL_FAILURE(ExitDaemon());
-}
-
+// Each step of two workloads is uploaded exactly once, with its actor and
+// rule, after waiting in the spool while the receiver was down or failing.
 TEST_F(FimEndToEndProcessTest, DocumentsWaitInTheSpoolWhileTheReceiverIsDownOrFailing)
 {
     ASSERT_NO_FATAL_FAILURE(StartDaemon());
@@ -217,6 +192,7 @@ TEST_F(FimEndToEndProcessTest, DocumentsWaitInTheSpoolWhileTheReceiverIsDownOrFa
     EXPECT_TRUE(Received().empty()) << test::Describe(Received());
     m_receiver->Heal();
     ExpectExactly(expected);
+    EXPECT_TRUE(m_harness.LogContains("UploadSchedule: Events successfully uploaded."));
     ASSERT_NO_FATAL_FAILURE(ExitDaemon());
 }
 
@@ -259,7 +235,20 @@ TEST_F(FimEndToEndProcessTest, SpooledDocumentsTellWhatHappened)
     const std::string existing = m_watched + "/existing.txt";
     std::ofstream(existing) << "before\n";
     ::chmod(existing.c_str(), 0644);
-    ASSERT_NO_FATAL_FAILURE(StartDaemonWithContent());
+    std::ofstream(m_manifest)
+        << R"({"data": {"fim": {"policyVersion": "1.0", "collectHashes": true, "rules": [{
+            "ruleId": "docs", "ruleType": "directory", "imagePath": ")"
+        << m_watched << R"(", "trackContentChange": true, "recursiveDepth": "all",
+            "notify": ["create", "modifyContent", "modifyMetadata", "modifySecuritySettings",
+                       "rename", "delete"]}]}}})";
+    // Nothing listens there: documents stay in the spool.
+    ASSERT_NO_FATAL_FAILURE(StartDaemon({},
+                                        [&](rapidjson::Document& config)
+                                        {
+                                            test::SetString(config, config["fim_config"], "service_url",
+                                                            "https://127.0.0.1:9/fim");
+                                            config["fim_config"]["upload_interval"].SetUint(3600);
+                                        }));
     // The baseline at start, with the content status of the file.
     auto doc = Await("Baseline", existing);
     ASSERT_TRUE(doc);

@@ -118,12 +118,8 @@ TEST(FimEventDocumentTest, ActionWordFollowsTheRulesForAttributes)
 
 TEST(FimEventDocumentTest, UnreadableFieldsAndFilesAreUnknownButAMissingIdDropsTheDocument)
 {
-    class Partial : public TestEvent
-    {
-    public:
-        using TestEvent::TestEvent;
-        std::string GetActorUserName() const override { throw std::runtime_error("no user"); }
-    } event(EventType::Delete, "/nowhere/gone");
+    TestEvent event(EventType::Delete, "/nowhere/gone");
+    event.unreadable = {"user"};
     const auto rule = Rule(R"("delete")", true);
     const auto input = MakeInput(event.file, false, {&rule}, true, "delete");
     const auto doc = Parse(EventDocument::Build(event, input));
@@ -138,24 +134,16 @@ TEST(FimEventDocumentTest, UnreadableFieldsAndFilesAreUnknownButAMissingIdDropsT
 
     // A file gone before its event was made has no size, whatever the
     // getter would answer.
-    class Gone : public TestEvent
-    {
-    public:
-        using TestEvent::TestEvent;
-        bool HasFileStat() const override { return false; }
-    } gone(EventType::Write, "/nowhere/gone");
+    TestEvent gone(EventType::Write, "/nowhere/gone");
+    gone.hasStat = false;
     const auto write = Rule(R"("modifyContent")");
     const auto written =
         Parse(EventDocument::Build(gone, MakeInput(gone.file, false, {&write}, false, "write")));
     EXPECT_STREQ(written["operation"]["new"]["size"].GetString(), "Unknown");
 
     // Without its mandatory id the document is dropped.
-    class NoId : public TestEvent
-    {
-    public:
-        using TestEvent::TestEvent;
-        uint32_t GetEventId() const override { throw std::runtime_error("no id"); }
-    } noId(EventType::Create, "/x");
+    TestEvent noId(EventType::Create, "/x");
+    noId.unreadable = {"id"};
     const auto create = Rule(R"("create")");
     EXPECT_THROW(EventDocument::Build(noId, MakeInput("/x", false, {&create}, false, "create")),
                  std::runtime_error);
@@ -164,35 +152,19 @@ TEST(FimEventDocumentTest, UnreadableFieldsAndFilesAreUnknownButAMissingIdDropsT
 // A waiting document keeps only what its document reads of the event.
 TEST(FimEventDocumentTest, TheKeptPartOfAnEventWritesTheSameDocument)
 {
-    class WithCommandLine : public TestEvent
-    {
-    public:
-        using TestEvent::TestEvent;
-        std::string GetCommandLine() const override { return "vim /x"; }
-        std::string GetActorLoginName() const override { throw std::runtime_error("no login"); }
-    } withCommandLine(EventType::Create, "/x");
-    class NoImage : public TestEvent
-    {
-    public:
-        using TestEvent::TestEvent;
-        std::string GetImage() const override { throw std::runtime_error("no image"); }
-        uint64_t GetFileSize() const override { throw std::runtime_error("no size"); }
-    } noImage(EventType::Create, "/x");
-    const TestEvent imageOnly(EventType::Create, "/x");
+    TestEvent imageOnly(EventType::Create, "/x");
+    TestEvent withCommandLine = imageOnly, noImage = imageOnly, noTime = imageOnly;
+    withCommandLine.commandLine = "vim /x";
+    withCommandLine.unreadable = {"login"};
+    noImage.unreadable = {"image", "size"};
+    noTime.unreadable = {"time"};
     const auto rule = Rule(R"("create")");
     const auto input = MakeInput("/x", false, {&rule}, false, "create");
-    for (const TestEvent* event : {&imageOnly, static_cast<const TestEvent*>(&withCommandLine),
-                                   static_cast<const TestEvent*>(&noImage)})
+    for (const TestEvent* event : {&imageOnly, &withCommandLine, &noImage})
     {
         EXPECT_EQ(EventDocument::Build(DocumentEvent(*event), input), EventDocument::Build(*event, input));
     }
 
-    class NoTime : public TestEvent
-    {
-    public:
-        using TestEvent::TestEvent;
-        uint64_t GetTimestamp() const override { throw std::runtime_error("no time"); }
-    } noTime(EventType::Create, "/x");
     const DocumentEvent kept(noTime);
     EXPECT_EQ(kept.GetEventId(), 77u);
     EXPECT_THAT([&] { EventDocument::Build(kept, input); },

@@ -448,27 +448,24 @@ protected:
 TEST_F(FimCapturedRecordsTest, GoneObjectsKeepTheTypeTheKernelRecorded)
 {
     Load(WatchedRule("w", R"("create","delete")"));
-    auto removed = Events("rmdir");
-    ASSERT_EQ(removed.size(), 1u);
-    EXPECT_EQ(removed[0]->GetFileType(), static_cast<uint32_t>(S_IFDIR));
-    auto created = Events("mkdir");
-    ASSERT_EQ(created.size(), 1u);
-    auto unlinked = Events("unlink");
-    ASSERT_EQ(unlinked.size(), 1u);
-    for (auto* events : {&created, &unlinked})
+    struct Case
     {
-        removed.push_back(std::move(events->front()));
+        std::string fixture, path, action, type;
+    };
+    for (const auto& c : {Case{"rmdir", "/dir_to_remove", "delete", "Directory"},
+                          Case{"mkdir", "/new_dir", "create", "Directory"},
+                          Case{"unlink", "/to_unlink.txt", "delete", "File"}})
+    {
+        SCOPED_TRACE(c.fixture);
+        const auto events = Events(c.fixture);
+        ASSERT_EQ(events.size(), 1u);
+        const auto documents = Handle(events, 1);
+        ASSERT_EQ(documents["events"].Size(), 1u);
+        const auto& doc = documents["events"][0];
+        EXPECT_EQ(std::string(doc["imagePath"].GetString()), Watched(c.path));
+        EXPECT_EQ(doc["eventAction"].GetString(), c.action);
+        EXPECT_EQ(doc["eventType"].GetString(), c.type);
     }
-
-    const auto documents = Handle(removed, 3);
-    const auto& events = documents["events"];
-    EXPECT_EQ(std::string(events[0]["imagePath"].GetString()), Watched("/dir_to_remove"));
-    EXPECT_STREQ(events[0]["eventAction"].GetString(), "delete");
-    EXPECT_STREQ(events[0]["eventType"].GetString(), "Directory");
-    EXPECT_EQ(std::string(events[1]["imagePath"].GetString()), Watched("/new_dir"));
-    EXPECT_STREQ(events[1]["eventType"].GetString(), "Directory");
-    EXPECT_EQ(std::string(events[2]["imagePath"].GetString()), Watched("/to_unlink.txt"));
-    EXPECT_STREQ(events[2]["eventType"].GetString(), "File");
 }
 
 TEST_F(FimCapturedRecordsTest, ARenameIsReadAtItsDestinationAndReportedWhereItIsWatched)

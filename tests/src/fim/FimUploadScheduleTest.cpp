@@ -43,13 +43,6 @@ protected:
             [this] { return m_blackout || ++m_blackoutChecks > m_blackoutAfter; });
     }
 
-    void TearDown() override
-    {
-        m_schedule.reset();
-        m_spool.reset();
-        m_target.reset();
-    }
-
     // One spool file holding one event document.
     void Spool(const std::string& name)
     {

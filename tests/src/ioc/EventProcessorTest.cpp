@@ -326,21 +326,7 @@ protected:
                                               }};
 };
 
-TEST_F(ProcessingThreadTest, EventsRunInQueueOrderOnTheProcessingThread)
-{
-    ProcessingThread thread(m_processor, {});
-    thread.Start();
-    for (uint32_t id = 1; id <= 3; ++id)
-    {
-        ASSERT_TRUE(thread.Enqueue(Event(id)));
-    }
-    ASSERT_TRUE(test::Eventually([&] { return Reported().size() == 3; }, 5s));
-    EXPECT_THAT(Reported(), ElementsAre(1u, 2u, 3u));
-    std::lock_guard lock(m_mutex);
-    EXPECT_THAT(m_threadNames, testing::Each(std::string("EdrProcessingTh")));
-}
-
-TEST_F(ProcessingThreadTest, AFullQueueHoldsTheProducerBackUntilTheWorkerTakesIt)
+TEST_F(ProcessingThreadTest, EventsRunInOrderOnTheProcessingThreadAndAFullQueueHoldsTheProducerBack)
 {
     ProcessingThread thread(m_processor, {}, 2, 1, 30s);
     auto open = HoldTheWorkerOnEvent1(thread);
@@ -354,6 +340,8 @@ TEST_F(ProcessingThreadTest, AFullQueueHoldsTheProducerBackUntilTheWorkerTakesIt
     ASSERT_TRUE(test::Eventually([&] { return Reported().size() == 4; }, 5s));
     EXPECT_THAT(Reported(), ElementsAre(1u, 2u, 3u, 4u));
     EXPECT_EQ(thread.DroppedCount(), 0u);
+    std::lock_guard lock(m_mutex);
+    EXPECT_THAT(m_threadNames, testing::Each(std::string("EdrProcessingTh")));
 }
 
 TEST_F(ProcessingThreadTest, AQueueThatStaysFullDropsAndCountsAndLogsOncePerEpisode)

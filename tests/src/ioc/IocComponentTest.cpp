@@ -1,7 +1,3 @@
-// The IOC configuration and component: construction, the persistent
-// sequence number, enabling and disabling through configuration updates,
-// kernel rules and handlers under the IOC tag, and what bad input leaves.
-
 #include "ioc/ClientInformation.h"
 #include "ioc/Component.h"
 #include "ioc/Config.h"

@@ -149,34 +149,9 @@ TEST_F(IocDataFormatterTest, RenameGoesFromTheOldPathToTheNewAndMovesTheFileRow)
     EXPECT_TRUE(batch.agent().isquarantine());
 }
 
-TEST_F(IocDataFormatterTest, DeleteIsReportedOnlyForAFileReportedBefore)
+TEST_F(IocDataFormatterTest, DeletesNeedAReportedFileAndSnapshotRowsAreStoredWhenTheBatchFinishes)
 {
     test::LogCapture log(common::Logging::Edr());
-    const std::string path = m_dir.Write("files/victim", "content");
-    auto write = File(EventType::Write, "victim", 1);
-    auto remove = File(EventType::Delete, "victim", 2);
-
-    m_formatter->Start();
-    EXPECT_FALSE(m_formatter->Append(remove));
-    EXPECT_TRUE(log.Contains("Dropping delete event for unreported file: " + path));
-    EXPECT_EQ(m_formatter->EventCount(), 0u);
-    EXPECT_TRUE(m_formatter->Append(write));
-    std::filesystem::remove(path);
-    EXPECT_TRUE(m_formatter->Append(remove));
-    // The row went with the reported delete.
-    EXPECT_FALSE(m_formatter->Append(remove));
-    EXPECT_TRUE(m_formatter->Finish());
-
-    const auto batch = Batches().at(0);
-    ASSERT_EQ(batch.fileevent_size(), 2);
-    EXPECT_EQ(batch.fileevent(1).eventaction(), pb::DELETE);
-    // A deleted file is reported with what it last held.
-    EXPECT_EQ(batch.fileevent(1).sha256(), util::Digest::HexOf(util::Digest::Algorithm::Sha256, "content"));
-    EXPECT_TRUE(log.Contains("Ignoring content hash for event with ID 2"));
-}
-
-TEST_F(IocDataFormatterTest, SnapshotRowsAreStoredWhenTheBatchFinishes)
-{
     const std::string path = m_dir.Write("files/kept", "data");
     const std::string rowId = SnapshotFiles::RowIdOf(path);
     const std::string parentId = SnapshotFiles::RowIdOf(m_dir.File("files"));
@@ -185,6 +160,9 @@ TEST_F(IocDataFormatterTest, SnapshotRowsAreStoredWhenTheBatchFinishes)
     auto remove = File(EventType::Delete, "kept", 2);
 
     m_formatter->Start();
+    EXPECT_FALSE(m_formatter->Append(remove));
+    EXPECT_TRUE(log.Contains("Dropping delete event for unreported file: " + path));
+    EXPECT_EQ(m_formatter->EventCount(), 0u);
     EXPECT_TRUE(m_formatter->Append(write));
     EXPECT_FALSE(stored());
     EXPECT_FALSE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId));
@@ -198,7 +176,17 @@ TEST_F(IocDataFormatterTest, SnapshotRowsAreStoredWhenTheBatchFinishes)
     for (const bool cleared : {false, true})
     {
         m_formatter->Start();
-        EXPECT_EQ(m_formatter->Append(remove), !cleared);
+        if (cleared)
+        {
+            EXPECT_FALSE(m_formatter->Append(remove));
+        }
+        else
+        {
+            std::filesystem::remove(path);
+            EXPECT_TRUE(m_formatter->Append(remove));
+            EXPECT_FALSE(m_formatter->Append(remove)) << "the row went with the reported delete";
+            m_dir.Write("files/kept", "rewritten");
+        }
         EXPECT_TRUE(m_formatter->Append(write));
         EXPECT_TRUE(m_formatter->Finish());
         EXPECT_TRUE(SnapshotFiles(*m_snapshot).ReadDirectory(parentId)) << cleared;
@@ -209,9 +197,11 @@ TEST_F(IocDataFormatterTest, SnapshotRowsAreStoredWhenTheBatchFinishes)
             m_formatter->SnapshotCleared();
         }
     }
-    // The delete reported what the remembered row held.
+    // A deleted file is reported with what its remembered row held.
+    EXPECT_EQ(Batches().at(1).fileevent(0).eventaction(), pb::DELETE);
     EXPECT_EQ(Batches().at(1).fileevent(0).sha256(),
               util::Digest::HexOf(util::Digest::Algorithm::Sha256, "data"));
+    EXPECT_TRUE(log.Contains("Ignoring content hash for event with ID 2"));
 
     m_formatter->Start();
     EXPECT_TRUE(m_formatter->Append(remove));

@@ -47,7 +47,7 @@ TEST(IocFileTypeIdentifierTest, RealFilesAreTypedByTheirMagicDescription)
     EXPECT_EQ(types.Identify(dir.File("gone"), S_IFREG), "regularfile");
 }
 
-TEST(IocFileTypeIdentifierTest, KindsAndDescriptionsOfOtherDatabases)
+TEST(IocFileTypeIdentifierTest, KindsAndDescriptionsWithoutAMagicDatabase)
 {
     const FileTypeIdentifier types(nullptr);
     EXPECT_EQ(FileTypeIdentifier::KindText(S_IFREG), std::string("regularfile"));
@@ -63,14 +63,12 @@ TEST(IocFileTypeIdentifierTest, KindsAndDescriptionsOfOtherDatabases)
     EXPECT_EQ(types.Classify("POSIX shell script text executable"), "Script");
     EXPECT_EQ(types.Classify("Python script text executable"), "Python");
     EXPECT_EQ(types.Classify("SQLite 3.x database, last written using SQLite version 3040001"), "SQLite");
-}
 
-TEST(IocFileTypeIdentifierTest, PatternsThatDoNotCompileLeaveEveryFileUnmatched)
-{
+    // Patterns that do not compile leave every file unmatched.
     vantor::test::LogCapture log(vantor::common::Logging::Edr());
-    const FileTypeIdentifier types(nullptr, {{"Perl script", "Perl"}, {"(unclosed", "Broken"}});
+    const FileTypeIdentifier broken(nullptr, {{"Perl script", "Perl"}, {"(unclosed", "Broken"}});
     EXPECT_TRUE(log.Contains("FileTypeIdentifier: Failed to compile patterns: "));
-    EXPECT_EQ(types.Classify("Perl script text executable"), "regularfile");
+    EXPECT_EQ(broken.Classify("Perl script text executable"), "regularfile");
 }
 
 TEST(IocFileTypeIdentifierTest, AVersionOfAPathIsDescribedOnce)

@@ -1,6 +1,3 @@
-// Reading IOC manifests (version check, mandatory members, global settings,
-// rule dispatch) and combining several into one policy.
-
 #include "ioc/EventRuleManager.h"
 #include "ioc/Manifest.h"
 #include "ioc/ManifestException.h"
@@ -170,14 +167,6 @@ protected:
     EventRuleManager m_manager;
 };
 
-TEST_F(IocRuleManagerTest, WithoutAGatewayUrlTheManifestLoadsButTheUrlIsRefused)
-{
-    ASSERT_TRUE(m_manager.LoadManifests({Write("m.json", ManifestText("2.0.0", "{}", kProcessRule))}));
-    EXPECT_FALSE(m_manager.HasGatewayUrl());
-    test::ExpectThrowText<std::runtime_error>([&] { m_manager.GetGatewayUrl(); },
-                                              "EventRuleManager: Gateway URL does not exist");
-}
-
 TEST_F(IocRuleManagerTest, LaterManifestsAddRulesAndOverrideSettings)
 {
     const auto first =
@@ -216,9 +205,12 @@ TEST_F(IocRuleManagerTest, LaterManifestsAddRulesAndOverrideSettings)
     EXPECT_THAT(Ids(*m_manager.GetRules()), ElementsAre("n1", "p1", "p2"));
 }
 
-TEST_F(IocRuleManagerTest, WhenNoManifestLoadsThePolicyIsDropped)
+TEST_F(IocRuleManagerTest, WithoutAGatewayUrlTheUrlIsRefusedAndWhenNoManifestLoadsThePolicyIsDropped)
 {
     ASSERT_TRUE(m_manager.LoadManifests({Write("ok.json", ManifestText("2.0.0", "{}", kProcessRule))}));
+    EXPECT_FALSE(m_manager.HasGatewayUrl());
+    test::ExpectThrowText<std::runtime_error>([&] { m_manager.GetGatewayUrl(); },
+                                              "EventRuleManager: Gateway URL does not exist");
     const auto held = m_manager.GetRules();
     test::LogCapture log(common::Logging::Edr());
     const std::string missing = m_dir.File("missing.json");

@@ -1,7 +1,3 @@
-// Matching events against IOC rules: the order of the steps, paths and
-// directories, file types and their size limits, network sides, ports and
-// addresses, processes, parents and the whitelist.
-
 #include "ioc/FileRule.h"
 #include "ioc/GlobalCriteria.h"
 #include "ioc/NetworkRule.h"
@@ -49,11 +45,6 @@ NetworkRule Network(const std::string& inclusion)
                             inclusion + "}]}]}"));
 }
 
-std::string OwnExecutable()
-{
-    return ioc::internal::GlobalCriteria::ProcessImage(::getpid()).value_or("");
-}
-
 } // namespace
 
 TEST(IocMatchTest, TheEventMustConcernTheRulePathAndOneOfItsActions)
@@ -96,7 +87,7 @@ TEST(IocMatchTest, DirectoriesThemselvesNeedTheDirectoryWords)
     EXPECT_TRUE(log.Contains("Event action not found in directory notify actions"));
 }
 
-TEST(IocMatchTest, AnExclusionWinsOverAnInclusionThatAlsoMatches)
+TEST(IocMatchTest, AnExclusionWinsOverAnInclusionAndWithoutInclusionsNoExclusionMeansAMatch)
 {
     const auto rule = Directory(R"("notify": ["write"],
         "exclusionFilters": [{"filterType": [{"objectType": "file", "patterns": ["*.log"]}]}],
@@ -106,18 +97,16 @@ TEST(IocMatchTest, AnExclusionWinsOverAnInclusionThatAlsoMatches)
     EXPECT_FALSE(rule.Matches(FileEvent(EventType::Write, "/data/app.log")));
     EXPECT_TRUE(log.Contains("Exclusion criteria matched"));
     EXPECT_FALSE(log.Contains("Inclusion criteria matched"));
-}
 
-TEST(IocMatchTest, WithoutInclusionsEveryNotifiedEventThatNoExclusionCatchesMatches)
-{
-    const auto rule = Directory(R"("notify": ["write", "create"],
+    // Without inclusions, every notified event no exclusion catches matches.
+    const auto noInclusions = Directory(R"("notify": ["write", "create"],
         "exclusionFilters": [{"filterType": [{"objectType": "user", "patterns": ["backup*"]}]}])");
     auto event = FileEvent(EventType::Create, "/data/x");
-    EXPECT_TRUE(rule.Matches(event));
+    EXPECT_TRUE(noInclusions.Matches(event));
     event.user = "backup-agent";
-    EXPECT_FALSE(rule.Matches(event));
+    EXPECT_FALSE(noInclusions.Matches(event));
     event.user.reset(); // an event without a user name cannot be excluded by one
-    EXPECT_TRUE(rule.Matches(event));
+    EXPECT_TRUE(noInclusions.Matches(event));
 }
 
 TEST(IocMatchTest, AnInclusionGroupNeedsAllItsFiltersAndAnyGroupWillDo)
@@ -211,7 +200,7 @@ TEST(IocMatchTest, PortsAndAddressesAreMatchedOnTheSideTheEventCarries)
     EXPECT_FALSE(remote443.Matches(FileEvent(EventType::Write, "/data/x"))) << "not a network action";
 }
 
-TEST(IocMatchTest, ProcessRulesMatchTheirActionsAndActors)
+TEST(IocMatchTest, ProcessRulesMatchTheirActionsActorsAndRunningParents)
 {
     const ProcessRule rule(Json(R"({"ruleId": "p", "notify": ["start", "abnormalEnd"],
         "inclusionFilters": [{"filterType": [{"objectType": "process", "actorProcess": ["/usr/bin/*"]}]}]})"));
@@ -221,11 +210,9 @@ TEST(IocMatchTest, ProcessRulesMatchTheirActionsAndActors)
     test::LogCapture log(common::Logging::Edr());
     EXPECT_FALSE(rule.Matches(ProcessEvent(EventType::Exit, "/usr/bin/curl")));
     EXPECT_TRUE(log.Contains("Event action not found in process notify actions"));
-}
 
-TEST(IocMatchTest, ParentProcessesAreMatchedByTheirRunningExecutable)
-{
-    const std::string self = OwnExecutable();
+    // Parent processes are matched by their running executable.
+    const std::string self = ioc::internal::GlobalCriteria::ProcessImage(::getpid()).value_or("");
     ASSERT_FALSE(self.empty());
     const auto parentRule = [](const std::string& pattern)
     {

@@ -1,6 +1,3 @@
-// Parsing of IOC rules and their filters: every refusal with its text, and
-// the operations each rule class answers or refuses.
-
 #include "ioc/EventRuleException.h"
 #include "ioc/FileRule.h"
 #include "ioc/NetworkRule.h"

@@ -105,10 +105,17 @@ TEST_F(IocUploadScheduleTest, BatchesGoToTheGatewayOrWithoutOneToTheServiceUrlWi
     EXPECT_TRUE(m_spool->FileIndices().empty());
 }
 
-TEST_F(IocUploadScheduleTest, AFailedUploadKeepsTheBatchForTheNextRun)
+TEST_F(IocUploadScheduleTest, AFileThatIsNoBatchIsDeletedAndAFailedUploadKeepsTheBatchForTheNextRun)
 {
     test::LogCapture log(common::Logging::Edr());
+    ASSERT_TRUE(m_spool->Write(std::string("\xff\xff\xff", 3)).Succeeded());
+    ASSERT_TRUE(m_spool->FlushDataCache());
+    const std::string corrupt = m_spool->FileName(m_spool->FileIndices().front());
     Spool(7, "/kept");
+    m_schedule->RunOnce();
+    EXPECT_EQ(m_receiver->RequestCount(), 0u);
+    EXPECT_TRUE(log.Contains("UploadSchedule: Deleting corrupt file: " + corrupt));
+
     m_receiver->FailNext(1, 503);
     m_schedule->RunOnce();
     EXPECT_EQ(m_receiver->StoredCount(), 0u);
@@ -125,19 +132,4 @@ TEST_F(IocUploadScheduleTest, AFailedUploadKeepsTheBatchForTheNextRun)
     EXPECT_EQ(sent.sequenceno(), 7u);
     // The retry of a batch the receiver did not take is no repeat.
     EXPECT_EQ(m_receiver->IocSequenceErrors(), 0u);
-}
-
-TEST_F(IocUploadScheduleTest, AFileThatIsNoBatchIsDeletedAndTheNextOneGoes)
-{
-    test::LogCapture log(common::Logging::Edr());
-    ASSERT_TRUE(m_spool->Write(std::string("\xff\xff\xff", 3)).Succeeded());
-    ASSERT_TRUE(m_spool->FlushDataCache());
-    const std::string corrupt = m_spool->FileName(m_spool->FileIndices().front());
-    Spool(1, "/good");
-
-    m_schedule->RunOnce();
-    EXPECT_EQ(m_receiver->RequestCount(), 0u);
-    EXPECT_TRUE(log.Contains("UploadSchedule: Deleting corrupt file: " + corrupt));
-    m_schedule->RunOnce();
-    EXPECT_EQ(m_receiver->StoredCount(), 1u);
 }

@@ -1,6 +1,3 @@
-// The snapshot database's schema: a new file at version 5, the upgrades of
-// older versions, the table-kind map and the statements of a process row.
-
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "tests/src/ioc/SnapshotDatabase.h"
 #include "tests/support/ExpectThrowText.h"
@@ -46,6 +43,15 @@ protected:
                                                     std::make_unique<SnapshotSqlDataFormatter>(), false);
     }
     SnapshotDatabase Raw() { return SnapshotDatabase(m_dir.File("SnapshotEdr.db")); }
+    // The version, tables and the columns every version-5 file has alike.
+    static void ExpectVersion5(SnapshotDatabase& db)
+    {
+        EXPECT_EQ(db.Version(), "5");
+        EXPECT_THAT(db.Tables(), ElementsAre("ClientInformation", "Directory", "File", "TtlProcesses"));
+        EXPECT_THAT(db.ColumnsOf("Directory"), ElementsAre("RowID", "Path", "CreationTime", "LastWriteTime",
+                                                           "LastAccessTime", "LastChangeTime"));
+        EXPECT_EQ(db.ColumnsOf("TtlProcesses"), kTtlColumns);
+    }
 
     test::TempDir m_dir;
 };
@@ -54,15 +60,11 @@ TEST_F(SnapshotSqlDataFormatterTest, ANewDatabaseHasEveryTableInColumnOrderAtVer
 {
     Open();
     auto db = Raw();
-    EXPECT_EQ(db.Version(), "5");
-    EXPECT_THAT(db.Tables(), ElementsAre("ClientInformation", "Directory", "File", "TtlProcesses"));
+    ExpectVersion5(db);
     EXPECT_THAT(db.ColumnsOf("ClientInformation"), ElementsAre("Name", "Value"));
-    EXPECT_THAT(db.ColumnsOf("Directory"), ElementsAre("RowID", "Path", "CreationTime", "LastWriteTime",
-                                                       "LastAccessTime", "LastChangeTime"));
     EXPECT_THAT(db.ColumnsOf("File"),
                 ElementsAre("RowID", "ParentId", "Size", "CreationTime", "LastWriteTime", "LastAccessTime",
                             "LastChangeTime", "MD5Hash", "SHA1", "SHA256"));
-    EXPECT_EQ(db.ColumnsOf("TtlProcesses"), kTtlColumns);
 }
 
 TEST_F(SnapshotSqlDataFormatterTest, AVersion1DatabaseIsUpgradedInOnePassWithTheHashesMovedIntoFile)
@@ -92,8 +94,7 @@ TEST_F(SnapshotSqlDataFormatterTest, AVersion1DatabaseIsUpgradedInOnePassWithThe
     }
     Open();
     auto db = Raw();
-    EXPECT_EQ(db.Version(), "5");
-    EXPECT_THAT(db.Tables(), ElementsAre("ClientInformation", "Directory", "File", "TtlProcesses"));
+    ExpectVersion5(db);
     EXPECT_THAT(db.ColumnsOf("File"),
                 ElementsAre("RowID", "ParentId", "Size", "CreationTime", "LastWriteTime", "LastAccessTime",
                             "LastChangeTime", "Md5Hash", "SHA1", "SHA256"));
@@ -101,12 +102,9 @@ TEST_F(SnapshotSqlDataFormatterTest, AVersion1DatabaseIsUpgradedInOnePassWithThe
         db.Column("SELECT RowID || ':' || Size || ':' || IFNULL(MD5Hash, '-') || ':' || IFNULL(SHA1, '-') "
                   "|| ':' || IFNULL(SHA256, '-') FROM File ORDER BY RowID"),
         ElementsAre("f1:10:m1:s1:h1", "f2:20:-:-:-"));
-    EXPECT_THAT(db.ColumnsOf("Directory"), ElementsAre("RowID", "Path", "CreationTime", "LastWriteTime",
-                                                       "LastAccessTime", "LastChangeTime"));
     EXPECT_THAT(db.Column("SELECT Path FROM Directory"), ElementsAre("/etc"));
     EXPECT_THAT(db.Column("SELECT Value FROM ClientInformation WHERE Name = 'SequenceNumber'"),
                 ElementsAre("41"));
-    EXPECT_EQ(db.ColumnsOf("TtlProcesses"), kTtlColumns);
 }
 
 TEST_F(SnapshotSqlDataFormatterTest, AnUnversionedDatabaseKeepsItsSequenceNumberAndGetsTheWholeSchema)
@@ -119,13 +117,10 @@ TEST_F(SnapshotSqlDataFormatterTest, AnUnversionedDatabaseKeepsItsSequenceNumber
     Open();
     {
         auto db = Raw();
-        EXPECT_EQ(db.Version(), "5");
-        EXPECT_THAT(db.Tables(), ElementsAre("ClientInformation", "Directory", "File", "TtlProcesses"));
+        ExpectVersion5(db);
         EXPECT_THAT(db.Column("SELECT Name || '=' || Value FROM ClientInformation"),
                     ElementsAre("SequenceNumber=7"));
         EXPECT_EQ(db.ColumnsOf("File").size(), 10u);
-        EXPECT_THAT(db.ColumnsOf("Directory"), ElementsAre("RowID", "Path", "CreationTime", "LastWriteTime",
-                                                           "LastAccessTime", "LastChangeTime"));
     }
     // Opening again runs nothing: the version stamp holds.
     {

@@ -427,7 +427,7 @@ TEST_F(TaggingEngineTest, NewProcessesInheritAndNewTagsSpreadToChildrenAndSiblin
     EXPECT_TRUE(log.Contains(") from sibling process ("));
 }
 
-TEST_F(TaggingEngineTest, AChildOfAnExecutionProcessStartsWithExecution)
+TEST_F(TaggingEngineTest, AChildOfAnExecutionProcessStartsWithItAndOnlyTacticTagsCount)
 {
     ASSERT_TRUE(m_engine.ApplySettings(AllTags(10, 5)));
     Add(40, 1, "/bin/bash");
@@ -439,11 +439,8 @@ TEST_F(TaggingEngineTest, AChildOfAnExecutionProcessStartsWithExecution)
     Add(42, 40, "/bin/ls");
     EXPECT_EQ(Running(42, 40, {"ls"}), Verdict::Clean);
     EXPECT_THAT(TagsOf(42), ElementsAre(Pair("Execution", 5)));
-}
 
-TEST_F(TaggingEngineTest, OnlyTacticTagsCountTowardsTheScore)
-{
-    ASSERT_TRUE(m_engine.ApplySettings(AllTags(10, 5)));
+    // Only tactic tags count towards the score.
     Add(10, 1, "/usr/bin/vim");
     ASSERT_TRUE(m_tree->AddTag(10, TtlProcessTree::kExcluded, 50));
     ASSERT_TRUE(m_tree->AddTag(10, TtlProcessTree::kReported, 50));

@@ -1,7 +1,3 @@
-// The TTL process tree in the snapshot database: what a save writes, what a
-// load at start-up keeps after a restart, a reboot or a reused pid, and that
-// a save killed half-way leaves a database that opens and loads.
-
 #include "ioc/SnapshotDeletes.h"
 #include "ioc/SnapshotSqlDataFormatter.h"
 #include "ioc/TtlProcessRow.h"
@@ -86,7 +82,7 @@ protected:
     std::chrono::steady_clock::time_point m_now{std::chrono::hours(1)};
 };
 
-TEST_F(TtlProcessSnapshotTest, ARestartKeepsTagsAndParentsAndMarksExitedProcessesTerminated)
+TEST_F(TtlProcessSnapshotTest, ARestartKeepsTagsAndParentsAndExitedProcessesExpireEvenPastAFailedSave)
 {
     SaveFamily();
     EXPECT_THAT(Db().Column("SELECT ProcessID || ' ' || Children || ' ' || Score || ' ' || Tags FROM "
@@ -109,29 +105,21 @@ TEST_F(TtlProcessSnapshotTest, ARestartKeepsTagsAndParentsAndMarksExitedProcesse
     EXPECT_TRUE(tree->HasTag(30, TtlProcessTree::kTerminated));
     EXPECT_FALSE(tree->HasTag(20, TtlProcessTree::kTerminated));
 
-    // The exited process expires and its row goes at the next save.
+    // The exited process expires and its row goes at the next save; a
+    // failed save keeps the tree and the rows to delete for the next one.
     m_now += 301s;
     EXPECT_TRUE(tree->DeleteStaleProcesses());
+    Db().Run("ALTER TABLE TtlProcesses RENAME TO Elsewhere");
+    EXPECT_FALSE(tree->Save(*storage));
+    EXPECT_TRUE(log.Contains("Failed to update 'TtlProcesses' table in snapshot DB."));
+    EXPECT_EQ(tree->Size(), 3u);
+    EXPECT_EQ(tree->GetProcessInfo(20).tags.at("Persistence"), 30);
+    Db().Run("ALTER TABLE Elsewhere RENAME TO TtlProcesses");
     EXPECT_TRUE(tree->Save(*storage));
     EXPECT_THAT(StoredPids(), ElementsAre("1", "10", "20"));
 }
 
-TEST_F(TtlProcessSnapshotTest, AfterARebootTheTreeStartsEmptyAndTheTableIsCleared)
-{
-    SaveFamily();
-    m_proc.SetBootTime(1700003600);
-    test::LogCapture log(common::Logging::Edr());
-    auto tree = MakeTree();
-    tree->Load(*Open());
-    EXPECT_EQ(tree->Size(), 0u);
-    EXPECT_EQ(log.Count("Start time for PID: 1 Process: "), 1u);
-    EXPECT_EQ(log.Count(" differs from stored start time."), 1u);
-    EXPECT_TRUE(log.Contains("System reboot detected. Clearing the TtlProcessTree."));
-    EXPECT_TRUE(log.Contains("Successfully cleared TtlProcesses table from sql storage"));
-    EXPECT_THAT(StoredPids(), IsEmpty());
-}
-
-TEST_F(TtlProcessSnapshotTest, APidReusedWhileStoppedDoesNotInheritTheOldTags)
+TEST_F(TtlProcessSnapshotTest, APidReusedWhileStoppedInheritsNothingAndAfterARebootTheTableIsCleared)
 {
     SaveFamily();
     m_proc.Run(20, 1, 9000);
@@ -144,26 +132,17 @@ TEST_F(TtlProcessSnapshotTest, APidReusedWhileStoppedDoesNotInheritTheOldTags)
     EXPECT_THAT(tree->GetProcessInfo(10).children, ElementsAre(30));
     EXPECT_TRUE(tree->Save(*storage));
     EXPECT_THAT(StoredPids(), ElementsAre("1", "10", "30")) << "the old row goes";
-}
 
-TEST_F(TtlProcessSnapshotTest, AFailedSaveKeepsTheTreeAndTheRowsToDeleteForTheNextSave)
-{
-    SaveFamily();
-    auto tree = MakeTree();
-    auto storage = Open();
-    tree->Load(*storage);
-    tree->Delete(30);
-    Db().Run("ALTER TABLE TtlProcesses RENAME TO Elsewhere");
-    {
-        test::LogCapture log(common::Logging::Edr());
-        EXPECT_FALSE(tree->Save(*storage));
-        EXPECT_TRUE(log.Contains("Failed to update 'TtlProcesses' table in snapshot DB."));
-    }
-    EXPECT_EQ(tree->Size(), 3u);
-    EXPECT_EQ(tree->GetProcessInfo(20).tags.at("Persistence"), 30);
-    Db().Run("ALTER TABLE Elsewhere RENAME TO TtlProcesses");
-    EXPECT_TRUE(tree->Save(*storage));
-    EXPECT_THAT(StoredPids(), ElementsAre("1", "10", "20"));
+    m_proc.SetBootTime(1700003600);
+    log.Channel().Clear();
+    auto rebooted = MakeTree();
+    rebooted->Load(*Open());
+    EXPECT_EQ(rebooted->Size(), 0u);
+    EXPECT_EQ(log.Count("Start time for PID: 1 Process: "), 1u);
+    EXPECT_EQ(log.Count(" differs from stored start time."), 1u);
+    EXPECT_TRUE(log.Contains("System reboot detected. Clearing the TtlProcessTree."));
+    EXPECT_TRUE(log.Contains("Successfully cleared TtlProcesses table from sql storage"));
+    EXPECT_THAT(StoredPids(), IsEmpty());
 }
 
 TEST_F(TtlProcessSnapshotTest, TheColumnTextsReadBack)

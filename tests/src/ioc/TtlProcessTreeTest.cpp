@@ -1,8 +1,3 @@
-// The TTL process tree in memory: adding and updating from process-running
-// events, parents and children, reused pids, cached events, tags and
-// states, ancestors and the stale-process sweep; and the process facts read
-// from /proc.
-
 #include "ioc/TtlProcessTree.h"
 #include "ioc/ProcReader.h"
 #include "tests/src/audit/TestEvent.h"
@@ -136,7 +131,7 @@ TEST_F(TtlProcessTreeTest, AnExecKeepsTagsAndAChangedParentMovesTheChild)
     EXPECT_EQ(process.Score(), 30);
 }
 
-TEST_F(TtlProcessTreeTest, ANewProcessOnTheDeletedParentsPidDoesNotAdoptItsChildren)
+TEST_F(TtlProcessTreeTest, AReusedPidNeitherAdoptsTheOldChildrenNorKeepsTheOldEntry)
 {
     Start(10, 1, 400);
     Start(20, 10, 500);
@@ -149,10 +144,8 @@ TEST_F(TtlProcessTreeTest, ANewProcessOnTheDeletedParentsPidDoesNotAdoptItsChild
     m_tree.Delete(30);
     Start(40, 1, 900);
     EXPECT_THAT(m_tree.GetProcessInfo(40).children, IsEmpty()) << "a deleted waiting child is forgotten";
-}
 
-TEST_F(TtlProcessTreeTest, APidReusedByANewProcessReplacesTheOldEntryWithNothingOfIt)
-{
+    // A pid reused by a new process replaces the old entry with nothing of it.
     Start(20, 1, 500);
     m_tree.AddTag(20, "Execution", 10);
     m_tree.CacheEvent(EventOf(20, 7));
@@ -185,7 +178,7 @@ TEST_F(TtlProcessTreeTest, CachedEventsComeBackInEventIdOrderOnce)
     EXPECT_THAT(m_tree.TakeCachedEvents(20), IsEmpty());
 }
 
-TEST_F(TtlProcessTreeTest, TagsVerdictsAndStates)
+TEST_F(TtlProcessTreeTest, TagsVerdictsStatesAndMisuseRefusedWithItsText)
 {
     Start(20, 1, 500);
     EXPECT_TRUE(m_tree.AddTag(20, TtlProcessTree::kExcluded));
@@ -201,6 +194,20 @@ TEST_F(TtlProcessTreeTest, TagsVerdictsAndStates)
     EXPECT_FALSE(m_tree.RemoveTag(20, "Discovery"));
     EXPECT_TRUE(log.Contains("Failed to remove tag Discovery from process 20"));
     EXPECT_TRUE(m_tree.RemoveTag(20, TtlProcessTree::kReported));
+
+    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.GetProcessInfo(21); },
+                                                   "ProcessInfo for pid 21 does not exist");
+    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.GetAncestors(0); },
+                                                   "TtlProcessTree::GetAncestors: 'pid' is invalid");
+    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.Delete(-1); },
+                                                   "ProcessTree::Delete: 'pid' is invalid");
+    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.Delete(21); }, "Process PID: 21 not found.");
+    ProcessInfo again;
+    again.pid = 20;
+    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.Add(again); },
+                                                   "Process with pid 20 already exists in the process tree");
+    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.AddOrUpdate(*Running(0, 1, "/bin/x")); },
+                                                   "0 cannot be added as actor process information");
 }
 
 TEST_F(TtlProcessTreeTest, SiblingsAndTheTaggedKinAStartingProcessMayInheritFrom)
@@ -244,24 +251,6 @@ TEST_F(TtlProcessTreeTest, SiblingsAndTheTaggedKinAStartingProcessMayInheritFrom
     Start(20, 30, 500);
     EXPECT_THAT(kin(21, true), IsEmpty());
     EXPECT_THAT(kin(31, true), ElementsAre(20));
-}
-
-TEST_F(TtlProcessTreeTest, MisuseIsRefusedWithItsText)
-{
-    Start(20, 1, 500);
-    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.GetProcessInfo(21); },
-                                                   "ProcessInfo for pid 21 does not exist");
-    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.GetAncestors(0); },
-                                                   "TtlProcessTree::GetAncestors: 'pid' is invalid");
-    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.Delete(-1); },
-                                                   "ProcessTree::Delete: 'pid' is invalid");
-    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.Delete(21); }, "Process PID: 21 not found.");
-    ProcessInfo again;
-    again.pid = 20;
-    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.Add(again); },
-                                                   "Process with pid 20 already exists in the process tree");
-    test::ExpectThrowText<TtlProcessTreeException>([&] { m_tree.AddOrUpdate(*Running(0, 1, "/bin/x")); },
-                                                   "0 cannot be added as actor process information");
 }
 
 TEST_F(TtlProcessTreeTest, AncestorsAreTheKnownParentsNearestFirstAndALoopEnds)

@@ -34,7 +34,7 @@ using ioc::test::Json;
 namespace
 {
 
-TEST(VerdictTest, TextsRoundTripAndOrderRanksBadness)
+TEST(VerdictTest, TextsRoundTripOrderRanksBadnessAndOutsideTheScaleFails)
 {
     const char* texts[] = {"Clean", "CleanWithoutHash", "Unknown", "Suspicious", "Malicious"};
     for (int value = 1; value <= 5; ++value)
@@ -45,10 +45,7 @@ TEST(VerdictTest, TextsRoundTripAndOrderRanksBadness)
     }
     EXPECT_LT(Verdict::CleanWithoutHash, Verdict::Unknown);
     EXPECT_LT(Verdict::Suspicious, Verdict::Malicious);
-}
 
-TEST(VerdictTest, ValuesAndTextsOutsideTheScaleFailWithTheirTexts)
-{
     for (int value : {0, 6, -1})
     {
         vantor::test::ExpectThrowText<ioc::VerdictException>(

@@ -1,6 +1,7 @@
-#include "edr/AHSUploadSchedule.h"
 #include "edr/AHSRecordWriter.h"
 #include "edr/AHSSqlDataFormatter.h"
+#include "edr/AHSUploadSchedule.h"
+#include "edr/daemon/HealthMonitor.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/UploadTarget.h"
@@ -30,31 +31,6 @@ AHSRecord Record(const std::string& context, int64_t code, const std::string& fi
     return AHSRecord{"2024-05-01T10:00:00Z", context, code, 1, fields};
 }
 
-// The rest of the schema is exercised by the stores below.
-TEST(AHSSqlDataFormatterTest, StatementTexts)
-{
-    AHSSqlDataFormatter formatter;
-    const std::string record =
-        AHSSqlDataFormatter::FormatRecord(Record("fim.manifest", 1002, R"({"a":"it's"})"));
-    EXPECT_EQ(formatter.GetInsertStatement(kTable, record),
-              "INSERT or REPLACE INTO AgentStatus VALUES ('2024-05-01T10:00:00Z', 'fim.manifest', 1002, 1, "
-              "'{\"a\":\"it''s\"}')");
-    EXPECT_EQ(formatter.GetSelectStatement(kTable, "count"), "SELECT count(*) FROM AgentStatus");
-    EXPECT_EQ(formatter.GetSelectStatement(kTable, ""), "SELECT * from AgentStatus order by time limit 1");
-    EXPECT_EQ(formatter.GetSelectStatement(kTable, AHSSqlDataFormatter::FilterClause(3000, 3999, "Time", 5)),
-              "SELECT * from AgentStatus  WHERE [StatusCode] >= 3000 AND [StatusCode] <= 3999 ORDER BY Time "
-              "DESC LIMIT 5");
-    EXPECT_EQ(formatter.GetDeleteStatement(kTable, " WHERE [State] = 0"),
-              "DELETE FROM AgentStatus WHERE [State] = 0");
-    EXPECT_THROW(formatter.GetSelectStatement("Other", "count"), vantor::common::SqlDataFormatterException);
-
-    const AHSRecord back = AHSSqlDataFormatter::ParseRecord(record);
-    EXPECT_EQ(back.contextId, "fim.manifest");
-    EXPECT_EQ(back.statusCode, 1002);
-    EXPECT_EQ(back.additionalFields, R"({"a":"it's"})");
-    EXPECT_THROW(AHSSqlDataFormatter::ParseRecord(record.substr(0, record.size() - 1)), std::out_of_range);
-}
-
 // A store left by an older version: no user_version, other columns.
 TEST(AHSSqlDataFormatterTest, OlderSchemaIsDroppedAndMadeAgain)
 {
@@ -75,10 +51,20 @@ TEST(AHSSqlDataFormatterTest, OlderSchemaIsDroppedAndMadeAgain)
     ASSERT_TRUE(count.success);
     EXPECT_EQ(vantor::common::Serializer(count.rows.at(0)).GetInt64(), 0);
     EXPECT_TRUE(
-        store.Write(kTable, {{{}, AHSSqlDataFormatter::FormatRecord(Record("edr.config", 1000))}}).success);
+        store
+            .Write(kTable,
+                   {{{}, AHSSqlDataFormatter::FormatRecord(Record("edr.config", 1000, R"({"a":"it's"})"))}})
+            .success);
     const auto oldest = store.Read(kTable, "");
     ASSERT_EQ(oldest.rows.size(), 1u);
-    EXPECT_EQ(AHSSqlDataFormatter::ParseRecord(oldest.rows[0]).contextId, "edr.config");
+    const AHSRecord back = AHSSqlDataFormatter::ParseRecord(oldest.rows[0]);
+    EXPECT_EQ(back.contextId, "edr.config");
+    EXPECT_EQ(back.statusCode, 1000);
+    EXPECT_EQ(back.additionalFields, R"({"a":"it's"})");
+    EXPECT_THROW(AHSSqlDataFormatter::ParseRecord(oldest.rows[0].substr(0, oldest.rows[0].size() - 1)),
+                 std::out_of_range);
+    EXPECT_THROW(AHSSqlDataFormatter().GetSelectStatement("Other", "count"),
+                 vantor::common::SqlDataFormatterException);
 }
 
 class AHSUploadScheduleTest : public testing::Test
@@ -204,6 +190,101 @@ TEST_F(AHSUploadScheduleTest, BacklogIsBoundedOldestFirst)
     EXPECT_STREQ(status[0]["contextId"].GetString(), "n2");
     EXPECT_EQ(Stored(), static_cast<int64_t>(AHSUploadSchedule::kMaxStoredRecords -
                                              AHSUploadSchedule::kMaxRecordsPerRun));
+}
+
+class HealthMonitorTest : public testing::Test
+{
+protected:
+    HealthMonitorTest()
+        : m_store(std::make_shared<vantor::common::SqlStorage>(
+              m_dir.Path(), AHSRecordWriter::kDbFileName, std::make_unique<AHSSqlDataFormatter>(), false))
+        , m_monitor(std::make_shared<AHSRecordWriter>(m_store), 60s)
+    {
+    }
+
+    // A source of two totals and a level, as the test sets them.
+    void AddCounterSource(bool fromFirstReading = false)
+    {
+        HealthMonitor::Source source;
+        source.contextId = "test.queue";
+        source.statusCode = AHSStatusCode::kParserQueueDropped;
+        source.fromFirstReading = fromFirstReading;
+        source.read = [this]() -> std::optional<HealthMonitor::Reading>
+        {
+            if (m_unreadable)
+            {
+                return std::nullopt;
+            }
+            return HealthMonitor::Reading{{{"buffers", m_buffers}, {"bytes", m_bytes}}, {{"level", 7}}, {}};
+        };
+        m_monitor.AddSource(std::move(source));
+    }
+
+    // Fields of the records written so far, oldest first.
+    std::vector<std::string> Records()
+    {
+        std::vector<std::string> fields;
+        for (const auto& row : m_store->Read(AHSSqlDataFormatter::kTableName, "ORDER BY rowid").rows)
+        {
+            const auto record = AHSSqlDataFormatter::ParseRecord(row);
+            EXPECT_EQ(record.contextId, "test.queue");
+            EXPECT_EQ(record.statusCode, AHSStatusCode::kParserQueueDropped);
+            EXPECT_EQ(record.state, static_cast<int64_t>(AHSState::Degraded));
+            fields.push_back(record.additionalFields);
+        }
+        return fields;
+    }
+
+    vantor::test::TempDir m_dir;
+    std::shared_ptr<vantor::common::SqlStorage> m_store;
+    HealthMonitor m_monitor;
+    uint64_t m_buffers = 0;
+    uint64_t m_bytes = 0;
+    bool m_unreadable = false;
+};
+
+TEST_F(HealthMonitorTest, WritesChangesSinceTheLastRecordNothingWhenNothingMovedAndALastOneAtClose)
+{
+    AddCounterSource();
+    EXPECT_EQ(m_monitor.Sample(), 0u); // all zero: nothing to tell
+
+    m_buffers = 3;
+    m_bytes = 300;
+    EXPECT_EQ(m_monitor.Sample(), 1u);
+    EXPECT_EQ(m_monitor.Sample(), 0u); // unchanged totals
+
+    m_buffers = 5; // one total moved: the record has both, as changes
+    EXPECT_EQ(m_monitor.Sample(), 1u);
+
+    m_unreadable = true; // a reading that fails keeps the last totals
+    m_buffers = 9;
+    EXPECT_EQ(m_monitor.Sample(), 0u);
+    m_unreadable = false;
+    EXPECT_EQ(m_monitor.Sample(), 1u);
+
+    m_buffers = 1; // a total that went down counts from zero
+    m_bytes = 310;
+    EXPECT_EQ(m_monitor.Sample(), 1u);
+
+    m_buffers = 3; // close takes a last sample and reads no more
+    m_monitor.Close();
+    m_buffers = 4;
+    EXPECT_EQ(m_monitor.Sample(), 0u);
+
+    EXPECT_EQ(Records(), (std::vector<std::string>{
+                             R"({"buffers":3,"bytes":300,"level":7})", R"({"buffers":2,"bytes":0,"level":7})",
+                             R"({"buffers":4,"bytes":0,"level":7})", R"({"buffers":1,"bytes":10,"level":7})",
+                             R"({"buffers":2,"bytes":0,"level":7})"}));
+}
+
+TEST_F(HealthMonitorTest, CountersThatBeganBeforeTheDaemonStartFromTheirFirstReading)
+{
+    m_buffers = 1000;
+    AddCounterSource(true);
+    EXPECT_EQ(m_monitor.Sample(), 0u);
+    m_buffers = 1004;
+    EXPECT_EQ(m_monitor.Sample(), 1u);
+    EXPECT_EQ(Records(), (std::vector<std::string>{R"({"buffers":4,"bytes":0,"level":7})"}));
 }
 
 } // namespace
